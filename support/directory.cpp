@@ -1,0 +1,36 @@
+#include "support/directory.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace ObjectStore {
+
+Directory::Directory(const std::string& path) {
+  errno = 0;
+  m_stream = opendir(path.c_str());
+  m_error = m_stream ? 0 : errno;
+  if (!m_stream && m_error == 0) m_error = EIO;
+}
+
+Directory::~Directory() {
+  if (m_stream) closedir(m_stream);
+}
+
+bool Directory::next() {
+  do {
+    m_entry = m_stream ? readdir(m_stream) : nullptr;  // of a stream of its own: safe beside other threads
+  } while (m_entry && (std::strcmp(m_entry->d_name, ".") == 0 || std::strcmp(m_entry->d_name, "..") == 0));
+  return m_entry != nullptr;
+}
+
+void Directory::leaveOpen() {
+  if (!m_stream) return;
+  // The duplicate keeps the directory open while the stream's memory goes back.
+  [[maybe_unused]] const int kept = fcntl(dirfd(m_stream), F_DUPFD_CLOEXEC, 0);
+  closedir(m_stream);
+  m_stream = nullptr;
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,34 @@
+// Reading a directory entry by entry.
+#pragma once
+
+#include <dirent.h>
+
+#include <string>
+
+namespace ObjectStore {
+
+// One pass over a directory, without "." and "..". Used by one thread.
+class Directory {
+ public:
+  explicit Directory(const std::string& path);
+  ~Directory();
+  Directory(const Directory&) = delete;
+  Directory& operator=(const Directory&) = delete;
+
+  // 0, or why the directory could not be opened; next() is then false.
+  int error() const { return m_error; }
+  // Goes on to the next entry; false at the end.
+  bool next();
+  // The entry's name; valid until the next call of next().
+  const char* name() const { return m_entry->d_name; }
+
+  // Ends the pass but keeps a descriptor of the directory open for the life of the process.
+  void leaveOpen();
+
+ private:
+  DIR* m_stream;
+  int m_error;
+  dirent* m_entry = nullptr;
+};
+
+}  // namespace ObjectStore

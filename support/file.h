@@ -1,0 +1,76 @@
+// Paths, files and directories: the helpers through which the cache asks the file system for more than one
+// call at a time.
+//
+// Functions returning int give 0 or a system error number, never 0 on failure (EIO where the system gave
+// none). Nothing here throws but failed allocations. All may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "support/error.h"
+#include "support/export.h"
+
+namespace ObjectStore {
+
+// Appends `part` to `path` behind one separator; none is added to an empty path or behind one that ends
+// with it.
+void appendPath(std::string& path, std::string_view part, char separator = '/');
+
+// `a`, `separator`, `b`; just `b` when `a` is empty, and no separator is doubled.
+std::string join(std::string_view a, std::string_view b, char separator);
+
+// Makes a directory (mode 0700) and the parents it lacks. A directory that is there is success; anything
+// else in its place is ENOTDIR or EEXIST. One system call when the directory is there.
+int createDir(const std::string& path);
+
+// Whether something can be reached at `path`; dangling links cannot.
+bool doesFileExist(const std::string& path);
+
+// The length of an open file and the bytes it occupies on disk (blocks of 512); either output may be null.
+int getFileSize(uint64_t* size, uint64_t* allocated, int fd);
+int getFileSize(uint64_t* size, uint64_t* allocated, std::FILE* stream);
+
+// The bytes free to unprivileged users and the total bytes of the file system that holds `dir`; either
+// output may be null.
+int getFreeBytes(uint64_t* freeBytes, uint64_t* totalBytes, const std::string& dir);
+
+// Removes a directory with all that is in it. "", the root, "." and ".." are refused with EINVAL; links are
+// removed, never followed, and a link in place of the directory is ENOTDIR. A mount point is emptied and
+// stays: that is success.
+int rmTree(const std::string& dir);
+
+// A pointer's value as hexadecimal text, for log and status lines.
+std::string to_hexstring(const void* pointer);
+
+// The whole of a regular file, EINVAL for anything else. Never reads more than the file's size says.
+int readWholeFile(const std::string& path, std::string& content);
+
+// Cuts the first line off `text` and returns it without its line feed.
+std::string_view takeLine(std::string_view& text);
+
+// Operations on files by name, with the error value as result.
+struct RMFile {
+  // Flag of KXMoveFileEx: an existing target is replaced.
+  static constexpr int MOVE_REPLACE_EXISTING = 1;
+
+  static bool DoesFileExist(const std::string& path) { return doesFileExist(path); }
+
+  // Copies a regular file (anything else is EINVAL) with its mode; holes stay holes and the kernel moves the
+  // bytes. The target appears whole or not at all: the copy is made beside it under temporaryCopyName() and
+  // renamed over it. `flags` is 0.
+  static CZuError KXCopyFile(const std::string& source, const std::string& target, int flags);
+
+  // Renames a file. Without MOVE_REPLACE_EXISTING an existing target is EEXIST.
+  static CZuError KXMoveFileEx(const std::string& source, const std::string& target, int flags);
+
+  // The length of the file at `path` in bytes.
+  static CZuError KXGetFileSize(const std::string& path, long long& size);
+
+  // Where KXCopyFile builds the copy of `target`; left behind only by a crash, and replaced by the next copy.
+  static std::string temporaryCopyName(const std::string& target) { return target + ".copying"; }
+};
+
+}  // namespace ObjectStore

@@ -1,0 +1,133 @@
+#include "support/log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+namespace ObjectStore {
+
+std::shared_ptr<CLogWriterInterface> g_ptrLogWriter;
+
+namespace {
+
+__attribute__((format(printf, 3, 0))) void writeAt(const RMCodeLocation& where, int level, const char* format,
+                                                   va_list args) {
+  if (!isLogged(level)) return;
+  g_ptrLogWriter->write(level, where.operation, where.line, 0, 0, "%s", formatText(format, args).c_str());
+}
+
+}  // namespace
+
+void logAt(const RMCodeLocation& where, int level, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  writeAt(where, level, format, args);
+  va_end(args);
+}
+
+CZuError failAt(const RMCodeLocation& where, int level, int errNo, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  writeAt(where, level, format, args);
+  va_end(args);
+  return RMErrorUtil::ErrorErrNo(where, errNo);
+}
+
+namespace {
+
+int numberOfException() noexcept {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  } catch (const std::length_error&) {
+    return ENOMEM;
+  } catch (const char*) {  // a lock or an event that could not be allocated
+    return ENOMEM;
+  } catch (const std::system_error& e) {
+    return e.code().value();
+  } catch (...) {
+    return EIO;
+  }
+}
+
+}  // namespace
+
+CZuError failWithException(const RMCodeLocation& where) noexcept {
+  const int errNo = numberOfException();
+  // Not through logAt: a line about memory must not ask for any.
+  if (isLogged(LogLevel::Error)) {
+    const char* text = errNo == ENOMEM ? "Error: out of memory" : "Error: unexpected exception";
+    g_ptrLogWriter->write(LogLevel::Error, where.operation, where.line, 0, 0, "%s", text);
+  }
+  return RMErrorUtil::ErrorErrNo(where, errNo);
+}
+
+CZuError pushAndLog(CZuError error, const RMCodeLocation& where, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  error.Push(where, format, args);
+  va_end(args);
+  if (isLogged(LogLevel::Error)) {
+    logAt(where, LogLevel::Error, "%s: %s", error.AsString(EErrorOutputFormat::Detailed).c_str(),
+          error.AsString().c_str());
+  }
+  return error;
+}
+
+FileLogWriter::FileLogWriter(int level) : m_level(level), m_fd(STDERR_FILENO) {}
+
+FileLogWriter::FileLogWriter(int level, const std::string& path)
+    : m_level(level), m_fd(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600)) {
+  if (m_fd < 0) throw std::system_error(errno, std::generic_category(), path);
+}
+
+FileLogWriter::~FileLogWriter() {
+  if (m_fd != STDERR_FILENO) close(m_fd);
+}
+
+void FileLogWriter::write(int level, const char* operation, int line, int /*reserved1*/, int /*reserved2*/,
+                          const char* format, ...) {
+  const int savedErrno = errno;  // callers log between a failing call and its report
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+
+  std::array<char, 4096> front;
+  const size_t stamp = strftime(front.data(), front.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+  snprintf(front.data() + stamp, front.size() - stamp, ".%06ldZ %2d %s:%d ", now.tv_nsec / 1000, level,
+           operation, line);
+  std::array<char, 8192> text;
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text.data(), text.size(), format, args);
+  va_end(args);
+
+  std::string out(front.data());
+  for (const char* p = text.data(); *p; ++p) {
+    const auto c = static_cast<unsigned char>(*p);
+    if (c >= 0x20 && c != 0x7f) {
+      out += *p;
+    } else {
+      std::array<char, 8> escape;
+      snprintf(escape.data(), escape.size(), "\\x%02x", c);
+      out += escape.data();
+    }
+  }
+  out += '\n';
+  // One write a line, so that lines of several threads and processes never mix. A log that cannot be
+  // written has nowhere to say so.
+  [[maybe_unused]] const ssize_t written = ::write(m_fd, out.data(), out.size());
+  errno = savedErrno;
+}
+
+}  // namespace ObjectStore
