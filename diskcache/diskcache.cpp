@@ -1,0 +1,187 @@
+// The engine's life: construction, init, clearCache, destruction; its clients' contexts and its paths.
+#include "diskcache/diskcache.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+
+#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheVolume.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr uint64_t MIN_LRU_ENTRIES = 5;
+
+}  // namespace
+
+DiskCache::DiskCache(PersistentVolumes persistent)
+    : m_persistentVolumes(persistent),
+      m_pruner(std::make_unique<DiskCachePruner>(*this)),
+      m_lru(std::make_unique<DiskcacheLRU>(*this)),
+      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {}
+
+// Threads end while every member is still alive. Records of segments still open are not freed, on purpose:
+// whoever kept one open may yet look at it.
+DiskCache::~DiskCache() {
+  m_migrator->terminate();
+  m_pruner->shutdown();
+}
+
+CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM,
+                         int lowWM, int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback,
+                         PruningMode mode) try {
+  DC_LOG(LogLevel::Setup, "watermarks=[%d/%d/%d] maxLruEntries=[%lu]", highWM, lowWM, alarmWM, maxLruEntries);
+  m_rootDir = rootDir;
+  m_highWM = highWM;
+  m_lowWM = lowWM;
+  m_alarmWM = alarmWM;
+  m_pruningMode = mode;
+
+  if (const int rc = createDir(rootDir); rc != 0) {
+    return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", rootDir.c_str(), rc);
+  }
+  if (const int rc = initVolumes(volumeDirs); rc != 0) {
+    return DC_FAIL(LogLevel::Error, rc, "Error: Can't init volumes (%d)", rc);
+  }
+  if (mode == PruningMode::Random) {
+    if (const int rc = m_pruner->init(); rc != 0) {
+      return DC_FAIL(LogLevel::Error, rc, "Error: Can't init pruner (%d)", rc);
+    }
+  }
+  if (maxLruEntries < MIN_LRU_ENTRIES) {
+    DC_LOG(LogLevel::Setup, "maxLruEntries set too low, setting to 5");
+    maxLruEntries = MIN_LRU_ENTRIES;
+  }
+  m_lru->init(maxLruEntries);
+  if (mode == PruningMode::Lru) {
+    if (const CZuError error = scanSegmentsIntoLru(); error.IsError()) {
+      return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't scan segments");
+    }
+  }
+  if (const int rc = m_migrator->init(migrationCallback); rc != 0) {
+    return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
+  }
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::clearCache() try {
+  DC_LOG(LogLevel::Notice, "cache: clearing cache");
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  m_totalCacheUsed = 0;
+  for (auto& [index, volume] : m_volumes) {
+    if (volume.dir.empty()) continue;
+    if (const int rc = rmTree(volume.dir); rc != 0) {
+      return DC_FAIL(LogLevel::Error, rc, "Error: can't remove tree [%s] (%d)", volume.dir.c_str(), rc);
+    }
+    // The directories are made anew, so that the engine goes on with empty volumes.
+    createDir(join(volume.dir, RECYCLE_DIR, '/'));
+    uint64_t freeBytes = 0;
+    if (getFreeBytes(&freeBytes, nullptr, volume.dir) == 0) volume.free = static_cast<int64_t>(freeBytes);
+    refreshCacheUtilizationData();
+    DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ClearCache",
+           static_cast<unsigned long long>(m_totalCacheUsed.value()));
+    if (!volume.listPos && volume.free.value() >= volume.reserved) appendToRotation(volume);
+  }
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
+  DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
+  std::optional<VolIndex> onlyVolume;
+  {
+    const KxCriticalSectionLock lock(&m_volumeLock);
+    if (m_volumes.size() == 1) onlyVolume = m_volumes.begin()->first;
+  }
+  const KxCriticalSectionLock lock(&m_contextsLock);
+  const auto [entry, added] =
+      m_contexts.try_emplace(ctx.dir, DiskCacheContextInternal{ctx.prunerCallback, 1});
+  if (added) {
+    DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(),
+           static_cast<int>(entry->second.refCount));
+  } else {
+    ++entry->second.refCount;  // the first registration's callback stays: this is meant
+    DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(),
+           static_cast<int>(entry->second.refCount));
+  }
+  if (onlyVolume) {
+    ctx.volume = *onlyVolume;
+    DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
+  }
+  ctx.registered = true;
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::unregisterContext(DiskCacheContext& ctx) {
+  DC_LOG(LogLevel::Setup, "unregistering context: [%s]", ctx.dir.c_str());
+  const KxCriticalSectionLock lock(&m_contextsLock);
+  const auto found = m_contexts.find(ctx.dir);
+  if (found == m_contexts.end()) {
+    return DC_FAIL(LogLevel::Error, ENOENT, "Error: dir [%s] is not registered", ctx.dir.c_str());
+  }
+  const uint32_t left = --found->second.refCount;
+  DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), static_cast<int>(left));
+  if (left == 0) m_contexts.erase(found);
+  ctx.registered = false;
+  return {};
+}
+
+CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& out) try {
+  const KxCriticalSectionLock lock(&m_contextsLock);
+  const auto found = m_contexts.find(dir);
+  if (found == m_contexts.end()) {
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
+  }
+  out = found->second.prunerCallback;
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
+  return m_migrator->migrate(vol, source, destination);
+}
+
+bool DiskCache::checkAccess(const DiskCacheContext& /*ctx*/, const guid_t& /*guid*/,
+                            const unsigned int& /*mode*/, void* const& /*arg*/) {
+  return true;
+}
+
+std::string DiskCache::guid2dir(const guid_t& guid) {
+  std::string dir;
+  appendGuidDir(dir, guid);
+  return dir;
+}
+
+std::string DiskCache::guid2path(const guid_t& guid, VolIndex volume, const std::string& dir) {
+  return m_migrator->guidToPath(guid, volume, dir);
+}
+
+std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
+  std::string root;
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  const std::string& dir = volumeRecord(volume).dir;
+  root.reserve(dir.size() + room);
+  root = dir;
+  return root;
+}
+
+Volume& DiskCache::volumeRecord(VolIndex volume) {
+  const auto [entry, added] = m_volumes.try_emplace(volume);
+  if (added) entry->second.index = volume;
+  return entry->second;
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,322 @@
+// A local, size-bounded disk cache of an object store's segments.
+//
+// A segment is a file of typed sections, named by its identifier, on one of several directories
+// ("volumes"). A client makes one DiskCache, calls init() once, registers a DiskCacheContext for each of its
+// directory trees and then creates, reads, writes and deletes segments.
+//
+// Threads: init() runs alone. After it, any thread may call any operation; work that changes one segment is
+// serialised by that segment's lock, readers take no lock. The destructor runs alone again; it stops the
+// pruner and a migration first. Operations that write may make their caller wait up to a second while the
+// cache is over its high watermark (create, write, markDirty, moveToPrunable).
+//
+// Errors: segment operations return a CZuError that carries a system error number; volume operations return
+// that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before a
+// failure is undone unless said otherwise. In every segment operation an identifier that could leave its
+// directory is EINVAL (see guid_t), a volume that is not known is ENOENT, and failed memory is ENOMEM.
+//
+// The engine owns its threads, locks and files; buffers, contexts and identifiers stay the caller's.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "diskcache/diskcacheTypes.h"
+#include "support/atomicCounter.h"
+#include "support/error.h"
+#include "support/export.h"
+#include "support/lock.h"
+#include "support/threadAnnotations.h"
+
+namespace ObjectStore {
+
+class DiskcacheLRU;
+class DiskCacheMigrator;
+class DiskCachePruner;
+class SegmentFile;
+
+class DISKCACHE_EXPORT DiskCache {
+ public:
+  explicit DiskCache(PersistentVolumes persistent);
+  // Stops and joins the migrator's and the pruner's threads; a migration cut short ends as failed (EINTR).
+  // Segments still open are not closed.
+  ~DiskCache();
+  DiskCache(const DiskCache&) = delete;
+  DiskCache& operator=(const DiskCache&) = delete;
+
+  // ---- Set-up -----------------------------------------------------------------------------------------
+
+  // Brings the engine into service on a root directory (for its own files, made if missing) and volumes.
+  // Watermarks are in percent of all volumes' capacity, in no checked range or order. `maxLruEntries`
+  // bounds the recency list, at least 5. In mode Lru the segments on disk are scanned into the list; in
+  // mode Random the pruner thread is started. A migration left by a killed process is resumed, and
+  // `migrationCallback` (may be null) told its end. Errors: those of the failing step (EINVAL for a volume
+  // name that the volume file cannot hold, for a thread that cannot be had or a "migrate" file that makes
+  // no sense, ENOSPC for no index left, those of the system). Steps done before a failure stay done.
+  CZuError init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM, int lowWM,
+                int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback, PruningMode mode);
+
+  // Removes every segment and everything else below the volumes and makes their directories anew. Open
+  // segments, the recency list, contexts and the segment count stay. On an error the volumes of higher
+  // index are untouched.
+  CZuError clearCache();
+
+  // Adds a reference to the directory `ctx.dir`; the first registration's callback is the one that counts.
+  // With one volume, sets ctx.volume. Always succeeds but for memory.
+  CZuError registerContext(DiskCacheContext& ctx);
+  // ENOENT when ctx.dir is not registered.
+  CZuError unregisterContext(DiskCacheContext& ctx);
+  // The callback registered for a directory; ENOENT when there is none.
+  CZuError findPrunerCallback(const std::string& dir, PrunerCallback& out);
+
+  // ---- Creating and writing ---------------------------------------------------------------------------
+  // A section is written from its `len` bytes at `data`, to position `off` of its payload; `len` is at least
+  // 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL. No room is ENOSPC.
+
+  // Makes a new segment of these sections, on the next volume with room, and stores that volume in
+  // ctx.volume. `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has
+  // one. `spare` is not used. EEXIST when the segment is there. A failure may leave a partly written file
+  // behind: delete the segment before creating it again.
+  CZuError createSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
+                         bool sync, bool nonPrune, bool spare);
+
+  // Writes into a segment that is there (else ENOENT): in place where it has the section, appended where it
+  // has not. A section grows when written beyond its end, which overwrites a record behind it: extend only
+  // the last one. EINVAL when the stored sub-type differs, with the data already written.
+  CZuError writeSections(const DiskCacheContext& ctx, const guid_t& guid,
+                         const std::vector<Section>& sections, bool sync, ForceDiskLoc force);
+
+  // Replaces a segment whole by way of a temporary file: a reader sees the old or the new. Not synced, and
+  // the space counters do not change.
+  CZuError replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
+                          const std::vector<Section>& sections);
+
+  // ---- Reading ----------------------------------------------------------------------------------------
+  // ENOENT when the segment is not cached, EINVAL when its file is damaged, EIO when it is cut within its
+  // header, the number 0 when it is cut within a payload.
+
+  // Fills each section from `off` of the stored section of its type, at most `bufferSize` bytes, and sets
+  // `len` to the bytes read. A section that is not there gets len 0 and status 2, and is no error.
+  // `updateLru`: the segment counts as used.
+  CZuError readSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<Section>& sections,
+                        bool updateLru);
+
+  // Reads every section, in file order, into `sections`, which must be empty (EINVAL). A section cut within
+  // its front ends the list early with success; a section of length 0 is an error.
+  CZuError readAllSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<SectionV>& sections);
+
+  // Reads one section whole; ENOENT when the segment has none of this type.
+  CZuError readCompleteSection(const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
+                               std::vector<unsigned char>& data);
+
+  // The stored length of a section in bytes; ENOENT when there is none of this type.
+  CZuError getSectionSize(uint64_t& size, const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
+                          int32_t sub);
+
+  bool doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid);
+
+  // ---- Truncating, syncing, deleting ------------------------------------------------------------------
+
+  // Makes the section of `type`, which must be the last of the file (EEXIST), `size` bytes long and gives
+  // it the sub-type `sub`. Do not call it with a size above 0 for a section that is not there: the record
+  // front then lands on the header and the segment is lost to readers.
+  CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
+                           uint64_t size);
+
+  // Flushes the segment's copies to disk; ENOENT only when the context has two places and neither is there.
+  CZuError syncSegment(const DiskCacheContext& ctx, const guid_t& guid);
+
+  // Removes the segment's copies, or moves them to the volume's directory "recycle". `nonPrun` leaves the
+  // regular copy alone, `prun` the non-prunable one. A missing copy is success.
+  CZuError deleteSegment(const DiskCacheContext& ctx, const guid_t& guid, bool nonPrun, bool prun,
+                         Recycle recycle);
+
+  // Grants every request.
+  bool checkAccess(const DiskCacheContext& ctx, const guid_t& guid, const unsigned int& mode,
+                   void* const& arg);
+
+  // ---- Override copies --------------------------------------------------------------------------------
+  // A copy in the context's non-prunable directory overrides the one in its own directory, and pruning
+  // leaves it alone.
+
+  // Makes sure that the segment has one, by copying or, with `move`, by renaming. Nothing to copy is success.
+  CZuError markDirty(const DiskCacheContext& ctx, const guid_t& guid, bool move);
+  // Gives the protection up: the copy replaces the one in the context's own directory.
+  CZuError moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid);
+  // What markDirty does, for a caller that serialises access to the segment itself.
+  CZuError copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move);
+  // The path of the copy to use; "" for an identifier that is refused.
+  std::string getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid);
+  // Succeeds and does nothing.
+  CZuError setSparseFileAttribute(const DiskCacheContext& ctx, const guid_t& guid);
+
+  // ---- Keeping a segment open -------------------------------------------------------------------------
+  // An open segment is left alone by the pruner. A descriptor is 1 to 4294967294; 0 means failure.
+
+  unsigned openSegment(guid_t guid);
+  void closeSegment(unsigned desc);
+  bool IsSegmentOpened(guid_t guid);
+  // By position in the table; ENOMEM, or EINVAL when the table refuses the entry.
+  CZuError openSegment(SegmentHandle& handle, guid_t guid);
+  void closeSegment(SegmentHandle handle);
+  OpenSegmentInfo* segInfoFromHandle(const SegmentHandle& handle);
+
+  // ---- Volumes ----------------------------------------------------------------------------------------
+  // Directories compare byte for byte. Results: 0 or a system error number.
+
+  int addVolume(const std::string& dir);
+  // Stops using a volume; it keeps its index. Every other known volume is enabled, also one that was
+  // disabled. ENOENT for a directory that is not known.
+  int removeVolume(const std::string& dir);
+  // Forgets all volumes; "volume_info" stays as it is.
+  int removeAllVolumes();
+  // Whether new segments may go to a volume; ENOENT for a directory that is not known.
+  int disableNewSegments(const std::string& dir);
+  int enableNewSegments(const std::string& dir);
+  // Appends a copy of every volume's record, in order of index.
+  void getVolumeStats(std::vector<Volume>& out);
+  // Measures every enabled volume and sets the space counters by it; 0.
+  int refreshCacheUtilizationData();
+  // Copies a volume's directories to a new place with four threads and then points the volume there. Returns
+  // when the threads run: 0, EEXIST while a migration runs, EINVAL when the file "migrate" cannot be written,
+  // or the number for a source that cannot be listed. What is left behind is told in docs/operations.md.
+  int migrate(VolIndex vol, const std::string& source, const std::string& destination);
+
+  // ---- Watching and steering --------------------------------------------------------------------------
+
+  bool isOverLowWatermark();
+  bool isOverHighWatermark();
+  bool isOverAlarmWatermark();
+  // Percent; in no checked range or order. Always succeeds.
+  CZuError updateWatermarks(int high, int low, int alarm);
+  CZuError getCurrentWatermarks(int& high, int& low, int& alarm);
+  // While set, createSegment fails with ENOSPC: exercises a client's handling of a full cache.
+  void setOutOfSpace(bool flag);
+  // Sets the keys "DC.PruningMode", "DC.HighWM", ... (docs/operations.md) in `out`; sizes in bytes.
+  void getStatus(std::map<std::string, std::string>& out);
+  // Sets "DC.numPruned", "DC.delayMs" and "DC.errOutOfSpace"; reading resets nothing.
+  void getCounters(std::map<std::string, std::string>& out);
+
+  // The directory part of an identifier ("abcdef" gives "ab/cd") and a segment's full path.
+  static std::string guid2dir(const guid_t& guid);
+  std::string guid2path(const guid_t& guid, VolIndex volume, const std::string& dir);
+
+ private:
+  friend class AutoOpenSegment;
+  friend class DiskcacheLRU;
+  friend class DiskCacheMigrator;
+  friend class DiskCachePruner;
+  friend struct DiskCacheTestAccess;
+
+  // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp)
+  std::string volumeRoot(VolIndex volume, size_t room);
+  Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
+  int initVolumes(const std::vector<std::string>& dirs);
+  bool enableVolume(const std::string& dir, std::list<VolIndex>& used) DC_REQUIRES(m_volumeLock);
+  int loadVolumeInfo() DC_REQUIRES(m_volumeLock);
+  int saveVolumeInfo() DC_REQUIRES(m_volumeLock);
+  Volume* findDirInVolumes(const std::string& dir) DC_REQUIRES(m_volumeLock);
+  std::list<VolIndex> getUsedVolIndex() DC_REQUIRES(m_volumeLock);
+  VolIndex getFirstVolume() DC_REQUIRES(m_volumeLock);
+  void appendToRotation(Volume& volume) DC_REQUIRES(m_volumeLock);
+  VolIndex getNextVolWithSpace();
+
+  // Space (diskcacheSpace.cpp)
+  bool isOverWatermark(const char* key, int percent);
+  void delayWriteToSegment();
+
+  // The bytes of a segment file (diskcacheFormat.cpp)
+  CZuError writeSegmentHeader(int fd);
+  CZuError writeSegmentHeader(std::FILE* stream);
+  CZuError readSegmentHeader(SegmentHeader& header, int fd);
+  CZuError readSegmentHeader(SegmentHeader& header, std::FILE* stream);
+  CZuError appendSection(int fd, VolIndex volume, const Section& section);
+  int writeFailureLevel(int error);
+  bool waitForRoom(VolIndex volume, uint64_t bytes);
+  uint64_t freeBytesOf(VolIndex volume);
+  CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
+      DC_REQUIRES(lock);
+  CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
+  CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
+
+  // Steps of the segment operations; `where` is the operation that their log lines speak for
+  CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
+  CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
+  CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,
+                          const std::vector<Section>& sections, bool sync);
+  CZuError resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
+                           ForceDiskLoc force, const RMCodeLocation& where);
+  CZuError updateSegment(int fd, const std::string& path, VolIndex volume,
+                         const std::vector<Section>& sections, OpenSegmentInfo& segment)
+      DC_REQUIRES(segment.lock);
+  CZuError openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
+                       const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
+  CZuError truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
+                        bool& leaveOpen);
+  CZuError removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                      Recycle recycle);
+  CZuError recycleFile(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                       const std::string& path);
+  CZuError deleteSegmentInternal(const std::string& path);
+  void waitForSegmentWork();
+  CZuError moveFile(const std::string& source, const std::string& target, const RMCodeLocation& where);
+
+  // The start-up scan (diskcacheScan.cpp)
+  int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);
+  CZuError scanSegmentsIntoLru();
+
+  // Constant after init()
+  std::string m_rootDir;
+  const PersistentVolumes m_persistentVolumes;
+  PruningMode m_pruningMode = PruningMode::Random;
+
+  // Read and changed by any thread without a lock: a reader may see some watermarks new and some old
+  RelaxedAtomic<int32_t> m_highWM{0};
+  RelaxedAtomic<int32_t> m_lowWM{0};
+  RelaxedAtomic<int32_t> m_alarmWM{0};
+  Stats m_stats;
+  KxAtomicU64_t m_totalCacheUsed;  // bytes
+  KxAtomicU64_t m_totalCache;      // bytes
+  KxAtomicU64_t m_segmentsInCache;
+
+  KxCriticalSection m_contextsLock;
+  struct DiskCacheContextInternal {
+    PrunerCallback prunerCallback;
+    uint32_t refCount = 0;
+  };
+  std::map<std::string, DiskCacheContextInternal> m_contexts DC_GUARDED_BY(m_contextsLock);
+
+  KxCriticalSection m_openSegmentsLock;
+  std::map<guid_t, OpenSegmentInfo*> m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
+  std::map<uint32_t, SegmentHandle> m_handles DC_GUARDED_BY(m_openSegmentsLock);
+  uint32_t m_nextHandle DC_GUARDED_BY(m_openSegmentsLock) = 1;
+
+  KxCriticalSection m_volumeLock;
+  std::map<VolIndex, Volume> m_volumes DC_GUARDED_BY(m_volumeLock);
+  // The volumes that take new segments, in turn; entries point into m_volumes.
+  std::list<Volume*> m_freeSpaceList DC_GUARDED_BY(m_volumeLock);
+  // Where the next search begins; end() while the list is empty and before the first search.
+  std::list<Volume*>::iterator m_nextVolume DC_GUARDED_BY(m_volumeLock) = m_freeSpaceList.end();
+
+  RelaxedAtomic<bool> m_outOfSpace{false};
+
+  // Destroyed first, in reverse order; the destructor has stopped their threads before.
+  const std::unique_ptr<DiskCachePruner> m_pruner;
+  const std::unique_ptr<DiskcacheLRU> m_lru;
+  const std::unique_ptr<DiskCacheMigrator> m_migrator;
+};
+
+// Sets the map's entry under prefix + key to the decimal text of a value, or to a text.
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               uint64_t value, const std::string& prefix);
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               const std::string& value, const std::string& prefix);
+
+// Flushes one file to disk; a missing one is ENOENT and logged at level 5 only.
+DISKCACHE_EXPORT CZuError syncFname(const std::string& path);
+
+}  // namespace ObjectStore

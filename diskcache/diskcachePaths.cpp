@@ -1,0 +1,58 @@
+#include "diskcache/diskcachePaths.h"
+
+#include <cerrno>
+
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+// The characters of one directory level; empty when the identifier ends before it is full.
+std::string_view guidLevel(std::string_view guid, size_t level) {
+  constexpr size_t width = NUM_CHARS_PER_DIR_LEVEL;
+  return (level + 1) * width > guid.size() ? std::string_view() : guid.substr(level * width, width);
+}
+
+}  // namespace
+
+void appendGuidDir(std::string& path, std::string_view guid) {
+  for (size_t level = 0; level < NUM_DIR_LEVELS; ++level) {
+    const std::string_view part = guidLevel(guid, level);
+    if (part.empty()) return;
+    appendPath(path, part);
+  }
+}
+
+void appendSegmentDir(std::string& root, std::string_view dir, std::string_view guid) {
+  if (!dir.empty()) appendPath(root, dir);
+  appendGuidDir(root, guid);
+}
+
+void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid) {
+  appendSegmentDir(root, dir, guid);
+  appendPath(root, guid);
+}
+
+bool isUsableGuid(std::string_view guid) {
+  using namespace std::string_view_literals;
+  if (guid.empty() || guid == "." || guid == "..") return false;
+  if (guid.find_first_of("/\0"sv) != std::string_view::npos) return false;
+  // A level ".." would lead out of the context's directory.
+  return guidLevel(guid, 0) != ".." && guidLevel(guid, 1) != "..";
+}
+
+CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where) {
+  if (isUsableGuid(guid)) return {};
+  return failAt(where, LogLevel::Error, EINVAL, "Error: invalid segment identifier [%s]", guid.c_str());
+}
+
+CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where) {
+  const int rc = root.empty() ? ENOENT : createDir(directory);
+  if (rc == 0) return {};
+  return failAt(where, LogLevel::Error, rc, "Error: Can't create directory for segment creation: [%s]",
+                directory.c_str());
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,37 @@
+// Where a segment lies, and which identifiers may say so.
+//
+// Internal. A segment's path is root / directory / first two characters / next two / identifier.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "diskcache/diskcacheTypes.h"
+#include "support/error.h"
+
+namespace ObjectStore {
+
+// Room to reserve behind a root so that a whole path is built in one allocation.
+inline size_t segmentPathRoom(std::string_view dir, std::string_view guid) {
+  constexpr size_t levels = NUM_DIR_LEVELS * (NUM_CHARS_PER_DIR_LEVEL + 1);
+  return dir.size() + guid.size() + levels + sizeof("///.temp");
+}
+
+// Appends the two directory levels of an identifier to a path; fewer for one of less than four characters.
+void appendGuidDir(std::string& path, std::string_view guid);
+
+// Turns a root into the path of the directory that holds a segment, and that into the segment's path.
+void appendSegmentDir(std::string& root, std::string_view dir, std::string_view guid);
+void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid);
+
+// Whether an identifier names a file below its context's directory and nothing else.
+bool isUsableGuid(std::string_view guid);
+
+// Success, or EINVAL with a log line for an identifier that is not usable.
+CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
+
+// createDir for a segment's directory. ENOENT below the empty root of a volume that is not known: nothing is
+// ever made in the process's working directory. Failures are logged for the caller.
+CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where);
+
+}  // namespace ObjectStore
