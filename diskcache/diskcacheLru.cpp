@@ -1,0 +1,179 @@
+#include "diskcache/diskcacheLru.h"
+
+#include <cerrno>
+#include <iostream>
+#include <new>
+
+#include "diskcache/diskcache.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+DiskcacheLRU::~DiskcacheLRU() {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  std::cout << "hash size=" << m_lruMap.size() << std::endl;
+}
+
+int DiskcacheLRU::init(unsigned long maxEntries) {
+  m_maxLruEntries = maxEntries;
+  return 0;
+}
+
+CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::string& dir) {
+  DC_LOG(LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
+         static_cast<uint64_t>(m_maxLruEntries));
+  const KxCriticalSectionLock lock(&m_lruLock);
+  try {
+    if (const auto found = m_lruMap.find(guid); found != m_lruMap.end()) {
+      moveToFront(found->second);
+      return {};
+    }
+    if (m_numEntries.value() >= m_maxLruEntries) {
+      if (m_diskCache.m_pruningMode != PruningMode::Random) {
+        if (const CZuError error = pruneFromBack(); error.IsError()) {
+          return pushAndLog(error, RM_CODE_LOCATION, "Error: No prunable items in LRU");
+        }
+      } else if (!m_lruList.empty()) {
+        // The entry goes, the counter stays: see m_numEntries.
+        m_lruMap.erase(m_lruList.back().guid);
+        m_lruList.pop_back();
+      }
+    }
+    insertFront(guid, vol, dir);
+    return {};
+  } catch (const std::bad_alloc&) {
+    return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+  }
+}
+
+void DiskcacheLRU::insertFront(const guid_t& guid, VolIndex vol, const std::string& dir) {
+  auto known = m_dirs.find(dir);
+  if (known == m_dirs.end()) known = m_dirs.insert(dir).first;
+  m_lruList.push_front({guid, vol, *known});
+  try {
+    const auto [entry, added] = m_lruMap.try_emplace(m_lruList.front().guid, m_lruList.begin());
+    if (added) {
+      m_numEntries++;
+      return;
+    }
+    m_lruList.pop_front();  // the callback that made room put the segment in itself
+    moveToFront(entry->second);
+  } catch (...) {
+    m_lruList.pop_front();
+    throw;
+  }
+}
+
+CZuError DiskcacheLRU::pruneFromBack() {
+  // A callback that adds to the list must not be asked again while it decides.
+  for (uint64_t i = 0; !m_pruning && i < m_numEntries.value() && !m_lruList.empty(); ++i) {
+    const LruInfo oldest = m_lruList.back();  // the callback may change the list
+    const bool givenUp = askClient(oldest);
+    const auto entry = m_lruMap.find(oldest.guid);
+    if (givenUp) {
+      DC_LOG(LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+      if (entry != m_lruMap.end()) erase(entry->second);
+      return {};
+    }
+    if (entry != m_lruMap.end()) moveToFront(entry->second);
+    if (m_numEntries.value() >= m_maxLruEntries) break;
+  }
+  if (m_pruning || m_numEntries.value() >= m_maxLruEntries) {
+    DC_LOG(LogLevel::Segment, "lru out of space");
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
+  }
+  return {};
+}
+
+bool DiskcacheLRU::askClient(const LruInfo& entry) {
+  const std::string dir(entry.dir);
+  PrunerCallback callback;
+  CZuError error = m_diskCache.findPrunerCallback(dir, callback);
+  if (!error.IsError() && !callback) {
+    error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
+  }
+  if (error.IsError()) {
+    DC_LOG(LogLevel::Error, "Error: %s", error.AsString().c_str());
+    return false;
+  }
+  const std::string path = m_diskCache.guid2path(entry.guid, entry.vol, dir);
+  m_pruning = true;
+  bool givenUp = false;
+  try {
+    givenUp = callback(dir, path, entry.guid);
+  } catch (...) {
+    DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
+  }
+  m_pruning = false;
+  return givenUp;
+}
+
+bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  const auto found = m_lruMap.find(guid);
+  if (found == m_lruMap.end()) {
+    ++m_diskCache.m_stats.lruMisses;
+    return false;
+  }
+  if (moveToFrontIfFound) moveToFront(found->second);
+  ++m_diskCache.m_stats.lruHits;
+  return true;
+}
+
+void DiskcacheLRU::removeFromLru(const guid_t& guid) {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  if (const auto found = m_lruMap.find(guid); found != m_lruMap.end()) erase(found->second);
+}
+
+void DiskcacheLRU::moveToFront(Position entry) { m_lruList.splice(m_lruList.begin(), m_lruList, entry); }
+
+void DiskcacheLRU::erase(Position entry) {
+  m_lruMap.erase(entry->guid);
+  m_lruList.erase(entry);
+  m_numEntries--;
+}
+
+void DiskcacheLRU::clearLru() {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  m_lruMap.clear();
+  m_lruList.clear();
+  m_dirs.clear();
+  m_numEntries = 0;
+}
+
+void DiskcacheLRU::dumpLru() {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  std::cout << "cache: list=" << m_lruList.size() << " map=" << m_lruMap.size() << std::endl;
+  for (const LruInfo& entry : m_lruList) std::cout << entry.guid << std::endl;
+}
+
+void DiskcacheLRU::getStatus(std::map<std::string, std::string>& out) {
+  pushStat(out, "DC.LRUEntriesMax", static_cast<uint64_t>(m_maxLruEntries), "");
+  pushStat(out, "DC.LRUEntriesCur", m_numEntries.value(), "");
+  pushStat(out, "DC.LRUPtr", to_hexstring(this), "");
+}
+
+bool DiskcacheLRU::testLru() {
+  const guid_t first = "testLru-1";
+  const guid_t second = "testLru-2";
+  bool passed = !addToLru(first, 1, "testLru").IsError() && !addToLru(second, 1, "testLru").IsError();
+  passed = passed && isInLru(first, true) && isInLru(second, false);
+  dumpLru();
+  removeFromLru(first);
+  removeFromLru(second);
+  return passed && !isInLru(first, false) && !isInLru(second, false) && CheckInvariants();
+}
+
+bool DiskcacheLRU::CheckInvariants() {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  if (m_lruList.size() != m_lruMap.size()) return false;
+  for (auto entry = m_lruList.begin(); entry != m_lruList.end(); ++entry) {
+    const auto found = m_lruMap.find(entry->guid);
+    if (found == m_lruMap.end() || found->second != entry) return false;
+    if (found->first.data() != entry->guid.data()) return false;  // a key of its own is a second copy
+  }
+  return true;
+}
+
+}  // namespace ObjectStore
