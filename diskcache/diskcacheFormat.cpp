@@ -1,0 +1,196 @@
+// The bytes of a segment file: its header, and appending, changing and finding section records.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "diskcache/diskcache.h"
+#include "diskcache/diskcachePruner.h"
+#include "diskcache/segmentFile.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+SegmentHeader freshHeader() {
+  SegmentHeader header;
+  header.magic = DISK_CACHE_MAGIC;
+  header.version = DISK_CACHE_VERSION;
+  return header;
+}
+
+CZuError checkHeader(const SegmentHeader& header, const RMCodeLocation& where) {
+  if (header.magic != DISK_CACHE_MAGIC) {
+    return failAt(where, LogLevel::Error, EINVAL, "Error: incorrect magic number (0x%0x)",
+                  unsigned{header.magic});
+  }
+  if (header.version != DISK_CACHE_VERSION) {
+    return failAt(where, LogLevel::Error, EINVAL, "Error: incorrect disk cache version (0x%0x)",
+                  unsigned{header.version});
+  }
+  return {};
+}
+
+bool isSectionType(int type) { return type >= 0 && type <= MAX_SECTION_TYPE; }
+
+uint64_t printable(ssize_t count) { return static_cast<uint64_t>(count); }
+
+}  // namespace
+
+// A full file system is an expected state of a cache: it is counted, and its line is not an error line.
+int DiskCache::writeFailureLevel(int error) {
+  if (error != ENOSPC) return LogLevel::Error;
+  m_stats.errOutOfSpace++;
+  return LogLevel::NoSpace;
+}
+
+CZuError DiskCache::writeSegmentHeader(int fd) {
+  const SegmentHeader header = freshHeader();
+  const auto [count, error] =
+      timedCall(__func__, PERF_DISK_WRITE, [&] { return ::write(fd, &header, sizeof(header)); });
+  if (count == static_cast<ssize_t>(sizeof(header))) return {};
+  return DC_FAIL(LogLevel::Error, error, "Error: Can't write header (%d)", error);
+}
+
+CZuError DiskCache::writeSegmentHeader(std::FILE* stream) {
+  const SegmentHeader header = freshHeader();
+  const auto [items, error] =
+      timedCall(__func__, PERF_DISK_WRITE, [&] { return std::fwrite(&header, sizeof(header), 1, stream); });
+  if (items == 1) return {};
+  return DC_FAIL(LogLevel::Error, error, "Error: Can't write header (%d)", error);
+}
+
+CZuError DiskCache::readSegmentHeader(SegmentHeader& header, int fd) {
+  const auto [count, error] =
+      timedCall(__func__, PERF_DISK_READ, [&] { return ::read(fd, &header, sizeof(header)); });
+  if (count != static_cast<ssize_t>(sizeof(header))) {
+    // A file cut within its header: the system reports no error of its own.
+    return DC_FAIL(LogLevel::Error, error != 0 ? error : EIO,
+                   "Error: can't read segment header, size=%zd (%d)", count, error);
+  }
+  return checkHeader(header, RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::readSegmentHeader(SegmentHeader& header, std::FILE* stream) {
+  errno = 0;
+  if (std::fseek(stream, 0, SEEK_SET) != 0) {
+    const int error = errno;
+    return DC_FAIL(LogLevel::Error, error, "Error: can't seek to 0 (%d)", error);
+  }
+  // Timed as a write, and without EIO for a short file: both are meant.
+  const auto [items, error] =
+      timedCall(__func__, PERF_DISK_WRITE, [&] { return std::fread(&header, sizeof(header), 1, stream); });
+  if (items != 1) return DC_FAIL(LogLevel::Error, error, "Error: can't read segment header (%d)", error);
+  return checkHeader(header, RM_CODE_LOCATION);
+}
+
+uint64_t DiskCache::freeBytesOf(VolIndex volume) {
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  const auto found = m_volumes.find(volume);
+  return found == m_volumes.end() ? 0 : found->second.free.value();
+}
+
+// In mode Random the pruner gets one second to make room.
+bool DiskCache::waitForRoom(VolIndex volume, uint64_t bytes) {
+  if (freeBytesOf(volume) >= bytes) return true;
+  if (m_pruningMode == PruningMode::Random) {
+    m_pruner->wakeupPrunerThread();
+    DC_LOG(LogLevel::Notice, "Out of space, trying to free more");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+  return freeBytesOf(volume) >= bytes;
+}
+
+CZuError DiskCache::appendSection(int fd, VolIndex volume, const Section& s) {
+  if (s.len == 0) return DC_FAIL(LogLevel::Error, EINVAL, "Error: zero length");
+  if (s.len > s.bufferSize) return DC_FAIL(LogLevel::Error, EINVAL, "Error: len exceeds vector size");
+  if (!isSectionType(s.type))
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: invalid section type (%d)", s.type);
+  if (!waitForRoom(volume, s.len)) {
+    m_stats.errOutOfSpace++;
+    return DC_FAIL(LogLevel::NoSpace, ENOSPC, "Error: out of space");
+  }
+
+  const SectionDesc front{s.type, s.subType, offsetSum(s.off, s.len)};
+  const auto end = timedCall(__func__, PERF_SEEK, [&] { return lseek(fd, 0, SEEK_END); });
+  const auto pos = static_cast<uint64_t>(end.value);  // not checked: a failed seek fails in the writes
+
+  // The header points at the record before the record is there: a caller throws the file away on failure.
+  const Transfer slot = writeAt(__func__, fd, &pos, sizeof(pos), sectionSlotOffset(s.type));
+  if (!slot.moved(sizeof(pos))) {
+    const int level = writeFailureLevel(slot.error);
+    return DC_FAIL(level, slot.error, "Error: can't write to file %d (%lu,%d)", fd, printable(slot.count),
+                   slot.error);
+  }
+  const uint64_t payload = offsetSum(offsetSum(pos, SECTION_DESC_SIZE), s.off);
+  const Transfer data = writeAt(__func__, fd, s.data, s.len, payload);
+  if (!data.moved(s.len)) {
+    const int level = writeFailureLevel(data.error);
+    return DC_FAIL(level, data.error, "Error: can't write to file %d (%lu,%d) len=%lu", fd,
+                   printable(data.count), data.error, s.len);
+  }
+  const Transfer desc = writeAt(__func__, fd, &front, sizeof(front), pos);
+  if (!desc.moved(sizeof(front))) {
+    const int level = writeFailureLevel(desc.error);
+    return DC_FAIL(level, desc.error, "Error: can't write to file %d (%lu,%d) len=%lu", fd,
+                   printable(desc.count), desc.error, sizeof(front));
+  }
+  return {};
+}
+
+CZuError DiskCache::modifySection(int fd, const Section& s, uint64_t secOff, KxCriticalSection& lock) {
+  DC_LOG(LogLevel::Segment, "modifySection len=%lu off=%lu secOff=%lu", s.len, s.off, secOff);
+  if (s.len > s.bufferSize) return DC_FAIL(LogLevel::Error, EINVAL, "Error: len exceeds vector size");
+  const Transfer data = [&] {
+    const KxCriticalSectionUnlock unlock(lock);  // others may work on the segment while the bytes move
+    return writeAt("modifySection", fd, s.data, s.len,
+                   offsetSum(offsetSum(secOff, SECTION_DESC_SIZE), s.off));
+  }();
+  if (!data.moved(s.len)) {
+    return DC_FAIL(LogLevel::Error, data.error, "Error: can't write to file %d (%d), [%lu]", fd, data.error,
+                   s.off);
+  }
+
+  SectionDesc front;
+  const Transfer read = readAt(__func__, fd, &front, sizeof(front), secOff);
+  if (!read.moved(sizeof(front))) {
+    return DC_FAIL(LogLevel::Error, read.error, "Error: can't read from file %d (%d)", fd, read.error);
+  }
+  if (front.type != s.type || front.subType != s.subType) {
+    // The data is on disk by now and stays. The missing slash is known to clients.
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: writing different section %d/%d->%d%d", s.type, s.subType,
+                   front.type, front.subType);
+  }
+  const uint64_t length = std::max(front.len, offsetSum(s.off, s.len));
+  DC_LOG(LogLevel::Segment, "desc.len=%lu", length);
+  const Transfer written =
+      writeAt(__func__, fd, &length, sizeof(length), offsetSum(secOff, offsetof(SectionDesc, len)));
+  if (!written.moved(sizeof(length))) {
+    const int level = writeFailureLevel(written.error);
+    return DC_FAIL(level, written.error, "Error: can't write to file %d (%d)", fd, written.error);
+  }
+  return {};
+}
+
+CZuError DiskCache::findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header) {
+  *found = false;
+  if (!isSectionType(type)) return DC_FAIL(LogLevel::Error, EINVAL, "Error: invalid section type (%d)", type);
+  *offset = header.sectionOffset[static_cast<size_t>(type)];
+  *found = *offset != 0;
+  return {};
+}
+
+CZuError DiskCache::findLastSection(int* type, uint64_t* offset, const SegmentHeader& header) {
+  *type = -1;
+  *offset = 0;
+  for (int t = 0; t < MAX_SECTION_NUMBER; ++t) {
+    const uint64_t at = header.sectionOffset[static_cast<size_t>(t)];
+    if (at <= *offset) continue;
+    *offset = at;
+    *type = t;
+  }
+  return {};
+}
+
+}  // namespace ObjectStore

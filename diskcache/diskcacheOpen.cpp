@@ -1,0 +1,117 @@
+// The table of open segments: one shared record with a lock for each segment that is in use.
+#include "diskcache/diskcacheOpen.h"
+
+#include <chrono>
+#include <new>
+#include <thread>
+
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr uint32_t NEVER_A_DESCRIPTOR = 0xFFFFFFFF;
+
+}  // namespace
+
+void waitForInPlaceWriters(OpenSegmentInfo& segment) {
+  while (segment.inPlaceWriters > 0) {
+    const KxCriticalSectionUnlock unlock(segment.lock);
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+}
+
+CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) try {
+  DC_LOG(LogLevel::Segment, "Opening disk segment for [%s]", guid.c_str());
+  const KxCriticalSectionLock lock(&m_openSegmentsLock);
+  if (const auto found = m_openSegments.find(guid); found != m_openSegments.end()) {
+    ++found->second->refCount;
+    handle = found;
+    return {};
+  }
+  auto record = std::unique_ptr<OpenSegmentInfo>(new (std::nothrow) OpenSegmentInfo);
+  if (!record) return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+  const auto [entry, inserted] = m_openSegments.try_emplace(std::move(guid), record.get());
+  OpenSegmentInfo* const owned = record.release();  // by the table from here on
+  if (!inserted) {
+    // Not freed here, on purpose: whoever put the entry in may hold this record.
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: can't insert [%s]", entry->first.c_str());
+  }
+  entry->second = owned;
+  handle = entry;
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+void DiskCache::closeSegment(SegmentHandle handle) {
+  const KxCriticalSectionLock lock(&m_openSegmentsLock);
+  OpenSegmentInfo* const record = handle->second;
+  if (record->refCount > 1) {
+    --record->refCount;
+    return;
+  }
+  m_openSegments.erase(handle);
+  delete record;
+}
+
+unsigned DiskCache::openSegment(guid_t guid) try {
+  DC_LOG(LogLevel::Segment, "Opening disk segment for [%s]", guid.c_str());
+  AutoOpenSegment open(*this, guid);
+  if (!open.opened()) return 0;
+
+  KxCriticalSectionLock lock(&m_openSegmentsLock);
+  for (uint32_t attempt = 0; attempt < NEVER_A_DESCRIPTOR; ++attempt) {
+    const uint32_t candidate = m_nextHandle++;
+    if (m_nextHandle == NEVER_A_DESCRIPTOR) m_nextHandle = 1;
+    if (!m_handles.try_emplace(candidate, open.handle()).second) continue;
+    open.keepOpen();
+    DC_LOG(LogLevel::Segment, "opened disk segment %d", static_cast<int>(candidate));
+    return candidate;
+  }
+  DC_LOG(LogLevel::Error, "Error: can't find unused descriptor for [%s]", guid.c_str());
+  return 0;
+} catch (...) {
+  failWithException(RM_CODE_LOCATION);
+  return 0;
+}
+
+void DiskCache::closeSegment(unsigned desc) {
+  KxCriticalSectionLock lock(&m_openSegmentsLock);
+  const auto found = m_handles.find(desc);
+  if (found == m_handles.end()) {
+    DC_LOG(LogLevel::Error, "Error: Can't find descriptor %d", static_cast<int>(desc));
+    return;
+  }
+  const SegmentHandle handle = found->second;
+  m_handles.erase(found);
+  lock.resetCriticalSection(nullptr);
+  closeSegment(handle);
+}
+
+bool DiskCache::IsSegmentOpened(guid_t guid) {
+  DC_LOG(LogLevel::Segment, "checking whether disk segment [%s] opened.", guid.c_str());
+  const KxCriticalSectionLock lock(&m_openSegmentsLock);
+  return m_openSegments.contains(guid);
+}
+
+// Returns when all work on segments that is going on now has ended; new work may have begun.
+void DiskCache::waitForSegmentWork() {
+  std::vector<guid_t> inUse;
+  {
+    const KxCriticalSectionLock lock(&m_openSegmentsLock);
+    for (const auto& [guid, segment] : m_openSegments) inUse.push_back(guid);
+  }
+  for (const guid_t& guid : inUse) {
+    AutoOpenSegment open(*this, guid);
+    if (!open.opened()) continue;
+    OpenSegmentInfo& segment = *open.getSegInfo();
+    const KxCriticalSectionLock lock(&segment.lock);
+    waitForInPlaceWriters(segment);
+  }
+}
+
+OpenSegmentInfo* DiskCache::segInfoFromHandle(const SegmentHandle& handle) { return handle->second; }
+
+}  // namespace ObjectStore
