@@ -1,0 +1,143 @@
+// Override copies: which copy of a segment counts, and moving between the prunable and the non-prunable
+// directory.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "diskcache/diskcache.h"
+#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcacheOpen.h"
+#include "diskcache/diskcachePaths.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+// Only the flag is asked, not whether nonprunableDir is empty: this is meant.
+std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid) {
+  if (!isUsableGuid(guid)) return {};
+  if (ctx.useNonPrunableDir) {
+    std::string path = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+    if (doesFileExist(path)) return path;
+  }
+  return guid2path(guid, ctx.volume, ctx.dir);
+}
+
+CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "copying [%s] from [%s] to [%s] move=%d", guid.c_str(), ctx.dir.c_str(),
+         ctx.nonprunableDir.c_str(), move);
+  if (!ctx.useNonPrunableDir) {
+    DC_LOG(LogLevel::Segment, "useNonPrunableDir is false for [%s]", guid.c_str());
+    return {};
+  }
+  const std::string source = guid2path(guid, ctx.volume, ctx.dir);
+  if (!doesFileExist(source)) {
+    DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
+    return {};
+  }
+  const std::string root = m_migrator->rootFor(guid, ctx.volume, ctx.nonprunableDir);
+  std::string directory = root;
+  appendSegmentDir(directory, ctx.nonprunableDir, guid);
+  if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
+  const std::string target = join(directory, guid, '/');
+  if (doesFileExist(target)) {
+    DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
+    return {};
+  }
+  if (move) return moveFile(source, target, RM_CODE_LOCATION);
+
+  if (const CZuError error = RMFile::KXCopyFile(source, target, 0); error.IsError()) {
+    return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't copy file [%s] from [%s] to [%s]", guid.c_str(),
+                      source.c_str(), target.c_str());
+  }
+  long long size = 0;
+  if (const CZuError error = RMFile::KXGetFileSize(target, size); error.IsError()) {
+    return pushAndLog(error, RM_CODE_LOCATION, "Error: can't get file size for [%s]: [%s]", target.c_str(),
+                      error.AsString().c_str());
+  }
+  m_totalCacheUsed += size;  // the length, where deletion subtracts allocated bytes: both are meant
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+// A rename, or a copy where a migration has put the two sides on different file systems.
+CZuError DiskCache::moveFile(const std::string& source, const std::string& target,
+                             const RMCodeLocation& where) {
+  errno = 0;
+  if (rename(source.c_str(), target.c_str()) == 0) return {};
+  int rc = errno;
+  if (rc == EXDEV) {
+    rc = RMErrorUtil::GetErrNo(RMFile::KXCopyFile(source, target, 0));
+    if (rc == 0) {
+      unlink(source.c_str());
+      return {};
+    }
+  }
+  return failAt(where, LogLevel::Error, rc, "Error: can't rename [%s] to [%s]", source.c_str(),
+                target.c_str());
+}
+
+CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, bool move) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  delayWriteToSegment();
+  DC_LOG(LogLevel::Segment, "cache: marking dirty [%s]", guid.c_str());
+  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
+  }
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+
+  AutoOpenSegment open(*this, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  OpenSegmentInfo& segment = *open.getSegInfo();
+  const KxCriticalSectionLock lock(&segment.lock);
+  if (!ctx.useNonPrunableDir) return {};
+  waitForInPlaceWriters(segment);
+  const CZuError error = copyOverrideSegment(ctx, guid, move);
+  return error.IsError() ? pushAndLog(error, RM_CODE_LOCATION, "Error: can't copy override") : error;
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  delayWriteToSegment();
+  DC_LOG(LogLevel::Segment, "moving [%s] from [%s] to [%s]", guid.c_str(), ctx.nonprunableDir.c_str(),
+         ctx.dir.c_str());
+  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
+  }
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (!ctx.useNonPrunableDir) return {};
+
+  AutoOpenSegment open(*this, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  OpenSegmentInfo& segment = *open.getSegInfo();
+  const KxCriticalSectionLock lock(&segment.lock);
+  waitForInPlaceWriters(segment);
+  const std::string source = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+  if (!doesFileExist(source)) {
+    DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
+    return {};
+  }
+  const std::string root = m_migrator->rootForNew(guid, ctx.volume, ctx.dir);
+  std::string directory = root;
+  appendSegmentDir(directory, ctx.dir, guid);
+  if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
+  const std::string target = join(directory, guid, '/');
+  if (doesFileExist(target)) {
+    DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
+    unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
+  }
+  return moveFile(source, target, RM_CODE_LOCATION);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::setSparseFileAttribute(const DiskCacheContext& /*ctx*/, const guid_t& /*guid*/) {
+  return {};
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,300 @@
+// The five readers. They take no lock and never write: each call opens the file for itself, and what a read
+// beside a write returns is what the file holds at that moment.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <memory>
+
+#include "diskcache/diskcache.h"
+#include "diskcache/diskcachePaths.h"
+#include "diskcache/segmentFile.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr int READ_FLAGS = O_RDONLY | O_NOATIME;
+
+uint64_t printable(ssize_t count) { return static_cast<uint64_t>(count); }
+
+struct StreamCloser {
+  void operator()(std::FILE* stream) const { std::fclose(stream); }
+};
+using Stream = std::unique_ptr<std::FILE, StreamCloser>;
+
+// Whether a record's payload can be in the file, so that a damaged length costs no giant allocation. The
+// size is asked for again when the last answer is too small: a writer may have appended since.
+bool payloadFits(int fd, uint64_t recordOffset, uint64_t length, uint64_t& fileSize) {
+  if (length > std::numeric_limits<uint32_t>::max()) return false;
+  const uint64_t end = offsetSum(offsetSum(recordOffset, SECTION_DESC_SIZE), length);
+  return end <= fileSize || (getFileSize(&fileSize, nullptr, fd) == 0 && end <= fileSize);
+}
+
+// The records that the header points at, in file order.
+std::vector<uint64_t> recordOffsets(const SegmentHeader& header) {
+  std::vector<uint64_t> offsets;
+  std::copy_if(header.sectionOffset.begin(), header.sectionOffset.end(), std::back_inserter(offsets),
+               [](uint64_t offset) { return offset != 0; });
+  std::sort(offsets.begin(), offsets.end());
+  return offsets;
+}
+
+// 0 or why the stream cannot go there; an offset that no file can have is EINVAL.
+int seekTo(std::FILE* stream, uint64_t offset) {
+  if (!isFileOffset(offset)) return EINVAL;
+  errno = 0;
+  if (std::fseek(stream, static_cast<long>(offset), SEEK_SET) == 0) return 0;
+  return errno != 0 ? errno : EIO;
+}
+
+CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
+  return failAt(where, LogLevel::Error, EINVAL, "Error: wrong type found=%d expected=%d", found, expected);
+}
+
+}  // namespace
+
+CZuError DiskCache::openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
+                                const DiskCacheContext& ctx, const guid_t& guid,
+                                const RMCodeLocation& where) {
+  path = getOverriddenSegment(ctx, guid);
+  if (!file.open(path, READ_FLAGS)) {
+    return failAt(where, LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
+                  file.error());
+  }
+  const CZuError error = readSegmentHeader(header, file.fd());
+  if (error.IsError()) logAt(where, LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+  return error;
+}
+
+CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid,
+                                 std::vector<Section>& sections, bool updateLru) try {
+  const TimeFunction timer(__func__, PERF_DISK_READ_OP);
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: reading segment [%s] vol=%d secs=%lu", guid.c_str(), ctx.volume,
+         sections.size());
+  if (updateLru) {
+    if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  }
+  SegmentFile file(__func__);
+  SegmentHeader header;
+  std::string path;
+  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+    return error;
+  }
+  for (size_t i = 0; i < sections.size(); ++i) {
+    Section& s = sections[i];
+    bool found = false;
+    uint64_t off = SEGMENT_HEADER_SIZE;
+    if (const CZuError error = findSection(&found, &off, s.type, header); error.IsError()) {
+      DC_LOG(LogLevel::Error, "Error: can't search for section in [%s]", path.c_str());
+      return error;
+    }
+    if (!found) {
+      s.len = 0;
+      s.status = ENOENT;
+      DC_LOG(LogLevel::Segment, "can't find section %zd (%d/%d) in [%s]", static_cast<ssize_t>(i), s.type,
+             s.subType, path.c_str());
+      continue;
+    }
+    SectionDesc front;
+    const Transfer read = readAt(__func__, file.fd(), &front, sizeof(front), off);
+    if (!read.moved(sizeof(front))) {
+      DC_LOG(LogLevel::Error, "Error: can't read descriptor [%s] len=%zd (%lu,%d)", path.c_str(),
+             static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
+      s.len = 0;
+      continue;
+    }
+    if (front.len != 0 && front.type != s.type) {
+      file.leaveOpen();  // meant
+      return wrongType(RM_CODE_LOCATION, front.type, s.type);
+    }
+    DC_LOG(LogLevel::Segment, "found section %d off=%lu len=%lu", s.type, off, front.len);
+    const uint64_t n = front.len >= s.off ? std::min(front.len - s.off, s.bufferSize) : 0;
+    DC_LOG(LogLevel::Segment, "data size = %lu", n);
+    if (n > 0) {
+      const uint64_t payload = offsetSum(offsetSum(off, SECTION_DESC_SIZE), s.off);
+      const Transfer data = readAt(__func__, file.fd(), s.data, n, payload);
+      if (!data.moved(n)) {
+        return DC_FAIL(LogLevel::Error, data.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
+                       path.c_str(), n, printable(data.count), data.error);
+      }
+    }
+    s.len = n;
+  }
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& guid,
+                                    std::vector<SectionV>& sections) try {
+  const TimeFunction timer(__func__, PERF_DISK_READ_OP);
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: readall segment [%s] vol=%d", guid.c_str(), ctx.volume);
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
+
+  const std::string path = getOverriddenSegment(ctx, guid);
+  const auto opened = timedCall(__func__, PERF_OPEN, [&] { return std::fopen(path.c_str(), "rbe"); });
+  Stream stream(opened.value);
+  if (!stream) {
+    return DC_FAIL(LogLevel::Error, opened.error, "Error: can't open file [%s] (%d)", path.c_str(),
+                   opened.error);
+  }
+  uint64_t fileSize = 0;
+  if (const int rc = getFileSize(&fileSize, nullptr, stream.get()); rc != 0) {
+    return DC_FAIL(LogLevel::Error, rc, "Error: can't get file size for [%s] (%d)", path.c_str(), rc);
+  }
+  SegmentHeader header;
+  if (const CZuError error = readSegmentHeader(header, stream.get()); error.IsError()) {
+    DC_LOG(LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+    return error;
+  }
+  const std::vector<uint64_t> offsets = recordOffsets(header);
+  sections.resize(offsets.size());
+  for (size_t j = 0; j < offsets.size(); ++j) {
+    // A record that cannot be reached ends the call with success and one element less: this is meant.
+    if (const int rc = seekTo(stream.get(), offsets[j]); rc != 0) {
+      DC_LOG(LogLevel::Error, "Error: Can't seek to %lu in [%s] (%d)", offsets[j], path.c_str(), rc);
+      sections.pop_back();
+      return {};
+    }
+    SectionDesc& front = sections[j];
+    const auto read = timedCall(__func__, PERF_DISK_READ,
+                                [&] { return std::fread(&front, sizeof(front), 1, stream.get()); });
+    if (read.value != 1) {
+      DC_LOG(LogLevel::Error, "Error: incomplete descriptor in [%s] section %d (%zd,%d)", path.c_str(),
+             static_cast<int>(j), static_cast<ssize_t>(read.value), read.error);
+      sections.pop_back();
+      return {};
+    }
+    const auto sought = timedCall(
+        __func__, PERF_SEEK, [&] { return seekTo(stream.get(), offsetSum(offsets[j], SECTION_DESC_SIZE)); });
+    if (sought.value != 0) {
+      return DC_FAIL(LogLevel::Error, sought.value, "Error: Can't seek to %lu in [%s] (%d)", offsets[j],
+                     path.c_str(), sought.value);
+    }
+    size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
+    int readError = 0;
+    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize)) {
+      std::vector<unsigned char>& data = sections[j].data;
+      data.resize(front.len);
+      const auto result = timedCall(__func__, PERF_DISK_READ,
+                                    [&] { return std::fread(data.data(), data.size(), 1, stream.get()); });
+      items = result.value;
+      readError = result.error;
+    }
+    if (items != 1) {
+      DC_LOG(LogLevel::Error, "Error: can't read file [%s] len=%lu (%d)", path.c_str(), front.len, readError);
+      errno = readError;
+      stream.reset();
+      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errno);  // as it stands after the close
+    }
+  }
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
+                                        std::vector<unsigned char>& data) try {
+  const TimeFunction timer(__func__, PERF_DISK_READ_OP);
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: read segment [%s] vol=%d section %d", guid.c_str(), ctx.volume, type);
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+
+  SegmentFile file(__func__);
+  SegmentHeader header;
+  std::string path;
+  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+    return error;
+  }
+  // The descriptor stays open on the three failure paths that say so: this is meant.
+  bool found = false;
+  uint64_t off = SEGMENT_HEADER_SIZE;
+  if (const CZuError error = findSection(&found, &off, type, header); error.IsError()) {
+    file.leaveOpen();
+    return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't find sections in [%s]", guid.c_str());
+  }
+  if (!found) {
+    file.leaveOpen();
+    DC_LOG(LogLevel::Segment, "Can't find section %d in [%s]", type, guid.c_str());
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find section %d in [%s]", type,
+                                   guid.c_str());
+  }
+  SectionDesc front;
+  const Transfer read = readAt(__func__, file.fd(), &front, sizeof(front), off);
+  if (!read.moved(sizeof(front))) {
+    return DC_FAIL(LogLevel::Error, read.error, "Error: can't read file [%s] (%lu,%d)", path.c_str(),
+                   printable(read.count), read.error);
+  }
+  if (front.type != type) {
+    file.leaveOpen();
+    return wrongType(RM_CODE_LOCATION, front.type, type);
+  }
+  Transfer payload{0, 0};
+  uint64_t fileSize = 0;
+  if (payloadFits(file.fd(), off, front.len, fileSize)) {
+    data.resize(front.len);
+    payload = readAt(__func__, file.fd(), data.data(), front.len, offsetSum(off, SECTION_DESC_SIZE));
+  }
+  if (!payload.moved(front.len)) {
+    return DC_FAIL(LogLevel::Error, payload.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
+                   path.c_str(), front.len, printable(payload.count), payload.error);
+  }
+  DC_LOG(LogLevel::Segment, "read %lu bytes", front.len);
+  return {};
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, const guid_t& guid,
+                                   int32_t type, int32_t sub) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "getting section size for [%s] vol=%d type=%d sub=%d", guid.c_str(), ctx.volume,
+         type, sub);
+  SegmentFile file(__func__);
+  SegmentHeader header;
+  std::string path;
+  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+    return error;
+  }
+  bool found = false;
+  uint64_t off = SEGMENT_HEADER_SIZE;
+  if (const CZuError error = findSection(&found, &off, type, header); error.IsError()) return error;
+  if (!found) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT);
+  SectionDesc front;
+  const Transfer read = readAt(__func__, file.fd(), &front, sizeof(front), off);
+  if (!read.moved(sizeof(front))) {
+    return DC_FAIL(LogLevel::Error, read.error, "Error: can't read file [%s] len=%zd (%lu,%d)", path.c_str(),
+                   static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
+  }
+  size = front.len;  // also of a record of another type
+  return front.type == type ? CZuError() : wrongType(RM_CODE_LOCATION, front.type, type);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+// Unlike getOverriddenSegment, an empty nonprunableDir is not looked into: both tests are meant as they are.
+bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid) try {
+  if (checkGuid(guid, RM_CODE_LOCATION).IsError()) return false;
+  if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
+    const std::string path = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+    if (doesFileExist(path)) {
+      DC_LOG(LogLevel::Segment, "[%s] exists", path.c_str());
+      return true;
+    }
+  }
+  const std::string path = guid2path(guid, ctx.volume, ctx.dir);
+  const bool exists = doesFileExist(path);
+  DC_LOG(LogLevel::Segment, exists ? "[%s] exists" : "[%s] does not exist", path.c_str());
+  return exists;
+} catch (...) {
+  failWithException(RM_CODE_LOCATION);
+  return false;
+}
+
+}  // namespace ObjectStore

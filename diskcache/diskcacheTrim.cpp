@@ -1,0 +1,196 @@
+// Changing a segment file's length, forcing it to disk, and removing it.
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "diskcache/diskcache.h"
+#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcacheOpen.h"
+#include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheVolume.h"
+#include "diskcache/segmentFile.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
+                                    uint64_t size) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: truncate segment [%s] vol=%d size=%lu", guid.c_str(), ctx.volume, size);
+  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
+  }
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+
+  AutoOpenSegment open(*this, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
+  std::string path;
+  if (const CZuError error = resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, RM_CODE_LOCATION);
+      error.IsError()) {
+    return error;
+  }
+  SegmentFile file(__func__);
+  if (!file.open(path, O_RDWR | O_NOATIME)) {
+    return DC_FAIL(LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
+                   file.error());
+  }
+  bool leaveOpen = false;
+  const CZuError error = truncateFile(file.fd(), path, ctx.volume, {type, sub, size}, leaveOpen);
+  if (leaveOpen) file.leaveOpen();
+  if (!error.IsError()) file.closeTimed();
+  return error;
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
+                                 bool& leaveOpen) {
+  SegmentHeader header;
+  if (const CZuError error = readSegmentHeader(header, fd); error.IsError()) {
+    DC_LOG(LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+    return error;
+  }
+  bool found = false;
+  uint64_t off = SEGMENT_HEADER_SIZE;
+  if (const CZuError error = findSection(&found, &off, wanted.type, header); error.IsError()) {
+    DC_LOG(LogLevel::Error, "Error: can't find section [%s]", path.c_str());
+    return error;
+  }
+  if (found) {
+    int lastType = -1;
+    uint64_t lastOffset = 0;
+    findLastSection(&lastType, &lastOffset, header);
+    if (wanted.type != lastType) {
+      leaveOpen = true;  // meant
+      return DC_FAIL(LogLevel::Error, EEXIST, "Error: %d is not last section in [%s]", wanted.type,
+                     path.c_str());
+    }
+  } else if (wanted.len == 0) {
+    DC_LOG(LogLevel::Segment, "empty section");
+    return {};
+  } else {
+    // Appending nothing always fails, and the work below then goes on at offset 0, over the header's first
+    // bytes. Clients know not to ask for this; what it does is kept.
+    DC_LOG(LogLevel::Segment, "section %d.%d not found in [%s]. Appending.", wanted.type, wanted.subType,
+           path.c_str());
+    Section empty;
+    empty.type = wanted.type;
+    if (const CZuError error = appendSection(fd, volume, empty); error.IsError()) {
+      const int level = RMErrorUtil::IsErrNo(error, ENOSPC) ? LogLevel::NoSpace : LogLevel::Error;
+      DC_LOG(level, "Error: can't append section to [%s]", path.c_str());
+    }
+  }
+  const Transfer front = writeAt(__func__, fd, &wanted, sizeof(wanted), off);
+  if (!front.moved(sizeof(wanted))) {
+    return DC_FAIL(LogLevel::Error, front.error, "Error: can't write to [%s] (%d)", path.c_str(),
+                   front.error);
+  }
+  const uint64_t end = offsetSum(offsetSum(off, SECTION_DESC_SIZE), wanted.len);
+  const auto cut = timedCall(__func__, PERF_DISK_WRITE, [&] {
+    if (isFileOffset(end)) return ftruncate(fd, static_cast<off_t>(end));
+    errno = EINVAL;
+    return -1;
+  });
+  if (cut.value != 0) {
+    return DC_FAIL(LogLevel::Error, cut.error, "Error: can't truncate [%s] (%d)", path.c_str(), cut.error);
+  }
+  return {};
+}
+
+// Both failures are logged as tracing: a copy that is not there is an expected case.
+CZuError syncFname(const std::string& path) {
+  const auto opened = timedCall(__func__, PERF_OPEN, [&] { return std::fopen(path.c_str(), "r+e"); });
+  std::FILE* const stream = opened.value;
+  if (!stream) {
+    return DC_FAIL(LogLevel::Segment, opened.error, "can't open file [%s] (%d)", path.c_str(), opened.error);
+  }
+  const auto synced = timedCall(__func__, PERF_SYNC, [&] { return fsync(fileno(stream)); });
+  errno = synced.error;
+  OBJECT_STORE_START_PERF_COUNTER(__func__, PERF_CLOSE);
+  std::fclose(stream);
+  const int error = errno;  // as it stands after the close
+  OBJECT_STORE_STOP_PERF_COUNTER(__func__, PERF_CLOSE);
+  if (synced.value == 0) return {};
+  return DC_FAIL(LogLevel::Segment, error, "can't fsync file [%s] (%d)", path.c_str(), error);
+}
+
+CZuError DiskCache::syncSegment(const DiskCacheContext& ctx, const guid_t& guid) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: sync segment [%s] vol=%d", guid.c_str(), ctx.volume);
+  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  const CZuError regular = syncFname(guid2path(guid, ctx.volume, ctx.dir));
+  CZuError override;  // without a second place it counts as synced
+  if (ctx.useNonPrunableDir) override = syncFname(guid2path(guid, ctx.volume, ctx.nonprunableDir));
+
+  if (!regular.IsError() && !override.IsError()) return {};
+  if (!RMErrorUtil::IsErrNo(regular, ENOENT)) return regular;
+  if (!RMErrorUtil::IsErrNo(override, ENOENT)) return override;
+  return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& guid, bool nonPrun, bool prun,
+                                  Recycle recycle) try {
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: deleting segment [%s] vol=%d nonPrun=%d prun=%d recycle=%d", guid.c_str(),
+         ctx.volume, nonPrun, prun, recycle == Recycle::Yes ? 1 : 0);
+  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
+    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
+  }
+  if (ctx.useNonPrunableDir && !prun) {
+    const CZuError error = removeCopy(ctx, guid, ctx.nonprunableDir, recycle);
+    if (error.IsError()) return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't delete [%s]", guid.c_str());
+  }
+  return nonPrun ? CZuError() : removeCopy(ctx, guid, ctx.dir, recycle);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+// A copy that is not there is success. Recycling leaves the space counters alone.
+CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                               Recycle recycle) {
+  const std::string path = guid2path(guid, ctx.volume, dir);
+  if (!doesFileExist(path)) return {};
+  return recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
+}
+
+// Below the root that the copy was found under: while a volume is migrated that may be either side.
+CZuError DiskCache::recycleFile(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                                const std::string& path) {
+  const std::string root = m_migrator->rootFor(guid, ctx.volume, dir);
+  if (root.empty()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT);
+  const std::string recycleDir = join(root, RECYCLE_DIR, '/');
+  const std::string target = join(recycleDir, guid, '/');
+  CZuError error = RMFile::KXMoveFileEx(path, target, RMFile::MOVE_REPLACE_EXISTING);
+  // A migration may have left the directory behind.
+  if (RMErrorUtil::IsErrNo(error, ENOENT) && createDir(recycleDir) == 0) {
+    error = RMFile::KXMoveFileEx(path, target, RMFile::MOVE_REPLACE_EXISTING);
+  }
+  return error;
+}
+
+CZuError DiskCache::deleteSegmentInternal(const std::string& path) {
+  DC_LOG(LogLevel::Segment, "cache: deleting [%s]", path.c_str());
+  struct stat status {};
+  const auto asked = timedCall(__func__, PERF_FSTAT, [&] { return stat(path.c_str(), &status); });
+  if (asked.value != 0) {
+    return DC_FAIL(LogLevel::Error, asked.error, "Error: can't stat [%s] (%d)", path.c_str(), asked.error);
+  }
+  errno = 0;
+  if (unlink(path.c_str()) != 0) {
+    const int error = errno;
+    return DC_FAIL(LogLevel::Error, error, "Error: can't unlink file [%s] (%d)", path.c_str(), error);
+  }
+  const auto allocated = static_cast<int64_t>(status.st_blocks) << 9;
+  m_totalCacheUsed -= allocated;
+  DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) subtract: s.st_blocks_x_512 [%llu]",
+         static_cast<unsigned long long>(m_totalCacheUsed.value()),
+         static_cast<unsigned long long>(allocated));
+  m_segmentsInCache--;
+  return {};
+}
+
+}  // namespace ObjectStore
