@@ -1,0 +1,209 @@
+#include "diskcache/diskcachePruner.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <utility>
+
+#include "diskcache/diskcache.h"
+#include "diskcache/diskcacheLru.h"
+#include "support/config.h"
+#include "support/directory.h"
+#include "support/file.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr const char* TIMEOUT_KEY = "DiskCachePrunerTimeout";  // minutes
+constexpr unsigned long DEFAULT_TIMEOUT = 5;
+constexpr unsigned long MAX_TIMEOUT = 7200;  // five days
+
+// Every order is as likely: each item changes places with one of those up to itself.
+template <typename T>
+void shuffle(std::vector<T>& items) {
+  for (size_t i = 1; i < items.size(); ++i) {
+    std::swap(items[i], items[static_cast<size_t>(std::rand()) % (i + 1)]);
+  }
+}
+
+}  // namespace
+
+int DiskCachePruner::init() {
+  m_startTime = std::time(nullptr);
+  if (m_thread.createThread(threadEntry, this)) return 0;
+  DC_LOG(LogLevel::Error, "Error: Can't create pruner thread: %s", m_thread.getLastError().c_str());
+  return EINVAL;
+}
+
+void DiskCachePruner::shutdown() {
+  if (!m_thread.threadInProgress()) return;
+  m_stop = true;
+  m_wakeup.set();
+  m_thread.joinThread(KXThread::WAIT_FOREVER, nullptr);
+}
+
+void* DiskCachePruner::threadEntry(void* pruner) {
+  static_cast<DiskCachePruner*>(pruner)->run();
+  return nullptr;
+}
+
+void DiskCachePruner::run() {
+  DC_LOG(LogLevel::Info, "cache: entering pruner thread");
+  while (!m_stop) {
+    unsigned long minutes = getRegistryValue<unsigned long>(TIMEOUT_KEY, DEFAULT_TIMEOUT, 0,
+                                                            std::numeric_limits<unsigned long>::max());
+    minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
+    DC_LOG(LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
+    m_wakeup.wait(minutes * 60000);
+    if (m_stop) break;
+    if (const int rc = m_diskCache.refreshCacheUtilizationData(); rc != 0) {
+      DC_LOG(LogLevel::Error, "Error %d getting current cache utilization", rc);
+    }
+    if (!m_diskCache.isOverHighWatermark()) continue;
+    PrunerError result = PrunerError::GoOn;
+    while (result == PrunerError::GoOn) {
+      try {
+        result = deletePrunableSegments();
+      } catch (...) {  // memory ran out in mid-walk: the next wake-up tries again
+        failWithException(RM_CODE_LOCATION);
+        break;
+      }
+      if (result == PrunerError::Exhausted) DC_LOG(LogLevel::Segment, "no more pruning candidates");
+      if (result == PrunerError::Done) DC_LOG(LogLevel::Segment, "pruning success");
+    }
+  }
+  DC_LOG(LogLevel::Info, "cache: exiting pruner thread");
+}
+
+PrunerError DiskCachePruner::deletePrunableSegments() {
+  DC_LOG(LogLevel::Segment, "deleting prunable segments");
+  std::vector<VolIndex> volumes;
+  {
+    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
+    for (const auto& [index, volume] : m_diskCache.m_volumes) {
+      if (!volume.dir.empty()) volumes.push_back(index);
+    }
+  }
+  shuffle(volumes);
+  for (const VolIndex volume : volumes) {
+    if (deletePrunableSegsInVol(volume) == PrunerError::Done) return PrunerError::Done;
+  }
+  return PrunerError::Exhausted;
+}
+
+PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
+  DC_LOG(LogLevel::Segment, "pruning in vol %d", volume);
+  std::string root;
+  {
+    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
+    const auto found = m_diskCache.m_volumes.find(volume);
+    if (found == m_diskCache.m_volumes.end()) {
+      DC_LOG(LogLevel::Error, "Error: can't find volume %d", volume);
+      return PrunerError::BranchFailed;
+    }
+    root = found->second.dir;
+  }
+  std::vector<std::pair<std::string, PrunerCallback>> contexts;
+  {
+    const KxCriticalSectionLock lock(&m_diskCache.m_contextsLock);
+    for (const auto& [dir, context] : m_diskCache.m_contexts)
+      contexts.emplace_back(dir, context.prunerCallback);
+  }
+  shuffle(contexts);
+  for (const auto& [dir, callback] : contexts) {
+    if (deletePrunableSegsInDir(join(root, dir, '/'), dir, callback) == PrunerError::Done)
+      return PrunerError::Done;
+  }
+  return PrunerError::Exhausted;
+}
+
+PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, const std::string& dir,
+                                                     const PrunerCallback& callback) {
+  DC_LOG(LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), dir.c_str());
+  {
+    Directory entries(path);
+    if (entries.error() != 0) {
+      DC_LOG(LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
+      return PrunerError::GoOn;
+    }
+    std::string full = join(path, "", '/');
+    const size_t front = full.size();
+    while (entries.next()) {
+      full.resize(front);
+      full += entries.name();
+      struct stat status {};
+      errno = 0;
+      if (lstat(full.c_str(), &status) != 0) {
+        const int error = errno;
+        DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
+        return PrunerError::BranchFailed;
+      }
+      const PrunerError result = S_ISDIR(status.st_mode) ? deletePrunableSegsInDir(full, dir, callback)
+                                                         : pruneSegment(full, entries.name(), dir, callback);
+      if (result == PrunerError::Done || result == PrunerError::Exhausted || m_stop) return result;
+    }
+  }
+  if (rmdir(path.c_str()) == 0) DC_LOG(LogLevel::Segment, "removed directory [%s]", path.c_str());
+  return PrunerError::GoOn;
+}
+
+PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::string& guid,
+                                          const std::string& dir, const PrunerCallback& callback) {
+  DC_LOG(LogLevel::Segment, "pruning [%s] [%s] [%s]", path.c_str(), guid.c_str(), dir.c_str());
+  if (m_stop) return PrunerError::Done;
+  if (!m_diskCache.isOverLowWatermark()) {
+    DC_LOG(LogLevel::Segment, "reached low watermark");
+    return PrunerError::Done;
+  }
+  if (m_diskCache.IsSegmentOpened(guid)) {
+    DC_LOG(LogLevel::Segment, "File is opened. cannot prune [%s]", path.c_str());
+    return PrunerError::GoOn;
+  }
+  if (m_diskCache.m_lru->isInLru(guid, false)) {
+    DC_LOG(LogLevel::Segment, "File is in LRU. cannot prune [%s]", path.c_str());
+    return PrunerError::GoOn;
+  }
+  DC_LOG(LogLevel::Segment, "pruning [%s] [%s]", guid.c_str(), path.c_str());
+  try {
+    if (callback) callback(dir, path, guid);  // its answer does not matter: the watermark tells
+  } catch (...) {
+    DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
+  }
+  m_diskCache.m_stats.numPruned++;  // also without a callback
+  return PrunerError::GoOn;
+}
+
+int getDirList(std::vector<std::string>& out, const std::string& dir) {
+  Directory entries(dir);
+  if (entries.error() != 0) {
+    DC_LOG(LogLevel::Error, "Error: can't open directory %s (%d)", dir.c_str(), entries.error());
+    return entries.error();
+  }
+  while (entries.next()) {
+    const std::string name = entries.name();
+    if (name == "noprune") continue;
+    const std::string path = join(dir, name, '/');
+    struct stat status {};
+    errno = 0;
+    if (lstat(path.c_str(), &status) != 0) {
+      const int error = errno != 0 ? errno : EIO;
+      DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", path.c_str(), error);
+      return error;
+    }
+    if (S_ISDIR(status.st_mode)) out.push_back(name);
+  }
+  return 0;
+}
+
+void dumpList(const std::list<std::string>& list) {
+  for (const std::string& text : list) std::cout << text << std::endl;
+}
+
+}  // namespace ObjectStore
