@@ -36,9 +36,9 @@ void appendSegmentPath(std::string& root, std::string_view dir, std::string_view
 }
 
 bool isUsableGuid(std::string_view guid) {
-  using namespace std::string_view_literals;
   if (guid.empty() || guid == "." || guid == "..") return false;
-  if (guid.find_first_of("/\0"sv) != std::string_view::npos) return false;
+  // Two searches for one character each: the library's search for a set costs a call a character.
+  if (guid.find('/') != std::string_view::npos || guid.find('\0') != std::string_view::npos) return false;
   // A level ".." would lead out of the context's directory.
   return guidLevel(guid, 0) != ".." && guidLevel(guid, 1) != "..";
 }
