@@ -247,7 +247,8 @@ int main(int argc, char** argv) {
   require(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
   const std::unique_ptr<std::string, void (*)(std::string*)> removed(
       &pattern, [](std::string* dir) { std::filesystem::remove_all(*dir); });
-  std::cout.rdbuf(std::cerr.rdbuf());  // the library's diagnostics do not belong into the table
+  // The library prints diagnostics when an engine begins and ends; they do not belong into the table.
+  std::streambuf* const table = std::cout.rdbuf(std::cerr.rdbuf());
   Bench bench(pattern);
   if (argc == 4 && std::string(argv[2]) == "--one") return runOne(bench, argv[3]);
 
@@ -256,6 +257,8 @@ int main(int argc, char** argv) {
   ++argv;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  std::cout.rdbuf(table);
   benchmark::RunSpecifiedBenchmarks();
+  std::cout.rdbuf(std::cerr.rdbuf());
   return 0;
 }
