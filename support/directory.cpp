@@ -19,9 +19,12 @@ Directory::~Directory() {
 }
 
 bool Directory::next() {
+  if (!m_stream) return false;
   do {
-    m_entry = m_stream ? readdir(m_stream) : nullptr;  // of a stream of its own: safe beside other threads
+    errno = 0;
+    m_entry = readdir(m_stream);  // of a stream of its own: safe beside other threads
   } while (m_entry && (std::strcmp(m_entry->d_name, ".") == 0 || std::strcmp(m_entry->d_name, "..") == 0));
+  if (!m_entry) m_error = errno;
   return m_entry != nullptr;
 }
 

@@ -15,9 +15,9 @@ class Directory {
   Directory(const Directory&) = delete;
   Directory& operator=(const Directory&) = delete;
 
-  // 0, or why the directory could not be opened; next() is then false.
+  // 0, or why the directory could not be opened or, once next() was false, why it ended early.
   int error() const { return m_error; }
-  // Goes on to the next entry; false at the end.
+  // Goes on to the next entry; false at the end and after an error.
   bool next();
   // The entry's name; valid until the next call of next().
   const char* name() const { return m_entry->d_name; }

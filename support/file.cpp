@@ -1,6 +1,5 @@
 #include "support/file.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -11,6 +10,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+#include <vector>
+
+#include "support/directory.h"
 
 namespace ObjectStore {
 
@@ -60,9 +62,9 @@ int copyRange(int in, int out, off_t offset, off_t length) {
     if (got <= 0) return got < 0 ? lastError() : EIO;
     errno = 0;
     const ssize_t put = pwrite(out, buffer.data(), static_cast<size_t>(got), writeAt);
-    if (put != got) return lastError();
-    readAt += got;
-    writeAt += got;
+    if (put <= 0) return lastError();
+    readAt += put;
+    writeAt += put;
   }
   return 0;
 }
@@ -102,9 +104,11 @@ int copyToTemporary(const std::string& source, const std::string& temporary) {
   if (fstat(in.fd, &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return EINVAL;
   errno = 0;
-  const Descriptor out(createFresh(temporary, status.st_mode & 0777));
-  if (out.fd < 0) return lastError();
-  const int rc = copyContents(in.fd, out.fd, status.st_size);
+  const int out = createFresh(temporary, status.st_mode & 0777);
+  if (out < 0) return lastError();
+  int rc = copyContents(in.fd, out, status.st_size);
+  errno = 0;
+  if (close(out) != 0 && rc == 0) rc = lastError();  // some file systems only now know that they are full
   if (rc != 0) unlink(temporary.c_str());
   return rc;
 }
@@ -182,12 +186,15 @@ int rmTree(const std::string& dir) {
   if (lstat(top.c_str(), &status) != 0) return lastError();
   if (!S_ISDIR(status.st_mode)) return ENOTDIR;
 
-  std::error_code error;
-  for (std::filesystem::directory_iterator it(top, error), none; !error && it != none; it.increment(error)) {
-    std::filesystem::remove_all(it->path(), error);
-    if (error) break;
+  std::vector<std::string> names;
+  Directory entries(top);
+  while (entries.next()) names.emplace_back(entries.name());
+  if (entries.error() != 0) return entries.error();
+  for (const std::string& entry : names) {
+    std::error_code error;
+    std::filesystem::remove_all(join(top, entry, '/'), error);
+    if (error) return failureNumber(error.value());
   }
-  if (error) return failureNumber(error.value());
   errno = 0;
   if (rmdir(top.c_str()) != 0 && errno != EBUSY) return lastError();
   return 0;
@@ -206,6 +213,7 @@ int readWholeFile(const std::string& path, std::string& content) {
   struct stat status {};
   if (fstat(file.fd, &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return EINVAL;
+  if (static_cast<uint64_t>(status.st_size) > MAX_WHOLE_FILE) return EFBIG;
   content.resize(static_cast<size_t>(status.st_size));
   size_t got = 0;
   while (got < content.size()) {

@@ -45,7 +45,8 @@ int rmTree(const std::string& dir);
 // A pointer's value as hexadecimal text, for log and status lines.
 std::string to_hexstring(const void* pointer);
 
-// The whole of a regular file, EINVAL for anything else. Never reads more than the file's size says.
+// The whole of a small regular file: EINVAL for anything else, EFBIG above MAX_WHOLE_FILE bytes.
+inline constexpr uint64_t MAX_WHOLE_FILE = uint64_t{16} << 20;
 int readWholeFile(const std::string& path, std::string& content);
 
 // Cuts the first line off `text` and returns it without its line feed.
@@ -69,8 +70,12 @@ struct RMFile {
   // The length of the file at `path` in bytes.
   static CZuError KXGetFileSize(const std::string& path, long long& size);
 
-  // Where KXCopyFile builds the copy of `target`; left behind only by a crash, and replaced by the next copy.
-  static std::string temporaryCopyName(const std::string& target) { return target + ".copying"; }
+  // KXCopyFile builds its copy under the target's name and this; left behind only by a crash, and replaced by
+  // the next copy.
+  static constexpr std::string_view COPY_SUFFIX = ".copying";
+  static std::string temporaryCopyName(const std::string& target) {
+    return target + std::string(COPY_SUFFIX);
+  }
 };
 
 }  // namespace ObjectStore

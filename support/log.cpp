@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <new>
 #include <stdexcept>
@@ -112,21 +113,23 @@ void FileLogWriter::write(int level, const char* operation, int line, int /*rese
   vsnprintf(text.data(), text.size(), format, args);
   va_end(args);
 
-  std::string out(front.data());
-  for (const char* p = text.data(); *p; ++p) {
+  // On the stack, so that a line about failed memory needs none; what does not fit is cut.
+  std::array<char, 16384> out;
+  size_t used = strnlen(front.data(), front.size());
+  memcpy(out.data(), front.data(), used);
+  constexpr size_t widest = sizeof("\\xNN");
+  for (const char* p = text.data(); *p && used + widest < out.size(); ++p) {
     const auto c = static_cast<unsigned char>(*p);
     if (c >= 0x20 && c != 0x7f) {
-      out += *p;
+      out[used++] = *p;
     } else {
-      std::array<char, 8> escape;
-      snprintf(escape.data(), escape.size(), "\\x%02x", c);
-      out += escape.data();
+      used += static_cast<size_t>(snprintf(&out[used], widest, "\\x%02x", c));
     }
   }
-  out += '\n';
+  out[used++] = '\n';
   // One write a line, so that lines of several threads and processes never mix. A log that cannot be
   // written has nowhere to say so.
-  [[maybe_unused]] const ssize_t written = ::write(m_fd, out.data(), out.size());
+  [[maybe_unused]] const ssize_t written = ::write(m_fd, out.data(), used);
   errno = savedErrno;
 }
 

@@ -3,7 +3,7 @@
 //
 // The hosting process sets g_ptrLogWriter before it makes an engine and leaves it until the last one is
 // gone; null means that nothing is logged. Every thread of the library writes without a lock of the
-// cache's, so a writer must be safe for that.
+// cache's, so a writer must be safe for that. It must not throw.
 #pragma once
 
 #include <atomic>

@@ -100,7 +100,11 @@ void ThrdPerfCounter::StopPerfCounter(const char* /*name*/, int id, int /*reserv
   uint64_t max = total.maxNs.load(std::memory_order_relaxed);
   while (elapsed > max && !total.maxNs.compare_exchange_weak(max, elapsed, std::memory_order_relaxed)) {
   }
-  if (m_logEachStop.load(std::memory_order_relaxed)) _LogPerfCounters("For All The Files", -1);
+  if (!m_logEachStop.load(std::memory_order_relaxed)) return;
+  try {
+    _LogPerfCounters("For All The Files", -1);
+  } catch (const std::bad_alloc&) {  // no reason to end a read that went well
+  }
 }
 
 std::vector<ThrdPerfCounter::Row> ThrdPerfCounter::table() const {
