@@ -249,7 +249,8 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,
                           const std::vector<Section>& sections, bool sync);
   CZuError resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                           ForceDiskLoc force, const RMCodeLocation& where);
+                           ForceDiskLoc force, OpenSegmentInfo& segment, const RMCodeLocation& where)
+      DC_REQUIRES(segment.lock);
   CZuError updateSegment(int fd, const std::string& path, VolIndex volume,
                          const std::vector<Section>& sections, OpenSegmentInfo& segment)
       DC_REQUIRES(segment.lock);

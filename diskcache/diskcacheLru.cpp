@@ -66,8 +66,12 @@ void DiskcacheLRU::insertFront(const guid_t& guid, VolIndex vol, const std::stri
 }
 
 CZuError DiskcacheLRU::pruneFromBack() {
-  // A callback that adds to the list must not be asked again while it decides.
-  for (uint64_t i = 0; !m_pruning && i < m_numEntries.value() && !m_lruList.empty(); ++i) {
+  const auto outOfSpace = [] {
+    DC_LOG(LogLevel::Segment, "lru out of space");
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
+  };
+  if (m_pruning) return outOfSpace();  // a callback that adds to the list is not asked again while it decides
+  for (uint64_t i = 0; i < m_numEntries.value() && !m_lruList.empty(); ++i) {
     const LruInfo oldest = m_lruList.back();  // the callback may change the list
     const bool givenUp = askClient(oldest);
     const auto entry = m_lruMap.find(oldest.guid);
@@ -77,11 +81,7 @@ CZuError DiskcacheLRU::pruneFromBack() {
       return {};
     }
     if (entry != m_lruMap.end()) moveToFront(entry->second);
-    if (m_numEntries.value() >= m_maxLruEntries) break;
-  }
-  if (m_pruning || m_numEntries.value() >= m_maxLruEntries) {
-    DC_LOG(LogLevel::Segment, "lru out of space");
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
+    if (m_numEntries.value() >= m_maxLruEntries) return outOfSpace();
   }
   return {};
 }

@@ -4,11 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "diskcache/diskcache.h"
@@ -23,11 +24,8 @@ namespace ObjectStore {
 
 namespace {
 
-// A name that a line of the file "migrate" cannot hold.
-bool isUnstorable(const std::string& dir) {
-  using namespace std::string_view_literals;
-  return dir.find_first_of("\n\0"sv) != std::string::npos;
-}
+// Files of a copy that was cut short by a crash; never segments.
+bool isLeftoverCopy(std::string_view name) { return name.ends_with(RMFile::COPY_SUFFIX); }
 
 // Whether copying `source` into `destination` would copy the copy.
 bool isSameOrBelow(const std::string& destination, const std::string& source) {
@@ -43,10 +41,17 @@ bool isSameOrBelow(const std::string& destination, const std::string& source) {
 // Worker `t` of four takes the entries first to last. Starts are rounded down from n * t / 4 and lengths from
 // n / 4, so that some entries fall between two workers and are not copied when n is no multiple of 4: clients
 // count on this division (docs/operations.md tells operators what it leaves behind).
-std::pair<int, int> chunkOf(int64_t n, int64_t t) {
-  const int64_t first = n * t / NUM_THREADS;
-  const int64_t last = t == NUM_THREADS - 1 ? n - 1 : first + n / NUM_THREADS - 1;
-  return {static_cast<int>(first), static_cast<int>(last)};
+std::pair<int, int> chunkOf(size_t n, size_t t) {
+  const auto first = static_cast<int>(n * t / NUM_THREADS);
+  const auto length = static_cast<int>(n / NUM_THREADS);
+  return {first, t == NUM_THREADS - 1 ? static_cast<int>(n) - 1 : first + length - 1};
+}
+
+// Success, or why a directory ended early: what was not listed would be missing after the switch.
+CZuError listed(const Directory& entries, const std::string& dir, const RMCodeLocation& where) {
+  if (entries.error() == 0) return {};
+  return failAt(where, LogLevel::Error, entries.error(), "Error: can't read directory [%s] (%d)", dir.c_str(),
+                entries.error());
 }
 
 }  // namespace
@@ -59,7 +64,8 @@ int DiskCacheMigrator::init(MigrationCB callback) {
   m_callback = callback;
   std::string content;
   const int rc = readWholeFile(migrateFilePath(), content);
-  if (rc != 0 && rc != EINVAL) return 0;  // none there; EINVAL: something there that is no file
+  // None there; but something that is no file, or far too large for one, makes no sense either.
+  if (rc != 0 && rc != EINVAL && rc != EFBIG) return 0;
   std::string_view rest = content;
   const std::string index(takeLine(rest));
   const std::string source(takeLine(rest));
@@ -85,6 +91,13 @@ int DiskCacheMigrator::migrate(VolIndex vol, const std::string& src, const std::
   const KxCriticalSectionLock starting(&m_startLock);
   if (m_inProgress) return refuse();
 
+  const bool persistent = m_diskCache.m_persistentVolumes == PersistentVolumes::Yes;
+  if (vol == 0 || src.empty() || dst.empty() || !isStorableLine(src) || !isStorableLine(dst) ||
+      (persistent && !isStorableVolume(dst))) {
+    DC_LOG(LogLevel::Error, "Error: can't migrate volume %d from [%s] to [%s]", vol, src.c_str(),
+           dst.c_str());
+    return EINVAL;
+  }
   for (KXThread& thread : m_threads) thread.joinThread(KXThread::WAIT_FOREVER, nullptr);
   m_threads.clear();
   m_entries.clear();
@@ -95,7 +108,7 @@ int DiskCacheMigrator::migrate(VolIndex vol, const std::string& src, const std::
     m_callbackCalled = false;
   }
   const auto job = std::make_shared<const Job>(Job{vol, src, dst});
-  if (isUnstorable(src) || isUnstorable(dst) || !writeMigrateFile(*job)) {
+  if (!writeMigrateFile(*job)) {
     DC_LOG(LogLevel::Error, "Error: Can't open migrate file");
     return EINVAL;
   }
@@ -130,16 +143,25 @@ bool DiskCacheMigrator::writeMigrateFile(const Job& job) {
 
 void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job) {
   m_numJobs = NUM_THREADS;
-  DC_LOG(LogLevel::Segment, "m_numJobs = %llu", static_cast<unsigned long long>(m_numJobs.value()));
+  DC_LOG(LogLevel::Segment, "m_numJobs = %llu", static_cast<unsigned long long>(m_numJobs.load()));
   m_threads.resize(NUM_THREADS);
+  std::array<std::unique_ptr<MigratorThreadArgs>, NUM_THREADS> workers;
+  for (auto& worker : workers) worker.reset(new MigratorThreadArgs{this, job, 0, -1});
   publish(job);
-  // Work that began under the old paths ends before the first file is copied, so that none of it is missed.
-  m_diskCache.waitForSegmentWork();
-  for (int t = 0; t < NUM_THREADS; ++t) {
-    const auto [first, last] = chunkOf(static_cast<int64_t>(m_entries.size()), t);
-    auto args = std::make_unique<MigratorThreadArgs>(MigratorThreadArgs{this, job, first, last});
-    if (m_threads[static_cast<size_t>(t)].createThread(threadEntry, args.get())) {
-      (void)args.release();  // the worker's from here on
+  try {
+    // Work that began under the old paths ends before the first file is copied, and what it has made is
+    // listed, so that none of it is missed.
+    m_diskCache.waitForSegmentWork();
+    m_entries.clear();
+    const CZuError error = getDirEntries(m_entries, job->src);
+    if (error.IsError()) recordError(RMErrorUtil::GetErrNo(error));
+  } catch (...) {
+    recordError(RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION)));
+  }
+  for (size_t t = 0; t < workers.size(); ++t) {
+    std::tie(workers[t]->first, workers[t]->last) = chunkOf(m_entries.size(), t);
+    if (m_threads[t].createThread(threadEntry, workers[t].get())) {
+      (void)workers[t].release();  // the worker's from here on
       continue;
     }
     recordError(EINVAL);
@@ -171,7 +193,7 @@ void DiskCacheMigrator::migrationThreadFn(const Job& job, int first, int last) {
   }
   workerEnded(job);
   DC_LOG(LogLevel::Info, "cache: exiting migration thread numJobs=%llu",
-         static_cast<unsigned long long>(m_numJobs.value()));
+         static_cast<unsigned long long>(m_numJobs.load()));
 }
 
 // The first error is the migration's; it stops every worker at its next directory entry.
@@ -182,7 +204,7 @@ void DiskCacheMigrator::recordError(int error) {
 }
 
 void DiskCacheMigrator::workerEnded(const Job& job) {
-  if (m_numJobs-- != 1) return;
+  if (m_numJobs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   DC_LOG(LogLevel::Info, "cache: migration finished");
   if (m_error == 0) switchVolume(job);
   callCallback(m_error, job.src, job.dst);
@@ -230,12 +252,12 @@ CZuError DiskCacheMigrator::getDirEntries(std::vector<std::string>& out, const s
     struct stat status {};
     errno = 0;
     if (lstat(path.c_str(), &status) != 0) {
-      const int error = errno;
+      const int error = errno != 0 ? errno : EIO;
       return DC_FAIL(LogLevel::Error, error, "Error: can't stat [%s] (%d)", path.c_str(), error);
     }
     if (S_ISDIR(status.st_mode)) out.emplace_back(entries.name());
   }
-  return {};
+  return listed(entries, dir, RM_CODE_LOCATION);
 }
 
 int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
@@ -246,11 +268,15 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
     return entries.error();
   }
   bool destinationMade = false;
+  const auto stopped = [&] {
+    const bool stop = m_stop;
+    if (stop) entries.leaveOpen();  // meant
+    return stop;
+  };
+  if (stopped()) return EINTR;  // also of an empty directory
   while (entries.next()) {
-    if (m_stop) {
-      entries.leaveOpen();  // meant
-      return EINTR;
-    }
+    if (stopped()) return EINTR;
+    if (isLeftoverCopy(entries.name())) continue;
     const std::string s = join(src, entries.name(), '/');
     const std::string d = join(dst, entries.name(), '/');
     struct stat status {};
@@ -272,7 +298,7 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
     const int rc = isDirectory ? copyDir(s, d) : copySegment(entries.name(), s, d);
     if (rc != 0) return rc;
   }
-  return 0;
+  return RMErrorUtil::GetErrNo(listed(entries, src, RM_CODE_LOCATION));
 }
 
 // Under the segment's lock from the existence test to the end of the copy: whoever changes the segment
@@ -308,6 +334,11 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob() {
   return m_job;
 }
 
+bool DiskCacheMigrator::isMigrating(VolIndex vol) {
+  const auto job = runningJob();
+  return job && job->vol == vol;
+}
+
 std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir) {
   const auto job = runningJob();
   if (!job || job->vol != vol) return m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
@@ -321,6 +352,14 @@ std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const s
 std::string DiskCacheMigrator::rootForNew(const guid_t& guid, VolIndex vol, const std::string& dir) {
   const auto job = runningJob();
   return job && job->vol == vol ? job->dst : m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+}
+
+void DiskCacheMigrator::removeSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir) {
+  const auto job = runningJob();
+  if (!job || job->vol != vol) return;
+  std::string path = job->src;
+  appendSegmentPath(path, dir, guid);
+  unlink(path.c_str());  // most often it is gone already
 }
 
 std::string DiskCacheMigrator::guidToPath(const guid_t& guid, VolIndex vol, const std::string& dir) {

@@ -45,6 +45,10 @@ class DiskCacheMigrator {
   std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir);
   // The root for a file that must still be there after the switch: the destination of a running migration.
   std::string rootForNew(const guid_t& guid, VolIndex vol, const std::string& dir);
+  // Removes a copy that a running migration has left at the source, for a segment that was deleted or moved at
+  // the destination: it must not come back.
+  void removeSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
+  bool isMigrating(VolIndex vol);
   // Changes whenever a root may: at the start and the end of a migration.
   uint32_t generation() const { return m_generation.load(std::memory_order_acquire); }
 
@@ -94,7 +98,7 @@ class DiskCacheMigrator {
   std::atomic<uint32_t> m_generation{0};
   RelaxedAtomic<bool> m_stop{false};
   std::atomic<int> m_error{0};
-  KxAtomicU64_t m_numJobs;
+  std::atomic<uint64_t> m_numJobs{0};  // its last decrement sees what every worker did
 
   KxCriticalSection m_migrateLock;
   bool m_callbackCalled DC_GUARDED_BY(m_migrateLock) = false;

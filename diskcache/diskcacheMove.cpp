@@ -131,7 +131,9 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
     unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
   }
-  return moveFile(source, target, RM_CODE_LOCATION);
+  const CZuError error = moveFile(source, target, RM_CODE_LOCATION);
+  if (!error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, ctx.nonprunableDir);
+  return error;
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

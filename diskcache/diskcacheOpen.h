@@ -38,6 +38,19 @@ class AutoOpenSegment {
   bool m_open = false;
 };
 
+// Counts its owner as a writer that overwrites payload in place. Made and destroyed with the segment's lock
+// held; between the two the lock may be given up.
+class InPlaceWriter {
+ public:
+  explicit InPlaceWriter(OpenSegmentInfo& segment) : m_segment(segment) { ++m_segment.inPlaceWriters; }
+  ~InPlaceWriter() { --m_segment.inPlaceWriters; }
+  InPlaceWriter(const InPlaceWriter&) = delete;
+  InPlaceWriter& operator=(const InPlaceWriter&) = delete;
+
+ private:
+  OpenSegmentInfo& m_segment;
+};
+
 // Waits, with the segment's lock held, until no writer is overwriting payload in place: such a writer has
 // given the lock up, and a copy made now could hold half of its bytes.
 void waitForInPlaceWriters(OpenSegmentInfo& segment) DC_REQUIRES(segment.lock);

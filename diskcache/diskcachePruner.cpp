@@ -37,6 +37,7 @@ void shuffle(std::vector<T>& items) {
 
 int DiskCachePruner::init() {
   m_startTime = std::time(nullptr);
+  m_stop = false;
   if (m_thread.createThread(threadEntry, this)) return 0;
   DC_LOG(LogLevel::Error, "Error: Can't create pruner thread: %s", m_thread.getLastError().c_str());
   return EINVAL;
@@ -87,9 +88,7 @@ PrunerError DiskCachePruner::deletePrunableSegments() {
   std::vector<VolIndex> volumes;
   {
     const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-    for (const auto& [index, volume] : m_diskCache.m_volumes) {
-      if (!volume.dir.empty()) volumes.push_back(index);
-    }
+    for (const auto& [index, volume] : m_diskCache.m_volumes) volumes.push_back(index);
   }
   shuffle(volumes);
   for (const VolIndex volume : volumes) {
@@ -110,6 +109,7 @@ PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
     }
     root = found->second.dir;
   }
+  if (root.empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
   std::vector<std::pair<std::string, PrunerCallback>> contexts;
   {
     const KxCriticalSectionLock lock(&m_diskCache.m_contextsLock);

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <optional>
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheMigrator.h"
@@ -25,9 +26,11 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
-  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
+  OpenSegmentInfo& segment = *open.getSegInfo();
+  const KxCriticalSectionLock lock(&segment.lock);
   std::string path;
-  if (const CZuError error = resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, RM_CODE_LOCATION);
+  if (const CZuError error =
+          resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, segment, RM_CODE_LOCATION);
       error.IsError()) {
     return error;
   }
@@ -152,9 +155,21 @@ CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& gui
 // A copy that is not there is success. Recycling leaves the space counters alone.
 CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                                Recycle recycle) {
+  // While the volume is migrated both sides are cleared, under the lock that a copy of the segment holds: else
+  // the one would bring the other back.
+  std::optional<AutoOpenSegment> open;
+  std::optional<KxCriticalSectionLock> lock;
+  if (m_migrator->isMigrating(ctx.volume)) {
+    open.emplace(*this, guid);
+    if (!open->opened()) return open->error();
+    lock.emplace(&open->getSegInfo()->lock);
+  }
   const std::string path = guid2path(guid, ctx.volume, dir);
   if (!doesFileExist(path)) return {};
-  return recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
+  const CZuError error =
+      recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
+  if (open && !error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, dir);
+  return error;
 }
 
 // Below the root that the copy was found under: while a volume is migrated that may be either side.

@@ -30,12 +30,6 @@ uint64_t reserveOf(uint64_t total) {
   return static_cast<uint64_t>(reserve);
 }
 
-// A directory that the volume file could not give back.
-bool isUnstorable(const std::string& dir) {
-  using namespace std::string_view_literals;
-  return dir.find_first_of(",\n\0"sv) != std::string::npos;
-}
-
 }  // namespace
 
 int getCurrVolumeSize(Volume& volume) {
@@ -69,6 +63,15 @@ VolIndex getUnusedIndex(std::list<VolIndex>& used) {
   return index;
 }
 
+bool isStorableLine(const std::string& dir) {
+  using namespace std::string_view_literals;
+  return dir.find_first_of("\n\0"sv) == std::string::npos;
+}
+
+bool isStorableVolume(const std::string& dir) {
+  return isStorableLine(dir) && dir.find(',') == std::string::npos;
+}
+
 void strip(std::string& text) {
   while (!text.empty() && (text.back() == ' ' || text.back() == '\n')) text.pop_back();
 }
@@ -83,7 +86,7 @@ void printFreeSpaceList(const std::list<Volume*>& volumes) {
 int DiskCache::initVolumes(const std::vector<std::string>& dirs) try {
   const KxCriticalSectionLock lock(&m_volumeLock);
   const bool persistent = m_persistentVolumes == PersistentVolumes::Yes;
-  if (persistent && std::any_of(dirs.begin(), dirs.end(), isUnstorable)) {
+  if (persistent && !std::all_of(dirs.begin(), dirs.end(), isStorableVolume)) {
     DC_LOG(LogLevel::Error, "Error: volume name with ',' or a line feed can't be stored");
     return EINVAL;
   }

@@ -23,6 +23,10 @@ int getCurrVolumeSize(Volume& volume);
 // lowest gap once 65535 is taken; 0 when every index is.
 VolIndex getUnusedIndex(std::list<VolIndex>& used);
 
+// Whether the file "volume_info" could give a directory back; whether any file of lines could.
+bool isStorableVolume(const std::string& dir);
+bool isStorableLine(const std::string& dir);
+
 // Removes blanks and line feeds at the end.
 void strip(std::string& text);
 

@@ -153,7 +153,8 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
   const KxCriticalSectionLock lock(&segment.lock);
   // The path is resolved under the lock, so that a migration cannot move the file on.
   std::string path;
-  if (const CZuError error = resolveForWrite(path, ctx, guid, force, RM_CODE_LOCATION); error.IsError())
+  if (const CZuError error = resolveForWrite(path, ctx, guid, force, segment, RM_CODE_LOCATION);
+      error.IsError())
     return error;
   DC_LOG(LogLevel::Segment, "writing to [%s]", path.c_str());
 
@@ -177,12 +178,14 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
 }
 
 CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                                    ForceDiskLoc force, const RMCodeLocation& where) {
+                                    ForceDiskLoc force, OpenSegmentInfo& segment,
+                                    const RMCodeLocation& where) {
   if (!ctx.useNonPrunableDir || force == ForceDiskLoc::Prunable) {
     path = guid2path(guid, ctx.volume, ctx.dir);
   } else if (!ctx.moveOnWrite && force != ForceDiskLoc::NonPrunable) {
     path = getOverriddenSegment(ctx, guid);
   } else {
+    waitForInPlaceWriters(segment);
     if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
       return pushAndLog(error, where, "Error: can't copy override");
     }
@@ -213,9 +216,8 @@ CZuError DiskCache::updateSegment(int fd, const std::string& path, VolIndex volu
     }
     CZuError error;
     if (found) {
-      ++segment.inPlaceWriters;
+      const InPlaceWriter counted(segment);
       error = modifySection(fd, sections[i], offset, segment.lock);
-      --segment.inPlaceWriters;
     } else {
       error = appendSection(fd, volume, sections[i]);
     }
