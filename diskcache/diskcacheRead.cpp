@@ -26,11 +26,13 @@ struct StreamCloser {
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
 // Whether a record's payload can be in the file, so that a damaged length costs no giant allocation. The
-// size is asked for again when the last answer is too small: a writer may have appended since.
-bool payloadFits(int fd, uint64_t recordOffset, uint64_t length, uint64_t& fileSize) {
+// size is asked for again when the last answer is too small: a writer may have appended since. `error` is set
+// when the size cannot be had.
+bool payloadFits(int fd, uint64_t recordOffset, uint64_t length, uint64_t& fileSize, int& error) {
   if (length > std::numeric_limits<uint32_t>::max()) return false;
   const uint64_t end = offsetSum(offsetSum(recordOffset, SECTION_DESC_SIZE), length);
-  return end <= fileSize || (getFileSize(&fileSize, nullptr, fd) == 0 && end <= fileSize);
+  if (end > fileSize) error = getFileSize(&fileSize, nullptr, fd);
+  return end <= fileSize;
 }
 
 // The records that the header points at, in file order.
@@ -179,7 +181,7 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
     }
     size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
     int readError = 0;
-    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize)) {
+    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize, readError)) {
       std::vector<unsigned char>& data = sections[j].data;
       data.resize(front.len);
       const auto result = timedCall(__func__, PERF_DISK_READ,
@@ -237,7 +239,7 @@ CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_
   }
   Transfer payload{0, 0};
   uint64_t fileSize = 0;
-  if (payloadFits(file.fd(), off, front.len, fileSize)) {
+  if (payloadFits(file.fd(), off, front.len, fileSize, payload.error)) {
     data.resize(front.len);
     payload = readAt(__func__, file.fd(), data.data(), front.len, offsetSum(off, SECTION_DESC_SIZE));
   }
