@@ -169,6 +169,12 @@ std::string DiskCache::guid2path(const guid_t& guid, VolIndex volume, const std:
   return m_migrator->guidToPath(guid, volume, dir);
 }
 
+std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir) {
+  std::string path = m_migrator->rootFor(guid, volume, dir);
+  if (!path.empty()) appendSegmentPath(path, dir, guid);
+  return path;
+}
+
 std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
   std::string root;
   const KxCriticalSectionLock lock(&m_volumeLock);

@@ -12,7 +12,8 @@
 // Errors: segment operations return a CZuError that carries a system error number; volume operations return
 // that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before a
 // failure is undone unless said otherwise. In every segment operation an identifier that could leave its
-// directory is EINVAL (see guid_t), a volume that is not known is ENOENT, and failed memory is ENOMEM.
+// directory is EINVAL (see guid_t), a volume that is not known holds no segment and takes none (ENOENT), and
+// failed memory is ENOMEM.
 //
 // The engine owns its threads, locks and files; buffers, contexts and identifiers stay the caller's.
 #pragma once
@@ -213,6 +214,9 @@ class DISKCACHE_EXPORT DiskCache {
   friend struct DiskCacheTestAccess;
 
   // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp)
+  // guid2path for the operations: "", which no file can have, on a volume that is not known, so that none looks
+  // into the process's working directory
+  std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
   std::string volumeRoot(VolIndex volume, size_t room);
   Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
   int initVolumes(const std::vector<std::string>& dirs);

@@ -18,10 +18,10 @@ namespace ObjectStore {
 std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid) {
   if (!isUsableGuid(guid)) return {};
   if (ctx.useNonPrunableDir) {
-    std::string path = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+    std::string path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
     if (doesFileExist(path)) return path;
   }
-  return guid2path(guid, ctx.volume, ctx.dir);
+  return segmentPath(guid, ctx.volume, ctx.dir);
 }
 
 CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move) try {
@@ -32,14 +32,13 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     DC_LOG(LogLevel::Segment, "useNonPrunableDir is false for [%s]", guid.c_str());
     return {};
   }
-  const std::string source = guid2path(guid, ctx.volume, ctx.dir);
+  const std::string source = segmentPath(guid, ctx.volume, ctx.dir);
   if (!doesFileExist(source)) {
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
   const std::string root = m_migrator->rootFor(guid, ctx.volume, ctx.nonprunableDir);
-  std::string directory = root;
-  appendSegmentDir(directory, ctx.nonprunableDir, guid);
+  const std::string directory = segmentDir(root, ctx.nonprunableDir, guid);
   if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
   const std::string target = join(directory, guid, '/');
   if (doesFileExist(target)) {
@@ -117,14 +116,13 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
   waitForInPlaceWriters(segment);
-  const std::string source = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+  const std::string source = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
   if (!doesFileExist(source)) {
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
   const std::string root = m_migrator->rootForNew(guid, ctx.volume, ctx.dir);
-  std::string directory = root;
-  appendSegmentDir(directory, ctx.dir, guid);
+  const std::string directory = segmentDir(root, ctx.dir, guid);
   if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
   const std::string target = join(directory, guid, '/');
   if (doesFileExist(target)) {

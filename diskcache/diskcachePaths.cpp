@@ -15,6 +15,11 @@ std::string_view guidLevel(std::string_view guid, size_t level) {
   return (level + 1) * width > guid.size() ? std::string_view() : guid.substr(level * width, width);
 }
 
+void appendSegmentDir(std::string& root, std::string_view dir, std::string_view guid) {
+  if (!dir.empty()) appendPath(root, dir);
+  appendGuidDir(root, guid);
+}
+
 }  // namespace
 
 void appendGuidDir(std::string& path, std::string_view guid) {
@@ -25,9 +30,12 @@ void appendGuidDir(std::string& path, std::string_view guid) {
   }
 }
 
-void appendSegmentDir(std::string& root, std::string_view dir, std::string_view guid) {
-  if (!dir.empty()) appendPath(root, dir);
-  appendGuidDir(root, guid);
+std::string segmentDir(const std::string& root, std::string_view dir, std::string_view guid) {
+  std::string path;
+  path.reserve(root.size() + segmentPathRoom(dir, guid));
+  path = root;
+  appendSegmentDir(path, dir, guid);
+  return path;
 }
 
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid) {

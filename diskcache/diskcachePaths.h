@@ -20,8 +20,10 @@ inline size_t segmentPathRoom(std::string_view dir, std::string_view guid) {
 // Appends the two directory levels of an identifier to a path; fewer for one of less than four characters.
 void appendGuidDir(std::string& path, std::string_view guid);
 
-// Turns a root into the path of the directory that holds a segment, and that into the segment's path.
-void appendSegmentDir(std::string& root, std::string_view dir, std::string_view guid);
+// The directory that holds a segment.
+std::string segmentDir(const std::string& root, std::string_view dir, std::string_view guid);
+
+// Turns a root into a segment's path.
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid);
 
 // Whether an identifier names a file below its context's directory and nothing else.

@@ -284,13 +284,13 @@ CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, 
 bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (checkGuid(guid, RM_CODE_LOCATION).IsError()) return false;
   if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
-    const std::string path = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+    const std::string path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
     if (doesFileExist(path)) {
       DC_LOG(LogLevel::Segment, "[%s] exists", path.c_str());
       return true;
     }
   }
-  const std::string path = guid2path(guid, ctx.volume, ctx.dir);
+  const std::string path = segmentPath(guid, ctx.volume, ctx.dir);
   const bool exists = doesFileExist(path);
   DC_LOG(LogLevel::Segment, exists ? "[%s] exists" : "[%s] does not exist", path.c_str());
   return exists;

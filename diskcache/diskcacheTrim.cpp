@@ -28,6 +28,7 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
+  waitForInPlaceWriters(segment);  // one that goes on after the cut would record its old length
   std::string path;
   if (const CZuError error =
           resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, segment, RM_CODE_LOCATION);
@@ -123,9 +124,9 @@ CZuError DiskCache::syncSegment(const DiskCacheContext& ctx, const guid_t& guid)
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: sync segment [%s] vol=%d", guid.c_str(), ctx.volume);
   if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
-  const CZuError regular = syncFname(guid2path(guid, ctx.volume, ctx.dir));
+  const CZuError regular = syncFname(segmentPath(guid, ctx.volume, ctx.dir));
   CZuError override;  // without a second place it counts as synced
-  if (ctx.useNonPrunableDir) override = syncFname(guid2path(guid, ctx.volume, ctx.nonprunableDir));
+  if (ctx.useNonPrunableDir) override = syncFname(segmentPath(guid, ctx.volume, ctx.nonprunableDir));
 
   if (!regular.IsError() && !override.IsError()) return {};
   if (!RMErrorUtil::IsErrNo(regular, ENOENT)) return regular;
@@ -164,7 +165,7 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
     if (!open->opened()) return open->error();
     lock.emplace(&open->getSegInfo()->lock);
   }
-  const std::string path = guid2path(guid, ctx.volume, dir);
+  const std::string path = segmentPath(guid, ctx.volume, dir);
   if (!doesFileExist(path)) return {};
   const CZuError error =
       recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);

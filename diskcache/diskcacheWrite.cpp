@@ -22,14 +22,6 @@ int levelOf(const CZuError& error) {
   return RMErrorUtil::IsErrNo(error, ENOSPC) ? LogLevel::NoSpace : LogLevel::Error;
 }
 
-std::string segmentDir(const std::string& root, const std::string& dir, const guid_t& guid) {
-  std::string path;
-  path.reserve(root.size() + segmentPathRoom(dir, guid));
-  path = root;
-  appendSegmentDir(path, dir, guid);
-  return path;
-}
-
 }  // namespace
 
 CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid,
@@ -181,7 +173,7 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
                                     ForceDiskLoc force, OpenSegmentInfo& segment,
                                     const RMCodeLocation& where) {
   if (!ctx.useNonPrunableDir || force == ForceDiskLoc::Prunable) {
-    path = guid2path(guid, ctx.volume, ctx.dir);
+    path = segmentPath(guid, ctx.volume, ctx.dir);
   } else if (!ctx.moveOnWrite && force != ForceDiskLoc::NonPrunable) {
     path = getOverriddenSegment(ctx, guid);
   } else {
@@ -189,7 +181,7 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
     if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
       return pushAndLog(error, where, "Error: can't copy override");
     }
-    path = guid2path(guid, ctx.volume, ctx.nonprunableDir);
+    path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
   }
   return {};
 }

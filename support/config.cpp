@@ -119,6 +119,7 @@ int ConfigStore::loadFile(const std::string& path, std::string& error) {
       read.emplace_back(section, trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)));
     }
   }
+  const KxCriticalSectionLock lock(&store().lock);  // a lookup sees all of the file or nothing
   for (const auto& [inSection, name, value] : read) set(inSection, name, value);
   return 0;
 }

@@ -53,9 +53,10 @@ int copyRange(int in, int out, off_t offset, off_t length) {
   while (readAt < end) {
     const ssize_t moved = copy_file_range(in, &readAt, out, &writeAt, static_cast<size_t>(end - readAt), 0);
     if (moved > 0) continue;
-    if (moved == 0) return EIO;  // the source was cut while it was copied
-    if (errno == EINTR) continue;
-    if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return lastError();
+    if (moved < 0 && errno == EINTR) continue;
+    const bool unsupported = errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP;
+    if (moved < 0 && !unsupported) return lastError();
+    // Some file systems say with a 0 that they cannot; a read tells that from a source that was cut.
     std::array<char, 64 * 1024> buffer;
     const auto wanted = static_cast<size_t>(std::min<off_t>(end - readAt, static_cast<off_t>(buffer.size())));
     const ssize_t got = pread(in, buffer.data(), wanted, readAt);
@@ -95,9 +96,16 @@ int createFresh(const std::string& path, mode_t mode) {
   return open(path.c_str(), flags, mode);
 }
 
+// Does not block: a FIFO in the source's place must be refused, not waited for. Another user's file may be
+// read, but not without its access time.
+int openSource(const std::string& path) {
+  constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags | O_NOATIME);
+  return fd >= 0 || errno != EPERM ? fd : open(path.c_str(), flags);
+}
+
 int copyToTemporary(const std::string& source, const std::string& temporary) {
-  // Not blocking: a FIFO in the source's place must be refused, not waited for.
-  const Descriptor in(open(source.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  const Descriptor in(openSource(source));
   if (in.fd < 0) return errno == ELOOP ? EINVAL : lastError();
   struct stat status {};
   errno = 0;
