@@ -1,0 +1,41 @@
+# What an installation holds: the public headers, the library, the tool, and what CMake and pkg-config need to
+# find them. Every path in it is relative, so that it may be moved.
+include(CMakePackageConfigHelpers)
+
+set(publicHeaders
+  diskcache/diskcache.h
+  diskcache/diskcacheTypes.h
+  diskcache/segmentFormat.h
+  support/atomicCounter.h
+  support/config.h
+  support/error.h
+  support/export.h
+  support/lock.h
+  support/log.h
+  support/perfCounters.h
+  support/threadAnnotations.h)
+set(headerDir ${CMAKE_INSTALL_INCLUDEDIR}/diskcache-${PROJECT_VERSION_MAJOR})
+foreach(header IN LISTS publicHeaders)
+  cmake_path(GET header PARENT_PATH folder)
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${headerDir}/${folder})
+endforeach()
+
+install(TARGETS diskcache EXPORT diskcacheTargets)
+if(DISKCACHE_BUILD_TOOLS)
+  file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(diskcachectl PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
+  install(TARGETS diskcachectl)
+endif()
+
+set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)
+configure_package_config_file(cmake/diskcacheConfig.cmake.in ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake
+                              INSTALL_DESTINATION ${packageDir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/diskcacheConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(EXPORT diskcacheTargets NAMESPACE diskcache:: DESTINATION ${packageDir})
+install(FILES ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake ${PROJECT_BINARY_DIR}/diskcacheConfigVersion.cmake
+        DESTINATION ${packageDir})
+
+file(RELATIVE_PATH pkgconfigToPrefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" pkgconfigToPrefix ${pkgconfigToPrefix})
+configure_file(cmake/diskcache.pc.in ${PROJECT_BINARY_DIR}/diskcache.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/diskcache.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
