@@ -1,0 +1,76 @@
+// diskcachectl: the operator's tool for disk caches.
+#include <fmt/core.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "commands.h"
+#include "failure.h"
+
+#ifndef DISKCACHE_VERSION
+#define DISKCACHE_VERSION "(unversioned build)"
+#endif
+
+namespace diskcachectl {
+namespace {
+
+// One line on standard error, whatever the text holds.
+int fail(ExitStatus status, std::string_view text) {
+  std::string line(text.substr(0, text.find_last_not_of(" \n") + 1));
+  for (char& c : line) {
+    if (static_cast<unsigned char>(c) < ' ') c = ' ';
+  }
+  fmt::print(stderr, "diskcachectl: {}\n", line);
+  return static_cast<int>(status);
+}
+
+// Ends a parse that stopped: by --help or --version with success, otherwise as wrong usage.
+int finishParse(const CLI::App& program, const CLI::ParseError& stop) {
+  if (stop.get_exit_code() != 0) {
+    return fail(ExitStatus::BadInput, fmt::format("{} (see --help)", stop.what()));
+  }
+  std::ostringstream text;
+  program.exit(stop, text, text);
+  fmt::print("{}", text.str());
+  return 0;
+}
+
+int run(int argc, char** argv) {
+  CLI::App program("Looks into disk caches and works on them.", "diskcachectl");
+  program.set_version_flag("--version", "diskcachectl " DISKCACHE_VERSION);
+  program.require_subcommand(1);
+  program.failure_message([](const CLI::App*, const CLI::Error& error) { return std::string(error.what()); });
+  addReplay(program);
+
+  int status = 0;
+  try {
+    program.parse(argc, argv);
+  } catch (const CLI::ParseError& stop) {
+    status = finishParse(program, stop);
+  } catch (const Failure& failure) {
+    status = fail(failure.status(), failure.what());
+  }
+  if (std::fflush(stdout) != 0 && status == 0)
+    return fail(ExitStatus::Error, "cannot write to standard output");
+  return status;
+}
+
+}  // namespace
+}  // namespace diskcachectl
+
+int main(int argc, char** argv) {
+  // The library prints diagnostics to this stream; the tool's own output goes around it.
+  std::cout.rdbuf(nullptr);
+  try {
+    return diskcachectl::run(argc, argv);
+  } catch (const std::exception& error) {
+    return diskcachectl::fail(diskcachectl::ExitStatus::Error, error.what());
+  }
+}

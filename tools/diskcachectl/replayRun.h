@@ -1,0 +1,23 @@
+// Carries a workload's requests out against a cache.
+#pragma once
+
+#include <cstdint>
+
+#include "cacheClient.h"
+#include "report.h"
+#include "workload.h"
+
+namespace diskcachectl {
+
+struct RunSettings {
+  uint64_t requests = 0;
+  unsigned threads = 1;
+  bool verify = true;  // compare the bytes of every hit with the origin's
+};
+
+// Every thread takes the next request until there is none; the first error ends the run and is thrown. A hit's
+// latency is the cache's read; a miss's is all that a client waits for: the question, the fetch from the
+// origin and the write.
+Tally runReplay(const Workload& workload, CacheClient& cache, const RunSettings& settings);
+
+}  // namespace diskcachectl
