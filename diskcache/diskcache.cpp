@@ -83,7 +83,10 @@ CZuError DiskCache::clearCache() try {
       return DC_FAIL(LogLevel::Error, rc, "Error: can't remove tree [%s] (%d)", volume.dir.c_str(), rc);
     }
     // The directories are made anew, so that the engine goes on with empty volumes.
-    createDir(join(volume.dir, RECYCLE_DIR, '/'));
+    const std::string recycleDir = join(volume.dir, RECYCLE_DIR, '/');
+    if (const int rc = createDir(recycleDir); rc != 0) {
+      return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", recycleDir.c_str(), rc);
+    }
     uint64_t freeBytes = 0;
     if (getFreeBytes(&freeBytes, nullptr, volume.dir) == 0) volume.free = static_cast<int64_t>(freeBytes);
     refreshCacheUtilizationData();

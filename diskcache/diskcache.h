@@ -150,7 +150,7 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid);
   // What markDirty does, for a caller that serialises access to the segment itself.
   CZuError copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move);
-  // The path of the copy to use; "" for an identifier that is refused.
+  // The path of the copy to use; "" for an identifier that is refused or a volume that is not known.
   std::string getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid);
   // Succeeds and does nothing.
   CZuError setSparseFileAttribute(const DiskCacheContext& ctx, const guid_t& guid);
