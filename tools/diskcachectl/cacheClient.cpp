@@ -52,7 +52,7 @@ CacheClient::CacheClient(const CacheSettings& settings)
   }
   m_isInherited = topDirectories(m_volumeDirs).contains(CONTEXT_DIR);
   const CZuError error = m_cache.init(settings.root, m_volumeDirs, NEVER, NEVER, NEVER, settings.maxEntries,
-                                      nullptr, settings.mode);
+                                      VolumeMove::CALLBACK, settings.mode);
   if (error.IsError()) fail(settings.root, error);
 
   // The volume file may know further volumes, of which this run uses none.
@@ -61,6 +61,7 @@ CacheClient::CacheClient(const CacheSettings& settings)
   for (const Volume& volume : volumes) {
     if (volume.allow) m_volumes.push_back(volume.index);
   }
+  if (m_volumes.empty()) throw Failure(ExitStatus::Error, settings.root + ": the cache has no volume");
   if (settings.budget) setWatermarks(*settings.budget);
   registerContexts(settings.mode == PruningMode::Lru);
 }
@@ -201,6 +202,17 @@ bool CacheClient::giveUp(const std::string& id) {
   }
   return isGone;
 }
+
+void CacheClient::startMove(const std::string& destination) {
+  std::vector<Volume> volumes;
+  m_cache.getVolumeStats(volumes);
+  for (const Volume& volume : volumes) {
+    if (volume.index == m_volumes.front()) m_move.emplace(m_cache, volume, destination);
+  }
+  m_move->start();
+}
+
+void CacheClient::finishMove() { m_move->finish(); }
 
 std::map<std::string, std::string> CacheClient::status() {
   std::map<std::string, std::string> values;

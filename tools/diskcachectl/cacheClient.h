@@ -10,6 +10,7 @@
 
 #include "diskcache/diskcache.h"
 #include "segmentMap.h"
+#include "volumeMove.h"
 
 namespace diskcachectl {
 
@@ -54,6 +55,11 @@ class CacheClient {
   // Failure on any error but a lack of space.
   Stored write(const std::string& id, const SegmentMap::Known& known, std::vector<unsigned char>& bytes);
 
+  // Moves the first volume to another directory while the work goes on. Both throw a Failure with what the
+  // cache says; finishMove() waits for the end.
+  void startMove(const std::string& destination);
+  void finishMove();
+
   // How many segments the cache made this client give up.
   uint64_t pruned() const { return m_pruned; }
   std::map<std::string, std::string> status();
@@ -75,7 +81,8 @@ class CacheClient {
   bool m_isInherited = false;  // the volumes held segments at the start
   SegmentMap m_segments;
   std::atomic<uint64_t> m_pruned{0};
-  ObjectStore::DiskCache m_cache;  // last: its threads call back until it is gone
+  ObjectStore::DiskCache m_cache;  // after all that its threads' callbacks use
+  std::optional<VolumeMove> m_move;
 };
 
 }  // namespace diskcachectl

@@ -186,6 +186,9 @@ void addReplay(CLI::App& program) {
       ->check(range(1, 1024))
       ->capture_default_str();
 
+  add("--migrate-to", options->run.moveVolumeTo, "DIR",
+      "Move the first volume to DIR while the second half of the requests goes on");
+
   add("--mode", options->mode, "lru|random", "Whether least recently used or random segments make room")
       ->check(CLI::IsMember({"lru", "random"}).description(""))
       ->capture_default_str();

@@ -40,6 +40,7 @@ class Replay {
       showProgress();
     }
     if (m_error) std::rethrow_exception(m_error);
+    if (isMoving()) m_cache.finishMove();
 
     Tally total;
     for (const Tally& tally : m_tallies) total.merge(tally);
@@ -51,6 +52,8 @@ class Replay {
     std::vector<unsigned char> cached;
     std::vector<unsigned char> origin;
   };
+
+  bool isMoving() const { return !m_settings.moveVolumeTo.empty(); }
 
   void showProgress() {
     Progress progress("replay", m_settings.requests);
@@ -64,6 +67,7 @@ class Replay {
     try {
       Buffers buffers;
       for (uint64_t n = 0; !m_stop && (n = m_next++) < m_settings.requests;) {
+        if (isMoving() && n == m_settings.requests / 2) m_cache.startMove(m_settings.moveVolumeTo);
         serve(m_workload.request(n), buffers, tally);
       }
     } catch (...) {

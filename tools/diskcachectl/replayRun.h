@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "cacheClient.h"
 #include "report.h"
@@ -12,7 +13,8 @@ namespace diskcachectl {
 struct RunSettings {
   uint64_t requests = 0;
   unsigned threads = 1;
-  bool verify = true;  // compare the bytes of every hit with the origin's
+  bool verify = true;        // compare the bytes of every hit with the origin's
+  std::string moveVolumeTo;  // where the first volume goes half-way through; empty: nowhere
 };
 
 // Every thread takes the next request until there is none; the first error ends the run and is thrown. A hit's
