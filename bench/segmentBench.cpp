@@ -99,7 +99,8 @@ class Floor {
 
   void remove(const Place& place) const {
     struct stat status {};
-    if (access(place.path.c_str(), F_OK) == 0 && stat(place.path.c_str(), &status) == 0) unlink(place.path.c_str());
+    if (access(place.path.c_str(), F_OK) == 0 && stat(place.path.c_str(), &status) == 0)
+      unlink(place.path.c_str());
   }
 
  private:
@@ -110,8 +111,8 @@ class Floor {
 class Bench {
  public:
   explicit Bench(const std::string& dir) : m_floor(dir + "/floor"), m_cache(PersistentVolumes::No) {
-    const auto error =
-        m_cache.init(dir + "/root", {dir + "/volume"}, 1000, 1000, 1000, 1'000'000, nullptr, PruningMode::Lru);
+    const auto error = m_cache.init(dir + "/root", {dir + "/volume"}, 1000, 1000, 1000, 1'000'000, nullptr,
+                                    PruningMode::Lru);
     require(!error.IsError(), "init");
     m_ctx.dir = "bench";
     m_cache.registerContext(m_ctx);
@@ -137,7 +138,8 @@ class Bench {
   void cacheCreate(size_t i) {
     m_section[0].data = m_payload.data();
     m_section[0].len = m_payload.size();
-    require(!m_cache.createSegment(m_ctx, m_guids[i], m_section, false, false, false).IsError(), "createSegment");
+    require(!m_cache.createSegment(m_ctx, m_guids[i], m_section, false, false, false).IsError(),
+            "createSegment");
   }
   void cacheRead(size_t i, bool touch = false) {
     m_section[0].data = m_buffer.data();
@@ -194,8 +196,9 @@ void run(benchmark::State& state, Bench& bench, size_t bytes, const Round& round
 }
 
 void add(const std::string& name, Bench& bench, size_t bytes, const Round& round) {
-  benchmark::RegisterBenchmark((name + '/' + std::to_string(bytes)).c_str(),
-                               [&bench, bytes, round](benchmark::State& state) { run(state, bench, bytes, round); })
+  benchmark::RegisterBenchmark(
+      (name + '/' + std::to_string(bytes)).c_str(),
+      [&bench, bytes, round](benchmark::State& state) { run(state, bench, bytes, round); })
       ->UseManualTime()
       ->Iterations(1)
       ->Repetitions(ROUNDS)
