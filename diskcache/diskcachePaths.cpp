@@ -20,6 +20,10 @@ void appendSegmentDir(std::string& root, std::string_view dir, std::string_view 
   appendGuidDir(root, guid);
 }
 
+CZuError refuse(const guid_t& guid, const RMCodeLocation& where) {
+  return failAt(where, LogLevel::Error, EINVAL, "Error: invalid segment identifier [%s]", guid.c_str());
+}
+
 }  // namespace
 
 void appendGuidDir(std::string& path, std::string_view guid) {
@@ -52,8 +56,11 @@ bool isUsableGuid(std::string_view guid) {
 }
 
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where) {
-  if (isUsableGuid(guid)) return {};
-  return failAt(where, LogLevel::Error, EINVAL, "Error: invalid segment identifier [%s]", guid.c_str());
+  return isUsableGuid(guid) ? CZuError() : refuse(guid, where);
+}
+
+CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where) {
+  return guid.ends_with(RMFile::COPY_SUFFIX) ? refuse(guid, where) : checkGuid(guid, where);
 }
 
 CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where) {

@@ -32,6 +32,9 @@ bool isUsableGuid(std::string_view guid);
 // Success, or EINVAL with a log line for an identifier that is not usable.
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
 
+// The same for the identifier of a new segment: one that ends like an unfinished copy would be taken for that.
+CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where);
+
 // createDir for a segment's directory. ENOENT below the empty root of a volume that is not known: nothing is
 // ever made in the process's working directory. Failures are logged for the caller.
 CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where);

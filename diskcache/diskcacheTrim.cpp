@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <optional>
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheMigrator.h"
@@ -156,20 +155,23 @@ CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& gui
 // A copy that is not there is success. Recycling leaves the space counters alone.
 CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                                Recycle recycle) {
-  // While the volume is migrated both sides are cleared, under the lock that a copy of the segment holds: else
-  // the one would bring the other back.
-  std::optional<AutoOpenSegment> open;
-  std::optional<KxCriticalSectionLock> lock;
-  if (m_migrator->isMigrating(ctx.volume)) {
-    open.emplace(*this, guid);
-    if (!open->opened()) return open->error();
-    lock.emplace(&open->getSegInfo()->lock);
+  const auto remove = [&]() -> CZuError {
+    const std::string path = segmentPath(guid, ctx.volume, dir);
+    if (!doesFileExist(path)) return {};
+    return recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
+  };
+  const uint32_t generation = m_migrator->generation();
+  if (!m_migrator->isMigrating(ctx.volume)) {
+    const CZuError error = remove();
+    if (error.IsError() || generation == m_migrator->generation()) return error;
   }
-  const std::string path = segmentPath(guid, ctx.volume, dir);
-  if (!doesFileExist(path)) return {};
-  const CZuError error =
-      recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
-  if (open && !error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, dir);
+  // The volume is being migrated, or began to be in between: both sides are cleared, under the lock that a copy of
+  // the segment holds, else the one would bring the other back.
+  AutoOpenSegment open(*this, guid);
+  if (!open.opened()) return open.error();
+  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
+  const CZuError error = remove();
+  if (!error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, dir);
   return error;
 }
 

@@ -19,7 +19,8 @@
 namespace ObjectStore {
 
 // A segment's identifier; also its file's name. Never empty, without '/' and NUL, and with no directory
-// level ("..") among its first characters; its length is not checked.
+// level ("..") among its first characters; that of a new segment does not end in ".copying". Its length is
+// not checked.
 using guid_t = std::string;
 
 // The object store's identifier lengths in characters: whole, of an extent, and the least. The cache itself

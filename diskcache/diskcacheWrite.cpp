@@ -34,7 +34,7 @@ CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid
 CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
                                   const std::vector<Section>& sections, bool sync, bool nonPrune,
                                   bool /*spare*/) try {
-  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
          sections.size(), sync, nonPrune);
@@ -233,7 +233,7 @@ CZuError DiskCache::updateSegment(int fd, const std::string& path, VolIndex volu
 
 CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                    const std::vector<Section>& sections) try {
-  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: writing segment %s vol=%d secs=%lu", guid.c_str(), ctx.volume,
          sections.size());
   if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
