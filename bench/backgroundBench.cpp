@@ -1,9 +1,9 @@
-// What runs behind the clients, against what an operator would do by hand: moving a volume against `cp -r`, the
-// pruner's walk against a bare readdir and lstat loop.
+// What runs behind the clients, against what an operator would do by hand: moving a volume against `cp -r`,
+// the pruner's walk against a bare readdir and lstat loop.
 //
-// backgroundBench DIR [benchmark options]: works below DIR and removes what it made. Each round times both sides
-// right behind each other and reports `ratio`: for the migration its time over cp's, for the walk its files a
-// second over the bare loop's.
+// backgroundBench DIR [benchmark options]: works below DIR and removes what it made. Each round times both
+// sides right behind each other and reports `ratio`: for the migration its time over cp's, for the walk its
+// files a second over the bare loop's.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <sys/stat.h>
@@ -38,8 +38,8 @@ double secondsOf(Work&& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
-// Four top-level directories, so that every worker has one, each with 256 directories of about twenty files: what
-// a cache of a million segments looks like.
+// Four top-level directories, so that every worker has one, each with 256 directories of about twenty files:
+// what a cache of a million segments looks like.
 void makeVolume(const std::string& volume) {
   const std::string payload(FILE_BYTES, 'x');
   for (size_t i = 0; i < FILES; ++i) {

@@ -213,9 +213,8 @@ class DISKCACHE_EXPORT DiskCache {
   friend class DiskCachePruner;
   friend struct DiskCacheTestAccess;
 
-  // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp)
-  // guid2path for the operations: "", which no file can have, on a volume that is not known, so that none looks
-  // into the process's working directory
+  // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp). segmentPath is guid2path for the operations: "",
+  // which no file can have, on a volume that is not known, so that none looks into the working directory.
   std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
   std::string volumeRoot(VolIndex volume, size_t room);
   Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);

@@ -45,8 +45,8 @@ class DiskCacheMigrator {
   std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir);
   // The root for a file that must still be there after the switch: the destination of a running migration.
   std::string rootForNew(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // Removes a copy that a running migration has left at the source, for a segment that was deleted or moved at
-  // the destination: it must not come back.
+  // Removes a copy that a running migration has left at the source, for a segment that was deleted or moved
+  // at the destination: it must not come back.
   void removeSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
   bool isMigrating(VolIndex vol);
   // Changes whenever a root may: at the start and the end of a migration.

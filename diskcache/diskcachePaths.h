@@ -32,7 +32,8 @@ bool isUsableGuid(std::string_view guid);
 // Success, or EINVAL with a log line for an identifier that is not usable.
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
 
-// The same for the identifier of a new segment: one that ends like an unfinished copy would be taken for that.
+// The same for the identifier of a new segment: one that ends like an unfinished copy would be taken for
+// that.
 CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where);
 
 // createDir for a segment's directory. ENOENT below the empty root of a volume that is not known: nothing is

@@ -165,8 +165,8 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
     const CZuError error = remove();
     if (error.IsError() || generation == m_migrator->generation()) return error;
   }
-  // The volume is being migrated, or began to be in between: both sides are cleared, under the lock that a copy of
-  // the segment holds, else the one would bring the other back.
+  // The volume is being migrated, or began to be in between: both sides are cleared, under the lock that a
+  // copy of the segment holds, else the one would bring the other back.
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return open.error();
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);

@@ -34,7 +34,7 @@ step() {
 # build PRESET: configures and builds a preset.
 build() {
   step "configuring build/$1" cmake --preset "$1"
-  step "building build/$1" cmake --build --preset "$1"
+  step "building build/$1" cmake --build --preset "$1" -- --quiet
 }
 
 # Leaves out what passed: a failure must not be searched for.

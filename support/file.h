@@ -59,9 +59,9 @@ struct RMFile {
 
   static bool DoesFileExist(const std::string& path) { return doesFileExist(path); }
 
-  // Copies a regular file (anything else is EINVAL) with its mode less the umask; holes stay holes and the kernel moves the
-  // bytes. The target appears whole or not at all: the copy is made beside it under temporaryCopyName() and
-  // renamed over it. `flags` is 0.
+  // Copies a regular file (anything else is EINVAL) with its mode less the umask; holes stay holes and the
+  // kernel moves the bytes. The target appears whole or not at all: the copy is made beside it under
+  // temporaryCopyName() and renamed over it. `flags` is 0.
   static CZuError KXCopyFile(const std::string& source, const std::string& target, int flags);
 
   // Renames a file. Without MOVE_REPLACE_EXISTING an existing target is EEXIST.

@@ -34,7 +34,8 @@ struct File {
   throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", path, why));
 }
 
-// All regular files that can be the content of a section, in an order that does not depend on the file system.
+// All regular files that can be the content of a section, in an order that does not depend on the file
+// system.
 std::vector<File> listFiles(const std::string& dir, uint64_t& leftOut) {
   std::error_code error;
   fs::recursive_directory_iterator entry(dir, fs::directory_options::skip_permission_denied, error);

@@ -7,8 +7,8 @@
 
 namespace diskcachectl {
 
-// Shows only when standard error is a terminal and the work has taken more than a second; its line is wiped at
-// the end. Used by one thread.
+// Shows only when standard error is a terminal and the work has taken more than a second; its line is wiped
+// at the end. Used by one thread.
 class Progress {
  public:
   Progress(std::string what, uint64_t total);

@@ -17,9 +17,9 @@ struct RunSettings {
   std::string moveVolumeTo;  // where the first volume goes half-way through; empty: nowhere
 };
 
-// Every thread takes the next request until there is none; the first error ends the run and is thrown. A hit's
-// latency is the cache's read; a miss's is all that a client waits for: the question, the fetch from the
-// origin and the write.
+// Every thread takes the next request until there is none; the first error ends the run and is thrown. A
+// hit's latency is the cache's read; a miss's is all that a client waits for: the question, the fetch from
+// the origin and the write.
 Tally runReplay(const Workload& workload, CacheClient& cache, const RunSettings& settings);
 
 }  // namespace diskcachectl

@@ -12,8 +12,8 @@
 namespace diskcachectl {
 
 // One thread at a time makes or deletes a segment: it claims the identifier first, and the others leave that
-// segment alone meanwhile instead of waiting. The lock is held within an operation only, never while the cache
-// works, since the cache calls the client back with a lock of its own held.
+// segment alone meanwhile instead of waiting. The lock is held within an operation only, never while the
+// cache works, since the cache calls the client back with a lock of its own held.
 class SegmentMap {
  public:
   struct Entry {

@@ -91,8 +91,8 @@ class TraceWorkload : public Workload {
     return "";
   }
 
-  // The file of "ab" is ab/ab, which is also the directory of "abab" and all that begins so: a cache holds only
-  // one of them at a time.
+  // The file of "ab" is ab/ab, which is also the directory of "abab" and all that begins so: a cache holds
+  // only one of them at a time.
   std::string whyInTheWay(std::string_view id) {
     const std::string_view pair = id.substr(0, 2);
     bool isTaken = false;

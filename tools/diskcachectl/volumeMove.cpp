@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The engine divides a volume's directories among this many workers and leaves some behind when their number is
-// no multiple of it.
+// The engine divides a volume's directories among this many workers and leaves some behind when their number
+// is no multiple of it.
 constexpr size_t WORKERS = 4;
 constexpr const char* PAD_NAME = "moving";
 
