@@ -146,7 +146,8 @@ void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job) {
   DC_LOG(LogLevel::Segment, "m_numJobs = %llu", static_cast<unsigned long long>(m_numJobs.load()));
   m_threads.resize(NUM_THREADS);
   std::array<std::unique_ptr<MigratorThreadArgs>, NUM_THREADS> workers;
-  for (auto& worker : workers) worker.reset(new MigratorThreadArgs{this, job, 0, -1});
+  for (auto& worker : workers)
+    worker = std::make_unique<MigratorThreadArgs>(MigratorThreadArgs{this, job, 0, -1});
   publish(job);
   try {
     // Work that began under the old paths ends before the first file is copied, and what it has made is
