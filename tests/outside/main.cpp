@@ -39,7 +39,8 @@ int main(int argc, char** argv) {
   g_ptrLogWriter = std::make_shared<FileLogWriter>(LogLevel::Error);
 
   DiskCache cache(PersistentVolumes::No);
-  const CZuError started = cache.init(dir + "/root", {dir + "/volume"}, 100, 100, 100, 100, nullptr, PruningMode::Lru);
+  const CZuError started =
+      cache.init(dir + "/root", {dir + "/volume"}, 100, 100, 100, 100, nullptr, PruningMode::Lru);
   if (fails("init", started)) return 1;
   DiskCacheContext context;
   context.dir = "outside";

@@ -1,0 +1,139 @@
+// The engine's life, its contexts and paths, and what it refuses to take as a segment or a volume.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+using Texts = std::vector<std::string>;
+
+class DiskCacheTest : public EngineTest {
+ protected:
+  void TearDown() override { fs::current_path(m_here); }
+  // A new engine on two volumes; unlike start() it may fail, and registers nothing.
+  CZuError init() {
+    volumes = {dir / "vol1", dir / "vol2"};
+    cache = std::make_unique<DiskCache>(PersistentVolumes::Yes);
+    return cache->init(dir / "root", volumes, 1000, 900, 1001, 1000, nullptr, PruningMode::Lru);
+  }
+  const fs::path m_here = fs::current_path();
+};
+
+TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
+  start();
+  DiskCacheContext first = makeContext("d"), second = makeContext("d");
+  first.prunerCallback = [](auto&&...) { return true; };
+  for (DiskCacheContext* c : {&first, &second}) EXPECT_EQ(outcome(cache->registerContext(*c)), "success");
+  PrunerCallback found;
+  for (DiskCacheContext* c : {&second, &first}) {
+    EXPECT_EQ(outcome(cache->findPrunerCallback("d", found)), "success");
+    EXPECT_TRUE(found && found("", "", ""));
+    EXPECT_EQ(outcome(cache->unregisterContext(*c)), "success");
+  }
+  EXPECT_EQ(outcome(cache->unregisterContext(first)), "ENOENT");
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: dir [d] is not registered"});
+}
+
+// Nothing is undone: the volumes that were set up by then are there and in the rotation.
+TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
+  const std::string info = dir / "root/volume_info", vol1 = dir / "vol1";
+  const auto expect = [&](const std::string& call, size_t nth, int number, size_t inRotation, Texts lines) {
+    for (const char* name : {"root", "vol1", "vol2"}) fs::remove_all(dir / name);
+    FaultPlan plan;
+    plan.fail(call, nth, number);
+    const CZuError error = init();
+    EXPECT_EQ(outcome(error), call == "statvfs" ? "success" : outcome(number));
+    const std::string text = error.AsString();
+    EXPECT_EQ(text.starts_with("Error: Can't scan segments"), call == "opendir");
+    if (call == "opendir") lines.push_back(error.AsString(EErrorOutputFormat::Detailed) + ": " + text);
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), lines);
+    EXPECT_EQ(Access::rotation(*cache).size(), inRotation) << call;
+  };
+  expect("mkdir", 2, EROFS, 0, {"Error: Can't create [" + (dir / "root") + "] (30)"});
+  expect("open", 1, EACCES, 0,
+         {"Can't open " + info + " (13)", "Can't initialize volumes (13)", "Error: Can't init volumes (13)"});
+  expect("open", 2, EROFS, 2,
+         {"Can't open " + info + " (30)", "Can't save volume info (30)", "Error: Can't init volumes (30)"});
+  expect("statvfs", 1, EIO, 1,
+         {"Can't get free bytes " + vol1 + " (5)", "Error 5 getting volume size for " + vol1 + ", skipped"});
+  expect("opendir", 1, EACCES, 2,
+         {"Error: can't open directory [" + vol1 + "] (13)", "Error: Can't read root directories"});
+}
+
+TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
+  ASSERT_EQ(outcome(init()), "success");
+  const std::tuple<const char*, size_t, std::string> cases[] = {
+      {"rmdir", 1, "Error: can't remove tree [" + volumes[0] + "] (5)"},
+      {"mkdir", 5, "Error: Can't create [" + volumes[0] + "/recycle] (5)"}};
+  for (const auto& [call, nth, line] : cases) {
+    for (const char* guid : {"seg1", "seg2"}) put(guid, guid);  // one on each volume
+    ASSERT_EQ(cache->disableNewSegments(volumes[1]), 0);
+    FaultPlan plan;
+    plan.fail(call, nth, EIO);
+    EXPECT_EQ(outcome(cache->clearCache()), "EIO");
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{line});
+    EXPECT_EQ(Access::used(*cache), 0U);
+    EXPECT_EQ(get("seg2"), "seg2");
+    EXPECT_EQ(outcome(cache->clearCache()), "success");
+    for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
+    EXPECT_EQ(Access::rotation(*cache), (std::vector<VolIndex>{1, 2})) << "also one that was disabled";
+  }
+}
+
+// Without a root every path is one of the working directory: what lies there is not the cache's.
+TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
+  start();
+  ctx.useNonPrunableDir = true;
+  const std::string payload = "payload";
+  std::vector<Section> in{section(0, payload)}, out = in;
+  std::vector<SectionV> all;
+  std::vector<unsigned char> data;
+  uint64_t size = 0;
+  const auto tryAll = [&](const guid_t& guid) {
+    EXPECT_FALSE(cache->doesSegmentExist(ctx, guid));
+    EXPECT_EQ(cache->getOverriddenSegment(ctx, guid), "");
+    return Texts{outcome(cache->readCompleteSection(ctx, guid, 0, data)),
+                 outcome(cache->writeSections(ctx, guid, in, false, ForceDiskLoc::Default)),
+                 outcome(cache->replaceSegment(ctx, guid, in)),
+                 outcome(cache->readSections(ctx, guid, out, true)),
+                 outcome(cache->readAllSections(ctx, guid, all)),
+                 outcome(cache->getSectionSize(size, ctx, guid, 0, 0)),
+                 outcome(cache->truncateSection(ctx, guid, 0, 0, 1)),
+                 outcome(cache->syncSegment(ctx, guid)),
+                 outcome(cache->copyOverrideSegment(ctx, guid, false)),
+                 outcome(cache->markDirty(ctx, guid, true)),
+                 outcome(cache->moveToPrunable(ctx, guid)),
+                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::Yes)),
+                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::No)),
+                 outcome(create(guid, in))};  // last: it chooses a volume of its own
+  };
+  Texts unknown(8, "ENOENT");
+  unknown.insert(unknown.end(), 6, "success");
+  // None of these would lead out of the test's own directory if it were taken.
+  for (const guid_t& bad : {""s, "."s, ".."s, "/"s, "a/b"s, "/etc/x"s, "../x"s, "a\0b"s, "..ab"s, "ab.."s}) {
+    const FaultPlan plan;
+    EXPECT_EQ(tryAll(bad), Texts(14, "EINVAL")) << testing::PrintToString(bad);
+    EXPECT_EQ(plan.trace(), Texts{});
+  }
+  for (const guid_t& good : {"abcdef"s, "a"s, "a..b"s, "%s%n"s}) put(good, "text");
+  const std::string bytes = readFile(volumes[0] + "/ctx/ab/cd/abcdef");
+  fs::current_path(dir / "root");
+  for (const std::string file : {"ctx/uv/wx/uvwxyz", "noprune-ctx/uv/wx/uvwxyz"}) {  // one, then both
+    writeFile(file, bytes);
+    const Texts before = treeOf(".");
+    ctx.volume = 77;
+    EXPECT_EQ(tryAll("uvwxyz"), unknown);
+    ASSERT_EQ(treeOf("."), before);
+    EXPECT_EQ(readFile(file), bytes);
+    cache->deleteSegment(ctx, "uvwxyz", false, false, Recycle::No);  // what the creation made
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore

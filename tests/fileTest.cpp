@@ -1,0 +1,194 @@
+#include "support/file.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/support/faults.h"
+#include "tests/support/outcome.h"
+#include "tests/support/smallFileSystem.h"
+#include "tests/support/tempDir.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
+
+class FileTest : public ::testing::Test {
+ protected:
+  // What must not be followed or waited for.
+  void makeOddFiles() {
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    fs::create_directory(dir / "directory");
+    writeFile(dir / "outside/file", "precious");
+    fs::create_symlink(dir / "outside/file", dir / "link");
+    fs::create_directory_symlink(dir / "outside", dir / "dirlink");
+    fs::create_symlink(dir / "nowhere", dir / "dangling");
+  }
+  // A file of three stretches of data with 1 MiB of nothing between and behind them.
+  void makeSparse() {
+    constexpr long GAP = 1 << 20;
+    std::ofstream file(dir / "from");
+    for (long i = 0; i < 3; ++i) file.seekp(i * GAP) << std::string(70'000, static_cast<char>('a' + i));
+    file.close();
+    fs::resize_file(dir / "from", 3 * GAP);
+    fs::permissions(dir / "from", fs::perms::owner_all);
+    content = readFile(dir / "from");
+  }
+  std::string copy(const std::string& from = "from", const std::string& to = "to") {
+    return outcome(RMFile::KXCopyFile(dir / from, dir / to, 0));
+  }
+
+  TempDir dir;
+  std::string content;
+};
+
+TEST_F(FileTest, CreateDirMakesWhatIsMissing) {
+  makeOddFiles();
+  const std::pair<const char*, Names> cases[] = {
+      {"success", {dir / "x", dir / "a/b/c/", dir / "directory", dir / "dirlink", "/"}},
+      {"ENOTDIR", {dir / "link", dir / "outside/file", dir / "link/below"}},
+      {"EEXIST", {dir / "dangling"}},
+      {"ENOENT", {"", "/proc/none/such"}}};
+  for (const auto& [expected, paths] : cases) {
+    for (const std::string& path : paths) {
+      EXPECT_EQ(outcome(createDir(path)), expected) << path;
+      EXPECT_EQ(fs::is_directory(path), std::string(expected) == "success") << path;
+    }
+  }
+  EXPECT_EQ(fs::status(dir / "a/b").permissions(), fs::perms::owner_all);
+  FaultPlan plan;
+  plan.fail("mkdir", 2, ENOSPC);
+  EXPECT_EQ(outcome(createDir(dir / "full")), "ENOSPC");
+}
+
+// On a thread that takes the test's directory for the root: a missing refusal must not reach the machine.
+TEST_F(FileTest, RmTreeRefusesRootsAndDots) {
+  writeFile(dir / "kept/file", "x");
+  bool confined = false;
+  std::thread([&] {
+    confined = unshare(CLONE_FS) == 0 && chroot(dir.path().c_str()) == 0 && chdir("/") == 0;
+    if (!confined) return;
+    for (const char* refused : {"", "/", "//", ".", "..", "./", "kept/..", "/kept/.//"}) {
+      EXPECT_EQ(outcome(rmTree(refused)), "EINVAL") << refused;
+    }
+  }).join();
+  if (!confined) GTEST_SKIP() << "this process may not change its root";
+  EXPECT_EQ(treeOf(dir.path()), (Names{"kept/", "kept/file"}));
+}
+
+TEST_F(FileTest, RmTreeStaysInside) {
+  makeOddFiles();
+  for (const char* kept : {"dirlink", "dirlink/", "link", "dangling", "fifo"}) {
+    EXPECT_EQ(outcome(rmTree(dir / kept)), "ENOTDIR") << kept;
+  }
+  writeFile(dir / "tree/deep/er/file", "x");
+  fs::create_directory_symlink(dir / "outside", dir / "tree/deep/dirlink");
+  fs::rename(dir / "link", dir / "tree/link");
+  fs::rename(dir / "fifo", dir / "tree/fifo");
+  FaultPlan plan;
+  plan.fail("readdir", 2, EIO);  // a listing cut short must not pass for the whole
+  EXPECT_EQ(outcome(rmTree(dir / "tree")), "EIO");
+  EXPECT_EQ(outcome(rmTree(dir / "tree//")), "success");
+  EXPECT_EQ(treeOf(dir.path()), (Names{"dangling@", "directory/", "dirlink@", "outside/", "outside/file"}));
+}
+
+TEST_F(FileTest, RmTreeEmptiesAMountPoint) {
+  const SmallFileSystem small(1);
+  SKIP_WITHOUT(small);
+  writeFile(small / "a/b", "x");
+  EXPECT_EQ(outcome(rmTree(small.path())), "success");
+  EXPECT_EQ(treeOf(small.path()), Names{});
+}
+
+TEST_F(FileTest, WholeFilesAreReadAsFarAsTheyGo) {
+  makeOddFiles();
+  writeFile(dir / "huge", "");
+  fs::resize_file(dir / "huge", MAX_WHOLE_FILE + 1);
+  const std::pair<const char*, const char*> refused[] = {
+      {"fifo", "EINVAL"}, {"directory", "EINVAL"}, {"huge", "EFBIG"}, {"missing", "ENOENT"}};
+  for (const auto& [name, why] : refused) EXPECT_EQ(outcome(readWholeFile(dir / name, content)), why) << name;
+  FaultPlan plan;
+  plan.shortTransfer("read", 1, 1);
+  EXPECT_EQ(readWholeFile(dir / "outside/file", content), 0);
+  EXPECT_EQ(content, "precious");
+}
+
+TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
+  makeSparse();
+  const struct {
+    const char* call;
+    size_t nth;  // 0: every call
+    int errNo;   // 0: a short transfer
+    size_t bytes;
+    bool copied;
+  } cases[] = {{"open", 1, EPERM, 0, true},    // another user's file keeps no access time
+               {"lseek", 0, EINVAL, 0, true},  // a file system without holes
+               {"copy_file_range", 0, EXDEV, 0, true},
+               {"copy_file_range", 2, 0, 10, true},
+               {"copy_file_range", 2, 0, 0, true},
+               {"pread", 2, 0, 10, true},
+               {"pwrite", 2, 0, 10, true},
+               {"pread", 2, 0, 0, false},  // the source was cut
+               {"pwrite", 2, 0, 0, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.call << ' ' << c.errNo << ' ' << c.bytes);
+    writeFile(dir / "to", "old");
+    writeFile(RMFile::temporaryCopyName(dir / "to"), "left behind by a crash");
+    FaultPlan plan;
+    if (c.call[0] == 'p') plan.failAlways("copy_file_range", EXDEV);
+    c.errNo ? plan.fail(c.call, c.nth, c.errNo) : plan.shortTransfer(c.call, c.nth, c.bytes);
+    EXPECT_EQ(copy(), c.copied ? "success" : "EIO");
+    EXPECT_TRUE(readFile(dir / "to") == (c.copied ? content : "old"));
+    struct stat status {};
+    EXPECT_EQ(stat((dir / "to").c_str(), &status), 0);
+    EXPECT_TRUE(!c.copied || (status.st_mode & 0777) == 0700);
+    EXPECT_TRUE(c.errNo == EINVAL || status.st_blocks * 512 < 1 << 20) << "holes stay holes";
+    EXPECT_EQ(treeOf(dir.path()), (Names{"from", "to"}));
+  }
+}
+
+TEST_F(FileTest, CopiesAndMovesRefuseOddFiles) {
+  makeOddFiles();
+  for (const char* odd : {"fifo", "directory", "link", "dangling"}) EXPECT_EQ(copy(odd), "EINVAL") << odd;
+  EXPECT_EQ(copy("missing"), "ENOENT");
+  EXPECT_EQ(copy("outside/file", "directory"), "EISDIR");
+  EXPECT_EQ(outcome(RMFile::KXMoveFileEx(dir / "outside/file", dir / "dangling", 0)), "EEXIST");
+  EXPECT_EQ(treeOf(dir.path()).size(), 7U);
+}
+
+// Cuts a copy at each of its calls in turn: the target is the old file or the new, and nothing else stays.
+TEST_F(FileTest, CopiesArePublishedWholeOrNotAtAll) {
+  makeSparse();
+  const size_t descriptors = openDescriptors();
+  for (const bool inKernel : {true, false}) {
+    Names calls{"none"};
+    for (size_t nth = 0; nth < calls.size(); ++nth) {
+      if (!inKernel && calls[nth] == "copy_file_range") continue;  // fails as it is
+      SCOPED_TRACE(std::to_string(nth) + ' ' + calls[nth]);
+      writeFile(dir / "to", "old");
+      FaultPlan plan;
+      if (!inKernel) plan.failAlways("copy_file_range", EXDEV);
+      if (nth > 0) plan.fail(FaultPlan::ANY, nth, EIO);
+      // Nothing hangs on closing the source, which comes before the rename.
+      const bool succeeds = nth == 0 || nth + 2 == calls.size();
+      EXPECT_EQ(copy(), succeeds ? "success" : "EIO");
+      plan.clearFaults();
+      const Names made = plan.takeTrace();
+      if (nth == 0) calls.insert(calls.end(), made.begin(), made.end());
+      EXPECT_TRUE(readFile(dir / "to") == (succeeds ? content : "old"));
+      EXPECT_EQ(treeOf(dir.path()), (Names{"from", "to"}));
+    }
+    EXPECT_TRUE(calls.size() > 10 && openDescriptors() == descriptors);
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore

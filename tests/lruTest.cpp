@@ -1,0 +1,180 @@
+// The recency list and the start-up scan that fills it.
+#include "diskcache/diskcacheLru.h"
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <cerrno>
+#include <iostream>
+#include <random>
+#include <set>
+#include <sstream>
+
+#include "diskcache/diskcacheScan.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class LruTest : public EngineTest {
+ protected:
+  void startWith(const PrunerCallback& callback, PruningMode mode = PruningMode::Lru) {
+    EngineOptions options;
+    options.mode = mode;
+    options.prunerCallback = callback;
+    options.maxLruEntries = 5;
+    start(options);
+  }
+  DiskcacheLRU& list() { return Access::lru(*cache); }
+  CZuError add(const guid_t& guid) { return list().addToLru(guid, ctx.volume, ctx.dir); }
+  // The identifiers in a row, newest first.
+  std::string order() {
+    EXPECT_TRUE(list().CheckInvariants());
+    std::ostringstream printed;
+    std::streambuf* const before = std::cout.rdbuf(printed.rdbuf());
+    list().dumpLru();
+    std::cout.rdbuf(before);
+    std::string guids = printed.str().substr(printed.str().find('\n'));
+    std::erase(guids, '\n');
+    return guids;
+  }
+};
+
+TEST_F(LruTest, BehavesAsItsModel) {
+  const auto givesUp = [](const std::string& guid) { return guid != "a" && guid != "e"; };
+  for (const PruningMode mode : {PruningMode::Random, PruningMode::Lru}) {
+    startWith([&](auto&, auto&, auto& guid) { return givesUp(guid); }, mode);
+    log.setLevel(LogLevel::Error);
+    for (unsigned bound = 1; bound <= 8; ++bound) {
+      SCOPED_TRACE(testing::Message() << "mode " << static_cast<int>(mode) << ", bound " << bound);
+      list().clearLru();
+      list().init(bound);
+      std::mt19937 random(bound);
+      std::string model;  // newest first
+      uint64_t counter = 0;
+      for (int step = 0; step < 1000; ++step) {
+        const guid_t guid(1, "abcdefghijkl"[random() % 12]);
+        const size_t at = model.find(guid);
+        const bool known = at != model.npos;
+        const auto choice = random() % 100;
+        if (choice == 0) {
+          list().clearLru();
+          model.clear();
+          counter = 0;
+        } else if (choice < 20) {
+          list().removeFromLru(guid);
+          if (known) model.erase(at, 1), --counter;
+        } else if (choice < 50) {
+          const uint64_t hits = Access::stats(*cache).lruHits, misses = Access::stats(*cache).lruMisses;
+          const bool touch = choice < 35;
+          ASSERT_EQ(list().isInLru(guid, touch), known);
+          if (known && touch) model = guid + model.erase(at, 1);
+          ASSERT_EQ(Access::stats(*cache).lruHits - hits, known ? 1U : 0U);
+          ASSERT_EQ(Access::stats(*cache).lruMisses - misses, known ? 0U : 1U);
+        } else {
+          bool refused = false;
+          if (known) {
+            model.erase(at, 1);
+          } else if (counter++ >= bound && !model.empty()) {
+            const std::string oldest(1, model.back());
+            refused = mode == PruningMode::Lru && !givesUp(oldest);
+            model.pop_back();
+            if (refused) model = oldest + model;
+            if (mode == PruningMode::Lru) --counter;
+          }
+          ASSERT_EQ(outcome(add(guid)), refused ? "ENOSPC" : "success");
+          if (!refused) model = guid + model;
+        }
+        ASSERT_EQ(order(), model);
+        std::map<std::string, std::string> status;
+        list().getStatus(status);
+        ASSERT_EQ(status["DC.LRUEntriesCur"], std::to_string(counter));
+      }
+    }
+  }
+}
+
+TEST_F(LruTest, CallbacksMayFailOrComeBack) {
+  const auto add = [&](const char* guid) { return outcome(LruTest::add(guid)); };
+  const auto remove = [&](const guid_t& guid) { list().removeFromLru(guid); };
+  const auto touch = [&](const guid_t& guid) { return list().isInLru(guid, true); };
+  const struct {
+    const char* name;
+    PrunerCallback callback;
+    std::string outcome, order;  // of adding f to edcba
+  } cases[] = {
+      {"none", {}, "ENOSPC", "aedcb"},
+      {"gives up", [&](auto&, auto& path, auto&) { return path == pathOf("a"); }, "success", "fedcb"},
+      {"throws", [](auto&...) -> bool { throw 1; }, "ENOSPC", "aedcb"},
+      {"unregisters", [&](auto&...) { return !cache->unregisterContext(ctx).IsError(); }, "success", "fedcb"},
+      {"removes, refuses", [&](auto&, auto&, auto& guid) { return remove(guid), false; }, "success", "fed"},
+      {"adds another", [&](auto&...) { return add("g") == "success"; }, "ENOSPC", "aedcb"},
+      {"adds the same", [&](auto&...) { return remove("a"), add("f"), touch("c"); }, "success", "fcedb"},
+      {"clears", [&](auto&...) { return list().clearLru(), true; }, "success", "f"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    startWith(c.callback);
+    for (const char* guid : {"a", "b", "c", "d", "e"}) EXPECT_EQ(add(guid), "success");
+    EXPECT_EQ(add("f"), c.outcome);
+    EXPECT_EQ(order(), c.order);
+  }
+}
+
+TEST_F(LruTest, AnEntryTakesAtMost256Bytes) {
+  const auto heap = [] {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  const size_t empty = heap();
+  if (const std::vector<char> probe(1 << 20); heap() - empty < probe.size()) {
+    GTEST_SKIP() << "a sanitizer's allocator does not tell";
+  }
+  constexpr size_t COUNT = 100'000;
+  log.setLevel(LogLevel::Error);
+  startWith({});
+  list().init(COUNT);
+  const std::string rest(36, 'x');
+  const size_t before = heap();
+  for (size_t i = 0; i < COUNT; ++i) add(std::to_string(10'000'000 + i) + rest);
+  EXPECT_LE((heap() - before) / COUNT, 256U);
+}
+
+TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
+  for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol1/u"}) writeFile(dir.path() + file, "");
+  startWith({});
+  std::set<std::string> found;
+  ctx.prunerCallback = [&](auto&, auto& path, auto&) { return found.insert(path), false; };
+  for (const char* child : {"a", "recycle", "u"}) ctx.dir = child, cache->registerContext(ctx);
+  Texts children;
+  readChildren(children, volumes[0]);
+  const struct {
+    const char* call;
+    size_t nth, tag;
+    Texts failures;
+  } cases[] = {
+      {"", 0, 0, {}},
+      {"opendir", 2, 1, {"Error: can't open directory [" + volumes[0] + "] (5)"}},
+      {"stat", 1, 1, {"Error: can't stat [" + volumes[0] + '/' + children[0] + "] (5)"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.call);
+    list().clearLru();
+    list().init(3);
+    log.clear(), found.clear();
+    FaultPlan plan;
+    if (*c.call) plan.fail(c.call, c.nth, EIO);
+    EXPECT_EQ(outcome(Access::scanSegmentsIntoLru(*cache)), "success");
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
+    for (int i = 0; i < 3; ++i) list().addToLru("new", ctx.volume, ctx.dir);  // asks for each in turn
+    std::set<std::string> tagged;
+    for (const char* file : {"s", "t", "u"}) tagged.insert(cache->guid2path(file, 1, children[c.tag]));
+    EXPECT_EQ(found, tagged);
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore

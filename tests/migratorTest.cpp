@@ -1,0 +1,205 @@
+// The migration of a volume: what is copied, the file that tells of it, failures, and the segments meanwhile.
+#include "diskcache/diskcacheMigrator.h"
+
+#include <sys/stat.h>
+
+#include <future>
+
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
+class MigratorTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    log.setLevel(LogLevel::Copy);
+    s_ends.clear();
+    options.migrationCallback = [](int error, const std::string& from, const std::string& to) {
+      s_ends.push_back(outcome(error) + ' ' + from + ' ' + to);
+    };
+  }
+  // An engine whose volume has four top-level directories, so that all of them are copied.
+  void startWithFour() {
+    cache.reset();
+    for (const std::string& old : {dir / "vol1", target, file}) fs::remove_all(old);
+    start(options);
+    source = volumes[0];
+    for (const char* name : {"/noprune-ctx/f", "/spare/f"}) writeFile(source + name, "of the source");
+    put("kept", "the old text");
+    log.clear();
+  }
+  // How the migration ended, once its threads have too: every call of the callback.
+  Texts ends() {
+    log.waitFor("cache: migration finished");
+    Access::migrator(*cache).terminate();
+    return std::exchange(s_ends, {});
+  }
+  Texts ended(const std::string& how, const std::string& to) { return {how + ' ' + source + ' ' + to}; }
+  bool isSwitched() { return cache->guid2path("none", 1, "ctx").starts_with(target); }
+
+  static inline Texts s_ends;
+  EngineOptions options;
+  std::string source = dir / "vol1";
+  const std::string target = dir / "new", file = dir / "root/migrate";
+};
+
+TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
+  source = dir / "from";
+  for (char c = 'a'; c < 'a' + 11; ++c) writeFile(source + '/' + c + "/sub/file", "x");
+  start(options);
+  std::vector<fs::path> names;
+  for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(ends(), ended("success", target));
+  for (size_t i = 0; i < names.size(); ++i)
+    EXPECT_EQ(fs::exists(fs::path(target) / names[i] / "sub/file"), i != 4 && i != 7) << i;
+}
+
+TEST_F(MigratorTest, AFileThatMakesNoSenseIsRefused) {
+  startWithFour();
+  const Texts contents{"2\n/a\n", "2\n\n/b\n", "x1\n/a\n/b", "65536\n/a\n/b", std::string(17 << 20, '1')};
+  for (const std::string& content : contents) {
+    cache = std::make_unique<DiskCache>(PersistentVolumes::No);
+    writeFile(file, content);
+    log.clear();
+    const CZuError error = cache->init(dir / "root", volumes, 9, 9, 9, 5, nullptr, PruningMode::Lru);
+    EXPECT_EQ(outcome(error), "EINVAL") << content.substr(0, 20);
+    EXPECT_EQ(log.takeTexts(-1),
+              (Texts{"migrate file has incorrect parameters", "Error: Can't init migrator (22)"}));
+  }
+}
+
+TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
+  const std::pair<std::string, mode_t> cases[] = {
+      {dir / "root/../vol1/.", S_IFREG}, {dir / "link/new", S_IFREG}, {target, S_IFIFO}};
+  fs::create_directory_symlink(source, dir / "link");
+  for (const auto& [to, type] : cases) {
+    SCOPED_TRACE(to);
+    startWithFour();
+    ASSERT_EQ(mknod((source + "/spare/odd").c_str(), type | 0600, 0), 0);
+    const Texts tree = treeOf(source);
+    EXPECT_EQ(cache->migrate(1, source, to), 0);
+    EXPECT_EQ(ends(), ended("EINVAL", to));
+    EXPECT_EQ(treeOf(source), tree);
+    EXPECT_FALSE(isSwitched() || fs::exists(file) || fs::exists(target + "/spare/odd"));
+    EXPECT_TRUE(log.has(-1, "Error: Migration error detected (22), migration aborted"));
+  }
+}
+
+TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
+  Texts calls;
+  Texts outcomes;  // "how it ended: which calls failed", in turn; a run of equal calls is told once
+  for (size_t nth = 0; nth <= calls.size(); ++nth) {  // 0: nothing fails
+    SCOPED_TRACE(nth);
+    startWithFour();
+    source = dir / "from";
+    writeFile(source + "/d/segment", "bytes");
+    FaultPlan plan;
+    if (nth > 0) plan.fail(FaultPlan::ANY, nth, EIO);
+    std::string how = outcome(cache->migrate(1, source, target));
+    if (how == "success") {
+      const Texts told = ends();
+      ASSERT_EQ(told.size(), 1U);
+      how = "told " + told[0].substr(0, told[0].find(' '));
+    }
+    const std::string copy = target + "/d/segment";
+    EXPECT_TRUE(fs::exists(copy) ? readFile(copy) == "bytes" : how != "told success");
+    EXPECT_FALSE(fs::exists(copy + ".copying"));
+    EXPECT_EQ(isSwitched(), how == "told success");
+    if (nth == 0) calls = plan.takeTrace();
+    if (nth == 0) continue;
+    how += ':';
+    if (outcomes.empty() || !outcomes.back().starts_with(how)) outcomes.push_back(how);
+    const std::string call = ' ' + calls[nth - 1];
+    if (!outcomes.back().ends_with(call)) outcomes.back() += call;
+  }
+  EXPECT_EQ(outcomes,
+            (Texts{"EINVAL: open write", "told success: close", "EINVAL: rename",
+                   "EIO: opendir readdir lstat readdir", "told EIO: opendir readdir lstat readdir",
+                   "told EINVAL: thread", "told EIO: opendir readdir lstat mkdir", "told success: access",
+                   "told EIO: open fstat open lseek copy_file_range ftruncate close", "told success: close",
+                   "told EIO: rename readdir", "told success: mkdir open write close unlink"}));
+}
+
+TEST_F(MigratorTest, SegmentsWorkedOnMeanwhileAreRightBeforeAndAfterTheSwitch) {
+  const std::string text = "the new text", old = "the old text";
+  const std::vector<Section> fresh{section(0, text)};
+  guid_t guid;
+  const auto write = [&](ForceDiskLoc force) { return cache->writeSections(ctx, guid, fresh, true, force); };
+  const struct {
+    std::string name;
+    std::function<CZuError()> work;
+    std::string result;
+  } cases[] = {{"none", [] { return CZuError(); }, old},
+               {"write", [&] { return write(ForceDiskLoc::Prunable); }, text},
+               {"over", [&] { return write(ForceDiskLoc::NonPrunable); }, text},
+               {"replace", [&] { return cache->replaceSegment(ctx, guid, fresh); }, text},
+               {"truncate", [&] { return cache->truncateSection(ctx, guid, 0, 0, 7); }, "the old"},
+               {"dirty", [&] { return cache->markDirty(ctx, guid, false); }, old},
+               {"both prunable", [&] { return cache->moveToPrunable(ctx, guid); }, text},
+               {"both gone", [&] { return cache->deleteSegment(ctx, guid, 0, 0, Recycle::No); }, "[ENOENT]"},
+               {"absent", [&] { return create(guid, fresh); }, text}};
+  startWithFour();
+  ctx.useNonPrunableDir = true;
+  const auto forEachSegment = [&](const std::function<void(size_t)>& act) {
+    for (const char* side : {"ctx", "spare"}) {  // the first is not yet copied, the second is
+      ctx.dir = side;
+      for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(guid = side + cases[i].name);
+        act(i);
+      }
+    }
+  };
+  forEachSegment([&](size_t i) {
+    if (cases[i].name != "absent") put(guid, old);
+    if (cases[i].name.starts_with("both")) write(ForceDiskLoc::NonPrunable);
+  });
+  const auto expectResult = [&](size_t i) { EXPECT_EQ(get(guid), cases[i].result); };
+  {
+    HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
+    EXPECT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    EXPECT_EQ(outcome(cache->migrate(2, "/a", "/b")), "EEXIST");
+    EXPECT_EQ(readFile(file), "1\n" + source + '\n' + target + '\n');
+    forEachSegment([&](size_t i) { EXPECT_EQ(outcome(cases[i].work()), "success"); });
+    forEachSegment(expectResult);
+  }
+  EXPECT_EQ(ends(), ended("success", target));
+  EXPECT_EQ(readFile(dir / "root/volume_info"), target + ",1\n");
+  EXPECT_FALSE(fs::exists(file));
+  forEachSegment(expectResult);
+}
+
+TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
+  startWithFour();
+  HoldAtLine hold(log, "Opening disk segment for [fresh]");  // at the source's path, which is looked up again
+  auto created = std::async(std::launch::async, [&] { put("fresh", "text"); });
+  ASSERT_TRUE(hold.reached());
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(ends(), ended("success", target));
+  hold.release();
+  created.get();
+  EXPECT_EQ(get("fresh"), "text");
+}
+
+TEST_F(MigratorTest, TheEngineEndsInItsMiddle) {
+  startWithFour();
+  for (int i = 0; i < 1000; ++i) writeFile(source + "/ctx/" + std::to_string(i), "");
+  HoldAtLine hold(log, "copying [" + source + "/ctx");
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  ASSERT_TRUE(hold.reached());
+  auto reset = std::async(std::launch::async, [&] { cache.reset(); });
+  EXPECT_EQ(reset.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  hold.release();
+  reset.get();
+  EXPECT_EQ(s_ends, ended("EINTR", target));
+  EXPECT_LT(treeOf(target).size(), 1000U);
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,118 @@
+// Override copies, and the table of open segments.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <thread>
+
+#include "diskcache/diskcacheOpen.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+using MoveTest = EngineTest;
+using OpenTest = EngineTest;
+
+constexpr const char* GUID = "abcdef";
+
+TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
+  start();
+  const Texts files = {pathOf(GUID), nonPrunablePathOf(GUID)};
+  const std::string bare = "Input/output error (5)", pushed = "Error: can't copy override: ";
+  const auto between = [&](const char* first, size_t from) {
+    return std::string(first) + '[' + files[from] + "] to [" + files[1 - from] + ']';
+  };
+  const std::string noCopy = between("Error: Can't copy file [abcdef] from ", 0) + ": " + bare;
+  const std::string noSize = "Error: can't get file size for [" + files[1] + "]: [" + bare + "]: " + bare;
+  enum { COPY, MOVE, BACK };
+  const struct {
+    int operation;
+    // What the regular and the non-prunable file hold, '-' for no file; "!" in front: no second directory.
+    std::string before, after;
+    const char* call = "";
+    std::string error = "success", line = {};
+    int errNo = EIO;
+  } cases[] = {
+      {COPY, "r-", "rr"},
+      {MOVE, "r-", "-r"},
+      {COPY, "ro", "ro"},
+      {BACK, "ro", "o-"},
+      {COPY, "!r-", "r-"},
+      {BACK, "!-o", "-o"},
+      {COPY, "r-", "r-", "rename", pushed + noCopy},
+      {COPY, "r-", "rr", "stat", pushed + noSize},
+      {MOVE, "r-", "r-", "rename", pushed + bare, between("Error: can't rename ", 0)},
+      {MOVE, "r-", "-r", "rename", "success", "", EXDEV},  // the sides are on two file systems
+      {BACK, "ro", "o-", "unlink"},                        // the rename replaces it all the same
+      {BACK, "ro", "-o", "rename", bare, between("Error: can't rename ", 1)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.operation << " of " << c.before << ' ' << c.call);
+    ctx.useNonPrunableDir = c.before[0] != '!';
+    for (size_t i = 0; i < 2; ++i) {
+      fs::remove(files[i]);
+      const std::string text = c.before.substr(c.before.size() - 2 + i, 1);
+      if (text != "-") writeFile(files[i], text);
+    }
+    const uint64_t used = Access::used(*cache);
+    log.clear();
+    FaultPlan plan;
+    if (*c.call) plan.fail(c.call, 1, c.errNo);
+    const bool back = c.operation == BACK, move = c.operation == MOVE;
+    const CZuError error = back ? cache->moveToPrunable(ctx, GUID) : cache->markDirty(ctx, GUID, move);
+    EXPECT_EQ(error.AsString(), c.error);
+    std::string after;
+    for (const std::string& file : files) after += fs::exists(file) ? readFile(file) : "-";
+    EXPECT_EQ(after, c.after);
+    EXPECT_EQ(Access::used(*cache) - used, after == "rr" && c.error == "success" ? 1U : 0U);
+    EXPECT_TRUE(c.line.empty() || log.has(LogLevel::Error, c.line));
+    EXPECT_EQ(cache->getOverriddenSegment(ctx, GUID), files[ctx.useNonPrunableDir && after[1] != '-']);
+  }
+}
+
+TEST_F(MoveTest, WaitsForWritersInPlaceAsTruncationDoes) {
+  start();
+  ctx.useNonPrunableDir = true;
+  AutoOpenSegment open(*cache, GUID);
+  OpenSegmentInfo& segment = *open.getSegInfo();
+  const auto setWriters = [&](int count) {
+    const KxCriticalSectionLock lock(&segment.lock);
+    segment.inPlaceWriters = count;
+  };
+  const std::function<CZuError()> operations[] = {
+      [&] { return cache->markDirty(ctx, GUID, true); }, [&] { return cache->moveToPrunable(ctx, GUID); },
+      [&] { return cache->truncateSection(ctx, GUID, 0, 0, 4); }};  // else a writer claims bytes cut off
+  for (const auto& operation : operations) {
+    SCOPED_TRACE(&operation - operations);
+    const FaultPlan plan;
+    setWriters(1);
+    std::atomic<bool> done = false;
+    std::thread thread([&] { operation(), done = true; });
+    while (!done && plan.count("nanosleep") < 2) sched_yield();
+    EXPECT_FALSE(done);
+    setWriters(0);
+    thread.join();
+  }
+}
+
+TEST_F(OpenTest, DescriptorsGoRound) {
+  start();
+  for (const unsigned expected : {1U, 2U, 3U}) EXPECT_EQ(cache->openSegment("a"), expected);
+  cache->closeSegment(1U);
+  EXPECT_EQ(cache->openSegment("b"), 4U) << "a number is not used again at once";
+  Access::setNextHandle(*cache, 0xFFFFFFFE);
+  for (const unsigned expected : {0xFFFFFFFEU, 1U, 5U}) EXPECT_EQ(cache->openSegment("c"), expected);
+  log.clear();
+  for (const unsigned closed : {0U, 0xFFFFFFFEU, 1U, 2U, 3U, 4U, 5U, 5U}) cache->closeSegment(closed);
+  EXPECT_EQ(log.takeTexts(),
+            (Texts{"-1 Error: Can't find descriptor 0", "-1 Error: Can't find descriptor 5"}));
+  EXPECT_EQ(Access::openSegments(*cache) + Access::openHandles(*cache), 0U);
+}
+
+}  // namespace
+}  // namespace ObjectStore

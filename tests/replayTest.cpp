@@ -1,0 +1,156 @@
+// diskcachectl replay, run as a process against caches on directories of the test's own.
+#ifdef DISKCACHECTL_PATH
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+
+#include "tests/support/tempDir.h"
+
+namespace ObjectStore {
+namespace {
+
+using Trace = std::vector<std::pair<std::string, uint64_t>>;  // identifiers and sizes
+
+// What a list of the `bound` last asked for, newest last, makes of a trace; it is as slow as it is plain.
+std::map<std::string, uint64_t> simulateLru(const Trace& trace, size_t bound) {
+  std::map<std::string, uint64_t> counts;
+  Trace recent;
+  for (const auto& asked : trace) {
+    const bool isHit = std::count(recent.begin(), recent.end(), asked) != 0;
+    ++counts[isHit ? "hits" : "misses"];
+    counts[isHit ? "bytes_read" : "bytes_written"] += asked.second;
+    std::erase_if(recent, [&](const auto& other) { return other.first == asked.first; });
+    recent.push_back(asked);
+    if (recent.size() <= bound) continue;
+    recent.erase(recent.begin());
+    ++counts["pruned"];
+  }
+  return counts;
+}
+
+struct ReplayTest : ::testing::Test {
+  // Returns the exit status.
+  int replay(const std::string& arguments) {
+    const std::string command = DISKCACHECTL_PATH " replay >" + (dir / "out 2>") + (dir / "err --root ") +
+                                (dir / "root --volume ") + (dir / "on/a --volume ") + (dir / "on/b ");
+    const int status = std::system((command + arguments).c_str());
+    out = readFile(dir / "out");
+    err = readFile(dir / "err");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  void expectFailure(const std::string& arguments, int status, const std::string& message) {
+    EXPECT_EQ(replay(arguments), status) << arguments;
+    EXPECT_NE(err.find(message), std::string::npos) << message << " is not in " << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  }
+  std::vector<std::string> segments() {
+    std::vector<std::string> names = treeOf(dir / "on");
+    std::erase_if(names, [](const std::string& name) { return name.back() == '/'; });
+    return names;
+  }
+
+  const TempDir dir;
+  const std::string trace = "--trace " + (dir / "trace ");
+  std::string out, err;
+};
+
+TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
+  const std::string move = "--migrate-to " + (dir / "on/moved");
+  // A volume moves while nothing is evicted or replaced: a file that vanishes from under the copy would end the
+  // move, and what was made at its destination meanwhile would be missing.
+  const std::tuple<size_t, int, std::string> runs[] = {
+      {5, 1, ""}, {17, 1, ""}, {64, 1, ""}, {500, 1, move}, {500, 2, move}};
+  for (const auto& [bound, threads, options] : runs) {
+    Trace asked;
+    std::string text;
+    std::mt19937 random(20);
+    for (size_t i = 0; i < 6000; ++i) {
+      // Popular objects, a loop just longer than the bound, and now and then an object that was replaced.
+      const size_t object[] = {random() % (bound / 2 + 1), i % (bound + 2), random() % (2 * bound)};
+      const bool isReplaced = random() % 50 == 0;
+      if (options.empty()) {
+        asked.emplace_back("object-" + std::to_string(object[i % 3]), 100 + isReplaced);
+      } else {
+        asked.emplace_back("object-" + std::to_string(i < bound ? i : object[0]), 100);
+      }
+      text += asked.back().first + ',' + std::to_string(asked.back().second) + ",17\n";
+    }
+    writeFile(dir / "trace", text);
+    for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
+    const std::string clients = " --threads " + std::to_string(threads) + " --json - ";
+    ASSERT_EQ(replay(trace + "--max-entries " + std::to_string(bound) + clients + options), 0) << err;
+    const auto json = nlohmann::json::parse(out);
+    EXPECT_EQ(json["verify_failures"], 0);
+    for (const auto& [name, count] : simulateLru(asked, bound))
+      EXPECT_EQ(json[name], count) << bound << options << name;
+    const std::string first = dir / (options.empty() ? "on/a" : "on/moved");
+    EXPECT_EQ(readFile(dir / "root/volume_info"), first + ",1\n" + (dir / "on/b,2\n"));
+    if (!options.empty()) std::filesystem::remove_all(dir / "on/a");
+    EXPECT_EQ(segments().size(), bound) << options;
+  }
+}
+
+TEST_F(ReplayTest, FindsWrongBytes) {
+  writeFile(dir / "trace", "object,5000\n");
+  // One wrong byte: the payload's first or last, or the first of all; and files cut short.
+  const std::pair<size_t, size_t> damages[] = {{152, 5152}, {5151, 5152}, {0, 5152}, {152, 100}, {152, 2000}};
+  for (const auto& [at, length] : damages) {
+    std::filesystem::remove_all(dir / "on");
+    ASSERT_EQ(replay(trace), 0) << err;
+    const std::string path = dir / ("on/" + segments().at(0));
+    std::string bytes = readFile(path);
+    ++bytes.at(at);
+    writeFile(path, bytes.substr(0, length));
+    expectFailure(trace, 1, path);
+    EXPECT_EQ(replay(trace + "--no-verify"), at == 0 || length < 5152) << at << ' ' << length;
+  }
+}
+
+TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
+  const std::pair<std::string, std::vector<std::string>> refusals[] = {
+      {"there is no comma", {"object", ""}},
+      {"the size \"", {"a,", "a,1x", "a,-1", "a, 1"}},
+      {"the size is 0", {"a,0"}},
+      {"the size is over", {"a,2147479553", "a,99999999999999999999"}},
+      {"the identifier is empty", {",5"}},
+      {"the identifier holds", {"a/b,5"}},
+      {"the identifier would leave", {".,5", "..,5", "..x,5", "ab..,5"}},
+      {"the identifier is longer", {std::string(256, 'x') + ",5"}},
+      {"the identifiers \"ok\"", {"okok1,5"}}};
+  for (const auto& [message, lines] : refusals) {
+    for (const std::string& line : lines) {
+      writeFile(dir / "trace", "# comment\nok,5,more\n" + line + '\n');
+      expectFailure(trace, 2, (dir / "trace:3: ") + message);
+    }
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+
+  writeFile(dir / "trace", "fine,5\n");
+  expectFailure("", 2, "--origin and --trace");
+  expectFailure(trace + "--max-entries 4", 2, "--max-entries");
+  expectFailure(trace + "--mode random", 2, "--budget");
+  expectFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
+  expectFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
+  expectFailure("--trace " + dir.path(), 2, "Is a directory");
+  expectFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
+  expectFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
+  expectFailure(trace + ">/dev/full", 3, "standard output");
+}
+
+TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandom) {
+  for (int i = 100; i < 400; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
+  const std::string run =
+      "--mode random --budget 1G --threads 4 --requests 700 --origin " + (dir / "origin ");
+  ASSERT_EQ(replay(run + "--json -"), 0) << err;
+  EXPECT_EQ(nlohmann::json::parse(out)["bytes_written"], 3 * segments().size());
+  ASSERT_EQ(replay(run), 0) << err;
+  EXPECT_EQ(out.find("requests                   700\nhits                       "), 0U) << out;
+}
+
+}  // namespace
+}  // namespace ObjectStore
+#endif

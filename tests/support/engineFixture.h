@@ -1,0 +1,99 @@
+// A running engine on directories of its own, and short ways to put segments in and look at them.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "diskcache/diskcache.h"
+#include "tests/support/logCapture.h"
+#include "tests/support/outcome.h"
+#include "tests/support/tempDir.h"
+#include "tests/support/testAccess.h"
+
+namespace ObjectStore {
+
+// A section over a text that outlives it. The operations that take a filled buffer do not write to it.
+inline Section section(int32_t type, const std::string& text, int32_t subType = 0, uint64_t offset = 0) {
+  Section made;
+  made.type = type;
+  made.subType = subType;
+  made.len = made.bufferSize = text.size();
+  made.off = offset;
+  made.data = reinterpret_cast<unsigned char*>(const_cast<char*>(text.data()));
+  return made;
+}
+
+constexpr int FAR_WM = 1000;  // percent; no disk is ever so full, so no write is delayed
+
+struct EngineOptions {
+  unsigned volumes = 1;
+  PruningMode mode = PruningMode::Lru;  // starts no thread
+  PersistentVolumes persistent = PersistentVolumes::No;
+  uint64_t maxLruEntries = 1000;
+  int lowWM = FAR_WM;
+  MigrationCB migrationCallback = nullptr;
+  std::string volumesIn;  // empty: in the fixture's directory
+  PrunerCallback prunerCallback;
+};
+
+class EngineTest : public ::testing::Test {
+ protected:
+  using Access = DiskCacheTestAccess;
+
+  // Makes the engine and registers `ctx`; called again, it starts a new engine on the same directories.
+  void start(const EngineOptions& options = {}) {
+    cache.reset();
+    volumes.clear();
+    const std::string parent = options.volumesIn.empty() ? dir.path() : options.volumesIn;
+    for (unsigned i = 1; i <= options.volumes; ++i) {
+      volumes.push_back(parent + "/vol" + std::to_string(i));
+      std::filesystem::create_directories(volumes.back());
+    }
+    cache = std::make_unique<DiskCache>(options.persistent);
+    ASSERT_EQ(outcome(cache->init(dir / "root", volumes, FAR_WM, options.lowWM, FAR_WM, options.maxLruEntries,
+                                  options.migrationCallback, options.mode)),
+              "success");
+    ctx.prunerCallback = options.prunerCallback;
+    ASSERT_EQ(outcome(cache->registerContext(ctx)), "success");
+  }
+  static DiskCacheContext makeContext(const std::string& name) {
+    DiskCacheContext made;
+    made.dir = name;
+    made.nonprunableDir = "noprune-" + name;
+    return made;
+  }
+
+  CZuError create(const guid_t& guid, const std::vector<Section>& sections) {
+    return cache->createSegment(ctx, guid, sections, false, false, false);
+  }
+  void put(const guid_t& guid, const std::string& text) {
+    ASSERT_EQ(outcome(create(guid, {section(0, text)})), "success") << guid;
+  }
+  // A whole section's payload, or the outcome in brackets: "[ENOENT]".
+  std::string get(const guid_t& guid, int32_t type = 0) {
+    std::vector<unsigned char> data;
+    const CZuError error = cache->readCompleteSection(ctx, guid, type, data);
+    return error.IsError() ? '[' + outcome(error) + ']' : std::string(data.begin(), data.end());
+  }
+
+  std::string pathOf(const guid_t& guid) { return cache->guid2path(guid, ctx.volume, ctx.dir); }
+  std::string nonPrunablePathOf(const guid_t& guid) {
+    return cache->guid2path(guid, ctx.volume, ctx.nonprunableDir);
+  }
+  std::string bytesOf(const guid_t& guid) { return readFile(pathOf(guid)); }
+  bool isCached(const guid_t& guid) { return std::filesystem::exists(pathOf(guid)); }
+
+  // Declared in the order in which they must live: the engine goes before its log and directories.
+  TempDir dir;
+  LogCapture log{LogLevel::Segment};
+  std::vector<std::string> volumes;
+  DiskCacheContext ctx = makeContext("ctx");
+  std::unique_ptr<DiskCache> cache;
+};
+
+}  // namespace ObjectStore

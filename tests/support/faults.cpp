@@ -1,0 +1,190 @@
+#include "tests/support/faults.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr size_t NO_LIMIT = std::numeric_limits<size_t>::max();
+constexpr size_t EVERY_CALL = 0;
+
+// What is to become of one call.
+struct Verdict {
+  int errNo = 0;
+  size_t limit = NO_LIMIT;
+  bool kills = false;
+
+  size_t limited(size_t size, size_t count = 1) const { return std::min(size * count, limit); }
+};
+
+struct Fault {
+  std::string call;
+  size_t nth;  // or EVERY_CALL
+  Verdict verdict;
+  size_t seen = 0;
+};
+
+struct Record {
+  std::vector<Fault> faults;
+  std::vector<std::string> trace;
+  std::vector<std::chrono::nanoseconds> sleeps;
+  bool skipSleeps = false;
+};
+
+std::atomic<bool> g_active{false};
+
+struct LockedRecord {
+  std::unique_lock<std::mutex> lock;
+  Record& record;
+  Record* operator->() const { return &record; }
+};
+
+// Locked while the value lives. Never destroyed: threads may make calls until the process's last moment.
+LockedRecord recorded() {
+  static std::mutex& mutex = *new std::mutex;
+  static Record& record = *new Record;
+  return {std::unique_lock(mutex), record};
+}
+
+Verdict verdictOn(const char* call) {
+  if (!g_active.load(std::memory_order_acquire)) return {};
+  const int savedErrno = errno;  // the code under test may count on what it set
+  Verdict verdict;
+  {
+    const LockedRecord r = recorded();
+    r->trace.emplace_back(call);
+    for (Fault& fault : r->faults) {
+      if (fault.call != call && fault.call != FaultPlan::ANY) continue;
+      if (++fault.seen == fault.nth || fault.nth == EVERY_CALL) verdict = fault.verdict;
+    }
+    if (verdict.kills) raise(SIGKILL);  // under the lock: no other thread makes a call after this one
+  }
+  errno = savedErrno;
+  return verdict;
+}
+
+FaultPlan& add(FaultPlan& plan, std::string_view call, size_t nth, const Verdict& verdict) {
+  recorded()->faults.push_back({std::string(call), nth, verdict});
+  return plan;
+}
+
+}  // namespace
+
+FaultPlan::FaultPlan() {
+  if (g_active.exchange(true)) throw std::logic_error("there is a fault plan already");
+}
+
+FaultPlan::~FaultPlan() {
+  g_active = false;
+  const Record done = std::exchange(recorded().record, {});
+  for (const Fault& fault : done.faults) {
+    if (fault.seen < std::max<size_t>(fault.nth, 1))
+      ADD_FAILURE() << "a fault planned for " << fault.call << " never came to pass";
+  }
+}
+
+FaultPlan& FaultPlan::fail(std::string_view call, size_t nth, int errNo) {
+  return add(*this, call, nth, {errNo});
+}
+FaultPlan& FaultPlan::failAlways(std::string_view call, int errNo) { return fail(call, EVERY_CALL, errNo); }
+FaultPlan& FaultPlan::shortTransfer(std::string_view call, size_t nth, size_t bytes) {
+  return add(*this, call, nth, {0, bytes});
+}
+FaultPlan& FaultPlan::killAt(size_t nth) { return add(*this, ANY, nth, {0, NO_LIMIT, true}); }
+FaultPlan& FaultPlan::skipSleeps() {
+  recorded()->skipSleeps = true;
+  return *this;
+}
+void FaultPlan::clearFaults() { recorded()->faults.clear(); }
+
+std::vector<std::string> FaultPlan::trace() const { return recorded()->trace; }
+std::vector<std::string> FaultPlan::takeTrace() { return std::exchange(recorded()->trace, {}); }
+size_t FaultPlan::count(std::string_view call) const {
+  const std::vector<std::string> calls = trace();
+  return call == ANY ? calls.size() : static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
+}
+std::vector<std::chrono::nanoseconds> FaultPlan::sleeps() const { return recorded()->sleeps; }
+
+// What to sleep in place of what was asked for.
+const timespec* recordSleep(const timespec* time) {
+  static constexpr timespec NOTHING{};
+  if (!g_active) return time;
+  const LockedRecord r = recorded();
+  r->sleeps.push_back(std::chrono::seconds(time->tv_sec) + std::chrono::nanoseconds(time->tv_nsec));
+  return r->skipSleeps ? &NOTHING : time;
+}
+
+// A call that returns `failure` when it is to fail and otherwise what `real` yields; `verdict` is in reach.
+#define WRAP(name, result, failure, parameters, real)  \
+  extern "C" result __real_##name parameters;          \
+  extern "C" result __wrap_##name parameters {         \
+    const Verdict verdict = verdictOn(#name);          \
+    if (verdict.errNo == 0) return __real_##name real; \
+    errno = verdict.errNo;                             \
+    return failure;                                    \
+  }
+
+WRAP(access, int, -1, (const char* path, int mode), (path, mode))
+// The system gives the descriptor up even when close reports a failure.
+WRAP(close, int, (__real_close(fd), -1), (int fd), (fd))
+WRAP(copy_file_range, ssize_t, -1, (int in, off_t* inAt, int out, off_t* outAt, size_t bytes, unsigned flags),
+     (in, inAt, out, outAt, verdict.limited(bytes), flags))
+WRAP(fclose, int, EOF, (std::FILE * stream), (stream))
+WRAP(fopen, std::FILE*, nullptr, (const char* path, const char* mode), (path, mode))
+WRAP(fread, size_t, 0, (void* to, size_t size, size_t count, std::FILE* stream),
+     (to, 1, verdict.limited(size, count), stream) / std::max<size_t>(size, 1))
+WRAP(fseek, int, -1, (std::FILE * stream, long at, int whence), (stream, at, whence))
+WRAP(fstat, int, -1, (int fd, struct stat* status), (fd, status))
+WRAP(fsync, int, -1, (int fd), (fd))
+WRAP(ftruncate, int, -1, (int fd, off_t size), (fd, size))
+WRAP(fwrite, size_t, 0, (const void* from, size_t size, size_t count, std::FILE* stream),
+     (from, 1, verdict.limited(size, count), stream) / std::max<size_t>(size, 1))
+WRAP(lseek, off_t, -1, (int fd, off_t at, int whence), (fd, at, whence))
+WRAP(lstat, int, -1, (const char* path, struct stat* status), (path, status))
+WRAP(mkdir, int, -1, (const char* path, mode_t mode), (path, mode))
+// Where a caller gives no mode, the system does not look at it.
+WRAP(open, int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode))
+WRAP(opendir, DIR*, nullptr, (const char* path), (path))
+WRAP(nanosleep, int, -1, (const timespec* time, timespec* rest), (recordSleep(time), rest))
+WRAP(pread, ssize_t, -1, (int fd, void* to, size_t bytes, off_t at), (fd, to, verdict.limited(bytes), at))
+WRAP(pwrite, ssize_t, -1, (int fd, const void* from, size_t bytes, off_t at),
+     (fd, from, verdict.limited(bytes), at))
+WRAP(read, ssize_t, -1, (int fd, void* to, size_t bytes), (fd, to, verdict.limited(bytes)))
+WRAP(readdir, dirent*, nullptr, (DIR * stream), (stream))
+WRAP(rename, int, -1, (const char* from, const char* to), (from, to))
+WRAP(renameat2, int, -1, (int fromDir, const char* from, int toDir, const char* to, unsigned flags),
+     (fromDir, from, toDir, to, flags))
+WRAP(rmdir, int, -1, (const char* path), (path))
+WRAP(stat, int, -1, (const char* path, struct stat* status), (path, status))
+WRAP(statvfs, int, -1, (const char* path, struct statvfs* status), (path, status))
+WRAP(unlink, int, -1, (const char* path), (path))
+WRAP(write, ssize_t, -1, (int fd, const void* from, size_t bytes), (fd, from, verdict.limited(bytes)))
+
+// std::thread starts here: its state comes as a pointer to the owning pointer, and it reports by exception.
+#define START_THREAD(prefix) \
+  prefix##_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
+extern "C" void START_THREAD(__real_)(void* thread, void* state, void (*depend)());
+extern "C" void START_THREAD(__wrap_)(void* thread, void* state, void (*depend)()) {
+  const Verdict verdict = verdictOn("thread");
+  if (verdict.errNo != 0) throw std::system_error(verdict.errNo, std::generic_category());
+  START_THREAD(__real_)(thread, state, depend);
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,70 @@
+// Directories and files of a test. Nothing here makes a system call that faults.h sees.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace ObjectStore {
+
+// A new directory under $TMPDIR or /tmp that goes with all that is in it.
+class TempDir {
+ public:
+  TempDir() {
+    if (!mkdtemp(m_path.data())) throw std::system_error(errno, std::generic_category(), m_path);
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  TempDir& operator=(TempDir&&) = delete;
+
+  const std::string& path() const { return m_path; }
+  std::string operator/(std::string_view name) const { return m_path + '/' + std::string(name); }
+
+ private:
+  std::string m_path = std::filesystem::temp_directory_path() / "diskcache-test-XXXXXX";
+};
+
+// Both throw std::runtime_error when the file cannot be had whole. Writing makes missing parents.
+inline void writeFile(const std::string& path, std::string_view content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << content;
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + path);
+}
+inline std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw std::runtime_error("cannot read " + path);
+  std::ostringstream content;
+  content << file.rdbuf();
+  return std::move(content).str();
+}
+
+// Every entry below a directory by relative path, in order; directories end with '/', links with '@'.
+inline std::vector<std::string> treeOf(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir)) {
+    const char* mark = entry.is_symlink() ? "@" : entry.is_directory() ? "/" : "";
+    names.push_back(entry.path().lexically_relative(dir).string() + mark);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// How many descriptors this process has open; the listing itself holds one.
+inline size_t openDescriptors() {
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) - 1;
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,211 @@
+// Errors, log lines, configuration values, locks, events, threads and counters.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "support/atomicCounter.h"
+#include "support/config.h"
+#include "support/event.h"
+#include "support/perfCounters.h"
+#include "support/thread.h"
+#include "tests/support/faults.h"
+#include "tests/support/logCapture.h"
+#include "tests/support/tempDir.h"
+
+namespace ObjectStore {
+namespace {
+
+using Texts = std::vector<std::string>;
+constexpr RMCodeLocation INNER{"inner.cpp", "void inner()", 7};
+constexpr RMCodeLocation OUTER{"outer.cpp", "int outer(char)", 11};
+
+TEST(ErrorTest, KeepsItsNumberAndShowsTheNewestMessageFirst) {
+  EXPECT_FALSE(RMErrorUtil::IsErrNo(CZuError(), 0)) << "a success carries no number";
+  const CZuError shortTransfer = RMErrorUtil::ErrorErrNo(INNER, 0);
+  EXPECT_TRUE(RMErrorUtil::IsErrNo(shortTransfer, 0));
+  EXPECT_EQ(shortTransfer.AsString(), "no system error (0)");
+
+  CZuError error = RMErrorUtil::ErrorErrNo(INNER, ENOENT, "Can't find [%s]", "a%sb");
+  CZuError copy = error;
+  copy.Push(OUTER, "Can't scan %d", 3);
+  copy.Success();
+  EXPECT_EQ(error.AsString(EErrorOutputFormat::Detailed),
+            "Can't scan 3 [outer.cpp:11 int outer(char)]: Can't find [a%sb] [inner.cpp:7 void inner()]: "
+            "No such file or directory (2)");
+}
+
+TEST(LogTest, FailuresAreLoggedAndReturned) {
+  LogCapture capture(LogLevel::Segment - 1);
+  DC_LOG(LogLevel::Segment, "not logged");
+  const CZuError shared = failAt(INNER, LogLevel::Error, EIO, "Error: step %d", 2);
+  EXPECT_EQ(capture.take().back().operation, INNER.operation);
+  EXPECT_TRUE(RMErrorUtil::IsErrNo(DC_FAIL(LogLevel::NoSpace, ENOSPC, "no room for [%s]", "%n"), ENOSPC));
+  EXPECT_TRUE(RMErrorUtil::IsErrNo(pushAndLog(shared, OUTER, "Error: Can't scan %s", "x"), EIO));
+  EXPECT_EQ(capture.takeTexts(),
+            (Texts{"4 no room for [%n]",
+                   "-1 Error: Can't scan x [outer.cpp:11 int outer(char)]: [inner.cpp:7 void inner()]: "
+                   "Input/output error (5): Error: Can't scan x: Input/output error (5)"}));
+}
+
+TEST(LogTest, ExceptionsBecomeNumbers) {
+  const std::pair<void (*)(), int> cases[] = {
+      {[] { throw std::bad_alloc(); }, ENOMEM},
+      {[] { std::string().reserve(~size_t{0}); }, ENOMEM},
+      {[] { throw "Not enough memory to initialize KxEvent"; }, ENOMEM},
+      {[] { throw std::system_error(ENOSPC, std::generic_category()); }, ENOSPC},
+      {[] { throw 42; }, EIO}};
+  LogCapture capture;
+  for (const auto& [raise, errNo] : cases) {
+    try {
+      raise();
+    } catch (...) {
+      EXPECT_TRUE(RMErrorUtil::IsErrNo(failWithException(INNER), errNo)) << errNo;
+    }
+    const char* text = errNo == ENOMEM ? "-1 Error: out of memory" : "-1 Error: unexpected exception";
+    EXPECT_EQ(capture.takeTexts(), Texts{text});
+  }
+}
+
+TEST(LogTest, DefaultWriterKeepsOneLineALine) {
+  const TempDir dir;
+  const std::string path = dir / "cache.log";
+  {
+    FileLogWriter writer(LogLevel::Error, path);
+    errno = ENOSPC;
+    writer.write(LogLevel::Error, "void f(int)", 12, 0, 0, "[%s]", "a\nb\x1b\x7f\t\xc3\xa9");
+    FaultPlan plan;
+    plan.fail("write", 1, EIO);
+    writer.write(LogLevel::Error, "void f(int)", 13, 0, 0, "lost");
+    EXPECT_EQ(errno, ENOSPC) << "code that logs before it reports must not lose the number";
+  }
+  FileLogWriter(LogLevel::Error, path).write(9, "g()", 3, 0, 0, "%s", std::string(100000, '\n').c_str());
+
+  const std::string text = readFile(path);
+  const std::string first = " -1 void f(int):12 [a\\x0ab\\x1b\\x7f\\x09\xc3\xa9]\n";
+  const size_t second = 27 + first.size();
+  EXPECT_EQ(text.substr(27, first.size()), first) << "behind the time";
+  EXPECT_EQ(text.substr(second + 27, 14), "  9 g():3 \\x0a");
+  EXPECT_EQ(text.substr(text.size() - 9), "\\x0a\\x0a\n") << "cut, but not within a character";
+  EXPECT_LE(text.size() - second, 16U << 10);
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+}
+
+unsigned long lookUp(const char* name) { return getRegistryValue<unsigned long>(name, 77, 0, 10); }
+
+TEST(ConfigTest, TextsBecomeNumbers) {
+  LogCapture log;
+  // The bounds are the caller's to apply, and the buffer holds 31 characters.
+  const std::pair<std::string, unsigned long> cases[] = {{" \t 42abc", 42},
+                                                         {"+7", 7},
+                                                         {"-1", ~0UL},
+                                                         {std::string(28, ' ') + "12345", 123},
+                                                         {"18446744073709551616", 77},
+                                                         {"", 77},
+                                                         {"- 1", 77},
+                                                         {"%s%n", 77}};
+  for (const auto& [text, value] : cases) {
+    ConfigStore::set(CONFIG_SECTION, "n", text);
+    EXPECT_EQ(lookUp("n"), value) << '[' << text << ']';
+    const std::string line = "-1 Error: Can't parse [n]: [" + text + ']';
+    EXPECT_EQ(log.takeTexts(), Texts(value == 77, line));
+  }
+}
+
+TEST(ConfigTest, FilesAreTakenWholeOrNotAtAll) {
+  LogCapture log;
+  const TempDir dir;
+  const std::string path = dir / "cache.conf";
+  std::string error;
+  writeFile(path, "# comment\r\n; another = 1\n\n [~Wolk] \n a = 1 \nb=x = y\n[other]\na=5\n[~Wolk]\nc = 3");
+  ASSERT_EQ(ConfigStore::loadFile(path, error), 0) << error;
+  EXPECT_EQ(lookUp("c"), 3U);
+  lookUp("b");
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: Can't parse [b]: [x = y]"));
+
+  const std::pair<int, const char*> bad[] = {{1, "a = 2\n"},  // below no section
+                                             {3, "[~Wolk]\na = 2\nnonsense\n"},
+                                             {3, "[~Wolk]\na = 2\n = 2\n"},
+                                             {1, "[~Wolk\n"},
+                                             {3, "[]\n\na = 2"}};
+  for (const auto& [line, content] : bad) {
+    writeFile(path, content);
+    EXPECT_EQ(ConfigStore::loadFile(path, error), EINVAL) << content;
+    EXPECT_EQ(error.rfind(path + ':' + std::to_string(line) + ": ", 0), 0U) << error;
+    EXPECT_EQ(lookUp("a"), 1U);
+  }
+  EXPECT_EQ(ConfigStore::loadFile(dir / "missing", error), ENOENT);
+  EXPECT_EQ(error, dir / "missing: No such file or directory");
+}
+
+TEST(EventTest, IsLatchedAndResetsItself) {
+  KxEvent event(true);
+  event.set();
+  EXPECT_TRUE(event.wait(0)) << "a signal before the wait counts";
+  EXPECT_FALSE(event.wait(1)) << "two signals before the wait are one";
+  std::thread setter([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    event.set();
+  });
+  EXPECT_TRUE(event.wait(~0UL)) << "no wait is too long";
+  setter.join();
+}
+
+void* waitForEnd(void* end) {
+  static_cast<KxEvent*>(end)->wait(60'000);
+  return nullptr;
+}
+
+TEST(ThreadTest, RunsOneFunctionAtATime) {
+  KxEvent end(false);
+  KXThread thread;
+  bool timedOut = false;
+  FaultPlan plan;
+  plan.fail("thread", 1, EAGAIN);
+  EXPECT_FALSE(thread.createThread(waitForEnd, &end));
+  EXPECT_EQ(thread.getLastError(), "Resource temporarily unavailable");
+  ASSERT_TRUE(thread.createThread(waitForEnd, &end)) << thread.getLastError();
+  EXPECT_FALSE(thread.createThread(waitForEnd, &end)) << "there is one already";
+  thread.joinThread(1, &timedOut);
+  EXPECT_TRUE(timedOut && thread.threadInProgress());
+  end.set();
+  while (thread.threadInProgress()) std::this_thread::yield();
+  EXPECT_TRUE(thread.createThread(waitForEnd, &end)) << "in place of one that ended and was not joined";
+  end.set();
+  thread.joinThread(60'000, &timedOut);
+  EXPECT_FALSE(timedOut);
+}
+
+TEST(CountersTest, LoseNoUpdate) {
+  ThrdPerfCounter perf;
+  KxAtomicU64_t counter;
+  g_object_store_counter = &perf;
+  g_object_store_enable_perf = true;
+  { const TimeFunction ignored("not enabled yet", PERF_SEEK); }
+  perf.enable(true);
+  const auto work = [&] {
+    for (int i = 0; i < 5000; ++i) {
+      counter += 10;
+      counter -= KxAtomicU64_t(6);
+      const TimeFunction timer("test", PERF_DISK_WRITE);
+    }
+  };
+  std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(counter.value(), 3U * 5000 * 4);
+  OBJECT_STORE_STOP_PERF_COUNTER("never started", PERF_SEEK);
+  OBJECT_STORE_START_PERF_COUNTER("outside the table", NUM_PERF_COUNTERS);
+  g_object_store_enable_perf = false;
+  g_object_store_counter = nullptr;
+  LogCapture log;
+  perf._LogPerfCounters("all", -1);
+  const Texts lines = log.takeTexts(LogLevel::Notice);
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_EQ(lines[0].rfind("all: DiskCacheDiskWrite count=15000 total_ns=", 0), 0U) << lines[0];
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,149 @@
+// Truncating, syncing and deleting segments.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
+constexpr const char* GUID = "abcdef";
+
+class TrimTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    start();
+    ASSERT_EQ(outcome(create(GUID, {section(0, "first"), section(2, "second one", 3)})), "success");
+    path = pathOf(GUID);
+    override = nonPrunablePathOf(GUID);
+    whole = readFile(path);
+    log.clear();
+  }
+  static uint64_t allocated(const std::string& file) {
+    struct stat status {};
+    return stat(file.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_blocks) * 512 : 0;
+  }
+
+  std::string path, override, whole;  // the last is the segment's bytes: records at 136 and 157
+};
+
+TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
+  const auto bytes = [&](uint64_t length, const std::string& payload) {
+    const SectionDesc front{2, 9, length};
+    return whole.substr(0, 157) + std::string(reinterpret_cast<const char*>(&front), sizeof(front)) + payload;
+  };
+  const std::string named = " [" + path + ']', all = "second one", cut = bytes(4, "seco");
+  const struct {
+    int32_t type;
+    uint64_t size;
+    const char* failing;
+    std::string outcome, bytes;
+    Texts failures = {};
+  } cases[] = {
+      {2, 4, "", "success", cut},
+      {2, 14, "", "success", bytes(14, all + std::string(4, '\0'))},
+      {0, 4, "", "EEXIST", whole, {"Error: 0 is not last section in" + named}},
+      {1, 0, "", "success", whole},
+      {6, 4, "", "EINVAL", whole, {"Error: invalid section type (6)", "Error: can't find section" + named}},
+      {2, ~0UL, "", "EINVAL", bytes(~0UL, all), {"Error: can't truncate" + named + " (22)"}},
+      {2, 4, "open", "EIO", whole, {"Error: can't open file" + named + " (5)"}},
+      {2, 4, "pwrite", "EIO", whole, {"Error: can't write to" + named + " (5)"}},
+      {2, 4, "ftruncate", "EIO", bytes(4, all), {"Error: can't truncate" + named + " (5)"}},
+      {2, 4, "close", "success", cut},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.type << " to " << c.size << ' ' << c.failing);
+    writeFile(path, whole);
+    const size_t descriptors = openDescriptors();
+    FaultPlan plan;
+    if (*c.failing) plan.fail(c.failing, 1, EIO);
+    EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, c.type, 9, c.size)), c.outcome);
+    EXPECT_EQ(readFile(path), c.bytes);
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
+    EXPECT_EQ(openDescriptors(), descriptors + (c.outcome == "EEXIST")) << "only that one is left open";
+    EXPECT_EQ(Access::openSegments(*cache), 0U);
+  }
+  writeFile(override, whole);
+  ctx.useNonPrunableDir = true;
+  EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 2)), "success");
+  EXPECT_EQ(readFile(override), bytes(2, "se"));
+  EXPECT_EQ(readFile(path), cut) << "the copy that does not count";
+}
+
+TEST_F(TrimTest, SyncingTellsOfTheCopyThatCounts) {
+  ctx.useNonPrunableDir = true;
+  const size_t descriptors = openDescriptors();
+  // The copies, regular one first: '+' is there, '-' is not, '!' cannot be flushed.
+  const std::pair<std::string, std::string> cases[] = {
+      {"++", "success"}, {"+-", "success"}, {"+!", "success"}, {"-+", "success"},
+      {"--", "ENOENT"},  {"-!", "EIO"},     {"!-", "EIO"}};
+  for (const auto& [copies, expected] : cases) {
+    SCOPED_TRACE(copies);
+    FaultPlan plan;
+    for (size_t i = 0; i < 2; ++i) {
+      const std::string& file = i == 0 ? path : override;
+      fs::remove(file);
+      if (copies[i] != '-') writeFile(file, whole);
+      if (copies[i] == '!') plan.fail("fsync", copies[0] == '+' ? 2 : 1, EIO);
+    }
+    EXPECT_EQ(outcome(cache->syncSegment(ctx, GUID)), expected);
+    EXPECT_EQ(openDescriptors(), descriptors);
+  }
+}
+
+TEST_F(TrimTest, DeletionFollowsItsFlags) {
+  const std::string recycled = volumes[0] + "/recycle/" + GUID;
+  for (unsigned bits = 0; bits < 64; ++bits) {
+    SCOPED_TRACE(bits);
+    const auto bit = [&](unsigned n) { return (bits >> n & 1) != 0; };
+    const bool nonPrun = bit(0), prun = bit(1), recycle = bit(2), regular = bit(3), overridden = bit(4);
+    ctx.useNonPrunableDir = bit(5);
+    for (const std::string& entry : {path, override, volumes[0] + "/recycle"}) fs::remove_all(entry);
+    if (regular) writeFile(path, std::string(5000, 'r'));
+    if (overridden) writeFile(override, std::string(100, 'o'));
+    const bool takesRegular = regular && !nonPrun;
+    const bool takesOverride = overridden && ctx.useNonPrunableDir && !prun;
+    const uint64_t given = (takesRegular ? allocated(path) : 0) + (takesOverride ? allocated(override) : 0);
+    const uint64_t used = Access::used(*cache), segments = Access::segments(*cache);
+    EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, nonPrun, prun, Recycle{recycle})), "success");
+    EXPECT_EQ(fs::exists(path), regular && !takesRegular);
+    EXPECT_EQ(fs::exists(override), overridden && !takesOverride);
+    EXPECT_EQ(fs::exists(recycled), recycle && (takesRegular || takesOverride));
+    EXPECT_EQ(used - Access::used(*cache), recycle ? 0 : given);
+    EXPECT_EQ(segments - Access::segments(*cache), recycle ? 0U : unsigned{takesRegular} + takesOverride);
+  }
+}
+
+TEST_F(TrimTest, DeletionStopsAtTheCallThatFails) {
+  const std::string bare = "Input/output error (5)", pushed = "Error: Can't delete [abcdef]: " + bare;
+  const struct {
+    size_t nth;  // of access, stat and unlink for the override and for the other
+    std::string error, line;
+  } cases[] = {
+      {2, pushed, "Error: can't stat [" + override + "] (5)"},
+      {3, pushed, "Error: can't unlink file [" + override + "] (5)"},
+      {5, bare, "Error: can't stat [" + path + "] (5)"},
+      {6, bare, "Error: can't unlink file [" + path + "] (5)"},
+  };
+  ctx.useNonPrunableDir = true;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.nth);
+    for (const std::string& file : {path, override}) writeFile(file, whole);
+    FaultPlan plan;
+    plan.fail(FaultPlan::ANY, c.nth, EIO);
+    EXPECT_EQ(cache->deleteSegment(ctx, GUID, false, false, Recycle::No).AsString(), c.error);
+    EXPECT_EQ(plan.trace().size(), c.nth) << "went on after a failure";
+    EXPECT_EQ(fs::exists(override), c.error == pushed);
+    EXPECT_TRUE(fs::exists(path));
+    EXPECT_TRUE(log.has(LogLevel::Error, c.line));
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,147 @@
+// The set of volumes, the file that keeps their numbers, the choice among them, and what a full cache does.
+#include <gtest/gtest.h>
+
+#include "support/config.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+#include "tests/support/smallFileSystem.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::literals;
+using Texts = std::vector<std::string>;
+using Indexes = std::vector<VolIndex>;
+
+class VolumeTest : public EngineTest {
+ protected:
+  VolumeTest() { options.volumes = 2, options.persistent = PersistentVolumes::Yes; }
+  Indexes choose(size_t times) {
+    Indexes chosen(times);
+    for (VolIndex& index : chosen) index = Access::getNextVolWithSpace(*cache);
+    return chosen;
+  }
+  EngineOptions options;
+  const std::string m_info = dir / "root/volume_info";
+  const std::string m_vol1 = dir / "vol1", m_vol2 = dir / "vol2", m_vol3 = dir / "vol3";
+};
+
+TEST_F(VolumeTest, IndexesOutliveTheEngine) {
+  start(options);
+  put("abcdef", "text");
+  cache = std::make_unique<DiskCache>(PersistentVolumes::Yes);
+  const Texts dirs{m_vol3, m_vol2, m_vol1};
+  ASSERT_EQ(outcome(cache->init(dir / "root", dirs, 90, 80, 95, 9, nullptr, PruningMode::Lru)), "success");
+  EXPECT_EQ(get("abcdef"), "text");
+  for (const char* bad : {"a,b", "a\nb,1"}) EXPECT_EQ(outcome(cache->addVolume(dir / bad)), "EINVAL");
+  EXPECT_EQ(Access::rotation(*cache), (Indexes{3, 2, 1}));
+  EXPECT_EQ(readFile(m_info), m_vol1 + ",1\n" + m_vol2 + ",2\n" + m_vol3 + ",3\n");
+}
+
+// Whatever the file says is taken as far as it makes sense, and written back from that.
+TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
+  start(options);
+  const std::string longName(1 << 20, 'x');
+  const std::pair<std::string, std::string> cases[] = {
+      {"/x , 3 \nA,7\nB,7\nd,2\nd,1", "d,1\nd,2\n/x ,3\nB,7\n"},
+      {"a,-1\nb,65536\nc,99999999999999999999999\n", "b,0\nc,65535\n"},
+      {"a,1\r\nb,\t+2x\n c,0x5\nd,e,4\n", "d,0\na,1\nb,2\n"},
+      {"\n  \nnone%s\n,5\nx,", "x,0\n,5\n"},
+      {"a\0b,1\0 2\n"s, "a\0b,1\n"s},
+      {longName + ",9\n" + longName, longName + ",9\n"}};
+  for (const auto& [content, saved] : cases) {
+    cache->removeAllVolumes();
+    writeFile(m_info, content);
+    EXPECT_EQ(Access::loadVolumeInfo(*cache) + Access::saveVolumeInfo(*cache), 0);
+    EXPECT_EQ(readFile(m_info), saved);
+  }
+  EXPECT_TRUE(log.has(LogLevel::Info, "Bad volume file line: none%s"));
+}
+
+// A volume named again stands in the rotation again, and only the newest entry of one can be taken out.
+TEST_F(VolumeTest, TheRotationFollowsEachChange) {
+  using Change = int (DiskCache::*)(const std::string&);
+  constexpr Change add = &DiskCache::addVolume, remove = &DiskCache::removeVolume;
+  constexpr Change disable = &DiskCache::disableNewSegments, enable = &DiskCache::enableNewSegments;
+  const std::tuple<Change, std::string, Indexes> steps[] = {
+      {add, m_vol3, {1, 2, 1, 2, 3}},    {disable, m_vol1, {1, 2, 2, 3}}, {enable, m_vol1, {1, 2, 2, 3, 1}},
+      {enable, m_vol1, {1, 2, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}},
+      {remove, m_vol1, {1, 2, 3, 2, 3}}, {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
+  start(options);
+  for (const auto& [change, volume, rotation] : steps) {
+    EXPECT_EQ((*cache.*change)(volume), 0);
+    EXPECT_EQ(Access::rotation(*cache), rotation);
+  }
+  EXPECT_EQ(choose(7), (Indexes{1, 2, 3, 2, 2, 1, 1}));
+  for (const Change change : {remove, disable, enable}) {
+    EXPECT_EQ(outcome((*cache.*change)("nowhere")), "ENOENT");
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Can't disable new segment nowhere"});
+  }
+  EXPECT_EQ((cache->removeAllVolumes(), choose(1)), Indexes{0});
+}
+
+TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
+  const SmallFileSystem small(20);
+  SKIP_WITHOUT(small);
+  options.volumes = 3, options.persistent = PersistentVolumes::No, options.volumesIn = small.path();
+  start(options);
+  const uint64_t exact = fs::space(small.path()).available, full = exact + 1;
+  const std::pair<std::vector<uint64_t>, Indexes> cases[] = {
+      {{exact, full, exact}, {1, 3, 1, 3}}, {{full, full, full}, {0, 0, 0, 0}}, {{0, 0, 0}, {1, 2, 3, 1}}};
+  for (const auto& [reserves, chosen] : cases) {
+    Access::initVolumes(*cache, Texts{});  // puts the cursor at the front
+    const auto reserve = [&reserves = reserves](Volume& v) { v.reserved = reserves[v.index - 1U]; };
+    for (VolIndex i = 1; i <= 3; ++i) Access::changeVolume(*cache, i, reserve);
+    EXPECT_EQ(choose(4), chosen);
+  }
+  // A volume that cannot be asked ends every search until it is disabled and is not counted.
+  put("abcdef", std::string(1 << 20, 'x'));
+  fs::remove_all(volumes[2]);
+  EXPECT_EQ(choose(2), (Indexes{0, 0}));
+  EXPECT_EQ(cache->refreshCacheUtilizationData(), 0);
+  EXPECT_EQ(log.takeTexts(LogLevel::Error),
+            (Texts{"Can't get free bytes " + volumes[2] + " (2)",
+                   "Error 2 getting updated volume size for " + volumes[2] + ", skipped"}));
+  EXPECT_EQ(Access::used(*cache), 2 * ((20U << 20) - fs::space(small.path()).available));
+  EXPECT_EQ(Access::total(*cache), 2U * 20 << 20);
+  EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
+  EXPECT_EQ(choose(2), (Indexes{1, 2}));
+}
+
+TEST_F(VolumeTest, EachWatermarkIsBytesOrElsePercent) {
+  start();
+  cache->updateWatermarks(50, 40, 60);
+  const std::tuple<const char*, bool (DiskCache::*)(), uint64_t> watermarks[] = {
+      {"DiskCacheHighWMBytes", &DiskCache::isOverHighWatermark, 500},
+      {"DiskCacheLowWMBytes", &DiskCache::isOverLowWatermark, 400},
+      {"DiskCacheAlarmWMBytes", &DiskCache::isOverAlarmWatermark, 600}};
+  for (const auto& [key, isOver, percents] : watermarks) {
+    for (const auto& [bytes, most] : {std::pair{"0", percents}, {"many", percents}, {"700", 700}}) {
+      ConfigStore::set(CONFIG_SECTION, key, bytes);
+      for (const uint64_t used : {most, most + 1}) {
+        Access::setSpace(*cache, used, 1000);
+        EXPECT_EQ((*cache.*isOver)(), used > most) << key << ' ' << bytes;
+      }
+    }
+    ConfigStore::clear();
+  }
+}
+
+TEST_F(VolumeTest, WritersWaitTheLongerTheLessIsFree) {
+  start();
+  cache->updateWatermarks(50, 1, 1);
+  FaultPlan plan;
+  plan.skipSleeps();
+  for (const uint64_t used : {500, 1000, 1001, 997, 999}) {
+    Access::setSpace(*cache, used, 1000);
+    Access::delayWriteToSegment(*cache);
+  }
+  EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
+  plan.takeTrace();
+  put("abcdef", "text");
+  EXPECT_EQ(plan.trace().front(), "nanosleep") << "before anything is touched";
+}
+
+}  // namespace
+}  // namespace ObjectStore

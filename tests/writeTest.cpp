@@ -1,0 +1,252 @@
+// Creating and writing segments; and, for the readers too, what becomes of each system call that fails.
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <functional>
+#include <tuple>
+
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+using namespace std::string_literals;
+
+namespace ObjectStore {
+namespace {
+
+using F = ForceDiskLoc;
+
+const std::string SEGMENT = "abcd-1";
+const std::string HELLO = "hello";
+const std::string LONG = std::string(9'997, '\0') + "end";
+
+class WriteTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    start();
+    put("abcd-0", "makes the directories");
+    log.setLevel(LogLevel::NoSpace);
+  }
+  uint64_t refused() { return Access::stats(*cache).errOutOfSpace.value(); }
+
+  // Runs an operation, the nth of its calls failing with a number or, when that is 0, moving two bytes only:
+  // what it told and logged, with names for what differs.
+  std::string run(const std::function<std::string()>& operation, size_t nth = 0, int errNo = 0) {
+    log.clear();
+    const size_t descriptors = openDescriptors();
+    const int next = ::dup(STDERR_FILENO);  // the number that the operation's file will have
+    ::close(next);
+    FaultPlan plan;
+    if (nth > 0) errNo ? plan.fail(FaultPlan::ANY, nth, errNo) : plan.shortTransfer(FaultPlan::ANY, nth, 2);
+    errno = EBUSY;  // never to be reported
+    const std::string told = operation();
+    calls = plan.takeTrace();
+    EXPECT_EQ(openDescriptors(), descriptors);
+    EXPECT_EQ(Access::openSegments(*cache), 0U);
+    std::string text;
+    for (const std::string& line : log.takeTexts()) text += "; " + line;
+    for (const auto& [name, what] : {std::pair{"DETAILS", failure.AsString(EErrorOutputFormat::Detailed)},
+                                     {"FILE", pathOf(SEGMENT)},
+                                     {"VOL", volumes[0]},
+                                     {"file FD ", "file " + std::to_string(next) + ' '},
+                                     {"MAX", std::to_string(~0UL)}}) {
+      for (size_t at = 0; (at = text.find(what)) != std::string::npos;) text.replace(at, what.size(), name);
+    }
+    return told + text;
+  }
+
+  // Runs an operation as it is, then with each of its calls from `first` on failing for lack of space and,
+  // where bytes move, cut to two. A line of each, but of those that end as if nothing had failed.
+  std::string sweep(const std::function<std::string()>& operation, bool cuts, size_t first = 0) {
+    const std::string success = run(operation);
+    const std::vector<std::string> all = calls;
+    std::string told = "\n";
+    for (const std::string& call : all) told += call + ' ';
+    told += "| " + success + '\n';
+    for (const int errNo : {ENOSPC, 0}) {
+      for (size_t i = first; i < all.size(); ++i) {
+        const bool moves = all[i].ends_with("write") || all[i].ends_with("read");
+        if (errNo == 0 && !(cuts && moves)) continue;
+        const std::string line = run(operation, i + 1, errNo);
+        if (line != success) told += all[i] + (errNo != 0 ? " | " : " cut | ") + line + '\n';
+      }
+    }
+    return told;
+  }
+
+  // A file behind its first eight bytes: letters as they are, other bytes as numbers, zeros in a row as one.
+  static std::string shown(const std::string& path) {
+    if (!std::filesystem::exists(path)) return " none";
+    std::string text = " [";
+    const std::string bytes = readFile(path).erase(0, 8);
+    for (const unsigned char c : bytes) {
+      if (c == 0 && text.ends_with("0.")) continue;
+      text += std::isalpha(c) ? std::string(1, static_cast<char>(c)) : std::to_string(c) + '.';
+    }
+    return text + ']';
+  }
+  // sweep() of an operation on a segment of these bytes; tells its file, one aside, and what was counted.
+  std::string sweepWrites(const std::string& before, const std::function<CZuError()>& write, bool cuts) {
+    const std::string path = pathOf(SEGMENT), aside = path + ".temp";
+    const auto operation = [&] {
+      for (const std::string& file : {path, aside}) std::filesystem::remove(file);
+      if (!before.empty()) writeFile(path, before);
+      const uint64_t old[] = {Access::used(*cache), Access::segments(*cache), refused()};
+      failure = write();
+      std::string text = outcome(failure) + shown(path);
+      if (std::filesystem::exists(aside)) text += " aside" + shown(aside);
+      if (Access::used(*cache) != old[0]) text += " counted";
+      if (Access::segments(*cache) != old[1]) text += " new";
+      return text + (refused() != old[2] ? " refused" : "");
+    };
+    return sweep(operation, cuts);
+  }
+
+  CZuError failure;                // of the last write
+  std::vector<std::string> calls;  // of the last run
+};
+
+TEST_F(WriteTest, FilesAreRightByteForByte) {
+  // The second record of type 0 lies behind the first, which stays; the header points at the newer one.
+  const std::string golden =
+      "\xdc\xdc\1\0\0\0\0\0\xb4\0\0\0\0\0\0\0"s + std::string(32, '\0') + "\x9d"s + std::string(87, '\0') +
+      "\0\0\0\0\7\0\0\0\5\0\0\0\0\0\0\0hello\5\0\0\0\x9\0\0\0\7\0\0\0\0\0\0\0\0\0\0\0xyz"
+      "\0\0\0\0\x8\0\0\0\5\0\0\0\0\0\0\0again"s;
+  create(SEGMENT, {section(0, "hello", 7), section(5, "xyz", 9, 4), section(0, "again", 8)});
+  EXPECT_EQ(bytesOf(SEGMENT), golden);
+}
+
+TEST_F(WriteTest, CreateAtEachFailingCall) {
+  const auto make = [&] { return cache->createSegment(ctx, SEGMENT, {}, true, false, false); };
+  EXPECT_EQ(sweepWrites("", make, false), R"(
+statvfs mkdir access open write fstat fsync close | success [0.] counted new
+statvfs | ENOSPC none refused; 4 Can't get free space for VOL (28); 4 Error: Can't find volume with free space
+mkdir | ENOSPC none; -1 Error: Can't create directory for segment creation: [VOL/ctx/ab/cd]
+write | ENOSPC []; -1 Error: Can't write header (28); -1 Error: Can't write header for [FILE]
+fstat | ENOSPC [0.]; -1 Error: can't get file size [FILE] (28)
+fsync | ENOSPC [0.] counted; -1 Error: can't fsync file [FILE] (28)
+)");
+}
+
+TEST_F(WriteTest, WriteSectionsAtEachFailingCall) {
+  // In place, longer than before, and then behind that.
+  const std::vector<Section> sections = {section(0, HELLO, 7, 3), section(3, LONG)};
+  const std::string before =
+      "\xdc\xdc\1\0\0\0\0\0\x88"s + std::string(131, '\0') + "\7\0\0\0\5\0\0\0\0\0\0\0start"s;
+  const auto write = [&] { return cache->writeSections(ctx, SEGMENT, sections, true, F::Default); };
+  EXPECT_EQ(sweepWrites(before, write, true), R"(
+open fstat read pwrite pread pwrite lseek pwrite pwrite pwrite fstat fsync close | success [136.0.160.7.0.8.0.stahello3.0.16.39.0.end] counted
+open | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't open file [FILE] (28)
+fstat | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't get file size for [FILE] (28)
+read | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't read segment header, size=-1 (28); -1 Error: invalid segment header for [FILE]
+pwrite | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't write to file FD (28), [3]; 4 Error: can't modify section in [FILE]
+pread | ENOSPC [136.0.7.0.5.0.stahello]; -1 Error: can't read from file FD (28); 4 Error: can't modify section in [FILE]
+pwrite | ENOSPC [136.0.7.0.5.0.stahello] refused; 4 Error: can't write to file FD (28); 4 Error: can't modify section in [FILE]
+lseek | EINVAL [136.0.255.255.255.255.255.255.255.255.0.7.0.8.0.stahello]; -1 Error: can't write to file FD (MAX,22) len=10000; -1 Error: can't append section to [FILE]
+pwrite | ENOSPC [136.0.7.0.8.0.stahello] refused; 4 Error: can't write to file FD (MAX,28); 4 Error: can't append section to [FILE]
+pwrite | ENOSPC [136.0.160.7.0.8.0.stahello] refused; 4 Error: can't write to file FD (MAX,28) len=10000; 4 Error: can't append section to [FILE]
+pwrite | ENOSPC [136.0.160.7.0.8.0.stahello0.end] refused; 4 Error: can't write to file FD (MAX,28) len=16; 4 Error: can't append section to [FILE]
+fstat | ENOSPC [136.0.160.7.0.8.0.stahello3.0.16.39.0.end]; -1 Error: can't get file size [FILE] (28)
+fsync | ENOSPC [136.0.160.7.0.8.0.stahello3.0.16.39.0.end] counted; -1 Error: can't fsync file [FILE] (28)
+read cut | EIO [136.0.7.0.5.0.start]; -1 Error: can't read segment header, size=2 (0); -1 Error: invalid segment header for [FILE]
+pwrite cut | error 0 [136.0.7.0.5.0.stahe]; -1 Error: can't write to file FD (0), [3]; -1 Error: can't modify section in [FILE]
+pread cut | error 0 [136.0.7.0.5.0.stahello]; -1 Error: can't read from file FD (0); -1 Error: can't modify section in [FILE]
+pwrite cut | error 0 [136.0.7.0.8.0.stahello]; -1 Error: can't write to file FD (0); -1 Error: can't modify section in [FILE]
+pwrite cut | error 0 [136.0.160.7.0.8.0.stahello]; -1 Error: can't write to file FD (2,0); -1 Error: can't append section to [FILE]
+pwrite cut | error 0 [136.0.160.7.0.8.0.stahello0.]; -1 Error: can't write to file FD (2,0) len=10000; -1 Error: can't append section to [FILE]
+pwrite cut | error 0 [136.0.160.7.0.8.0.stahello3.0.end]; -1 Error: can't write to file FD (2,0) len=16; -1 Error: can't append section to [FILE]
+)");
+}
+
+TEST_F(WriteTest, ReplaceAtEachFailingCall) {
+  const auto replace = [&] { return cache->replaceSegment(ctx, SEGMENT, {}); };
+  EXPECT_EQ(sweepWrites("\xdc\xdc\1\0\0\0\0\0old"s, replace, false), R"(
+open write close rename | success [0.]
+open | ENOSPC [old]; -1 Error: can't open file [FILE] (28)
+write | ENOSPC [old] aside []; -1 Error: Can't write header (28); -1 Error: can't write segment header for [FILE]
+rename | ENOSPC [old] aside [0.]; -1 DETAILS: Can't rename [FILE.temp] to [FILE]: No space left on device (28)
+)");
+  // What a failure left is written over, not cut: the new sections go behind it.
+  writeFile(pathOf(SEGMENT) + ".temp", LONG);
+  EXPECT_EQ(outcome(cache->replaceSegment(ctx, SEGMENT, {section(5, HELLO, 7)})), "success");
+  EXPECT_EQ(shown(pathOf(SEGMENT)), " [0.16.39.0.end5.0.7.0.5.0.hello]");
+}
+
+TEST_F(WriteTest, ReadersAtEachFailingCall) {
+  put(SEGMENT, HELLO);
+  const auto readOne = [&] {
+    std::string buffer = "........";
+    std::vector<Section> one = {section(0, buffer)};
+    const std::string text = outcome(cache->readSections(ctx, SEGMENT, one, false));
+    return text + ' ' + std::to_string(one[0].len) + buffer;
+  };
+  const auto readAll = [&] {
+    std::vector<SectionV> all;
+    std::string text = outcome(cache->readAllSections(ctx, SEGMENT, all));
+    for (const SectionV& s : all) text += " got " + std::string(s.data.begin(), s.data.end());
+    return text;
+  };
+  EXPECT_EQ(sweep(readOne, true), R"(
+open read pread pread close | success 5hello...
+open | ENOSPC 8........; -1 Error: can't open file [FILE] (28)
+read | ENOSPC 8........; -1 Error: can't read segment header, size=-1 (28); -1 Error: invalid segment header for [FILE]
+pread | success 0........; -1 Error: can't read descriptor [FILE] len=16 (MAX,28)
+pread | ENOSPC 8........; -1 Error: can't read file [FILE] len=5 (MAX,28)
+read cut | EIO 8........; -1 Error: can't read segment header, size=2 (0); -1 Error: invalid segment header for [FILE]
+pread cut | success 0........; -1 Error: can't read descriptor [FILE] len=16 (2,0)
+pread cut | error 0 8he......; -1 Error: can't read file [FILE] len=5 (2,0)
+)");
+  EXPECT_EQ(run(readAll), "success got hello");
+  EXPECT_EQ(run(readAll, 5, ENOSPC), "success; -1 Error: Can't seek to 136 in [FILE] (28)");
+  EXPECT_EQ(run(readAll, 8, ENOSPC), "ENOSPC got \0\0\0\0\0; -1 Error: can't read file [FILE] len=5 (28)"s);
+  EXPECT_EQ(sweep([&] { return get(SEGMENT); }, true, 2), R"(
+open read pread fstat pread close | hello
+pread | [ENOSPC]; -1 Error: can't read file [FILE] (MAX,28)
+fstat | [ENOSPC]; -1 Error: can't read file [FILE] len=5 (0,28)
+pread | [ENOSPC]; -1 Error: can't read file [FILE] len=5 (MAX,28)
+pread cut | [error 0]; -1 Error: can't read file [FILE] (2,0)
+pread cut | [error 0]; -1 Error: can't read file [FILE] len=5 (2,0)
+)");
+}
+
+TEST_F(WriteTest, RefusalsComeInOrder) {
+  // type, length, buffer size, bytes free
+  const std::tuple<int32_t, uint64_t, uint64_t, int64_t, std::string> refusals[] = {
+      {6, 0, 0, 0, "EINVAL; -1 Error: zero length"},
+      {6, 5, 4, 0, "EINVAL; -1 Error: len exceeds vector size"},
+      {6, 5, 5, 0, "EINVAL; -1 Error: invalid section type (6)"},
+      {5, 5, 5, 4, "ENOSPC; 4 Error: out of space"}};
+  for (const auto& [type, len, bufferSize, free, expected] : refusals) {
+    std::vector<Section> one = {section(type, HELLO)};
+    one[0].len = len;
+    one[0].bufferSize = bufferSize;
+    Access::changeVolume(*cache, 1, [bytes = free](Volume& volume) { volume.free = bytes; });
+    EXPECT_EQ(run([&] { return outcome(cache->replaceSegment(ctx, SEGMENT, one)); }),
+              expected + "; -1 Error: can't append section to FILE");
+  }
+  const auto make = [&] { return outcome(create(SEGMENT, {section(0, HELLO)})); };
+  EXPECT_EQ(run(make, 7, ENOSPC),
+            "ENOSPC; 4 Error: can't write to file FD (MAX,28); 4 Error: can't append section to [FILE]");
+  EXPECT_EQ(run(make), "EEXIST; -1 Error: File already exists: [FILE]");
+}
+
+TEST_F(WriteTest, WhereSectionsAreWrittenTo) {
+  // useNonPrunableDir, moveOnWrite, force; the copies after writing 0, 1, 2, ...
+  const std::tuple<bool, bool, F, std::string> cases[] = {
+      {false, true, F::NonPrunable, "0, none"}, {true, false, F::Default, "1, none"},
+      {true, true, F::Default, "1, 2"},         {true, false, F::NonPrunable, "1, 3"},
+      {true, false, F::Default, "1, 4"},        {true, true, F::Prunable, "5, 4"}};
+  put(SEGMENT, "?");
+  char text = '0';
+  for (const auto& [use, move, force, expected] : cases) {
+    ctx.useNonPrunableDir = use;
+    ctx.moveOnWrite = move;
+    const std::string bytes(1, text++), copy = nonPrunablePathOf(SEGMENT);
+    EXPECT_EQ(outcome(cache->writeSections(ctx, SEGMENT, {section(0, bytes)}, false, force)), "success");
+    const std::string copied = std::filesystem::exists(copy) ? readFile(copy).substr(152) : "none";
+    EXPECT_EQ(bytesOf(SEGMENT).substr(152) + ", " + copied, expected);
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore
