@@ -1,7 +1,10 @@
-// The set of volumes, the file that keeps their numbers, the choice among them, and what a full cache does.
+// The set of volumes, the file that keeps their numbers, and the choice among them.
 #include <gtest/gtest.h>
 
-#include "support/config.h"
+#include <algorithm>
+#include <numeric>
+
+#include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
@@ -26,6 +29,24 @@ class VolumeTest : public EngineTest {
   const std::string m_info = dir / "root/volume_info";
   const std::string m_vol1 = dir / "vol1", m_vol2 = dir / "vol2", m_vol3 = dir / "vol3";
 };
+
+TEST_F(VolumeTest, IndexesGoUpThenFillGaps) {
+  const struct {
+    size_t first, last;
+    VolIndex behind, index;
+  } cases[] = {{1, 0, 0, 1},     {5, 5, 0, 6},     {65535, 65535, 0, 1},
+               {0, 0, 65535, 1}, {1, 2, 65535, 3}, {1, 65534, 0, 65535},
+               {2, 65535, 0, 1}, {1, 65535, 0, 0}, {0, 65534, 0, 0}};
+  for (const auto& [first, last, behind, index] : cases) {
+    std::list<VolIndex> used(last + 1 - first);
+    std::iota(used.begin(), used.end(), static_cast<VolIndex>(first));
+    if (behind != 0) used.push_back(behind);
+    std::list<VolIndex> after = used;
+    if (index != 0) after.insert(std::upper_bound(after.begin(), after.end(), index), index);
+    EXPECT_EQ(getUnusedIndex(used), index) << first << " to " << last << " and " << behind << " are used";
+    EXPECT_EQ(used, after);
+  }
+}
 
 TEST_F(VolumeTest, IndexesOutliveTheEngine) {
   start(options);
@@ -107,40 +128,6 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   EXPECT_EQ(Access::total(*cache), 2U * 20 << 20);
   EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
   EXPECT_EQ(choose(2), (Indexes{1, 2}));
-}
-
-TEST_F(VolumeTest, EachWatermarkIsBytesOrElsePercent) {
-  start();
-  cache->updateWatermarks(50, 40, 60);
-  const std::tuple<const char*, bool (DiskCache::*)(), uint64_t> watermarks[] = {
-      {"DiskCacheHighWMBytes", &DiskCache::isOverHighWatermark, 500},
-      {"DiskCacheLowWMBytes", &DiskCache::isOverLowWatermark, 400},
-      {"DiskCacheAlarmWMBytes", &DiskCache::isOverAlarmWatermark, 600}};
-  for (const auto& [key, isOver, percents] : watermarks) {
-    for (const auto& [bytes, most] : {std::pair{"0", percents}, {"many", percents}, {"700", 700}}) {
-      ConfigStore::set(CONFIG_SECTION, key, bytes);
-      for (const uint64_t used : {most, most + 1}) {
-        Access::setSpace(*cache, used, 1000);
-        EXPECT_EQ((*cache.*isOver)(), used > most) << key << ' ' << bytes;
-      }
-    }
-    ConfigStore::clear();
-  }
-}
-
-TEST_F(VolumeTest, WritersWaitTheLongerTheLessIsFree) {
-  start();
-  cache->updateWatermarks(50, 1, 1);
-  FaultPlan plan;
-  plan.skipSleeps();
-  for (const uint64_t used : {500, 1000, 1001, 997, 999}) {
-    Access::setSpace(*cache, used, 1000);
-    Access::delayWriteToSegment(*cache);
-  }
-  EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
-  plan.takeTrace();
-  put("abcdef", "text");
-  EXPECT_EQ(plan.trace().front(), "nanosleep") << "before anything is touched";
 }
 
 }  // namespace

@@ -79,7 +79,8 @@ class WriteTest : public EngineTest {
     if (!std::filesystem::exists(path)) return " none";
     std::string text = " [";
     const std::string bytes = readFile(path).erase(0, 8);
-    for (const unsigned char c : bytes) {
+    for (const char signedByte : bytes) {
+      const auto c = static_cast<unsigned char>(signedByte);
       if (c == 0 && text.ends_with("0.")) continue;
       text += std::isalpha(c) ? std::string(1, static_cast<char>(c)) : std::to_string(c) + '.';
     }

@@ -1,0 +1,91 @@
+// Watermarks, the delay of writers, and what the engine tells of itself.
+#include <gtest/gtest.h>
+
+#include "diskcache/diskcacheLru.h"
+#include "support/config.h"
+#include "support/file.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+using namespace std::literals;
+using Texts = std::vector<std::string>;
+using Table = std::map<std::string, std::string>;
+
+class SpaceTest : public EngineTest {
+ protected:
+  void SetUp() override { start(); }
+  void TearDown() override { ConfigStore::clear(); }
+  static std::string text(const Table& table) {
+    std::string out;
+    for (const auto& [key, value] : table) out += key + '=' + value + ' ';
+    return out;
+  }
+};
+
+TEST_F(SpaceTest, EachWatermarkIsBytesOrElsePercent) {
+  cache->updateWatermarks(50, 40, 60);
+  const std::tuple<const char*, bool (DiskCache::*)(), uint64_t> watermarks[] = {
+      {"DiskCacheHighWMBytes", &DiskCache::isOverHighWatermark, 500},
+      {"DiskCacheLowWMBytes", &DiskCache::isOverLowWatermark, 400},
+      {"DiskCacheAlarmWMBytes", &DiskCache::isOverAlarmWatermark, 600}};
+  for (const auto& [key, isOver, percents] : watermarks) {
+    for (const auto& [bytes, most] : {std::pair{"0", percents}, {"many", percents}, {"700", uint64_t{700}}}) {
+      ConfigStore::set(CONFIG_SECTION, key, bytes);
+      for (const uint64_t used : {most, most + 1}) {
+        Access::setSpace(*cache, used, 1000);
+        EXPECT_EQ((*cache.*isOver)(), used > most) << key << ' ' << bytes;
+      }
+    }
+    ConfigStore::clear();
+  }
+}
+
+TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
+  cache->updateWatermarks(50, 1, 1);
+  FaultPlan plan;
+  plan.skipSleeps();
+  for (const uint64_t used : {500U, 1000U, 1001U, 997U, 999U}) {
+    Access::setSpace(*cache, used, 1000);
+    Access::delayWriteToSegment(*cache);
+  }
+  EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
+  plan.takeTrace();
+  put("abcdef", "text");
+  EXPECT_EQ(plan.trace().front(), "nanosleep") << "before anything is touched";
+}
+
+TEST_F(SpaceTest, StatusAndCountersAreTold) {
+  put("abcdef", "text");
+  Access::setSpace(*cache, 123, ~uint64_t{0});
+  log.clear();
+  cache->updateWatermarks(10, 90, -5);
+  int high = 0, low = 0, alarm = 0;
+  cache->getCurrentWatermarks(high, low, alarm);
+  EXPECT_EQ((std::vector{high, low, alarm}), (std::vector{10, 90, -5}));
+  cache->setOutOfSpace(true);
+  EXPECT_EQ(log.takeTexts(), (Texts{"1 New watermarks=[10/90/-5]", "1 Current watermarks=[10/90/-5]",
+                                    "1 Setting out of space mode = 1"}));
+  Table table{{"DC.HighWM", "replaced"}, {"mine", "kept"}};
+  cache->getStatus(table);
+  const std::string list = to_hexstring(&Access::lru(*cache));
+  EXPECT_EQ(
+      text(table),
+      "DC.AlarmWM=18446744073709551611 DC.HighWM=10 DC.LRUEntriesCur=1 DC.LRUEntriesMax=1000 DC.LRUPtr=" +
+          list +
+          " DC.LowWM=90 DC.PruningMode=lru DC.SegmentsInCache=1 DC.TotalCache=18446744073709551615 "
+          "DC.UsedCache=123 mine=kept ");
+  FaultPlan plan;
+  plan.skipSleeps();
+  Access::setSpace(*cache, 900, 1000);
+  Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = ~uint64_t{0}; });
+  EXPECT_EQ(outcome(create("refused", {})), "ENOSPC");
+  table.clear();
+  for (int i = 0; i < 2; ++i) cache->getCounters(table);
+  EXPECT_EQ(text(table), "DC.delayMs=20 DC.errOutOfSpace=1 DC.numPruned=0 ");
+}
+
+}  // namespace
+}  // namespace ObjectStore
