@@ -45,7 +45,11 @@ std::string padPath(const std::string& source, size_t number) {
 const MigrationCB VolumeMove::CALLBACK = onEnd;
 
 VolumeMove::VolumeMove(DiskCache& cache, const Volume& volume, std::string destination)
-    : m_cache(cache), m_index(volume.index), m_source(volume.dir), m_destination(std::move(destination)) {}
+    : m_cache(cache),
+      m_index(volume.index),
+      m_source(volume.dir),
+      m_destination(std::move(destination)),
+      m_isNew(!fs::exists(m_destination)) {}
 
 VolumeMove::~VolumeMove() {
   std::error_code ignored;
@@ -85,9 +89,11 @@ void VolumeMove::finish() {
     const int outcome = *g_outcome;
     lock.unlock();
     if (outcome == 0) return;
-    if (outcome != ENOENT) {
+    if (outcome != ENOENT || !m_isNew) {
       throw Failure(ExitStatus::Error, fmt::format("{}: {}", m_destination, std::strerror(outcome)));
     }
+    std::error_code ignored;
+    fs::remove_all(m_destination, ignored);
     start();
   }
 }

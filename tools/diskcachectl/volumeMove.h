@@ -21,7 +21,8 @@ class VolumeMove {
 
   // Both throw a Failure with what the cache says.
   void start();
-  // Waits for the end. A move that ended because a segment vanished while it was copied is started again.
+  // Waits for the end. A move to a new directory that ended because a segment vanished while it was copied
+  // begins anew, from nothing: what the first one left may be older than the source.
   void finish();
 
  private:
@@ -31,6 +32,7 @@ class VolumeMove {
   const ObjectStore::VolIndex m_index;
   const std::string m_source;
   const std::string m_destination;
+  const bool m_isNew;  // there was nothing at the destination
 };
 
 }  // namespace diskcachectl
