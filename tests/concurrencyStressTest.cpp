@@ -39,8 +39,10 @@ class ConcurrencyStressTest : public EngineTest {
  protected:
   void SetUp() override {
     log.setLevel(LogLevel::Error - 1);
-    options.prunerCallback = [this](auto&, auto&, const std::string& guid) {
-      const std::string told = outcome(cache->deleteSegment(ctx, guid, false, true, Recycle::No));
+    options.prunerCallback = [this](auto&, const std::string& path, const std::string& guid) {
+      DiskCacheContext own = ctx;
+      if (volumes.size() == 2) own.volume = path.starts_with(volumes[1]) ? 2 : 1;
+      const std::string told = outcome(cache->deleteSegment(own, guid, false, true, Recycle::No));
       return told == "success" || told == "ENOENT";  // another thread was faster
     };
   }
@@ -93,6 +95,10 @@ class ConcurrencyStressTest : public EngineTest {
     return error;
   }
 
+  bool isDirty(size_t id, VolIndex volume) {
+    return std::filesystem::exists(cache->guid2path(guidOf(id), volume, ctx.nonprunableDir));
+  }
+
   std::atomic<size_t> m_reads{0};
   size_t m_descriptors = openDescriptors();
   EngineOptions options;
@@ -130,22 +136,24 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
 }
 
 TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
-  const SmallFileSystem disk(static_cast<unsigned>(soaked(64)));
+  const SmallFileSystem disk(static_cast<unsigned>(soaked(128)));
   static std::promise<int> ended;
   options.volumesIn = disk.available() ? disk.path() : dir.path();
+  options.volumes = 2;
   options.mode = PruningMode::Random;
   options.maxLruEntries = 50;
   options.migrationCallback = [](int error, auto&, auto&) { ended.set_value(error); };
   ctx.useNonPrunableDir = true;
   start(options);
-  // With "recycle" four directories, so that all are copied; none may ever be empty.
+  // With "recycle" four directories, so that all are copied; none may ever be empty. Volume 1 moves.
   for (const char* top : {"/ctx", "/noprune-ctx", "/spare"}) writeFile(volumes[0] + top + "/pinned", "");
   const unsigned pin = cache->openSegment("pinned");
   const uint64_t low = Access::used(*cache) + soaked(10 << 20);
   ConfigStore::set(CONFIG_SECTION, "DiskCacheLowWMBytes", std::to_string(low));
   ConfigStore::set(CONFIG_SECTION, "DiskCacheHighWMBytes", std::to_string(low + soaked(2 << 20)));
 
-  const size_t each = soaked(1500);
+  const size_t each = soaked(2500);
+  std::vector<std::atomic<VolIndex>> volumeOf(each * THREADS);
   std::set<size_t> dirty[THREADS];  // segments whose override copy is there and was not given up since
   std::atomic<size_t> halfway{0};
   const auto client = [&](size_t thread, DiskCacheContext& own, auto& random) {
@@ -153,12 +161,15 @@ TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
       halfway += i == each / 2;
       const size_t fresh = i * THREADS + thread;
       performAsUsual(CREATE, own, fresh, i);
+      volumeOf[fresh] = own.volume;
       // Each thread changes only what it has made, as often a recent segment, not yet pruned, as any.
       const size_t id = fresh - random() % std::min<size_t>(i + 1, i % 2 == 0 ? i + 1 : 10) * THREADS;
       const auto operation = static_cast<Operation>(WRITE_HALF + random() % 5);
       if (operation == DELETE || operation == TO_PRUNABLE) dirty[thread].erase(id);
-      performAsUsual(operation, own, operation == READ ? random() % (fresh + 1) : id, i);
-      if (std::filesystem::exists(nonPrunablePathOf(guidOf(id)))) dirty[thread].insert(id);
+      const size_t target = operation == READ ? random() % (fresh + 1) : id;
+      own.volume = volumeOf[target];
+      performAsUsual(operation, own, target, i);
+      if (isDirty(id, volumeOf[id])) dirty[thread].insert(id);
     }
   };
   run(client, [&] {
@@ -180,7 +191,8 @@ TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
   for (const std::set<size_t>& kept : dirty) {
     EXPECT_GT(kept.size(), each / 20);
     for (const size_t id : kept) {
-      EXPECT_TRUE(std::filesystem::exists(nonPrunablePathOf(guidOf(id)))) << guidOf(id);
+      ctx.volume = volumeOf[id];
+      EXPECT_TRUE(isDirty(id, ctx.volume)) << guidOf(id);
       EXPECT_EQ(outcome(readRight(ctx, id)), "success");
     }
   }
