@@ -248,6 +248,7 @@ class DISKCACHE_EXPORT DiskCache {
 
   // Steps of the segment operations; `where` is the operation that their log lines speak for
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
+  CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
   CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,
                           const std::vector<Section>& sections, bool sync);

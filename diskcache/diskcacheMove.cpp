@@ -83,10 +83,7 @@ CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, b
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: marking dirty [%s]", guid.c_str());
-  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
-    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
-  }
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
@@ -105,10 +102,7 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "moving [%s] from [%s] to [%s]", guid.c_str(), ctx.nonprunableDir.c_str(),
          ctx.dir.c_str());
-  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
-    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
-  }
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
   if (!ctx.useNonPrunableDir) return {};
 
   AutoOpenSegment open(*this, guid);

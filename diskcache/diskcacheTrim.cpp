@@ -18,10 +18,7 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
                                     uint64_t size) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: truncate segment [%s] vol=%d size=%lu", guid.c_str(), ctx.volume, size);
-  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
-    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
-  }
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);

@@ -31,6 +31,14 @@ CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid
   return error;
 }
 
+CZuError DiskCache::beginChange(const DiskCacheContext& ctx, const guid_t& guid,
+                                const RMCodeLocation& where) {
+  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
+    return failAt(where, LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
+  }
+  return touchSegment(ctx, guid, where);
+}
+
 CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
                                   const std::vector<Section>& sections, bool sync, bool nonPrune,
                                   bool /*spare*/) try {
@@ -134,10 +142,7 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
   delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: writing segment [%s] vol=%d secs=%lu sync=%d moveOnWrite=%d, force=%d",
          guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
-  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
-    return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
-  }
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);

@@ -6,6 +6,7 @@
 #include <functional>
 #include <thread>
 
+#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheOpen.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -112,6 +113,26 @@ TEST_F(OpenTest, DescriptorsGoRound) {
   EXPECT_EQ(log.takeTexts(),
             (Texts{"-1 Error: Can't find descriptor 0", "-1 Error: Can't find descriptor 5"}));
   EXPECT_EQ(Access::openSegments(*cache) + Access::openHandles(*cache), 0U);
+}
+
+TEST_F(MoveTest, AChangeNeedsTheNameOfTheNonPrunableDirectory) {
+  start();
+  ctx.useNonPrunableDir = true;
+  ctx.nonprunableDir.clear();
+  const std::function<CZuError()> changes[] = {
+      [&] { return cache->writeSections(ctx, "abcd", {}, false, ForceDiskLoc::Prunable); },
+      [&] { return cache->truncateSection(ctx, "abcd", 0, 0, 0); },
+      [&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); },
+      [&] { return cache->markDirty(ctx, "abcd", false); },
+      [&] { return cache->moveToPrunable(ctx, "abcd"); }};
+  FaultPlan plan;
+  for (const auto& change : changes) {
+    log.clear();
+    EXPECT_EQ(outcome(change()), "EINVAL");
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: nonprunableDir not set"));
+  }
+  EXPECT_EQ(plan.count(FaultPlan::ANY), 0U);
+  EXPECT_FALSE(Access::lru(*cache).isInLru("abcd", false));
 }
 
 }  // namespace
