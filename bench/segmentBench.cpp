@@ -107,10 +107,11 @@ class Floor {
   std::string m_root;
 };
 
-// The library on one volume, with as many identifiers as the largest batch.
+// The library on one volume, with as many identifiers as the largest batch; the floor works on the same
+// paths.
 class Bench {
  public:
-  explicit Bench(const std::string& dir) : m_floor(dir + "/floor"), m_cache(PersistentVolumes::No) {
+  explicit Bench(const std::string& dir) : m_floor(dir + "/volume"), m_cache(PersistentVolumes::No) {
     const auto error = m_cache.init(dir + "/root", {dir + "/volume"}, 1000, 1000, 1000, 1'000'000, nullptr,
                                     PruningMode::Lru);
     require(!error.IsError(), "init");
