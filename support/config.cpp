@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/atomicCounter.h"
 #include "support/file.h"
 #include "support/lock.h"
 #include "support/log.h"
@@ -33,6 +34,7 @@ struct ByParts {
 struct Store {
   KxCriticalSection lock;
   std::map<Key, std::string, ByParts> values DC_GUARDED_BY(lock);
+  RelaxedAtomic<size_t> count{0};  // of values: most processes have none, and then no lookup takes the lock
   std::string focus = "Instance001";  // constant once engines run
 };
 
@@ -83,16 +85,19 @@ int KXPlatformInfo::getRegValue(const char* section, const char* name, unsigned 
 void ConfigStore::set(const std::string& section, const std::string& name, const std::string& value) {
   const KxCriticalSectionLock lock(&store().lock);
   store().values[{store().focus, section, name}] = value;
+  store().count = store().values.size();
 }
 
 void ConfigStore::unset(const std::string& section, const std::string& name) {
   const KxCriticalSectionLock lock(&store().lock);
   store().values.erase({store().focus, section, name});
+  store().count = store().values.size();
 }
 
 void ConfigStore::clear() {
   const KxCriticalSectionLock lock(&store().lock);
   store().values.clear();
+  store().count = 0;
 }
 
 int ConfigStore::loadFile(const std::string& path, std::string& error) {
@@ -127,6 +132,7 @@ int ConfigStore::loadFile(const std::string& path, std::string& error) {
 template <>
 unsigned long getRegistryValue<unsigned long>(const char* name, unsigned long defaultValue,
                                               unsigned long /*minValue*/, unsigned long /*maxValue*/) {
+  if (store().count == 0) return defaultValue;
   KXPlatformInfo info;
   info.setFocus(KXPI_Focus::getFocus());
   std::array<char, 32> text;
