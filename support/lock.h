@@ -2,56 +2,70 @@
 //
 // KxCriticalSection is recursive: a client's pruning callback may come back into the engine on the thread
 // that called it. All types here may be used from any thread; a guard belongs to the thread that made it.
+// Everything is inline: a read takes two locks and more, and the calls would cost as much as the locks.
 #pragma once
 
 #include <memory>
+#include <mutex>
 
 #include "support/export.h"
 #include "support/threadAnnotations.h"
 
 namespace ObjectStore {
 
-struct KxCriticalSectionH;
+struct KxCriticalSectionH {
+  std::recursive_mutex mutex;
+};
 
-class DISKCACHE_EXPORT DC_CAPABILITY("mutex") KxCriticalSection {
+class DC_CAPABILITY("mutex") KxCriticalSection {
  public:
   // Throws `const char*` "Not enough memory to initialize KxCriticalSection".
-  KxCriticalSection();
-  ~KxCriticalSection();
+  DISKCACHE_EXPORT KxCriticalSection();
   KxCriticalSection(const KxCriticalSection&) = delete;
   KxCriticalSection& operator=(const KxCriticalSection&) = delete;
 
   // Blocks until the calling thread holds the lock, once more if it held it already. Callers pass true.
-  void enter(bool wait) DC_ACQUIRE();
+  void enter(bool /*wait*/) DC_ACQUIRE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->mutex.lock(); }
   // Gives up one entry of the calling thread.
-  void leave() DC_RELEASE();
+  void leave() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->mutex.unlock(); }
 
  private:
   std::unique_ptr<KxCriticalSectionH> m_impl;
 };
 
 // Holds a lock for a scope. Built on null it holds nothing.
-class DISKCACHE_EXPORT DC_SCOPED_CAPABILITY KxCriticalSectionLock {
+class DC_SCOPED_CAPABILITY KxCriticalSectionLock {
  public:
-  explicit KxCriticalSectionLock(KxCriticalSection* cs) DC_ACQUIRE(cs);
-  ~KxCriticalSectionLock() DC_RELEASE();
+  explicit KxCriticalSectionLock(KxCriticalSection* cs) DC_ACQUIRE(cs) DC_NO_THREAD_SAFETY_ANALYSIS
+      : m_cs(cs) {
+    if (m_cs) m_cs->enter(true);
+  }
+  ~KxCriticalSectionLock() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS {
+    if (m_cs) m_cs->leave();
+  }
   KxCriticalSectionLock(const KxCriticalSectionLock&) = delete;
   KxCriticalSectionLock& operator=(const KxCriticalSectionLock&) = delete;
 
   // Releases what is held and takes `cs` instead. Null releases early, and the destructor then does
   // nothing. The analysis sees a release: code that hands over a second lock reads no guarded member
   // through this guard.
-  void resetCriticalSection(KxCriticalSection* cs) DC_RELEASE();
+  void resetCriticalSection(KxCriticalSection* cs) DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS {
+    if (m_cs) m_cs->leave();
+    m_cs = cs;
+    if (m_cs) m_cs->enter(true);
+  }
 
  private:
   KxCriticalSection* m_cs;
 };
 
 // The inverse guard: gives a held lock up for a scope and has it again on every way out, exceptions too.
-class DISKCACHE_EXPORT KxCriticalSectionUnlock {
+class KxCriticalSectionUnlock {
  public:
-  explicit KxCriticalSectionUnlock(KxCriticalSection& cs) DC_NO_THREAD_SAFETY_ANALYSIS;
-  ~KxCriticalSectionUnlock() DC_NO_THREAD_SAFETY_ANALYSIS;
+  explicit KxCriticalSectionUnlock(KxCriticalSection& cs) DC_NO_THREAD_SAFETY_ANALYSIS : m_cs(cs) {
+    m_cs.leave();
+  }
+  ~KxCriticalSectionUnlock() DC_NO_THREAD_SAFETY_ANALYSIS { m_cs.enter(true); }
   KxCriticalSectionUnlock(const KxCriticalSectionUnlock&) = delete;
   KxCriticalSectionUnlock& operator=(const KxCriticalSectionUnlock&) = delete;
 
