@@ -23,9 +23,10 @@ int DiskcacheLRU::init(unsigned long maxEntries) {
 CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::string& dir) {
   DC_LOG(LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
          static_cast<uint64_t>(m_maxLruEntries));
+  const Key key(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
   try {
-    if (const auto found = m_lruMap.find(guid); found != m_lruMap.end()) {
+    if (const auto found = m_lruMap.find(key); found != m_lruMap.end()) {
       moveToFront(found->second);
       return {};
     }
@@ -36,23 +37,24 @@ CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::str
         }
       } else if (!m_lruList.empty()) {
         // The entry goes, the counter stays: see m_numEntries.
-        m_lruMap.erase(m_lruList.back().guid);
+        m_lruMap.erase(Key(m_lruList.back().guid));
         m_lruList.pop_back();
       }
     }
-    insertFront(guid, vol, dir);
+    insertFront(key, vol, dir);
     return {};
   } catch (const std::bad_alloc&) {
     return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
   }
 }
 
-void DiskcacheLRU::insertFront(const guid_t& guid, VolIndex vol, const std::string& dir) {
+void DiskcacheLRU::insertFront(Key key, VolIndex vol, const std::string& dir) {
   auto known = m_dirs.find(dir);
   if (known == m_dirs.end()) known = m_dirs.insert(dir).first;
-  m_lruList.push_front({guid, vol, *known});
+  m_lruList.push_front({guid_t(key.guid), vol, *known});
   try {
-    const auto [entry, added] = m_lruMap.try_emplace(m_lruList.front().guid, m_lruList.begin());
+    key.guid = m_lruList.front().guid;
+    const auto [entry, added] = m_lruMap.try_emplace(key, m_lruList.begin());
     if (added) {
       m_numEntries++;
       return;
@@ -74,7 +76,7 @@ CZuError DiskcacheLRU::pruneFromBack() {
   for (uint64_t i = 0; i < m_numEntries.value() && !m_lruList.empty(); ++i) {
     const LruInfo oldest = m_lruList.back();  // the callback may change the list
     const bool givenUp = askClient(oldest);
-    const auto entry = m_lruMap.find(oldest.guid);
+    const auto entry = m_lruMap.find(Key(oldest.guid));
     if (givenUp) {
       DC_LOG(LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
       if (entry != m_lruMap.end()) erase(entry->second);
@@ -110,8 +112,9 @@ bool DiskcacheLRU::askClient(const LruInfo& entry) {
 }
 
 bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
+  const Key key(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  const auto found = m_lruMap.find(guid);
+  const auto found = m_lruMap.find(key);
   if (found == m_lruMap.end()) {
     ++m_diskCache.m_stats.lruMisses;
     return false;
@@ -122,14 +125,15 @@ bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
 }
 
 void DiskcacheLRU::removeFromLru(const guid_t& guid) {
+  const Key key(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  if (const auto found = m_lruMap.find(guid); found != m_lruMap.end()) erase(found->second);
+  if (const auto found = m_lruMap.find(key); found != m_lruMap.end()) erase(found->second);
 }
 
 void DiskcacheLRU::moveToFront(Position entry) { m_lruList.splice(m_lruList.begin(), m_lruList, entry); }
 
 void DiskcacheLRU::erase(Position entry) {
-  m_lruMap.erase(entry->guid);
+  m_lruMap.erase(Key(entry->guid));
   m_lruList.erase(entry);
   m_numEntries--;
 }
@@ -169,9 +173,9 @@ bool DiskcacheLRU::CheckInvariants() {
   const KxCriticalSectionLock lock(&m_lruLock);
   if (m_lruList.size() != m_lruMap.size()) return false;
   for (auto entry = m_lruList.begin(); entry != m_lruList.end(); ++entry) {
-    const auto found = m_lruMap.find(entry->guid);
+    const auto found = m_lruMap.find(Key(entry->guid));
     if (found == m_lruMap.end() || found->second != entry) return false;
-    if (found->first.data() != entry->guid.data()) return false;  // a key of its own is a second copy
+    if (found->first.guid.data() != entry->guid.data()) return false;  // a key of its own is a second copy
   }
   return true;
 }

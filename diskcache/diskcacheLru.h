@@ -62,9 +62,20 @@ class DiskcacheLRU {
 
   using Position = std::list<LruInfo>::iterator;
 
+  // An identifier with its hash, which is then worked out once for each operation, before the lock is taken.
+  struct Key {
+    explicit Key(std::string_view id) : guid(id), hash(std::hash<std::string_view>()(id)) {}
+    bool operator==(const Key& other) const { return hash == other.hash && guid == other.guid; }
+    std::string_view guid;
+    size_t hash;
+  };
+  struct HashOfKey {
+    size_t operator()(const Key& key) const noexcept { return key.hash; }
+  };
+
   CZuError pruneFromBack() DC_REQUIRES(m_lruLock);
   bool askClient(const LruInfo& entry) DC_REQUIRES(m_lruLock);
-  void insertFront(const guid_t& guid, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
+  void insertFront(Key key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
   void moveToFront(Position entry) DC_REQUIRES(m_lruLock);
   void erase(Position entry) DC_REQUIRES(m_lruLock);
 
@@ -79,7 +90,7 @@ class DiskcacheLRU {
       false;  // a callback is running, on the thread that holds the lock
   std::list<LruInfo> m_lruList DC_GUARDED_BY(m_lruLock);
   // Keys view the identifiers in m_lruList: one copy an entry.
-  std::unordered_map<std::string_view, Position> m_lruMap DC_GUARDED_BY(m_lruLock);
+  std::unordered_map<Key, Position, HashOfKey> m_lruMap DC_GUARDED_BY(m_lruLock);
   // One copy of each directory that entries came with; there are as many as contexts.
   std::set<std::string, std::less<>> m_dirs DC_GUARDED_BY(m_lruLock);
 };
