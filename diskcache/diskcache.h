@@ -217,6 +217,8 @@ class DISKCACHE_EXPORT DiskCache {
   // which no file can have, on a volume that is not known, so that none looks into the working directory.
   std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
   std::string volumeRoot(VolIndex volume, size_t room);
+  // getOverriddenSegment for an identifier that was checked before.
+  std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
   Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
   int initVolumes(const std::vector<std::string>& dirs);
   bool enableVolume(const std::string& dir, std::list<VolIndex>& used) DC_REQUIRES(m_volumeLock);
@@ -245,6 +247,9 @@ class DISKCACHE_EXPORT DiskCache {
       DC_REQUIRES(lock);
   CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
   CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
+
+  // IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
+  bool isInOpenTable(const guid_t& guid);
 
   // Steps of the segment operations; `where` is the operation that their log lines speak for
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);

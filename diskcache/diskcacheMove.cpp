@@ -14,9 +14,12 @@
 
 namespace ObjectStore {
 
-// Only the flag is asked, not whether nonprunableDir is empty: this is meant.
 std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid) {
-  if (!isUsableGuid(guid)) return {};
+  return isUsableGuid(guid) ? pathInUse(ctx, guid) : std::string();
+}
+
+// Only the flag is asked, not whether nonprunableDir is empty: this is meant.
+std::string DiskCache::pathInUse(const DiskCacheContext& ctx, const guid_t& guid) {
   if (ctx.useNonPrunableDir) {
     std::string path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
     if (doesFileExist(path)) return path;
@@ -37,10 +40,10 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
-  const std::string root = m_migrator->rootFor(guid, ctx.volume, ctx.nonprunableDir);
-  const std::string directory = segmentDir(root, ctx.nonprunableDir, guid);
-  if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
-  const std::string target = join(directory, guid, '/');
+  std::string target = m_migrator->rootFor(guid, ctx.volume, ctx.nonprunableDir);
+  if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
     return {};
@@ -115,10 +118,9 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
-  const std::string root = m_migrator->rootForNew(guid, ctx.volume, ctx.dir);
-  const std::string directory = segmentDir(root, ctx.dir, guid);
-  if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
-  const std::string target = join(directory, guid, '/');
+  std::string target = m_migrator->rootForNew(guid, ctx.volume, ctx.dir);
+  if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
+    return error;
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
     unlink(target.c_str());  // whatever comes of it; the space counters stay as they are

@@ -90,7 +90,9 @@ void DiskCache::closeSegment(unsigned desc) {
   closeSegment(handle);
 }
 
-bool DiskCache::IsSegmentOpened(guid_t guid) {
+bool DiskCache::IsSegmentOpened(guid_t guid) { return isInOpenTable(guid); }
+
+bool DiskCache::isInOpenTable(const guid_t& guid) {
   DC_LOG(LogLevel::Segment, "checking whether disk segment [%s] opened.", guid.c_str());
   const KxCriticalSectionLock lock(&m_openSegmentsLock);
   return m_openSegments.contains(guid);

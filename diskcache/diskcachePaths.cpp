@@ -34,14 +34,6 @@ void appendGuidDir(std::string& path, std::string_view guid) {
   }
 }
 
-std::string segmentDir(const std::string& root, std::string_view dir, std::string_view guid) {
-  std::string path;
-  path.reserve(root.size() + segmentPathRoom(dir, guid));
-  path = root;
-  appendSegmentDir(path, dir, guid);
-  return path;
-}
-
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid) {
   appendSegmentDir(root, dir, guid);
   appendPath(root, guid);
@@ -63,11 +55,16 @@ CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where) {
   return guid.ends_with(RMFile::COPY_SUFFIX) ? refuse(guid, where) : checkGuid(guid, where);
 }
 
-CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where) {
-  const int rc = root.empty() ? ENOENT : createDir(directory);
-  if (rc == 0) return {};
-  return failAt(where, LogLevel::Error, rc, "Error: Can't create directory for segment creation: [%s]",
-                directory.c_str());
+CZuError makeSegmentPath(std::string& root, std::string_view dir, const guid_t& guid,
+                         const RMCodeLocation& where) {
+  const bool known = !root.empty();
+  appendSegmentDir(root, dir, guid);
+  if (const int rc = known ? createDir(root) : ENOENT; rc != 0) {
+    return failAt(where, LogLevel::Error, rc, "Error: Can't create directory for segment creation: [%s]",
+                  root.c_str());
+  }
+  appendPath(root, guid);
+  return {};
 }
 
 }  // namespace ObjectStore

@@ -20,9 +20,6 @@ inline size_t segmentPathRoom(std::string_view dir, std::string_view guid) {
 // Appends the two directory levels of an identifier to a path; fewer for one of less than four characters.
 void appendGuidDir(std::string& path, std::string_view guid);
 
-// The directory that holds a segment.
-std::string segmentDir(const std::string& root, std::string_view dir, std::string_view guid);
-
 // Turns a root into a segment's path.
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid);
 
@@ -36,8 +33,10 @@ CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
 // that.
 CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where);
 
-// createDir for a segment's directory. ENOENT below the empty root of a volume that is not known: nothing is
-// ever made in the process's working directory. Failures are logged for the caller.
-CZuError makeSegmentDir(const std::string& root, const std::string& directory, const RMCodeLocation& where);
+// Turns a root into a segment's path and makes the segment's directory. ENOENT below the empty root of a
+// volume that is not known: nothing is ever made in the process's working directory. Failures are logged for
+// the caller.
+CZuError makeSegmentPath(std::string& root, std::string_view dir, const guid_t& guid,
+                         const RMCodeLocation& where);
 
 }  // namespace ObjectStore

@@ -61,7 +61,7 @@ CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
 CZuError DiskCache::openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
                                 const DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
-  path = getOverriddenSegment(ctx, guid);
+  path = pathInUse(ctx, guid);
   if (!file.open(path, READ_FLAGS)) {
     return failAt(where, LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
                   file.error());
@@ -139,7 +139,7 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
   if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
 
-  const std::string path = getOverriddenSegment(ctx, guid);
+  const std::string path = pathInUse(ctx, guid);
   const auto opened = timedCall(__func__, PERF_OPEN, [&] { return std::fopen(path.c_str(), "rbe"); });
   Stream stream(opened.value);
   if (!stream) {

@@ -56,31 +56,32 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
     return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't insert into LRU: [%s]", guid.c_str());
   }
 
-  uint32_t generation = m_migrator->generation();
-  std::string root = m_migrator->rootFor(guid, vol, ctx.dir);
-  std::string directory = segmentDir(root, ctx.dir, guid);
-  if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError()) return error;
+  const std::string* dir = &ctx.dir;
+  const uint32_t generation = m_migrator->generation();
+  std::string path = m_migrator->rootFor(guid, vol, *dir);
+  size_t rootLength = path.size();
+  if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
+    return error;
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   if (generation != m_migrator->generation()) {
     // A migration began or ended since the root was looked up; under the lock the answer stays right.
-    root = m_migrator->rootFor(guid, vol, ctx.dir);
-    directory = segmentDir(root, ctx.dir, guid);
-    if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError())
+    path = m_migrator->rootFor(guid, vol, *dir);
+    rootLength = path.size();
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
       return error;
   }
-  std::string path = join(directory, guid, '/');
   if (doesFileExist(path))
     return DC_FAIL(LogLevel::Error, EEXIST, "Error: File already exists: [%s]", path.c_str());
   if (m_outOfSpace) return DC_FAIL(LogLevel::Segment, ENOSPC, "simulating out of space");
 
   if (nonPrune && ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
-    directory = segmentDir(root, ctx.nonprunableDir, guid);
-    if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError())
+    dir = &ctx.nonprunableDir;
+    path.resize(rootLength);
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
       return error;
-    path = join(directory, guid, '/');
   }
   DC_LOG(LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, path.c_str());
 
@@ -88,7 +89,8 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
   SegmentFile file(__func__);
   if (!file.open(path, flags, SEGMENT_MODE)) {
     // The pruner may have removed the directory while it was empty.
-    if (const CZuError error = makeSegmentDir(root, directory, RM_CODE_LOCATION); error.IsError())
+    path.resize(rootLength);
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
       return error;
     if (!file.open(path, flags, SEGMENT_MODE)) {
       return DC_FAIL(LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path.c_str(),
@@ -180,7 +182,7 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
   if (!ctx.useNonPrunableDir || force == ForceDiskLoc::Prunable) {
     path = segmentPath(guid, ctx.volume, ctx.dir);
   } else if (!ctx.moveOnWrite && force != ForceDiskLoc::NonPrunable) {
-    path = getOverriddenSegment(ctx, guid);
+    path = pathInUse(ctx, guid);
   } else {
     waitForInPlaceWriters(segment);
     if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
