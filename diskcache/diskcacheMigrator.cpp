@@ -249,12 +249,10 @@ CZuError DiskCacheMigrator::getDirEntries(std::vector<std::string>& out, const s
                    entries.error());
   }
   while (entries.next()) {
-    const std::string path = join(dir, entries.name(), '/');
     struct stat status {};
-    errno = 0;
-    if (lstat(path.c_str(), &status) != 0) {
-      const int error = errno != 0 ? errno : EIO;
-      return DC_FAIL(LogLevel::Error, error, "Error: can't stat [%s] (%d)", path.c_str(), error);
+    if (const int error = entries.status(status); error != 0) {
+      return DC_FAIL(LogLevel::Error, error, "Error: can't stat [%s] (%d)",
+                     join(dir, entries.name(), '/').c_str(), error);
     }
     if (S_ISDIR(status.st_mode)) out.emplace_back(entries.name());
   }
@@ -281,9 +279,7 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
     const std::string s = join(src, entries.name(), '/');
     const std::string d = join(dst, entries.name(), '/');
     struct stat status {};
-    errno = 0;
-    if (lstat(s.c_str(), &status) != 0) {
-      const int error = errno != 0 ? errno : EIO;
+    if (const int error = entries.status(status); error != 0) {
       DC_LOG(LogLevel::Error, "Error: can't stat [%s] (%d)", s.c_str(), error);
       return error;
     }

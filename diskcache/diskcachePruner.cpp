@@ -135,18 +135,18 @@ PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, co
     }
     std::string full = join(path, "", '/');
     const size_t front = full.size();
+    std::string name;  // outlives the turn, so that its memory serves every entry
     while (entries.next()) {
+      name = entries.name();
       full.resize(front);
-      full += entries.name();
+      full += name;
       struct stat status {};
-      errno = 0;
-      if (lstat(full.c_str(), &status) != 0) {
-        const int error = errno;
+      if (const int error = entries.status(status); error != 0) {
         DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
         return PrunerError::BranchFailed;
       }
       const PrunerError result = S_ISDIR(status.st_mode) ? deletePrunableSegsInDir(full, dir, callback)
-                                                         : pruneSegment(full, entries.name(), dir, callback);
+                                                         : pruneSegment(full, name, dir, callback);
       if (result == PrunerError::Done || result == PrunerError::Exhausted || m_stop) return result;
     }
   }
@@ -162,7 +162,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
     DC_LOG(LogLevel::Segment, "reached low watermark");
     return PrunerError::Done;
   }
-  if (m_diskCache.IsSegmentOpened(guid)) {
+  if (m_diskCache.isInOpenTable(guid)) {
     DC_LOG(LogLevel::Segment, "File is opened. cannot prune [%s]", path.c_str());
     return PrunerError::GoOn;
   }
@@ -189,12 +189,9 @@ int getDirList(std::vector<std::string>& out, const std::string& dir) {
   while (entries.next()) {
     const std::string name = entries.name();
     if (name == "noprune") continue;
-    const std::string path = join(dir, name, '/');
     struct stat status {};
-    errno = 0;
-    if (lstat(path.c_str(), &status) != 0) {
-      const int error = errno != 0 ? errno : EIO;
-      DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", path.c_str(), error);
+    if (const int error = entries.status(status); error != 0) {
+      DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", join(dir, name, '/').c_str(), error);
       return error;
     }
     if (S_ISDIR(status.st_mode)) out.push_back(name);

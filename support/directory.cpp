@@ -28,6 +28,12 @@ bool Directory::next() {
   return m_entry != nullptr;
 }
 
+int Directory::status(struct stat& out) const {
+  errno = 0;
+  if (fstatat(dirfd(m_stream), name(), &out, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+  return errno != 0 ? errno : EIO;
+}
+
 void Directory::leaveOpen() {
   if (!m_stream) return;
   // The duplicate keeps the directory open while the stream's memory goes back.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -21,6 +22,9 @@ class Directory {
   bool next();
   // The entry's name; valid until the next call of next().
   const char* name() const { return m_entry->d_name; }
+  // The entry's status as lstat gives it, looked up from the open directory rather than from the root; 0 or a
+  // system error number.
+  int status(struct stat& out) const;
 
   // Ends the pass but keeps a descriptor of the directory open for the life of the process.
   void leaveOpen();

@@ -82,7 +82,7 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrCannotBeRead) {
   EXPECT_EQ(treeOf(top), (Texts{"li/", "li/st/", "li/st/listed", "op/", "op/en/", "op/en/opened"}));
   cache->closeSegment(desc);
   FaultPlan plan;
-  plan.fail("lstat", 1, EACCES);
+  plan.fail("fstatat", 1, EACCES);
   EXPECT_EQ(pruner().deletePrunableSegsInDir(top + "/op", "ctx", {}), PrunerError::BranchFailed);
   EXPECT_EQ(log.takeTexts(-1), Texts{"Error: can't stat " + top + "/op/en (13)"});
   EXPECT_EQ(openDescriptors(), descriptors);

@@ -152,6 +152,8 @@ WRAP(fread, size_t, 0, (void* to, size_t size, size_t count, std::FILE* stream),
      (to, 1, verdict.limited(size, count), stream) / std::max<size_t>(size, 1))
 WRAP(fseek, int, -1, (std::FILE * stream, long at, int whence), (stream, at, whence))
 WRAP(fstat, int, -1, (int fd, struct stat* status), (fd, status))
+WRAP(fstatat, int, -1, (int dir, const char* name, struct stat* status, int flags),
+     (dir, name, status, flags))
 WRAP(fsync, int, -1, (int fd), (fd))
 WRAP(ftruncate, int, -1, (int fd, off_t size), (fd, size))
 WRAP(fwrite, size_t, 0, (const void* from, size_t size, size_t count, std::FILE* stream),
