@@ -18,6 +18,7 @@ namespace ObjectStore {
 namespace {
 
 constexpr uint64_t MIN_LRU_ENTRIES = 5;
+constexpr size_t MAX_SPARE_ENTRIES = 16;  // about as many segments as threads change at once
 
 }  // namespace
 
@@ -25,13 +26,16 @@ DiskCache::DiskCache(PersistentVolumes persistent)
     : m_persistentVolumes(persistent),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
       m_lru(std::make_unique<DiskcacheLRU>(*this)),
-      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {}
+      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {
+  m_spareEntries.reserve(MAX_SPARE_ENTRIES);
+}
 
 // Threads end while every member is still alive. Records of segments still open are not freed, on purpose:
 // whoever kept one open may yet look at it.
 DiskCache::~DiskCache() {
   m_migrator->terminate();
   m_pruner->shutdown();
+  for (const OpenTable::node_type& entry : m_spareEntries) delete entry.mapped();
 }
 
 CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM,

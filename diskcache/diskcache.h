@@ -248,7 +248,8 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
   CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
 
-  // IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
+  // openSegment and IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
+  CZuError openInTable(SegmentHandle& handle, const guid_t& guid);
   bool isInOpenTable(const guid_t& guid);
 
   // Steps of the segment operations; `where` is the operation that their log lines speak for
@@ -301,7 +302,10 @@ class DISKCACHE_EXPORT DiskCache {
   std::map<std::string, DiskCacheContextInternal> m_contexts DC_GUARDED_BY(m_contextsLock);
 
   KxCriticalSection m_openSegmentsLock;
-  std::map<guid_t, OpenSegmentInfo*> m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
+  using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
+  OpenTable m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
+  // Entries of closed segments with their records, for the next ones: opening then allocates nothing.
+  std::vector<OpenTable::node_type> m_spareEntries DC_GUARDED_BY(m_openSegmentsLock);
   std::map<uint32_t, SegmentHandle> m_handles DC_GUARDED_BY(m_openSegmentsLock);
   uint32_t m_nextHandle DC_GUARDED_BY(m_openSegmentsLock) = 1;
 

@@ -22,7 +22,9 @@ void waitForInPlaceWriters(OpenSegmentInfo& segment) {
   }
 }
 
-CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) try {
+CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) { return openInTable(handle, guid); }
+
+CZuError DiskCache::openInTable(SegmentHandle& handle, const guid_t& guid) try {
   DC_LOG(LogLevel::Segment, "Opening disk segment for [%s]", guid.c_str());
   const KxCriticalSectionLock lock(&m_openSegmentsLock);
   if (const auto found = m_openSegments.find(guid); found != m_openSegments.end()) {
@@ -30,9 +32,15 @@ CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) try {
     handle = found;
     return {};
   }
+  if (!m_spareEntries.empty()) {
+    m_spareEntries.back().key() = guid;
+    handle = m_openSegments.insert(std::move(m_spareEntries.back())).position;
+    m_spareEntries.pop_back();
+    return {};
+  }
   auto record = std::unique_ptr<OpenSegmentInfo>(new (std::nothrow) OpenSegmentInfo);
   if (!record) return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
-  const auto [entry, inserted] = m_openSegments.try_emplace(std::move(guid), record.get());
+  const auto [entry, inserted] = m_openSegments.try_emplace(guid, record.get());
   OpenSegmentInfo* const owned = record.release();  // by the table from here on
   if (!inserted) {
     // Not freed here, on purpose: whoever put the entry in may hold this record.
@@ -50,10 +58,12 @@ void DiskCache::closeSegment(SegmentHandle handle) {
   OpenSegmentInfo* const record = handle->second;
   if (record->refCount > 1) {
     --record->refCount;
-    return;
+  } else if (m_spareEntries.size() < m_spareEntries.capacity()) {
+    m_spareEntries.push_back(m_openSegments.extract(handle));
+  } else {
+    m_openSegments.erase(handle);
+    delete record;
   }
-  m_openSegments.erase(handle);
-  delete record;
 }
 
 unsigned DiskCache::openSegment(guid_t guid) try {

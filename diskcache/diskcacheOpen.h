@@ -4,17 +4,14 @@
 // the lock goes first at the end of the scope.
 #pragma once
 
-#include <string>
-#include <utility>
-
 #include "diskcache/diskcache.h"
 
 namespace ObjectStore {
 
 class AutoOpenSegment {
  public:
-  AutoOpenSegment(DiskCache& cache, std::string guid) : m_cache(cache) {
-    m_error = cache.openSegment(m_handle, std::move(guid));
+  AutoOpenSegment(DiskCache& cache, const guid_t& guid) : m_cache(cache) {
+    m_error = cache.openInTable(m_handle, guid);
     m_open = !m_error.IsError();
   }
   ~AutoOpenSegment() {
