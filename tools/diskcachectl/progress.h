@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace diskcachectl {
 
@@ -11,16 +12,18 @@ namespace diskcachectl {
 // at the end. Used by one thread.
 class Progress {
  public:
-  Progress(std::string what, uint64_t total);
+  explicit Progress(std::string what);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  void show(uint64_t done);
+  // `part` of the work is done, 0 to 1; `detail` follows the bar.
+  void show(double part, std::string_view detail);
+  // "1,234 of 5,678"
+  void show(uint64_t done, uint64_t total);
 
  private:
   const std::string m_what;
-  const uint64_t m_total;
   const bool m_isTerminal;
   const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
   bool m_isShown = false;

@@ -31,8 +31,8 @@ constexpr uint64_t MAX_ENTRIES_LRU = 100'000;
 constexpr uint64_t MAX_ENTRIES_RANDOM = 5;
 
 constexpr const char* HELP =
-    R"(A read-through client: it asks the cache first, fetches what is missing from the origin and caches it, and
-compares every hit with the origin's bytes. The origin's objects are files, or made up for a trace.
+    R"(A read-through client: it asks the cache first, fetches what is missing from the origin and caches it,
+and compares every hit with the origin's bytes. The origin's objects are files, or made up for a trace.
 
 A cached object of another size than asked for has been replaced at the origin: a miss, and cached anew.
 Volumes that hold an earlier run's segments are used as they are. Latencies: of a hit the cache's read; of a
@@ -51,6 +51,7 @@ struct Options {
   std::string trace;
   double zipf = 0.99;
   uint64_t seed = 1;
+  std::string record;
   std::string json;
   bool isQuiet = false;
   std::string log;
@@ -59,7 +60,8 @@ struct Options {
   bool isJsonOnStdout() const { return json == "-"; }
 };
 
-// The file for the result, opened before the work so that a wrong path costs no run.
+// A file for results, opened before the work so that a wrong path costs no run. Any thread may write; what it
+// has written is in the file, whatever ends the process.
 class Output {
  public:
   explicit Output(std::string path) : m_path(std::move(path)) {
@@ -131,6 +133,12 @@ void run(Options options) {
   const auto workload = options.trace.empty()
                             ? makeDirectoryWorkload(options.origin, options.zipf, options.seed)
                             : makeTraceWorkload(options.trace);
+  Output record(options.record);  // after the trace is read, which it may replace
+  if (record.isWanted()) {
+    options.run.onRequest = [&record](const std::string& id, uint32_t size) {
+      record.write(fmt::format("{},{}\n", id, size));
+    };
+  }
   Report report = replay(options, *workload);
   if (!options.isQuiet && !options.isJsonOnStdout()) fmt::print("{}", asTable(report));
   if (json.isWanted()) json.write(asJson(report));
@@ -201,6 +209,7 @@ void addReplay(CLI::App& program) {
 
   command->add_flag_callback(
       "--no-verify", [options] { options->run.verify = false; }, "Do not compare hits with the origin");
+  add("--record", options->record, "FILE", "Write what was asked for as a trace that --trace takes");
   add("--json", options->json, "FILE", "Write the result as JSON to a file, or - for standard output");
   command->add_flag("--quiet", options->isQuiet, "Print no table");
   CLI::Option* log = add("--log", options->log, "FILE", "Append the cache's log to a file");

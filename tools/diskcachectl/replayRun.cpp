@@ -56,10 +56,10 @@ class Replay {
   bool isMoving() const { return !m_settings.moveVolumeTo.empty(); }
 
   void showProgress() {
-    Progress progress("replay", m_settings.requests);
+    Progress progress("replay");
     std::unique_lock lock(m_lock);
     while (!m_ended.wait_for(lock, PROGRESS_INTERVAL, [this] { return m_working == 0; }))
-      progress.show(m_next);
+      progress.show(m_next, m_settings.requests);
   }
 
   void work(Tally& tally) {
@@ -82,6 +82,7 @@ class Replay {
 
   void serve(const Request& request, Buffers& buffers, Tally& tally) {
     const std::string id = m_workload.identifier(request.object);
+    if (m_settings.onRequest) m_settings.onRequest(id, request.size);
     const Clock::time_point start = Clock::now();
     const CacheClient::Answer answer = m_cache.read(id, request.size, buffers.cached);
     if (answer.found == CacheClient::Found::Hit) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "cacheClient.h"
@@ -15,6 +16,8 @@ struct RunSettings {
   unsigned threads = 1;
   bool verify = true;        // compare the bytes of every hit with the origin's
   std::string moveVolumeTo;  // where the first volume goes half-way through; empty: nowhere
+  // Told each request before it is made, by any thread; may be empty.
+  std::function<void(const std::string& id, uint32_t size)> onRequest;
 };
 
 // Every thread takes the next request until there is none; the first error ends the run and is thrown. A
