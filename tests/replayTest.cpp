@@ -1,14 +1,11 @@
 // diskcachectl replay, run as a process against caches on directories of the test's own.
 #ifdef DISKCACHECTL_PATH
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <random>
 
-#include "tests/support/tempDir.h"
+#include "tests/support/toolFixture.h"
 
 namespace ObjectStore {
 namespace {
@@ -32,20 +29,14 @@ std::map<std::string, uint64_t> simulateLru(const Trace& trace, size_t bound) {
   return counts;
 }
 
-struct ReplayTest : ::testing::Test {
-  // Returns the exit status.
-  int replay(const std::string& arguments) {
-    const std::string command = DISKCACHECTL_PATH " replay >" + (dir / "out 2>") + (dir / "err --root ") +
-                                (dir / "root --volume ") + (dir / "on/a --volume ") + (dir / "on/b ");
-    const int status = std::system((command + arguments).c_str());
-    out = readFile(dir / "out");
-    err = readFile(dir / "err");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+struct ReplayTest : ToolTest {
+  std::string withCache(const std::string& arguments) const {
+    return "replay --root " + (dir / "root --volume ") + (dir / "on/a --volume ") + (dir / "on/b ") +
+           arguments;
   }
-  void expectFailure(const std::string& arguments, int status, const std::string& message) {
-    EXPECT_EQ(replay(arguments), status) << arguments;
-    EXPECT_NE(err.find(message), std::string::npos) << message << " is not in " << err;
-    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+  int replay(const std::string& arguments) { return run(withCache(arguments)); }
+  void expectReplayFailure(const std::string& arguments, int status, const std::string& message) {
+    expectFailure(withCache(arguments), status, message);
   }
   std::vector<std::string> segments() {
     std::vector<std::string> names = treeOf(dir / "on");
@@ -53,9 +44,7 @@ struct ReplayTest : ::testing::Test {
     return names;
   }
 
-  const TempDir dir;
   const std::string trace = "--trace " + (dir / "trace ");
-  std::string out, err;
 };
 
 TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
@@ -105,7 +94,7 @@ TEST_F(ReplayTest, FindsWrongBytes) {
     std::string bytes = readFile(path);
     ++bytes.at(at);
     writeFile(path, bytes.substr(0, length));
-    expectFailure(trace, 1, path);
+    expectReplayFailure(trace, 1, path);
     EXPECT_EQ(replay(trace + "--no-verify"), at == 0 || length < 5152) << at << ' ' << length;
   }
 }
@@ -124,21 +113,21 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   for (const auto& [message, lines] : refusals) {
     for (const std::string& line : lines) {
       writeFile(dir / "trace", "# comment\nok,5,more\n" + line + '\n');
-      expectFailure(trace, 2, (dir / "trace:3: ") + message);
+      expectReplayFailure(trace, 2, (dir / "trace:3: ") + message);
     }
   }
   EXPECT_FALSE(std::filesystem::exists(dir / "root"));
 
   writeFile(dir / "trace", "fine,5\n");
-  expectFailure("", 2, "--origin and --trace");
-  expectFailure(trace + "--max-entries 4", 2, "--max-entries");
-  expectFailure(trace + "--mode random", 2, "--budget");
-  expectFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
-  expectFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
-  expectFailure("--trace " + dir.path(), 2, "Is a directory");
-  expectFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
-  expectFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
-  expectFailure(trace + ">/dev/full", 3, "standard output");
+  expectReplayFailure("", 2, "--origin and --trace");
+  expectReplayFailure(trace + "--max-entries 4", 2, "--max-entries");
+  expectReplayFailure(trace + "--mode random", 2, "--budget");
+  expectReplayFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
+  expectReplayFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
+  expectReplayFailure("--trace " + dir.path(), 2, "Is a directory");
+  expectReplayFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
+  expectReplayFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
+  expectReplayFailure(trace + ">/dev/full", 3, "standard output");
 }
 
 TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandom) {

@@ -8,6 +8,14 @@ class App;
 
 namespace diskcachectl {
 
+// Only look: no file is opened for writing, no lock taken, no access time changed.
+void addInspect(CLI::App& program);
+void addVerify(CLI::App& program);
+void addLs(CLI::App& program);
+void addDu(CLI::App& program);
+void addVolumesCommand(CLI::App& program);
+
+// Through the engine
 void addReplay(CLI::App& program);
 
 }  // namespace diskcachectl

@@ -6,9 +6,10 @@
 
 namespace diskcachectl {
 
+// In rising order: a command that met several ends with the last of them.
 enum class ExitStatus {
   Success = 0,
-  CheckFailed = 1,  // wrong bytes, damage
+  CheckFailed = 1,  // wrong bytes, damage, a segment that is not there
   BadInput = 2,     // usage, or input that cannot be used
   Error = 3,        // the cache or the system reported an error
 };
@@ -17,6 +18,8 @@ enum class ExitStatus {
 class Failure : public std::runtime_error {
  public:
   Failure(ExitStatus status, const std::string& text) : std::runtime_error(text), m_status(status) {}
+  // For a command that has said everything already.
+  explicit Failure(ExitStatus status) : Failure(status, "") {}
   ExitStatus status() const { return m_status; }
 
  private:

@@ -4,6 +4,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -13,21 +14,14 @@
 
 #include "commands.h"
 #include "failure.h"
-
-#ifndef DISKCACHE_VERSION
-#define DISKCACHE_VERSION "(unversioned build)"
-#endif
+#include "output.h"
 
 namespace diskcachectl {
 namespace {
 
-// One line on standard error, whatever the text holds.
 int fail(ExitStatus status, std::string_view text) {
-  std::string line(text.substr(0, text.find_last_not_of(" \n") + 1));
-  for (char& c : line) {
-    if (static_cast<unsigned char>(c) < ' ') c = ' ';
-  }
-  fmt::print(stderr, "diskcachectl: {}\n", line);
+  text = text.substr(0, text.find_last_not_of(" \n") + 1);
+  if (!text.empty()) printError(text);
   return static_cast<int>(status);
 }
 
@@ -47,7 +41,9 @@ int run(int argc, char** argv) {
   program.set_version_flag("--version", "diskcachectl " DISKCACHE_VERSION);
   program.require_subcommand(1);
   program.failure_message([](const CLI::App*, const CLI::Error& error) { return std::string(error.what()); });
-  addReplay(program);
+  for (const auto add : {addInspect, addVerify, addLs, addDu, addVolumesCommand, addReplay}) {
+    add(program);
+  }
 
   int status = 0;
   try {
@@ -66,6 +62,7 @@ int run(int argc, char** argv) {
 }  // namespace diskcachectl
 
 int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_DFL);  // a reader that has seen enough ends the tool without a word
   // The library prints diagnostics to this stream; the tool's own output goes around it.
   std::cout.rdbuf(nullptr);
   try {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <climits>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -13,23 +12,12 @@
 #include <unordered_set>
 
 #include "failure.h"
+#include "identifier.h"
 #include "mixing.h"
 #include "workload.h"
 
 namespace diskcachectl {
 namespace {
-
-// What the cache refuses as an identifier, or the system as a file's name.
-std::string_view whyRefused(std::string_view id) {
-  if (id.empty()) return "the identifier is empty";
-  if (id.size() > NAME_MAX) return "the identifier is longer than 255 bytes";
-  if (id.find('/') != std::string_view::npos) return "the identifier holds a '/'";
-  if (id.find('\0') != std::string_view::npos) return "the identifier holds a zero byte";
-  if (id == "." || id.substr(0, 2) == ".." || (id.size() >= 4 && id.substr(2, 2) == "..")) {
-    return "the identifier would leave its directory";
-  }
-  return "";
-}
 
 class TraceWorkload : public Workload {
  public:

@@ -1,0 +1,48 @@
+// What a cache's own files say: which volumes it knows, and whether one is being moved.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "diskcache/diskcacheTypes.h"
+
+namespace diskcachectl {
+
+struct KnownVolume {
+  ObjectStore::VolIndex index;
+  std::string dir;
+};
+
+struct VolumeFile {
+  bool isThere = false;               // a cache that keeps no indexes has none
+  std::vector<KnownVolume> volumes;   // in order of index
+  std::vector<std::string> problems;  // lines that the cache cannot use, with path and number
+};
+
+// Throws a Failure (bad input) when there is no such root directory or the file in it cannot be read.
+VolumeFile readVolumeFile(const std::string& root);
+
+struct Migration {
+  ObjectStore::VolIndex index;  // 0 when the note makes no sense
+  std::string source;
+  std::string destination;
+};
+
+// The migration that is running, or that the next start of the cache would resume. Throws as above.
+std::optional<Migration> readMigration(const std::string& root);
+
+// A volume's file system as the cache accounts it, in bytes.
+struct Room {
+  uint64_t total;
+  uint64_t free;
+  uint64_t reserve;  // new segments leave it free
+  uint64_t used() const { return total - free; }
+  uint64_t left() const { return free > reserve ? free - reserve : 0; }
+  bool hasRoom() const { return free >= reserve; }
+};
+
+// None, with errno, when the directory cannot be reached.
+std::optional<Room> measure(const std::string& dir);
+
+}  // namespace diskcachectl
