@@ -53,7 +53,7 @@ int readWholeFile(const std::string& path, std::string& content);
 std::string_view takeLine(std::string_view& text);
 
 // Operations on files by name, with the error value as result.
-struct RMFile {
+struct DISKCACHE_EXPORT RMFile {
   // Flag of KXMoveFileEx: an existing target is replaced.
   static constexpr int MOVE_REPLACE_EXISTING = 1;
 

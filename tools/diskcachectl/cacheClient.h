@@ -82,7 +82,7 @@ class CacheClient {
   SegmentMap m_segments;
   std::atomic<uint64_t> m_pruned{0};
   ObjectStore::DiskCache m_cache;  // after all that its threads' callbacks use
-  std::optional<VolumeMove> m_move;
+  std::optional<PaddedMove> m_move;
 };
 
 }  // namespace diskcachectl

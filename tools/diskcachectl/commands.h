@@ -16,6 +16,12 @@ void addDu(CLI::App& program);
 void addVolumesCommand(CLI::App& program);
 
 // Through the engine
+void addPut(CLI::App& program);
+void addGet(CLI::App& program);
+void addRm(CLI::App& program);
+void addExists(CLI::App& program);
+void addStatus(CLI::App& program);
+void addMigrate(CLI::App& program);
 void addReplay(CLI::App& program);
 
 }  // namespace diskcachectl

@@ -41,7 +41,8 @@ int run(int argc, char** argv) {
   program.set_version_flag("--version", "diskcachectl " DISKCACHE_VERSION);
   program.require_subcommand(1);
   program.failure_message([](const CLI::App*, const CLI::Error& error) { return std::string(error.what()); });
-  for (const auto add : {addInspect, addVerify, addLs, addDu, addVolumesCommand, addReplay}) {
+  for (const auto add : {addInspect, addVerify, addLs, addDu, addVolumesCommand, addPut, addGet, addRm,
+                         addExists, addStatus, addMigrate, addReplay}) {
     add(program);
   }
 

@@ -44,20 +44,40 @@ std::string padPath(const std::string& source, size_t number) {
 
 const MigrationCB VolumeMove::CALLBACK = onEnd;
 
-VolumeMove::VolumeMove(DiskCache& cache, const Volume& volume, std::string destination)
+void VolumeMove::expect() {
+  const std::scoped_lock lock(g_lock);
+  g_outcome.reset();
+}
+
+void VolumeMove::start(DiskCache& cache, VolIndex index, const std::string& source,
+                       const std::string& destination) {
+  expect();
+  // A move that has just told its end is in progress for a moment more.
+  int rc = EEXIST;
+  while ((rc = cache.migrate(index, source, destination)) == EEXIST) std::this_thread::yield();
+  if (rc != 0) throw Failure(ExitStatus::Error, fmt::format("{}: {}", destination, std::strerror(rc)));
+}
+
+std::optional<int> VolumeMove::waitFor(std::chrono::milliseconds timeout) {
+  std::unique_lock lock(g_lock);
+  g_ended.wait_for(lock, timeout, [] { return g_outcome.has_value(); });
+  return g_outcome;
+}
+
+PaddedMove::PaddedMove(DiskCache& cache, const Volume& volume, std::string destination)
     : m_cache(cache),
       m_index(volume.index),
       m_source(volume.dir),
       m_destination(std::move(destination)),
       m_isNew(!fs::exists(m_destination)) {}
 
-VolumeMove::~VolumeMove() {
+PaddedMove::~PaddedMove() {
   std::error_code ignored;
   for (size_t i = 1; i < WORKERS; ++i) fs::remove(padPath(m_source, i), ignored);
 }
 
 // Empty directories make the number even, so that none that holds segments is left behind.
-void VolumeMove::padSource() {
+void PaddedMove::padSource() {
   std::error_code error;
   size_t count = 0;
   for (fs::directory_iterator entry(m_source, error); !error && entry != fs::directory_iterator();
@@ -70,27 +90,18 @@ void VolumeMove::padSource() {
   }
 }
 
-void VolumeMove::start() {
+void PaddedMove::start() {
   padSource();
-  {
-    const std::scoped_lock lock(g_lock);
-    g_outcome.reset();
-  }
-  // A move that has just told its end is in progress for a moment more.
-  int rc = EEXIST;
-  while ((rc = m_cache.migrate(m_index, m_source, m_destination)) == EEXIST) std::this_thread::yield();
-  if (rc != 0) throw Failure(ExitStatus::Error, fmt::format("{}: {}", m_destination, std::strerror(rc)));
+  VolumeMove::start(m_cache, m_index, m_source, m_destination);
 }
 
-void VolumeMove::finish() {
+void PaddedMove::finish() {
   for (;;) {
-    std::unique_lock lock(g_lock);
-    g_ended.wait(lock, [] { return g_outcome.has_value(); });
-    const int outcome = *g_outcome;
-    lock.unlock();
-    if (outcome == 0) return;
-    if (outcome != ENOENT || !m_isNew) {
-      throw Failure(ExitStatus::Error, fmt::format("{}: {}", m_destination, std::strerror(outcome)));
+    std::optional<int> outcome;
+    while (!(outcome = VolumeMove::waitFor(std::chrono::seconds(1)))) continue;
+    if (*outcome == 0) return;
+    if (*outcome != ENOENT || !m_isNew) {
+      throw Failure(ExitStatus::Error, fmt::format("{}: {}", m_destination, std::strerror(*outcome)));
     }
     std::error_code ignored;
     fs::remove_all(m_destination, ignored);

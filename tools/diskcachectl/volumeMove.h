@@ -1,6 +1,8 @@
 // Moving a volume of a running cache, and waiting for the end.
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 #include "diskcache/diskcache.h"
@@ -8,16 +10,27 @@
 namespace diskcachectl {
 
 // One at a time in a process: the cache tells the end by a plain function.
-class VolumeMove {
- public:
+struct VolumeMove {
   // What the engine is given at its init.
   static const ObjectStore::MigrationCB CALLBACK;
 
-  VolumeMove(ObjectStore::DiskCache& cache, const ObjectStore::Volume& volume, std::string destination);
+  // Forgets how an earlier move ended. Called before an init that resumes one.
+  static void expect();
+  // Throws a Failure with what the cache says.
+  static void start(ObjectStore::DiskCache& cache, ObjectStore::VolIndex index, const std::string& source,
+                    const std::string& destination);
+  // How the move ended, 0 or a system error number; none when it goes on beyond `timeout`.
+  static std::optional<int> waitFor(std::chrono::milliseconds timeout);
+};
+
+// A replay's move: leaves no segment behind, and begins anew when one was given up while it was copied.
+class PaddedMove {
+ public:
+  PaddedMove(ObjectStore::DiskCache& cache, const ObjectStore::Volume& volume, std::string destination);
   // Removes what the start has put into the source.
-  ~VolumeMove();
-  VolumeMove(const VolumeMove&) = delete;
-  VolumeMove& operator=(const VolumeMove&) = delete;
+  ~PaddedMove();
+  PaddedMove(const PaddedMove&) = delete;
+  PaddedMove& operator=(const PaddedMove&) = delete;
 
   // Both throw a Failure with what the cache says.
   void start();
