@@ -25,6 +25,9 @@ if(DISKCACHE_BUILD_TOOLS)
   file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(diskcachectl PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
   install(TARGETS diskcachectl)
+  install(FILES ${PROJECT_BINARY_DIR}/man/man1/diskcachectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endif()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)
