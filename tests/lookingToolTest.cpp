@@ -1,0 +1,242 @@
+// The subcommands of diskcachectl that only look: inspect, verify, ls, du, volumes. The files that they are
+// shown are put together by hand, byte by byte.
+#ifdef DISKCACHECTL_PATH
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <array>
+#include <filesystem>
+#include <map>
+
+#include "tests/support/toolFixture.h"
+
+namespace ObjectStore {
+namespace {
+
+using nlohmann::json;
+
+std::string number(uint64_t value, size_t width) {
+  std::string bytes;
+  for (size_t i = 0; i < width; ++i) bytes += static_cast<char>(value >> (8 * i));
+  return bytes;
+}
+std::string header(const std::array<uint64_t, 6>& offsets) {
+  std::string bytes = "\xdc\xdc" + number(1, 2) + number(0, 4);
+  for (const uint64_t offset : offsets) bytes += number(offset, 8);
+  return bytes + std::string(80, '\0');
+}
+std::string record(uint32_t type, uint32_t subType, const std::string& payload) {
+  return number(type, 4) + number(subType, 4) + number(payload.size(), 8) + payload;
+}
+
+struct LookingToolTest : ToolTest {
+  // Writes a segment where its identifier leads.
+  std::string writeSegment(const std::string& volume, const std::string& context, const std::string& id,
+                           const std::string& bytes) {
+    const std::string path =
+        dir / volume + '/' + context + '/' + id.substr(0, 2) + '/' + id.substr(2, 2) + '/' + id;
+    writeFile(path, bytes);
+    return path;
+  }
+
+  // Type 0 at 136 was replaced by the one at 200; type 3 lies between them.
+  const std::string sound = header({200, 0, 0, 157, 0, 0}) + record(0, 7, "first") +
+                            record(3, 0, std::string(27, 'x')) + record(0, 7, "second");
+};
+
+TEST_F(LookingToolTest, InspectShowsEveryRecordInFileOrder) {
+  writeFile(dir / "sound", sound);
+  const auto file = parsed("inspect " + (dir / "sound"));
+  EXPECT_EQ(file["path"], dir / "sound");
+  EXPECT_EQ(file["bytes"], 222);
+  EXPECT_EQ(file["version"], 1);
+  EXPECT_EQ(file["last_section"], 0);
+  EXPECT_EQ(file["dead_bytes"], 21);
+  EXPECT_EQ(file["problems"], json::array());
+  std::vector<std::vector<int64_t>> records;
+  for (const json& s : file["sections"])
+    records.push_back({s["type"], s["subType"], s["offset"], s["length"], s["live"].get<bool>()});
+  EXPECT_EQ(records,
+            (std::vector<std::vector<int64_t>>{{0, 7, 136, 5, 0}, {3, 0, 157, 27, 1}, {0, 7, 200, 6, 1}}));
+
+  // A section whose data begins far behind its front.
+  const std::string sparse = dir / "sparse";
+  writeFile(sparse, header({136, 0, 0, 0, 0, 0}) + number(0, 8) + number((1 << 20) - 152, 8));
+  std::filesystem::resize_file(sparse, 1 << 20);
+  const auto holes = parsed("inspect " + sparse + ' ' + (dir / "sound"))["files"][0];
+  EXPECT_EQ(holes["holes"].size(), 1U) << out;
+  EXPECT_EQ(holes["dead_bytes"], 0);
+  EXPECT_LT(holes["allocated"], 1 << 20);
+}
+
+TEST_F(LookingToolTest, DamageOfEveryKindIsNamedAndFoundInAVolume) {
+  const auto with = [&](size_t at, const std::string& bytes) {
+    return std::string(sound).replace(at, bytes.size(), bytes);
+  };
+  const std::pair<std::string, std::string> damages[] = {
+      {"", "the file is empty"},
+      {sound.substr(0, 100), "cut within the header (100 of 136 bytes)"},
+      {with(0, "\xdd"), "not a segment (it begins with 0xdcdd)"},
+      {with(2, number(2, 2)), "of an unknown version (2)"},
+      {with(8, number(5000, 8)), "section 0: its record at 5000 lies beyond the end"},
+      {with(8, number(uint64_t{1} << 63, 8)),
+       "section 0: its record at 9223372036854775808 lies beyond the end"},
+      {with(8, number(100, 8)), "section 0: its record at 100 lies in the header"},
+      {with(8, number(157, 8)), "section 0: the record at 157 is of type 3"},
+      {sound.substr(0, 220), "section 0: of 6 bytes at 200 only 4 are there"},
+      {with(208, number(~uint64_t{0}, 8)),
+       "section 0: of 18446744073709551615 bytes at 200 only 6 are there"},
+      {with(165, number(40, 8)), "section 0: its record at 200 lies in the one before it"},
+      {with(136, number(9, 4)), "21 bytes at 136 belong to no record"},
+      {sound + "tail", "4 bytes at 222 belong to no record"},
+      {sound + std::string(64, '\0'), "64 bytes at 222 belong to no record"}};
+  std::map<std::string, std::string> planted;
+  for (const auto& [bytes, problem] : damages) {
+    const std::string path = writeSegment("v", "ctx", "dam" + std::to_string(planted.size()), bytes);
+    planted[path] = problem;
+    const json file = parsed("inspect " + path, 1);
+    EXPECT_EQ(file["problems"][0], problem);
+    EXPECT_EQ(run("inspect " + path), 1);
+    EXPECT_NE(out.find(problem), std::string::npos) << out;
+  }
+  for (const char* id : {"sound1", "sound2", "sound3"}) writeSegment("v", "ctx", id, sound);
+  writeFile(dir / "v/recycle/abcd", "no matter what");
+  writeFile(dir / "v/ctx/ab/cd/abcd.temp", "half");
+  writeFile(dir / "v/ctx/ab/cd/abcd.copying", "");
+  writeFile(dir / "v/elsewhere", sound);
+  std::filesystem::create_symlink("nowhere", dir / "v/ctx/ab/cd/abcdlink");
+  ASSERT_EQ(mkfifo((dir / "v/ctx/ab/cd/abcdfifo").c_str(), 0600), 0);
+  for (const char* special : {"link", "fifo"})
+    planted[dir / "v/ctx/ab/cd/abcd" + special] = "not a regular file";
+
+  for (const char* threads : {"1", "3"}) {
+    const json verified = parsed("verify " + (dir / "v --threads ") + threads, 1);
+    EXPECT_EQ(verified["problems"].size(), planted.size());
+    for (const json& damaged : verified["problems"])
+      EXPECT_EQ(damaged["problem"].get<std::string>().find(planted[damaged["path"]]), 0U) << damaged;
+    // Four of the damaged have no header that counts; three are sound, and so is the misplaced one.
+    const std::map<std::string, uint64_t> counts = {{"files", std::size(damages) + 9},
+                                                    {"segments", std::size(damages)},
+                                                    {"recycled", 1},
+                                                    {"leftovers", 2},
+                                                    {"misplaced", 1}};
+    for (const auto& [name, count] : counts) EXPECT_EQ(verified[name], count) << name;
+  }
+  EXPECT_EQ(run("verify " + (dir / "v")), 1);
+  for (const auto& [path, problem] : planted)
+    EXPECT_NE(out.find(path + ": " + problem), std::string::npos) << path;
+}
+
+TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
+  const std::string first = writeSegment("a", "ctx", "0011x", sound);
+  writeSegment("a", "ctx/deep", "0022y", sound + std::string(5000, 'z'));
+  writeSegment("b", "ctx", "0033z", "damaged");
+  writeSegment("b", "other", "0044", sound);
+  writeFile(dir / "b/ctx/00/33/0033z.temp", "left over");
+  writeFile(dir / "root/volume_info", (dir / "a,1\n") + (dir / "b,7\n"));
+
+  std::vector<std::vector<std::string>> lines;
+  const json listed = parsed("ls --sort --volume " + (dir / "a ") + (dir / "b"));
+  for (const json& s : listed["segments"])
+    lines.push_back({s["volume"], s["context"], s["identifier"], s["bytes"].dump(), s["types"].dump()});
+  const std::vector<std::vector<std::string>> expected = {{dir / "a", "ctx", "0011x", "222", "[0,3]"},
+                                                          {dir / "a", "ctx/deep", "0022y", "5222", "[0,3]"},
+                                                          {dir / "b", "ctx", "0033z", "7", "null"},
+                                                          {dir / "b", "other", "0044", "222", "[0,3]"}};
+  EXPECT_EQ(lines, expected);
+  EXPECT_EQ(parsed("ls --context other --volume " + (dir / "a --volume ") + (dir / "b"))["segments"].size(),
+            1U);
+  ASSERT_EQ(run("ls --volume " + (dir / "b")), 0);
+  EXPECT_NE(out.find("damaged     " + (dir / "b") + "  ctx  0033z\n"), std::string::npos) << out;
+
+  const json used = parsed("du --root " + (dir / "root"))["volumes"];
+  struct stat status {};
+  ASSERT_EQ(stat(first.c_str(), &status), 0);
+  EXPECT_EQ(used[0]["directories"][0]["segments"], 2);
+  EXPECT_EQ(used[0]["directories"][0]["bytes"], 222 + 5222);
+  EXPECT_GE(used[0]["allocated"], 512 * status.st_blocks);
+  EXPECT_EQ(used[1]["directories"][0]["segments"], 1) << "the leftover is no segment";
+  EXPECT_EQ(used[1]["bytes"], 7 + 9 + 222);
+  EXPECT_EQ(used[1]["used"], used[1]["total"].get<uint64_t>() - used[1]["free"].get<uint64_t>());
+  EXPECT_EQ(run("du --volume " + (dir / "a")), 0);
+}
+
+TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
+  std::filesystem::create_directories(dir / "here");
+  writeFile(dir / "root/volume_info",
+            (dir / "here,3 \n") + "no index\n" + (dir / "gone,9\n") + (dir / "again,9\n"));
+  writeFile(dir / "root/migrate", "3\n" + (dir / "here\n") + (dir / "there\n"));
+  const json known = parsed("volumes --root " + (dir / "root"), 1);
+  struct statvfs space {};
+  ASSERT_EQ(statvfs(dir.path().c_str(), &space), 0);
+  EXPECT_EQ(known["volumes"][0]["index"], 3);
+  EXPECT_EQ(known["volumes"][0]["directory"], dir / "here");
+  EXPECT_EQ(known["volumes"][0]["total"], space.f_blocks * space.f_frsize);
+  EXPECT_EQ(known["volumes"][1], (json{{"index", 9},
+                                       {"directory", dir / "gone"},
+                                       {"present", false},
+                                       {"total", nullptr},
+                                       {"free", nullptr},
+                                       {"reserve", nullptr},
+                                       {"has_room", false}}));
+  EXPECT_EQ(known["migration"]["destination"], dir / "there");
+  EXPECT_EQ(known["problems"].size(), 2U);
+  EXPECT_EQ(run("volumes --root " + (dir / "root")), 1);
+  EXPECT_NE(err.find("volume_info:2: "), std::string::npos) << err;
+  EXPECT_NE(out.find("volume 3 is moving"), std::string::npos) << out;
+}
+
+TEST_F(LookingToolTest, BadInputIsOneLineAndTheRestIsDone) {
+  writeFile(dir / "sound", sound);
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  for (const auto& [path, why] :
+       {std::pair{"nowhere", "No such file"}, {"fifo", "not a regular file"}, {"", "Is a directory"}}) {
+    expectFailure("inspect " + (dir / path) + ' ' + (dir / "sound"), 2, why);
+    EXPECT_NE(out.find("last section 0"), std::string::npos) << path;
+  }
+  const std::pair<std::string, std::string> refusals[] = {
+      {"verify " + (dir / "nowhere"), "No such file"},
+      {"ls --volume " + (dir / "nowhere"), "No such file"},
+      {"ls --volume " + (dir / "sound"), "Not a directory"},
+      {"du --volume " + (dir / "nowhere"), "No such file"},
+      {"du", "one of --root and --volume"},
+      {"volumes --root " + dir.path(), "volume_info: No such file"},
+      {"nonsense", "see --help"},
+      {"verify --threads 0 x", "--threads"}};
+  for (const auto& [arguments, why] : refusals) expectFailure(arguments, 2, why);
+}
+
+// Beside a running server nothing may change, not even the time of the last access.
+TEST_F(LookingToolTest, LookingLeavesNoTrace) {
+  writeSegment("a", "ctx", "0011x", sound);
+  writeFile(dir / "root/volume_info", dir / "a,1\n");
+  std::filesystem::create_directories(dir / "a/recycle");
+  const std::vector<std::string> tree = treeOf(dir.path());
+  const std::string cache = " --root " + (dir / "root --volume ") + (dir / "a ");
+  const std::string segment = cache + "--context ctx 0011x";
+  for (const std::string& command :
+       {"inspect " + (dir / "a/ctx/00/11/0011x"), "verify " + (dir / "a"), "ls --volume " + (dir / "a"),
+        "du --root " + (dir / "root"), "volumes --root " + (dir / "root"), "status" + cache, "get" + segment,
+        "exists" + segment}) {
+    // A time so old that any read which does not take care renews it.
+    for (const std::string& name : tree) {
+      const timespec longAgo[] = {{1000, 0}, {1000, 0}};
+      ASSERT_EQ(utimensat(AT_FDCWD, (dir / name).c_str(), longAgo, 0), 0);
+    }
+    EXPECT_EQ(run(command), 0) << command << err;
+    for (const std::string& name : tree) {
+      struct stat status {};
+      ASSERT_EQ(stat((dir / name).c_str(), &status), 0);
+      EXPECT_EQ(status.st_atim.tv_sec, 1000) << command << ' ' << name;
+      EXPECT_EQ(status.st_mtim.tv_sec, 1000) << command << ' ' << name;
+    }
+  }
+  std::filesystem::remove(dir / "out");
+  std::filesystem::remove(dir / "err");
+  EXPECT_EQ(treeOf(dir.path()), tree);
+}
+
+}  // namespace
+}  // namespace ObjectStore
+#endif
