@@ -35,6 +35,7 @@
 
 namespace ObjectStore {
 
+class Directory;
 class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
@@ -278,6 +279,7 @@ class DISKCACHE_EXPORT DiskCache {
 
   // The start-up scan (diskcacheScan.cpp)
   int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);
+  int scanEntries(Directory& entries, const std::string& dir, VolIndex volume, const std::string& ctxDir);
   CZuError scanSegmentsIntoLru();
 
   // Constant after init()

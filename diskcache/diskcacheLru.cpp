@@ -49,9 +49,9 @@ CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::str
 }
 
 void DiskcacheLRU::insertFront(Key key, VolIndex vol, const std::string& dir) {
-  auto known = m_dirs.find(dir);
-  if (known == m_dirs.end()) known = m_dirs.insert(dir).first;
-  m_lruList.push_front({guid_t(key.guid), vol, *known});
+  // Most often that of the entry before.
+  const bool isSame = !m_lruList.empty() && m_lruList.front().dir == dir;
+  m_lruList.push_front({guid_t(key.guid), vol, isSame ? m_lruList.front().dir : *m_dirs.insert(dir).first});
   try {
     key.guid = m_lruList.front().guid;
     const auto [entry, added] = m_lruMap.try_emplace(key, m_lruList.begin());

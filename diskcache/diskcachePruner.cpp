@@ -126,30 +126,39 @@ PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
 
 PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, const std::string& dir,
                                                      const PrunerCallback& callback) {
+  Directory entries(path);
+  return pruneEntries(entries, path, dir, callback);
+}
+
+PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string& path, const std::string& dir,
+                                          const PrunerCallback& callback) {
   DC_LOG(LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), dir.c_str());
-  {
-    Directory entries(path);
-    if (entries.error() != 0) {
-      DC_LOG(LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
-      return PrunerError::GoOn;
-    }
-    std::string full = join(path, "", '/');
-    const size_t front = full.size();
-    std::string name;  // outlives the turn, so that its memory serves every entry
-    while (entries.next()) {
-      name = entries.name();
-      full.resize(front);
-      full += name;
-      struct stat status {};
-      if (const int error = entries.status(status); error != 0) {
-        DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
-        return PrunerError::BranchFailed;
-      }
-      const PrunerError result = S_ISDIR(status.st_mode) ? deletePrunableSegsInDir(full, dir, callback)
-                                                         : pruneSegment(full, name, dir, callback);
-      if (result == PrunerError::Done || result == PrunerError::Exhausted || m_stop) return result;
-    }
+  if (entries.error() != 0) {
+    DC_LOG(LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
+    return PrunerError::GoOn;
   }
+  std::string full = join(path, "", '/');
+  const size_t front = full.size();
+  std::string name;  // outlives the turn, so that its memory serves every entry
+  while (entries.next()) {
+    name = entries.name();
+    full.resize(front);
+    full += name;
+    struct stat status {};
+    if (const int error = entries.status(status); error != 0) {
+      DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
+      return PrunerError::BranchFailed;
+    }
+    PrunerError result = PrunerError::GoOn;
+    if (S_ISDIR(status.st_mode)) {
+      Directory below(entries, entries.name());
+      result = pruneEntries(below, full, dir, callback);
+    } else {
+      result = pruneSegment(full, name, dir, callback);
+    }
+    if (result == PrunerError::Done || result == PrunerError::Exhausted || m_stop) return result;
+  }
+  entries.close();
   if (rmdir(path.c_str()) == 0) DC_LOG(LogLevel::Segment, "removed directory [%s]", path.c_str());
   return PrunerError::GoOn;
 }

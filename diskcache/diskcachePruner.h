@@ -19,6 +19,7 @@
 
 namespace ObjectStore {
 
+class Directory;
 class DiskCache;
 
 // What a step of the walk found.
@@ -55,6 +56,8 @@ class DiskCachePruner {
   int sendStorageAlarm() { return 0; }
 
  private:
+  PrunerError pruneEntries(Directory& entries, const std::string& path, const std::string& dir,
+                           const PrunerCallback& callback);
   static void* threadEntry(void* pruner);
   void run();
 

@@ -3,8 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheLru.h"
 #include "support/directory.h"
@@ -25,21 +23,25 @@ int readChildren(std::vector<std::string>& out, const std::string& dir) {
 
 int DiskCache::scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir) {
   Directory entries(dir);
+  return scanEntries(entries, dir, volume, ctxDir);
+}
+
+int DiskCache::scanEntries(Directory& entries, const std::string& dir, VolIndex volume,
+                           const std::string& ctxDir) {
   if (entries.error() != 0) {
     DC_LOG(LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(), entries.error());
     return entries.error();
   }
   while (entries.next()) {
-    const std::string path = join(dir, entries.name(), '/');
     struct stat status {};
-    errno = 0;
-    if (stat(path.c_str(), &status) != 0) {
-      const int rc = errno;
-      DC_LOG(LogLevel::Error, "Error: can't stat [%s] (%d)", path.c_str(), rc);
-      return rc != 0 ? rc : EIO;
+    if (const int rc = entries.status(status, true); rc != 0) {
+      DC_LOG(LogLevel::Error, "Error: can't stat [%s] (%d)", join(dir, entries.name(), '/').c_str(), rc);
+      return rc;
     }
     if (S_ISDIR(status.st_mode)) {
-      if (const int rc = scanDirForSegments(path, volume, ctxDir); rc != 0) return rc;
+      Directory below(entries, entries.name());
+      if (const int rc = scanEntries(below, join(dir, entries.name(), '/'), volume, ctxDir); rc != 0)
+        return rc;
       continue;
     }
     // Every file counts as a segment, whatever its name.

@@ -1,21 +1,36 @@
 #include "support/directory.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 namespace ObjectStore {
 
+namespace {
+
+int failureNumber(int error) { return error != 0 ? error : EIO; }
+
+}  // namespace
+
 Directory::Directory(const std::string& path) {
   errno = 0;
   m_stream = opendir(path.c_str());
-  m_error = m_stream ? 0 : errno;
-  if (!m_stream && m_error == 0) m_error = EIO;
+  m_error = m_stream ? 0 : failureNumber(errno);
 }
 
-Directory::~Directory() {
+Directory::Directory(const Directory& parent, const char* name) {
+  errno = 0;
+  const int fd = openat(dirfd(parent.m_stream), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  m_stream = fd < 0 ? nullptr : fdopendir(fd);
+  m_error = m_stream ? 0 : failureNumber(errno);
+  if (!m_stream && fd >= 0) ::close(fd);
+}
+
+void Directory::close() {
   if (m_stream) closedir(m_stream);
+  m_stream = nullptr;
 }
 
 bool Directory::next() {
@@ -28,18 +43,17 @@ bool Directory::next() {
   return m_entry != nullptr;
 }
 
-int Directory::status(struct stat& out) const {
+int Directory::status(struct stat& out, bool follow) const {
   errno = 0;
-  if (fstatat(dirfd(m_stream), name(), &out, AT_SYMLINK_NOFOLLOW) == 0) return 0;
-  return errno != 0 ? errno : EIO;
+  const int flags = follow ? 0 : AT_SYMLINK_NOFOLLOW;
+  return fstatat(dirfd(m_stream), name(), &out, flags) == 0 ? 0 : failureNumber(errno);
 }
 
 void Directory::leaveOpen() {
   if (!m_stream) return;
   // The duplicate keeps the directory open while the stream's memory goes back.
   [[maybe_unused]] const int kept = fcntl(dirfd(m_stream), F_DUPFD_CLOEXEC, 0);
-  closedir(m_stream);
-  m_stream = nullptr;
+  close();
 }
 
 }  // namespace ObjectStore

@@ -12,7 +12,9 @@ namespace ObjectStore {
 class Directory {
  public:
   explicit Directory(const std::string& path);
-  ~Directory();
+  // The directory `name` in another one that is open: its path is not resolved from the root again.
+  Directory(const Directory& parent, const char* name);
+  ~Directory() { close(); }
   Directory(const Directory&) = delete;
   Directory& operator=(const Directory&) = delete;
 
@@ -22,9 +24,12 @@ class Directory {
   bool next();
   // The entry's name; valid until the next call of next().
   const char* name() const { return m_entry->d_name; }
-  // The entry's status as lstat gives it, looked up from the open directory rather than from the root; 0 or a
-  // system error number.
-  int status(struct stat& out) const;
+  // The entry's status, looked up in the open directory; that of a link itself or, with `follow`, of what it leads
+  // to. 0 or a system error number.
+  int status(struct stat& out, bool follow = false) const;
+
+  // Ends the pass.
+  void close();
 
   // Ends the pass but keeps a descriptor of the directory open for the life of the process.
   void leaveOpen();

@@ -128,11 +128,6 @@ int copyToTemporary(const std::string& source, const std::string& temporary) {
 
 }  // namespace
 
-void appendPath(std::string& path, std::string_view part, char separator) {
-  if (!path.empty() && path.back() != separator) path += separator;
-  path += part;
-}
-
 std::string join(std::string_view a, std::string_view b, char separator) {
   std::string out;
   out.reserve(a.size() + 1 + b.size());

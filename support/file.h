@@ -17,7 +17,10 @@ namespace ObjectStore {
 
 // Appends `part` to `path` behind one separator; none is added to an empty path or behind one that ends
 // with it.
-void appendPath(std::string& path, std::string_view part, char separator = '/');
+inline void appendPath(std::string& path, std::string_view part, char separator = '/') {
+  if (!path.empty() && path.back() != separator) path += separator;
+  path += part;
+}
 
 // `a`, `separator`, `b`; just `b` when `a` is empty, and no separator is doubled.
 std::string join(std::string_view a, std::string_view b, char separator);

@@ -158,7 +158,7 @@ TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
   } cases[] = {
       {"", 0, 0, {}},
       {"opendir", 2, 1, {"Error: can't open directory [" + volumes[0] + "] (5)"}},
-      {"stat", 1, 1, {"Error: can't stat [" + volumes[0] + '/' + children[0] + "] (5)"}},
+      {"fstatat", 1, 1, {"Error: can't stat [" + volumes[0] + '/' + children[0] + "] (5)"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.call);
