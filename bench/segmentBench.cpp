@@ -1,268 +1,217 @@
-// What the library adds to the system calls of an operation.
+// What an operation on a segment costs: the floor, the cache and its peers in turn, round by round.
 //
-// Each round times hand-written code that makes exactly an operation's calls ("floor"), the operation itself
-// as a client uses it, and the floor once more, on the same file system and right behind each other, so that
-// whatever else the machine does meets all three. Reported per round: `ratio`, the library's time over the
-// mean of the two floors, and `noise`, the second floor over the first.
-//
-// segmentBench DIR [benchmark options]: works below DIR, which must be there, and removes what it made. With
-// `--one read|create|delete` it makes a single such call between two marks on standard error, for strace.
-#include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
-
+// Reported for each: time over the floor's of the same round (the mean of its two goes), as wall time of the
+// batch, median of single operations (p50) and CPU time. `again` is the second floor over the first, and
+// `floor` itself is in microseconds an operation.
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <functional>
-#include <iostream>
+#include <map>
 #include <memory>
-#include <string>
-#include <vector>
+#include <numeric>
+#include <random>
 
-#include "diskcache/diskcache.h"
+#include "arena.h"
+#include "batch.h"
+#include "oneOperation.h"
+#include "tools/diskcachectl/zipf.h"
 
-using namespace ObjectStore;
+using namespace bench;
 
 namespace {
 
-constexpr int ROUNDS = 15;
+constexpr double ZIPF_EXPONENT = 0.99;
+constexpr size_t KIB = 1024;
+constexpr size_t RANGE_BYTES = 256 * KIB;
+constexpr size_t RANGED_SEGMENT = 4096 * KIB;
+constexpr size_t SYNCED_SEGMENTS = 32;
+constexpr int WARMING_PASSES = 3;  // after one or two the processor's last cache still has not settled
 
-// Enough operations that a batch takes milliseconds, and not so many that it outgrows the page cache.
-size_t batchSize(size_t bytes) { return std::clamp<size_t>((size_t{64} << 20) / bytes, 32, 1000); }
+enum class Kind { Read, ReadZipf, ReadRange, Overwrite, Create, CreateSynced, Delete };
 
-void require(bool ok, const char* what) {
-  if (ok) return;
-  std::perror(what);
-  std::exit(1);
+struct Work {
+  const char* name;
+  Kind kind;
+  bool isReading() const { return kind <= Kind::ReadRange; }
+};
+
+constexpr Work WORKS[] = {
+    {"read", Kind::Read},           {"readZipf", Kind::ReadZipf}, {"readRange", Kind::ReadRange},
+    {"overwrite", Kind::Overwrite}, {"create", Kind::Create},     {"createSynced", Kind::CreateSynced},
+    {"delete", Kind::Delete},
+};
+
+// How much work a run is.
+struct Effort {
+  std::vector<size_t> sizes;
+  int readRounds;
+  int changeRounds;
+  size_t readBytes, readSegments;      // a set to read is no larger than either
+  size_t changeBytes, changeSegments;  // nor is a batch of changes
+};
+
+const Effort FULL = {
+    {4 * KIB, 64 * KIB, 1024 * KIB, 4096 * KIB}, 9, 5, size_t{96} << 20, 8192, size_t{32} << 20, 500};
+const Effort QUICK = {{4 * KIB, 4096 * KIB}, 3, 2, size_t{16} << 20, 1000, size_t{16} << 20, 100};
+
+size_t segmentsFor(const Work& work, size_t bytes, const Effort& effort) {
+  if (work.isReading()) return std::min(effort.readBytes / bytes, effort.readSegments);
+  const size_t segments = std::min(effort.changeBytes / bytes, effort.changeSegments);
+  return work.kind == Kind::CreateSynced ? std::min(segments, SYNCED_SEGMENTS) : segments;
 }
 
-std::string guidOf(size_t number) {
-  char text[45];
-  std::snprintf(text, sizeof(text), "%04zx%040zx", (number * 40503) & 0xffff, number);
-  return text;
+// The order in which a round asks for the segments: each once, or by their popularity.
+std::vector<size_t> orderOf(Kind kind, size_t segments, uint64_t round) {
+  std::vector<size_t> order(segments);
+  if (kind == Kind::ReadZipf) {
+    const diskcachectl::ZipfDraw zipf(static_cast<uint32_t>(segments), ZIPF_EXPONENT, 1);
+    std::generate(order.begin(), order.end(), [&, n = round * segments]() mutable { return zipf.draw(n++); });
+  } else {
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::shuffle(order.begin(), order.end(), std::mt19937_64(round));
+  }
+  return order;
 }
 
-// The calls of each operation, by hand.
-class Floor {
- public:
-  explicit Floor(const std::string& root) : m_root(root) {}
+Operation operationOf(Kind kind, const Arena& arena) {
+  const auto expect = [](bool isFound) { require(isFound, "read"); };
+  switch (kind) {
+    case Kind::Read:
+    case Kind::ReadZipf:
+      return
+          [=](Session& session, size_t segment, Buffer buffer) { expect(session.read(segment, 0, buffer)); };
+    case Kind::ReadRange:
+      return [=](Session& session, size_t segment, Buffer buffer) {
+        const uint64_t slot = 1 + segment % (RANGED_SEGMENT / RANGE_BYTES - 1);
+        expect(session.read(segment, slot * RANGE_BYTES, buffer.first(RANGE_BYTES)));
+      };
+    case Kind::Overwrite:
+      return [&arena](Session& session, size_t segment, Buffer) {
+        session.overwrite(segment, arena.payloadOf(segment + 1));
+      };
+    case Kind::Create:
+    case Kind::CreateSynced:
+      return [&arena, isSynced = kind == Kind::CreateSynced](Session& session, size_t segment, Buffer) {
+        session.create(segment, arena.payloadOf(segment), isSynced);
+      };
+    case Kind::Delete: return [](Session& session, size_t segment, Buffer) { session.remove(segment); };
+  }
+  return {};
+}
 
-  // A path's directory and file, so that building them costs the floor nothing.
-  struct Place {
-    std::string dir;
-    std::string path;
+// Brings a lane to where its batch begins: for reads, what others have left in the processor's caches makes
+// way; creating begins with a rehearsal, because the first use of a file system's blocks and inodes costs more.
+void prepare(Kind kind, Arena& arena, Lane& lane, const std::function<void()>& batch) {
+  if (kind <= Kind::ReadRange) {
+    for (int i = 0; i < WARMING_PASSES; ++i) batch();
+    return;
+  }
+  arena.create(lane);
+  arena.check(lane);
+  if (kind == Kind::Create || kind == Kind::CreateSynced) arena.remove(lane);
+}
+
+// A lane's own threads and dirty pages are not to be the next one's noise.
+void finish(Kind kind, Arena& arena, Lane& lane) {
+  if (kind <= Kind::ReadRange) return;
+  if (kind != Kind::Delete) {
+    arena.check(lane, kind == Kind::Overwrite ? 1 : 0);
+    arena.remove(lane);
+  }
+  lane.store->settle();
+  arena.sync();
+}
+
+void report(Figures& figures, const std::string& name, const Timing& timing, const Timing& base) {
+  figures[name + "/wall"] = timing.wall / base.wall;
+  figures[name + "/p50"] = timing.p50 / base.p50;
+  figures[name + "/cpu"] = timing.cpu / base.cpu;
+}
+
+Timing timeLane(Lane& lane, Kind kind, size_t threads, const std::vector<size_t>& order, Arena& arena) {
+  Timing timing;
+  const auto batch = [&, operation = operationOf(kind, arena)] {
+    timing = timeBatch(lane.sessions, threads, order, arena.bytes(), operation);
   };
-  Place place(const std::string& guid) const {
-    const std::string dir = m_root + "/bench/" + guid.substr(0, 2) + '/' + guid.substr(2, 2);
-    return {dir, dir + '/' + guid};
-  }
+  prepare(kind, arena, lane, batch);
+  lane.store->activate(true);
+  batch();
+  lane.store->activate(false);
+  finish(kind, arena, lane);
+  return timing;
+}
 
-  void create(const Place& place, const std::vector<unsigned char>& payload) const {
-    struct statvfs space {};
-    statvfs(m_root.c_str(), &space);
-    mkdir((place.dir + "/.").c_str(), 0700);
-    require(access(place.path.c_str(), F_OK) != 0, "access");
-    const int fd = open(place.path.c_str(), O_WRONLY | O_CREAT | O_NOATIME | O_CLOEXEC, 0600);
-    require(fd >= 0, "open");
-    SegmentHeader header;
-    header.magic = DISK_CACHE_MAGIC;
-    header.version = DISK_CACHE_VERSION;
-    require(write(fd, &header, sizeof(header)) == sizeof(header), "write");
-    const off_t end = lseek(fd, 0, SEEK_END);
-    const SectionDesc front{0, 0, payload.size()};
-    const bool written =
-        pwrite(fd, &end, sizeof(end), static_cast<off_t>(sectionSlotOffset(0))) == sizeof(end) &&
-        pwrite(fd, payload.data(), payload.size(), end + 16) == static_cast<ssize_t>(payload.size()) &&
-        pwrite(fd, &front, sizeof(front), end) == sizeof(front);
-    require(written, "pwrite");
-    struct stat status {};
-    fstat(fd, &status);
-    close(fd);
-  }
+// Those on the volume first, each round another one ahead, then the peers.
+std::vector<Lane*> lanesInTurn(Arena& arena, uint64_t round) {
+  std::vector<Lane*> lanes;
+  for (Lane& lane : arena.lanes()) lanes.push_back(&lane);
+  const auto peers = std::find_if(lanes.begin(), lanes.end(), [](const Lane* l) { return !l->isOnVolume; });
+  std::rotate(lanes.begin(), lanes.begin() + static_cast<ptrdiff_t>(round) % (peers - lanes.begin()), peers);
+  return lanes;
+}
 
-  void read(const Place& place, std::vector<unsigned char>& buffer) const {
-    const int fd = open(place.path.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC);
-    SegmentHeader header;
-    require(::read(fd, &header, sizeof(header)) == sizeof(header), "read");
-    SectionDesc front;
-    const auto at = static_cast<off_t>(header.sectionOffset[0]);
-    require(pread(fd, &front, sizeof(front), at) == sizeof(front), "pread");
-    require(pread(fd, buffer.data(), front.len, at + 16) == static_cast<ssize_t>(front.len), "pread");
-    close(fd);
+void runRound(Figures& figures, Kind kind, size_t threads, uint64_t round, Arena& arena) {
+  const std::vector<size_t> order = orderOf(kind, arena.segments(), round);
+  // Whoever comes behind the peers pays for what they have pushed out of the caches: a go that does not
+  // count.
+  timeLane(arena.lanes().front(), kind, threads, order, arena);
+  std::map<std::string, Timing> timings;
+  for (Lane* lane : lanesInTurn(arena, round)) {
+    timings[lane->name] = timeLane(*lane, kind, threads, order, arena);
   }
+  const Timing& first = timings["floor"];
+  const Timing& again = timings["again"];
+  const Timing mean = {(first.wall + again.wall) / 2, (first.p50 + again.p50) / 2,
+                       (first.cpu + again.cpu) / 2};
+  for (const auto& [name, timing] : timings) {
+    report(figures, name, timing, name == "floor" ? Timing{1, 1, 1} : name == "again" ? first : mean);
+  }
+}
 
-  void remove(const Place& place) const {
-    struct stat status {};
-    if (access(place.path.c_str(), F_OK) == 0 && stat(place.path.c_str(), &status) == 0)
-      unlink(place.path.c_str());
+// The arena at work. Those who read the same set share one; those who change it begin with a fresh one, so
+// that no store drags along what another work has left.
+class CurrentArena {
+ public:
+  explicit CurrentArena(std::string dir) : m_dir(std::move(dir)) {}
+
+  Arena& of(const Work& work, size_t bytes, size_t segments) {
+    const std::string key = (work.isReading() ? "reading" : work.name) + std::to_string(bytes);
+    if (key == m_key) return *m_arena;
+    m_arena.reset();  // its space is needed
+    m_arena = std::make_unique<Arena>(m_dir, bytes, segments);
+    if (work.isReading()) m_arena->fill();
+    m_key = key;
+    return *m_arena;
   }
 
  private:
-  std::string m_root;
+  std::string m_dir;
+  std::string m_key;
+  std::unique_ptr<Arena> m_arena;
 };
 
-// The library on one volume, with as many identifiers as the largest batch; the floor works on the same
-// paths.
-class Bench {
- public:
-  explicit Bench(const std::string& dir) : m_floor(dir + "/volume"), m_cache(PersistentVolumes::No) {
-    const auto error = m_cache.init(dir + "/root", {dir + "/volume"}, 1000, 1000, 1000, 1'000'000, nullptr,
-                                    PruningMode::Lru);
-    require(!error.IsError(), "init");
-    m_ctx.dir = "bench";
-    m_cache.registerContext(m_ctx);
-    for (size_t i = 0; i < batchSize(1); ++i) {
-      m_guids.push_back(guidOf(i));
-      m_places.push_back(m_floor.place(m_guids.back()));
-      std::filesystem::create_directories(m_places.back().dir);
+void addAll(CurrentArena& current, const Effort& effort) {
+  for (const size_t bytes : effort.sizes) {
+    for (const Work& work : WORKS) {
+      if (work.kind == Kind::ReadRange && bytes != RANGED_SEGMENT) continue;
+      const size_t segments = segmentsFor(work, bytes, effort);
+      for (size_t threads = 1; threads <= MAX_THREADS; ++threads) {
+        const std::string name =
+            std::string(work.name) + '/' + std::to_string(bytes) + '/' + std::to_string(threads);
+        addRounds(name, work.isReading() ? effort.readRounds : effort.changeRounds,
+                  [&current, work, bytes, segments, threads, round = uint64_t{0}](Figures& figures) mutable {
+                    runRound(figures, work.kind, threads, round++, current.of(work, bytes, segments));
+                  });
+      }
     }
   }
-
-  void setSize(size_t bytes) {
-    m_payload.assign(bytes, 'p');
-    m_buffer.assign(bytes, 0);
-    m_section.resize(1);
-    m_section[0].len = m_section[0].bufferSize = bytes;
-    m_section[0].data = m_payload.data();
-  }
-
-  void floorCreate(size_t i) { m_floor.create(m_places[i], m_payload); }
-  void floorRead(size_t i) { m_floor.read(m_places[i], m_buffer); }
-  void floorDelete(size_t i) { m_floor.remove(m_places[i]); }
-
-  void cacheCreate(size_t i) {
-    m_section[0].data = m_payload.data();
-    m_section[0].len = m_payload.size();
-    require(!m_cache.createSegment(m_ctx, m_guids[i], m_section, false, false, false).IsError(),
-            "createSegment");
-  }
-  void cacheRead(size_t i, bool touch = false) {
-    m_section[0].data = m_buffer.data();
-    require(!m_cache.readSections(m_ctx, m_guids[i], m_section, touch).IsError(), "readSections");
-    require(m_section[0].len == m_payload.size(), "length");
-  }
-  void cacheDelete(size_t i) {
-    require(!m_cache.deleteSegment(m_ctx, m_guids[i], false, false, Recycle::No).IsError(), "deleteSegment");
-  }
-  bool bytesAreRight() const { return m_buffer == m_payload; }
-
- private:
-  Floor m_floor;
-  DiskCache m_cache;
-  DiskCacheContext m_ctx;
-  std::vector<std::string> m_guids;
-  std::vector<Floor::Place> m_places;
-  std::vector<unsigned char> m_payload;
-  std::vector<unsigned char> m_buffer;
-  std::vector<Section> m_section;
-};
-
-using Batch = std::function<void(size_t)>;
-
-double secondsOf(size_t count, const Batch& operation) {
-  const auto begin = std::chrono::steady_clock::now();
-  for (size_t i = 0; i < count; ++i) operation(i);
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
-// What is done before and after each timed batch, untimed.
-struct Round {
-  Batch floorBefore, floor, floorAfter;
-  Batch cacheBefore, cache, cacheAfter;
-};
-
-void run(benchmark::State& state, Bench& bench, size_t bytes, const Round& round) {
-  bench.setSize(bytes);
-  const size_t count = batchSize(bytes);
-  const auto timed = [count](const Batch& before, const Batch& operation, const Batch& after) {
-    if (before) secondsOf(count, before);
-    const double seconds = secondsOf(count, operation);
-    if (after) secondsOf(count, after);
-    return seconds;
-  };
-  for (auto _ : state) {
-    const double first = timed(round.floorBefore, round.floor, round.floorAfter);
-    const double cache = timed(round.cacheBefore, round.cache, round.cacheAfter);
-    const double second = timed(round.floorBefore, round.floor, round.floorAfter);
-    state.SetIterationTime(cache);
-    state.counters["ratio"] = 2 * cache / (first + second);
-    state.counters["noise"] = second / first;
-  }
-}
-
-void add(const std::string& name, Bench& bench, size_t bytes, const Round& round) {
-  benchmark::RegisterBenchmark(
-      (name + '/' + std::to_string(bytes)).c_str(),
-      [&bench, bytes, round](benchmark::State& state) { run(state, bench, bytes, round); })
-      ->UseManualTime()
-      ->Iterations(1)
-      ->Repetitions(ROUNDS)
-      ->ReportAggregatesOnly()
-      ->ComputeStatistics("min", [](const auto& v) { return *std::min_element(v.begin(), v.end()); })
-      ->ComputeStatistics("max", [](const auto& v) { return *std::max_element(v.begin(), v.end()); });
-}
-
-void addAll(Bench& bench) {
-  const Batch floorCreate = [&](size_t i) { bench.floorCreate(i); };
-  const Batch floorRead = [&](size_t i) { bench.floorRead(i); };
-  const Batch floorDelete = [&](size_t i) { bench.floorDelete(i); };
-  const Batch create = [&](size_t i) { bench.cacheCreate(i); };
-  const Batch remove = [&](size_t i) { bench.cacheDelete(i); };
-  const Batch read = [&](size_t i) { bench.cacheRead(i); };
-  const Batch touch = [&](size_t i) { bench.cacheRead(i, true); };
-  for (const size_t bytes : {size_t{4} << 10, size_t{64} << 10, size_t{1} << 20}) {
-    add("create", bench, bytes, {{}, floorCreate, floorDelete, {}, create, remove});
-    add("read", bench, bytes, {floorCreate, floorRead, floorDelete, create, read, remove});
-    add("readTouching", bench, bytes, {floorCreate, floorRead, floorDelete, create, touch, remove});
-    add("delete", bench, bytes, {floorCreate, floorDelete, {}, create, remove, {}});
-  }
-}
-
-// One warm operation between two marks that a trace shows as writes to descriptor 2.
-int runOne(Bench& bench, const std::string& operation) {
-  bench.setSize(4096);
-  bench.cacheCreate(0);
-  bench.cacheRead(0, true);
-  require(bench.bytesAreRight(), "bytes");
-  if (operation == "create") bench.cacheDelete(0);
-  const auto mark = [](const char* text) { require(write(2, text, std::strlen(text)) > 0, "write"); };
-  mark("begin\n");
-  if (operation == "read") bench.cacheRead(0, true);
-  if (operation == "create") bench.cacheCreate(0);
-  if (operation == "delete") bench.cacheDelete(0);
-  mark("end\n");
-  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || !std::filesystem::is_directory(argv[1])) {
-    std::cerr << "usage: segmentBench DIR [--one read|create|delete] [benchmark options]\n";
-    return 2;
-  }
-  std::string pattern = std::string(argv[1]) + "/segmentBench.XXXXXX";
-  require(mkdtemp(pattern.data()) != nullptr, "mkdtemp");
-  const std::unique_ptr<std::string, void (*)(std::string*)> removed(
-      &pattern, [](std::string* dir) { std::filesystem::remove_all(*dir); });
-  // The library prints diagnostics when an engine begins and ends; they do not belong into the table.
-  std::streambuf* const table = std::cout.rdbuf(std::cerr.rdbuf());
-  Bench bench(pattern);
-  if (argc == 4 && std::string(argv[2]) == "--one") return runOne(bench, argv[3]);
-
-  addAll(bench);
-  --argc;
-  ++argv;
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  std::cout.rdbuf(table);
-  benchmark::RunSpecifiedBenchmarks();
-  std::cout.rdbuf(std::cerr.rdbuf());
-  return 0;
+  const Options options = parseOptions(argc, argv);
+  if (!options.one.empty()) return runOne(options.dir, options.one);
+  CurrentArena current(options.dir);
+  addAll(current, options.isQuick ? QUICK : FULL);
+  for (const Peer& peer : peers()) benchmark::AddCustomContext("peer " + peer.name, peer.settings);
+  return runRounds(argc, argv);
 }
