@@ -85,6 +85,12 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
 
 TEST_F(EngineToolTest, BadInputIsOneLineAndLosesNothing) {
   ASSERT_EQ(put("0011first", "one"), 0) << err;
+  // Another spelling is the same volume.
+  const std::string known = readFile(dir / "root/volume_info");
+  EXPECT_EQ(run("put --volume " + (dir / "a/. ") + segment("0011first ") + (dir / "in")), 0) << err;
+  EXPECT_EQ(readFile(dir / "root/volume_info"), known);
+
+  writeFile(dir / "used/ctx/old", "older than what the volume has");
   const std::pair<std::string, std::string> refusals[] = {
       {"get " + segment("a/b"), "a/b"},
       {"put " + segment(".. ") + (dir / "in"), ".."},
@@ -97,6 +103,8 @@ TEST_F(EngineToolTest, BadInputIsOneLineAndLosesNothing) {
       {"get --context ../x " + cache() + "0011first", "../x"},
       {"status --format xml " + cache(), "--format"},
       {"exists --root " + (dir / "no") + " --volume " + (dir / "a --context ctx x"), "no: "},
+      {"put --volume " + (dir / "x,y ") + segment("0011x ") + (dir / "in"), "x,y"},
+      {"migrate " + cache() + "--index 1 --leave-behind --to " + (dir / "used"), "ctx/old: lies at"},
       {"migrate " + cache() + "--index 9 --to " + (dir / "c"), "no volume 9"}};
   for (const auto& [arguments, why] : refusals) expectFailure(arguments, 2, why);
   EXPECT_EQ(get("0011first"), "one");

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <system_error>
 #include <tuple>
+#include <utility>
 
 #include "identifier.h"
 #include "options.h"
@@ -50,27 +51,33 @@ bool isThere(const std::string& dir) {
   return fs::is_directory(dir, ignored);
 }
 
-// The directories that are there, each once; the others are named.
-std::vector<std::string> presentOf(const std::vector<std::string>& dirs) {
-  std::vector<std::string> present;
+// The volumes that a root knows; says which lines of its file make no sense.
+std::vector<KnownVolume> knownOf(const std::string& root) {
+  VolumeFile file = readVolumeFile(root);
+  for (const std::string& problem : file.problems) printError(problem);
+  return std::move(file.volumes);
+}
+
+// The directories that are there, each once; the others are named. The cache tells volumes apart by their
+// spelling: one that it knows gets that, so that it does not become another volume.
+std::vector<std::string> presentOf(const std::vector<std::string>& dirs,
+                                   const std::vector<KnownVolume>& known) {
+  std::vector<std::string> spellings, present;
+  for (const KnownVolume& volume : known) spellings.push_back(volume.dir);
   for (const std::string& dir : dirs) {
-    if (std::find(present.begin(), present.end(), dir) != present.end()) continue;
     std::error_code error;
-    if (fs::is_directory(dir, error)) {
-      present.push_back(dir);
-    } else {
+    if (!fs::is_directory(dir, error)) {
       printError(fmt::format("{}: {}, left out", dir, error ? error.message() : std::strerror(ENOTDIR)));
+      continue;
     }
+    auto spelling = std::find_if(spellings.begin(), spellings.end(), [&](const std::string& spelled) {
+      return fs::equivalent(spelled, dir, error);
+    });
+    if (spelling == spellings.end()) spelling = spellings.insert(spelling, fs::absolute(dir));
+    if (std::find(present.begin(), present.end(), *spelling) == present.end()) present.push_back(*spelling);
   }
   if (present.empty()) throw Failure(ExitStatus::BadInput, "no volume is left");
   return present;
-}
-
-void makeAll(const std::vector<std::string>& dirs) {
-  for (const std::string& dir : dirs) {
-    std::error_code error;  // the cache's own would not name the directory
-    if (!fs::create_directories(dir, error) && error) fail(dir, error.value());
-  }
 }
 
 void refuseMigration(const std::string& root) {
@@ -101,7 +108,7 @@ class PrivateRoot {
   void writeVolumeFile(const std::vector<KnownVolume>& volumes) const {
     std::ofstream file(m_path + "/volume_info");
     for (const KnownVolume& volume : volumes) file << volume.dir << ',' << volume.index << '\n';
-    if (!file.flush()) fail(m_path + "/volume_info", EIO);
+    if (!file.flush()) fail(m_path + "/volume_info", errno);
   }
 
  private:
@@ -112,18 +119,18 @@ VolIndex nextIndex(const std::vector<KnownVolume>& volumes) {
   return static_cast<VolIndex>(volumes.empty() ? 1 : volumes.back().index + 1);
 }
 
-// The volumes of a root and, with indexes of no importance, those that it does not know yet.
-std::vector<KnownVolume> volumesOf(const std::string& root, const std::vector<std::string>& more) {
-  std::vector<KnownVolume> known = readVolumeFile(root).volumes;
-  for (const std::string& dir : more) {
-    if (dir.find_first_of(",\n") != std::string::npos) fail(dir, EINVAL);
-    const bool isKnown = std::any_of(known.begin(), known.end(), [&](const auto& v) { return v.dir == dir; });
-    if (!isKnown) known.push_back({nextIndex(known), dir});
-  }
-  return known;
+}  // namespace
+
+std::string whyNoVolume(const std::string& dir) {
+  const bool isLine = !dir.empty() && dir.find_first_of(",\n") == std::string::npos && dir.back() != ' ';
+  return isLine ? "" : fmt::format("\"{}\" is empty, holds ',' or a line feed, or ends with a blank", dir);
 }
 
-}  // namespace
+void makeDirectory(const std::string& dir) {
+  std::error_code error;  // the cache's own would not name the directory
+  if (fs::create_directories(dir, error)) fs::permissions(dir, fs::perms::owner_all, error);
+  if (error) fail(dir, error.value());
+}
 
 CacheSession::CacheSession(const CacheOptions& options, Use use) {
   if (use == Use::Look || use == Use::Measure) {
@@ -136,8 +143,12 @@ CacheSession::CacheSession(const CacheOptions& options, Use use) {
 // The engine gets a root of its own, which it needs no longer once it runs.
 void CacheSession::bringUpBeside(const CacheOptions& options, Use use) {
   const auto migration = readMigration(options.root);  // before the volumes, which its end changes
-  const std::vector<std::string> present = presentOf(options.volumes);
-  std::vector<KnownVolume> known = volumesOf(options.root, present);
+  std::vector<KnownVolume> known = knownOf(options.root);
+  const std::vector<std::string> present = presentOf(options.volumes, known);
+  for (const std::string& dir : present) {  // those that it does not know get indexes of no importance
+    const bool isKnown = std::any_of(known.begin(), known.end(), [&](const auto& v) { return v.dir == dir; });
+    if (!isKnown) known.push_back({nextIndex(known), dir});
+  }
   const bool isMoving = migration && std::any_of(known.begin(), known.end(), [&](const KnownVolume& volume) {
                           return volume.index == migration->index && volume.dir == migration->source;
                         });
@@ -159,10 +170,13 @@ void CacheSession::bringUpBeside(const CacheOptions& options, Use use) {
 }
 
 void CacheSession::bringUp(const CacheOptions& options, Use use) {
-  if (use != Use::Fill) readVolumeFile(options.root);  // throws when there is no such root
-  if (use != Use::Resume && fs::exists(options.root)) refuseMigration(options.root);
-  if (use == Use::Fill) makeAll(options.volumes);
-  const CZuError error = m_cache.init(options.root, presentOf(options.volumes), NEVER, NEVER, NEVER,
+  if (use == Use::Fill) makeDirectory(options.root);
+  const std::vector<KnownVolume> known = knownOf(options.root);
+  if (use != Use::Resume) refuseMigration(options.root);
+  if (use == Use::Fill) {
+    for (const std::string& dir : options.volumes) makeDirectory(dir);
+  }
+  const CZuError error = m_cache.init(options.root, presentOf(options.volumes, known), NEVER, NEVER, NEVER,
                                       MAX_ENTRIES, VolumeMove::CALLBACK, options.mode);
   if (error.IsError()) fail(options.root, error);
   for (const Volume& volume : volumes()) m_places.push_back({volume.index, volume.index, volume.dir});
@@ -206,7 +220,7 @@ std::vector<Copy> CacheSession::require(const SegmentOptions& segment) {
 
 void addCacheOptions(CLI::App& command, CacheOptions& options, bool manyVolumes) {
   addRoot(command, options.root)->required();
-  addVolumes(command, options.volumes, manyVolumes)->required();
+  addVolumes(command, options.volumes, manyVolumes)->required()->check(CLI::Validator(whyNoVolume, ""));
   addJson(command, options.isJson);
 }
 

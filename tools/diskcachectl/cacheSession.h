@@ -76,6 +76,12 @@ class CacheSession {
   std::vector<Place> m_places;  // where segments are looked for; a migration's destination before its source
 };
 
+// Why the volume file could not hold a directory; empty when it can.
+std::string whyNoVolume(const std::string& dir);
+
+// With its parents, for its owner only.
+void makeDirectory(const std::string& dir);
+
 [[noreturn]] void fail(const std::string& what, const ObjectStore::CZuError& error);
 // Bad input when there is no such file, otherwise an error of the system.
 [[noreturn]] void fail(const std::string& what, int error);

@@ -27,7 +27,7 @@ void run(const SegmentOptions& options) {
   CacheSession session(options, CacheSession::Use::Look);
   const std::vector<Copy> copies = session.find(options);
   if (!options.isJson) {
-    fmt::print("{}\n", session.require(options).front().path);
+    fmt::print("{}\n", printable(session.require(options).front().path));
     return;
   }
   ordered_json answer = {

@@ -77,7 +77,11 @@ class Listing {
     TreeWalk walk(
         roots, [this](const WalkedFile& file, size_t) { visit(file); },
         [this](const std::string& path, int error) { complain(path, error, ExitStatus::Error); });
-    if (!roots.empty()) walk.run(1);
+    if (!roots.empty()) {
+      walk.run(1);
+    } else if (m_worst == ExitStatus::Success) {
+      complain(m_options.context, ENOENT, ExitStatus::BadInput);
+    }
     std::sort(m_held.begin(), m_held.end(),
               [](const Line& a, const Line& b) { return a.place() < b.place(); });
     for (const Line& line : m_held) print(line);

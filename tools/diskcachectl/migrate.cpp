@@ -44,8 +44,9 @@ constexpr size_t MAX_NAMES = 10;
 constexpr const char* HELP =
     R"(Copies a volume to DIR and points the cache there; the source stays as it is. The engine leaves some
 directories behind when their number is no multiple of 4, and files that lie directly in the volume:
-the command stops when there are any, unless told what to do. A migration that was killed is resumed by
-the same command. No server may be running on the root.
+the command stops when there are any, unless told what to do. No file may lie in DIR yet, so that nothing
+older takes the place of what is copied; but a migration that was killed is resumed by the same command.
+No server may be running on the root.
 Exit status: 0 success, 2 bad input or something would stay behind, 3 an error of the cache or the system, or
 interrupted (the volume then stays where it was).
 
@@ -128,15 +129,21 @@ Plan planFor(const std::string& source) {
   return plan;
 }
 
+// Links, FIFOs and the like are never copied; the engine would not say which one ended the migration.
+void requireFile(const fs::directory_entry& entry) {
+  if (fs::is_regular_file(entry.symlink_status())) return;
+  throw Failure(ExitStatus::BadInput, entry.path().native() + ": neither a file nor a directory");
+}
+
 // How many files the engine will copy: it leaves those that are at the destination.
 uint64_t countFiles(const Plan& plan, const std::string& source, const std::string& destination) {
   uint64_t count = 0;
   for (const std::string& dir : plan.copied) {
     forEach<fs::recursive_directory_iterator>(fs::path(source) / dir, [&](const fs::directory_entry& entry) {
       if (g_isInterrupted != 0) failInterrupted(source);
-      if (!fs::is_regular_file(entry.symlink_status()) || isLeftover(entry)) return;
-      if (!fs::exists(fmt::format("{}/{}", destination, entry.path().native().substr(source.size()))))
-        ++count;
+      if (isDirectory(entry) || isLeftover(entry)) return;
+      requireFile(entry);
+      if (!fs::exists(destination + '/' + entry.path().native().substr(source.size()))) ++count;
     });
   }
   return count;
@@ -149,14 +156,6 @@ std::string listed(const std::vector<std::string>& names) {
   return text;
 }
 
-// As the engine makes them.
-void makeDirectory(const fs::path& path) {
-  if (path.has_parent_path() && !fs::exists(path.parent_path())) makeDirectory(path.parent_path());
-  std::error_code error;
-  if (fs::create_directory(path, error)) fs::permissions(path, fs::perms::owner_all, error);
-  if (error) fail(path, error.value());
-}
-
 void copyEntry(const fs::directory_entry& entry, const std::string& target, const std::string& source) {
   if (g_isInterrupted != 0) failInterrupted(source);
   if (isDirectory(entry)) {
@@ -164,7 +163,8 @@ void copyEntry(const fs::directory_entry& entry, const std::string& target, cons
     forEach<fs::directory_iterator>(entry.path(), [&](const fs::directory_entry& inner) {
       copyEntry(inner, target + '/' + inner.path().filename().native(), source);
     });
-  } else if (!isLeftover(entry)) {
+  } else if (!isLeftover(entry) && !fs::exists(target)) {
+    requireFile(entry);
     const CZuError error = RMFile::KXCopyFile(entry.path(), target, 0);
     if (error.IsError()) fail(entry.path(), error);
   }
@@ -182,10 +182,17 @@ void refuseDestination(CacheSession& session, const std::string& source, const s
   if (!way.empty() && *way.begin() != "..") {
     throw Failure(ExitStatus::BadInput, fmt::format("{}: is the source, or lies in it", destination));
   }
+  std::error_code ignored;
   for (const Volume& volume : session.volumes()) {
-    if (volume.dir != destination) continue;
+    if (volume.dir != destination && !fs::equivalent(volume.dir, destination, ignored)) continue;
     throw Failure(ExitStatus::BadInput, fmt::format("{}: is volume {} already", destination, volume.index));
   }
+  if (!fs::exists(destination)) return;
+  // It would count as the volume's, and be left as it is, however old.
+  forEach<fs::recursive_directory_iterator>(destination, [](const fs::directory_entry& entry) {
+    if (isDirectory(entry)) return;
+    throw Failure(ExitStatus::BadInput, entry.path().native() + ": lies at the destination; remove it first");
+  });
 }
 
 std::string directoryOf(CacheSession& session, const Options& options) {
@@ -238,7 +245,8 @@ void run(const Options& options) {
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
   const auto noted = readMigration(options.root);
-  const bool isResumed = noted && noted->index == options.index && noted->destination == options.destination;
+  const bool isResumed =
+      noted && noted->index == options.index && fs::absolute(noted->destination) == options.destination;
   std::optional<CacheSession> session;
   if (!isResumed) session.emplace(options, CacheSession::Use::Change);
   const std::string source = isResumed ? noted->source : directoryOf(*session, options);
@@ -246,8 +254,8 @@ void run(const Options& options) {
 
   const Plan plan = planFor(source);
   settle(plan, options, source);
-  if (options.isComplete) copyLeftBehind(plan, source, options.destination);
   const uint64_t files = countFiles(plan, source, options.destination);
+  if (options.isComplete) copyLeftBehind(plan, source, options.destination);
   if (isResumed) {
     VolumeMove::expect();
     session.emplace(options, CacheSession::Use::Resume);
@@ -279,12 +287,16 @@ void addMigrate(CLI::App& program) {
       ->check(CLI::Range(1, 65535).description(""));
   command->add_option("--to", options->destination, "Where it goes; made if missing")
       ->required()
-      ->type_name("DIR");
+      ->type_name("DIR")
+      ->check(CLI::Validator(whyNoVolume, ""));
   CLI::Option* leave =
       command->add_flag("--leave-behind", options->leavesBehind, "Go on without what stays behind");
   command->add_flag("--complete", options->isComplete, "Copy what would stay behind before the migration")
       ->excludes(leave);
-  command->callback([options] { run(*options); });
+  command->callback([options] {
+    options->destination = fs::absolute(options->destination);  // the cache may run elsewhere
+    run(*options);
+  });
 }
 
 }  // namespace diskcachectl

@@ -145,9 +145,7 @@ void check(const CZuError& error, const std::string& what) {
 // A section in the middle would grow over those behind it, and cutting it would cut them off.
 void refuseUnfit(const SegmentLayout& layout, const Record& old, uint64_t length, const std::string& path) {
   if (length == old.front.len) return;
-  const bool isLast = std::none_of(layout.records.begin(), layout.records.end(), [&](const Record& other) {
-    return other.isLive && other.offset > old.offset;
-  });
+  const bool isLast = old.end() == layout.bytes;
   const bool canChange = length > old.front.len || layout.lastSection == old.front.type;
   if (isLast && canChange) return;
   throw Failure(
@@ -229,7 +227,7 @@ void run(const Options& options) {
   const Copy copy = session.require(options).front();
   if (options.isSynced) check(session.cache().syncSegment(copy.context, options.id), copy.path);
   if (!options.isJson) {
-    fmt::print("{}\n", copy.path);
+    fmt::print("{}\n", printable(copy.path));
     return;
   }
   printJson({{"identifier", options.id},

@@ -36,7 +36,7 @@ void run(const Options& options) {
     const auto error = session.cache().deleteSegment(copy.context, options.id, false, false, options.recycle);
     if (error.IsError()) fail(copy.path, error);
     deleted.push_back({{"volume", copy.volume}, {"directory", copy.directory}, {"path", copy.path}});
-    if (!options.isJson) fmt::print("{}\n", copy.path);
+    if (!options.isJson) fmt::print("{}\n", printable(copy.path));
   }
   if (!options.isJson) return;
   const bool isRecycled = options.recycle == Recycle::Yes;

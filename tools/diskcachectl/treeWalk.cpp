@@ -134,7 +134,8 @@ void TreeWalk::walk(const Pending& directory, size_t thread) {
     }
     error = errno;
   }
-  if (error != 0) {
+  const bool isGone = error == ENOENT && !isRoot;  // a server deletes empty directories
+  if (error != 0 && !isGone) {
     const std::scoped_lock lock(m_lock);
     m_failed(directory.dir, error);
   }

@@ -39,7 +39,8 @@ one. There are no checksums: what is checked is that a file's records are where 
 whole. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying)
 and files where no identifier leads are counted apart. One that a running server is writing at this
 moment may seem damaged.
-Exit status: 0 all sound, 1 damage, 2 a path that cannot be used.
+Exit status: 0 all sound, 1 damage, 2 a path that cannot be used, 3 a file or directory below one that cannot
+be read.
 
 Example:
   diskcachectl verify /var/cache/a /var/cache/b)";
@@ -65,7 +66,7 @@ class Verification {
     for (const std::string& path : paths) {
       struct stat status {};
       if (stat(path.c_str(), &status) != 0) {
-        refuse(path, std::strerror(errno));
+        complain(path, errno, ExitStatus::BadInput);
       } else if (S_ISDIR(status.st_mode)) {
         directories.push_back(path);
       } else {
@@ -76,7 +77,7 @@ class Verification {
     Progress progress("verify");
     TreeWalk walk(
         directories, [this](const WalkedFile& file, size_t thread) { visit(file, m_counts[thread]); },
-        [this](const std::string& path, int error) { report(path, std::strerror(error)); });
+        [this](const std::string& path, int error) { complain(path, error, ExitStatus::Error); });
     walk.run(m_counts.size(), [&](double part) {
       progress.show(part, fmt::format("{} files", formatCount(sum(&Counts::files))));
     });
@@ -119,7 +120,8 @@ class Verification {
     SegmentLayout& layout = counts.layout;
     const int rc = file.error() != 0 ? file.error() : decodeSegment(file.fd(), layout);
     if (rc == ENOENT) return;  // deleted since it was listed
-    if (rc != 0) return report(pathOf(named), rc == EINVAL ? "not a regular file" : std::strerror(rc));
+    if (rc == EINVAL) return report(pathOf(named), "not a regular file");
+    if (rc != 0) return complain(pathOf(named), rc, ExitStatus::Error);
     if (layout.isSegment) ++counts.segments;
     counts.sections += layout.liveSections;
     counts.bytes += layout.bytes;
@@ -136,9 +138,11 @@ class Verification {
     }
   }
 
-  void refuse(const std::string& path, const std::string& why) {
-    printError(fmt::format("{}: {}", path, why));
-    m_worst = ExitStatus::BadInput;
+  // What cannot be read is neither sound nor damaged.
+  void complain(const std::string& path, int error, ExitStatus status) {
+    const std::scoped_lock lock(m_lock);
+    printError(fmt::format("{}: {}", path, std::strerror(error)));
+    m_worst = std::max(m_worst, status);
   }
 
   void printSummary() const {
@@ -151,8 +155,13 @@ class Verification {
     apart(sum(&Counts::recycled), "recycled");
     apart(sum(&Counts::leftovers), "left over from replacements or copies that were cut short");
     apart(sum(&Counts::misplaced), "where no identifier leads");
-    fmt::print("{}\n", m_problemCount == 0 ? painted(Colour::Green, "no damage")
-                                           : painted(Colour::Red, formatCount(m_problemCount) + " damaged"));
+    if (m_problemCount != 0) {
+      fmt::print("{}\n", painted(Colour::Red, formatCount(m_problemCount) + " damaged"));
+    } else if (m_worst != ExitStatus::Success) {
+      fmt::print("no damage in what could be read\n");
+    } else {
+      fmt::print("{}\n", painted(Colour::Green, "no damage"));
+    }
   }
 
   ordered_json asJson() const {
@@ -164,8 +173,8 @@ class Verification {
 
   std::vector<Counts> m_counts;
   const bool m_isJson;
-  ExitStatus m_worst = ExitStatus::Success;
   std::mutex m_lock;  // guards what follows while threads run
+  ExitStatus m_worst = ExitStatus::Success;
   uint64_t m_problemCount = 0;
   ordered_json m_problems = ordered_json::array();
 };

@@ -64,7 +64,7 @@ VolumeFile readVolumeFile(const std::string& root) {
     while (!line.empty() && line.back() == ' ') line.remove_suffix(1);
     const size_t comma = line.find(',');
     const auto index = comma == std::string_view::npos ? VolIndex{0} : parseIndex(line.substr(comma + 1));
-    if (index == 0) {
+    if (index == 0 || comma == 0) {
       file.problems.push_back(
           fmt::format("{}/volume_info:{}: no directory,index: \"{}\"", root, number, line));
     } else if (!volumes.try_emplace(index, line.substr(0, comma)).second) {
@@ -88,7 +88,7 @@ std::optional<Migration> readMigration(const std::string& root) {
 
 std::optional<Room> measure(const std::string& dir) {
   struct statvfs status {};
-  if (statvfs(dir.c_str(), &status) != 0) return std::nullopt;
+  if (statvfs((dir + "/.").c_str(), &status) != 0) return std::nullopt;
   Room room{status.f_blocks * status.f_frsize, status.f_bavail * status.f_frsize, 0};
   room.reserve = static_cast<uint64_t>(static_cast<float>(room.total) * RESERVE_PERCENTAGE / 100.0F);
   return room;

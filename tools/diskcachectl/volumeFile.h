@@ -42,7 +42,7 @@ struct Room {
   bool hasRoom() const { return free >= reserve; }
 };
 
-// None, with errno, when the directory cannot be reached.
+// None, with errno, when the directory cannot be reached or is none.
 std::optional<Room> measure(const std::string& dir);
 
 }  // namespace diskcachectl

@@ -52,6 +52,7 @@ void run(const std::string& root, bool isJson) {
   for (const auto& [index, dir] : file.volumes) {
     const auto room = measure(dir);
     isSound = isSound && room;
+    if (!room && errno != ENOENT) printError(fmt::format("{}: {}", dir, std::strerror(errno)));
     if (isJson) {
       ordered_json volume = {{"index", index}, {"directory", dir}, {"present", room.has_value()}};
       volume["total"] = room ? ordered_json(room->total) : nullptr;
