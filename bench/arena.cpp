@@ -1,8 +1,5 @@
 #include "arena.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -89,12 +86,6 @@ void Arena::remove(Lane& lane) {
   require(!lane.sessions[0]->read(0, 0, found), ("still there: " + lane.name).c_str());
 }
 
-void Arena::sync() const {
-  const int fd = open(m_dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  require(fd >= 0 && syncfs(fd) == 0, "syncfs");
-  close(fd);
-}
-
 void Arena::fill() {
   create(m_lanes.front());  // for all on the volume
   for (Lane& lane : m_lanes) {
@@ -102,7 +93,7 @@ void Arena::fill() {
     lane.store->settle();
     check(lane);
   }
-  sync();
+  syncDisk(m_dir.path());
 }
 
 }  // namespace bench

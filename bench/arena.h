@@ -44,8 +44,7 @@ class Arena {
   void check(Lane& lane, size_t shift = 0);
   void remove(Lane& lane);
 
-  // Writes out what is dirty on the file system.
-  void sync() const;
+  const std::string& dir() const { return m_dir.path(); }
 
   // Creates and checks the segments of every lane, to be read.
   void fill();

@@ -113,8 +113,10 @@ void migrateAndWait(DiskCache& cache, const std::string& from, const std::string
 }
 
 void compareMigration(Figures& figures, DiskCache& cache, const std::string& dir) {
+  syncDisk(dir);
   const double copied = secondsOf(
       [&] { require(std::system(("cp -r " + dir + "/volume " + dir + "/byHand").c_str()) == 0, "cp"); });
+  syncDisk(dir);
   const double moved = secondsOf([&] { migrateAndWait(cache, dir + "/volume", dir + "/moved"); });
   figures["diskcache/speed"] = copied / moved;
   figures["diskcache/ms"] = moved * 1e3;

@@ -1,5 +1,8 @@
 #include "frame.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +47,12 @@ WorkDir::WorkDir(const std::string& parent) : m_path(parent + "/bench.XXXXXX") {
 WorkDir::~WorkDir() {
   std::error_code ignored;
   std::filesystem::remove_all(m_path, ignored);
+}
+
+void syncDisk(const std::string& dir) {
+  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  require(fd >= 0 && syncfs(fd) == 0, "syncfs");
+  close(fd);
 }
 
 void addRounds(const std::string& name, int rounds, std::function<void(Figures&)> round) {

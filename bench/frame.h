@@ -41,6 +41,9 @@ class WorkDir {
   std::string m_path;
 };
 
+// Writes out what is dirty on the file system of a directory, so that nobody pays for another's changes.
+void syncDisk(const std::string& dir);
+
 using Figures = benchmark::UserCounters;
 
 // Registers work that is done once a round and leaves figures; reported are the median, the least and the
