@@ -34,7 +34,7 @@ bool isDots(std::string_view name) { return name == "." || name == ".."; }
 unsigned char askType(int dirFd, const char* name) {
   struct stat status {};
   if (fstatat(dirFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
-  return IFTODT(status.st_mode);
+  return static_cast<unsigned char>(IFTODT(status.st_mode));
 }
 
 std::string_view lastPart(std::string_view path) { return path.substr(path.find_last_of('/') + 1); }
