@@ -49,6 +49,13 @@ inline bool isLogged(int level) { return g_ptrLogWriter && g_ptrLogWriter->getLe
        ? ::ObjectStore::g_ptrLogWriter->write((level), __PRETTY_FUNCTION__, __LINE__, 0, 0, __VA_ARGS__) \
        : static_cast<void>(0))
 
+// The same on behalf of an operation that calls a shared step: a line names an operation of a class's
+// interface, never a helper, a lambda or a step of one.
+#define DC_LOG_AT(where, level, ...)                                                                       \
+  (::ObjectStore::isLogged(level)                                                                          \
+       ? ::ObjectStore::g_ptrLogWriter->write((level), (where).operation, (where).line, 0, 0, __VA_ARGS__) \
+       : static_cast<void>(0))
+
 // Logs a failure and makes the error value for it: `return DC_FAIL(LogLevel::Error, err, "...", ...)`.
 #define DC_FAIL(level, errNo, ...) \
   (DC_LOG(level, __VA_ARGS__), ::ObjectStore::RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, (errNo)))
