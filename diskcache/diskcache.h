@@ -262,6 +262,8 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
                            ForceDiskLoc force, OpenSegmentInfo& segment, const RMCodeLocation& where)
       DC_REQUIRES(segment.lock);
+  CZuError claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
+                     const RMCodeLocation& where);
   CZuError updateSegment(int fd, const std::string& path, VolIndex volume,
                          const std::vector<Section>& sections, OpenSegmentInfo& segment)
       DC_REQUIRES(segment.lock);
@@ -270,12 +272,14 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
                         bool& leaveOpen);
   CZuError removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                      Recycle recycle);
-  CZuError recycleFile(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                       const std::string& path);
+                      Recycle recycle, bool mayMove, const RMCodeLocation& where);
+  CZuError recycleFile(const std::string& path, const std::string& root, const guid_t& guid, VolIndex volume,
+                       const RMCodeLocation& where);
+  bool isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid);
   CZuError deleteSegmentInternal(const std::string& path);
   void waitForSegmentWork();
-  CZuError moveFile(const std::string& source, const std::string& target, const RMCodeLocation& where);
+  CZuError moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                       const std::string& source, const std::string& target, const RMCodeLocation& where);
 
   // The start-up scan (diskcacheScan.cpp)
   int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);

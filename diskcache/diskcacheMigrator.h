@@ -1,8 +1,16 @@
-// The background copy of a volume to a new directory by four threads, and the paths of segments meanwhile.
+// The background copy of a volume to a new directory by four threads, and the places of segments meanwhile.
 //
-// Internal. Any thread may call guidToPath and its kin; the engine alone calls init and terminate. The
-// source is never deleted or changed by the migrator.
+// Internal. Any thread may ask for places; the engine alone calls init and terminate. The migrator itself never
+// deletes or changes the source: what clients changed at the destination of a migration that fails is brought
+// back, which is their work arriving late.
+//
+// While a volume is migrated, a name below its root that lies at the destination counts, and one at the source
+// only where the destination has none. Whoever changes a segment claims it first, under the segment's lock, so
+// that every name at the destination is one of: a copy of what lies at the source, a file that was there before,
+// or a file that clients have changed and m_changes knows.
 #pragma once
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <memory>
@@ -10,6 +18,7 @@
 #include <vector>
 
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/migrationChanges.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
 #include "support/lock.h"
@@ -20,6 +29,7 @@ namespace ObjectStore {
 class DiskCache;
 
 inline constexpr const char* MIGRATE_FILE = "migrate";
+inline constexpr const char* CHANGES_FILE = "migrate.changed";
 inline constexpr int NUM_THREADS = 4;
 
 class DiskCacheMigrator {
@@ -30,27 +40,43 @@ class DiskCacheMigrator {
   DiskCacheMigrator& operator=(const DiskCacheMigrator&) = delete;
 
   // Resumes the migration that the file "migrate" tells of, if there is one. 0, EINVAL for a file that makes
-  // no sense, or the result of migrate().
+  // no sense, the number for one of changes that cannot be read, or the result of migrate().
   int init(MigrationCB callback);
   // See DiskCache::migrate.
   int migrate(VolIndex vol, const std::string& src, const std::string& dst);
-  // Ends a running migration as failed (EINTR) and waits for its threads.
+  // Ends a running migration as failed (EINTR) and waits for its threads; on one of these it does nothing.
   void terminate();
 
   // A segment's path: while its volume is migrated, at the destination if it is there, else at the source if
-  // it is there, else at the destination.
+  // it is there, else where new ones are made.
   std::string guidToPath(const guid_t& guid, VolIndex vol, const std::string& dir);
   // The root that this path begins with; "" for a volume that is not known. The string has room for the rest
   // of the path.
   std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // The root for a file that must still be there after the switch: the destination of a running migration.
-  std::string rootForNew(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // Removes a copy that a running migration has left at the source, for a segment that was deleted or moved
-  // at the destination: it must not come back.
-  void removeSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
-  bool isMigrating(VolIndex vol);
+  // The same root for an operation that will change the segment or make it, under the segment's lock. 0, or the
+  // number for a segment that must be brought back from a migration that failed, and cannot be.
+  int claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
+  // For an operation that makes the file whole, whatever lies at the source: a rename within the source could
+  // slip past the worker that lists the directory.
+  int claimWhole(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
+  // For an operation that will remove or move the segment at the destination: what the copy was made from goes
+  // first, so that it never comes back. 0 or a system error number.
+  int dropSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
+  // The root for a segment of `root` that is recycled under `name`: one that a failed migration is leaving is none.
+  std::string rootForRecycled(const std::string& root, VolIndex vol, const std::string& name);
+  bool isMigrating(VolIndex vol) { return runningJob(vol) != nullptr; }
   // Changes whenever a root may: at the start and the end of a migration.
   uint32_t generation() const { return m_generation.load(std::memory_order_acquire); }
+
+  // While it lives no migration runs and none starts: one that ran has been ended as terminate() does. On a
+  // thread of the migration itself, in its callback, it does nothing: all copying has ended there.
+  class Pause {
+   public:
+    explicit Pause(DiskCacheMigrator& migrator);
+
+   private:
+    KxCriticalSectionLock m_noStart;
+  };
 
  private:
   friend struct DiskCacheTestAccess;
@@ -60,6 +86,11 @@ class DiskCacheMigrator {
     VolIndex vol;
     std::string src;
     std::string dst;
+    std::string home;  // the volume's directory, where it stays when the migration fails
+    dev_t device;      // of src
+    ino_t inode;
+    bool
+        isReturning;  // has failed: what was changed at the destination goes home, and new files are made there
   };
   struct MigratorThreadArgs {
     DiskCacheMigrator* migrator;
@@ -68,20 +99,39 @@ class DiskCacheMigrator {
     int last;
   };
 
-  std::shared_ptr<const Job> runningJob();
-  void publish(std::shared_ptr<const Job> job);
+  // diskcacheMigrator.cpp: starting, stopping, places
+  int start(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
+            const RMCodeLocation& where);
   bool writeMigrateFile(const Job& job);
-  CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
-  void startWorkers(const std::shared_ptr<const Job>& job) DC_REQUIRES(m_startLock);
+  void startWorkers(const std::shared_ptr<const Job>& job, bool isRefused, const RMCodeLocation& where)
+      DC_REQUIRES(m_startLock);
+  KxCriticalSection* stopAndLock();
+  void publish(std::shared_ptr<const Job> job, bool inProgress);
+  std::shared_ptr<const Job> runningJob();
+  std::shared_ptr<const Job> runningJob(VolIndex vol);
+  int claimName(std::string& root, const Job& job, const std::string& name, bool isWhole,
+                const RMCodeLocation& where);
+  void note(const std::string& name, const RMCodeLocation& where);
+  std::string pathInRoot(const char* file) const;
+
+  // diskcacheMigratorCopy.cpp: the workers
   static void* threadEntry(void* args);
-  void migrationThreadFn(const Job& job, int first, int last);
-  void recordError(int error);
-  void workerEnded(const Job& job);
-  void switchVolume(const Job& job);
-  void callCallback(int error, const std::string& src, const std::string& dst);
+  void migrationThreadFn(const std::shared_ptr<const Job>& job, int first, int last);
+  int copyEntries(const Job& job, int first, int last);
+  CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
   int copyDir(const std::string& src, const std::string& dst);
-  int copySegment(const std::string& guid, const std::string& src, const std::string& dst);
-  std::string migrateFilePath() const;
+  int copySegment(const std::string& guid, const std::string& src, const std::string& dst,
+                  const RMCodeLocation& where);
+  void recordError(int error);
+  bool isOwnThread() const;
+
+  // diskcacheMigratorEnd.cpp: what the last worker does
+  void workerEnded(const std::shared_ptr<const Job>& job, const RMCodeLocation& where);
+  int switchVolume(const Job& job, const RMCodeLocation& where);
+  void callCallback(int error, const std::string& src, const std::string& dst);
+  int undo(const Job& job, const RMCodeLocation& where);
+  int bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where);
+  int bringBack(const Job& job, const std::string& name, const RMCodeLocation& where);
 
   DiskCache& m_diskCache;
   MigrationCB m_callback = nullptr;  // constant after init()
@@ -94,11 +144,13 @@ class DiskCacheMigrator {
   std::vector<std::string> m_entries;
 
   // Any thread
+  std::atomic<bool> m_isReady{false};  // init() was called
   std::atomic<bool> m_inProgress{false};
   std::atomic<uint32_t> m_generation{0};
   RelaxedAtomic<bool> m_stop{false};
   std::atomic<int> m_error{0};
   std::atomic<uint64_t> m_numJobs{0};  // its last decrement sees what every worker did
+  MigrationChanges m_changes;
 
   KxCriticalSection m_migrateLock;
   bool m_callbackCalled DC_GUARDED_BY(m_migrateLock) = false;

@@ -35,12 +35,16 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     DC_LOG(LogLevel::Segment, "useNonPrunableDir is false for [%s]", guid.c_str());
     return {};
   }
-  const std::string source = segmentPath(guid, ctx.volume, ctx.dir);
+  std::string source;
+  if (const CZuError error = claimPath(source, guid, ctx.volume, ctx.dir, RM_CODE_LOCATION); error.IsError())
+    return error;
   if (!doesFileExist(source)) {
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
-  std::string target = m_migrator->rootFor(guid, ctx.volume, ctx.nonprunableDir);
+  std::string target;
+  if (const int rc = m_migrator->claim(target, guid, ctx.volume, ctx.nonprunableDir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
       error.IsError())
     return error;
@@ -48,7 +52,7 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
     return {};
   }
-  if (move) return moveFile(source, target, RM_CODE_LOCATION);
+  if (move) return moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION);
 
   if (const CZuError error = RMFile::KXCopyFile(source, target, 0); error.IsError()) {
     return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't copy file [%s] from [%s] to [%s]", guid.c_str(),
@@ -65,19 +69,14 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
   return failWithException(RM_CODE_LOCATION);
 }
 
-// A rename, or a copy where a migration has put the two sides on different file systems.
-CZuError DiskCache::moveFile(const std::string& source, const std::string& target,
-                             const RMCodeLocation& where) {
-  errno = 0;
-  if (rename(source.c_str(), target.c_str()) == 0) return {};
-  int rc = errno;
-  if (rc == EXDEV) {
-    rc = RMErrorUtil::GetErrNo(RMFile::KXCopyFile(source, target, 0));
-    if (rc == 0) {
-      unlink(source.c_str());
-      return {};
-    }
-  }
+// `dir` is the directory that the segment leaves. A migration may have put the two on different file systems.
+CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                                const std::string& source, const std::string& target,
+                                const RMCodeLocation& where) {
+  if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(where, rc);
+  const int rc = moveFile(source, target);
+  if (rc == 0) return {};
   return failAt(where, LogLevel::Error, rc, "Error: can't rename [%s] to [%s]", source.c_str(),
                 target.c_str());
 }
@@ -113,21 +112,24 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
   waitForInPlaceWriters(segment);
-  const std::string source = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
+  std::string source;
+  if (const CZuError error = claimPath(source, guid, ctx.volume, ctx.nonprunableDir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
   if (!doesFileExist(source)) {
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
-  std::string target = m_migrator->rootForNew(guid, ctx.volume, ctx.dir);
+  std::string target;
+  if (const int rc = m_migrator->claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
     return error;
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
     unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
   }
-  const CZuError error = moveFile(source, target, RM_CODE_LOCATION);
-  if (!error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, ctx.nonprunableDir);
-  return error;
+  return moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

@@ -47,12 +47,14 @@ bool isUsableGuid(std::string_view guid) {
   return guidLevel(guid, 0) != ".." && guidLevel(guid, 1) != "..";
 }
 
+bool isUnfinishedCopy(std::string_view name) { return name.ends_with(RMFile::COPY_SUFFIX); }
+
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where) {
   return isUsableGuid(guid) ? CZuError() : refuse(guid, where);
 }
 
 CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where) {
-  return guid.ends_with(RMFile::COPY_SUFFIX) ? refuse(guid, where) : checkGuid(guid, where);
+  return isUnfinishedCopy(guid) ? refuse(guid, where) : checkGuid(guid, where);
 }
 
 CZuError makeSegmentPath(std::string& root, std::string_view dir, const guid_t& guid,

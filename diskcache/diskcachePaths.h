@@ -26,6 +26,9 @@ void appendSegmentPath(std::string& root, std::string_view dir, std::string_view
 // Whether an identifier names a file below its context's directory and nothing else.
 bool isUsableGuid(std::string_view guid);
 
+// Whether a file's name is that of a copy being made, or left by a crash.
+bool isUnfinishedCopy(std::string_view name);
+
 // Success, or EINVAL with a log line for an identifier that is not usable.
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
 

@@ -14,6 +14,13 @@
 
 namespace ObjectStore {
 
+namespace {
+
+// How often a segment is looked for again that was there in between: nobody keeps moving it for so long.
+constexpr int MAX_LOOKS = 16;
+
+}  // namespace
+
 CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
                                     uint64_t size) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
@@ -140,51 +147,75 @@ CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& gui
   if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
     return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
   }
-  if (ctx.useNonPrunableDir && !prun) {
-    const CZuError error = removeCopy(ctx, guid, ctx.nonprunableDir, recycle);
-    if (error.IsError()) return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't delete [%s]", guid.c_str());
+  // No lock is taken, so that a segment may be deleted at any time. One with two places may be moved from the one to
+  // the other meanwhile: then it is looked for again.
+  const bool mayMove = ctx.useNonPrunableDir && !nonPrun && !prun;
+  for (int look = 1;; ++look) {
+    if (ctx.useNonPrunableDir && !prun) {
+      const CZuError error = removeCopy(ctx, guid, ctx.nonprunableDir, recycle, mayMove, RM_CODE_LOCATION);
+      if (error.IsError())
+        return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't delete [%s]", guid.c_str());
+    }
+    if (nonPrun) return {};
+    const CZuError error = removeCopy(ctx, guid, ctx.dir, recycle, mayMove, RM_CODE_LOCATION);
+    if (error.IsError() || !mayMove || look == MAX_LOOKS || !isInEitherPlace(ctx, guid)) return error;
   }
-  return nonPrun ? CZuError() : removeCopy(ctx, guid, ctx.dir, recycle);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
-// A copy that is not there is success. Recycling leaves the space counters alone.
-CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                               Recycle recycle) {
-  const auto remove = [&]() -> CZuError {
-    const std::string path = segmentPath(guid, ctx.volume, dir);
-    if (!doesFileExist(path)) return {};
-    return recycle == Recycle::Yes ? recycleFile(ctx, guid, dir, path) : deleteSegmentInternal(path);
-  };
-  const uint32_t generation = m_migrator->generation();
-  if (!m_migrator->isMigrating(ctx.volume)) {
-    const CZuError error = remove();
-    if (error.IsError() || generation == m_migrator->generation()) return error;
+// Asked in turn, so that a segment which changes its place between two questions is met by the next.
+bool DiskCache::isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid) {
+  for (int round = 0; round < 2; ++round) {
+    for (const std::string* dir : {&ctx.nonprunableDir, &ctx.dir}) {
+      if (doesFileExist(segmentPath(guid, ctx.volume, *dir))) return true;
+    }
   }
-  // The volume is being migrated, or began to be in between: both sides are cleared, under the lock that a
-  // copy of the segment holds, else the one would bring the other back.
-  AutoOpenSegment open(*this, guid);
-  if (!open.opened()) return open.error();
-  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  const CZuError error = remove();
-  if (!error.IsError()) m_migrator->removeSourceCopy(guid, ctx.volume, dir);
-  return error;
+  return false;
 }
 
-// Below the root that the copy was found under: while a volume is migrated that may be either side.
-CZuError DiskCache::recycleFile(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                                const std::string& path) {
-  const std::string root = m_migrator->rootFor(guid, ctx.volume, dir);
-  if (root.empty()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT);
-  const std::string recycleDir = join(root, RECYCLE_DIR, '/');
-  const std::string target = join(recycleDir, guid, '/');
-  CZuError error = RMFile::KXMoveFileEx(path, target, RMFile::MOVE_REPLACE_EXISTING);
-  // A migration may have left the directory behind.
-  if (RMErrorUtil::IsErrNo(error, ENOENT) && createDir(recycleDir) == 0) {
-    error = RMFile::KXMoveFileEx(path, target, RMFile::MOVE_REPLACE_EXISTING);
+// A copy that is not there is success. While the volume is migrated both sides are cleared, the source first: what is
+// changed at the destination must not show its old bytes again, not even after a kill. A copy that a migration
+// makes, or brings back, in between is met by looking once more.
+CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
+                               Recycle recycle, bool mayMove, const RMCodeLocation& where) {
+  bool isRemoved = false;
+  for (int look = 1;; ++look) {
+    const uint32_t generation = m_migrator->generation();
+    const bool isMigrating = m_migrator->isMigrating(ctx.volume);
+    if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
+      return RMErrorUtil::ErrorErrNo(where, rc);
+    const std::string root = m_migrator->rootFor(guid, ctx.volume, dir);
+    std::string path = root;
+    if (!root.empty()) appendSegmentPath(path, dir, guid);
+    if (!doesFileExist(path)) {
+      if (generation == m_migrator->generation() || look == MAX_LOOKS) return {};
+      continue;
+    }
+    if (isRemoved) {
+      unlink(path.c_str());  // another copy of what was taken off the account already
+    } else {
+      const CZuError error = recycle == Recycle::Yes ? recycleFile(path, root, guid, ctx.volume, where)
+                                                     : deleteSegmentInternal(path);
+      const bool isGone =
+          (mayMove || isMigrating) && RMErrorUtil::IsErrNo(error, ENOENT) && !doesFileExist(path);
+      if (error.IsError() && !isGone) return error;
+      isRemoved = !error.IsError();
+    }
+    if (!isMigrating && generation == m_migrator->generation()) return {};
+    if (look == MAX_LOOKS) return {};
   }
-  return error;
+}
+
+// Below the root that the copy was found under, unless that is where a failed migration is leaving.
+CZuError DiskCache::recycleFile(const std::string& path, const std::string& root, const guid_t& guid,
+                                VolIndex volume, const RMCodeLocation& where) {
+  const std::string recycled = join(RECYCLE_DIR, guid, '/');
+  const std::string target = join(m_migrator->rootForRecycled(root, volume, recycled), recycled, '/');
+  int rc = moveFile(path, target);
+  // A migration may have left the directory behind.
+  if (rc == ENOENT && createDir(target.substr(0, target.rfind('/'))) == 0) rc = moveFile(path, target);
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(where, rc);
 }
 
 CZuError DiskCache::deleteSegmentInternal(const std::string& path) {

@@ -66,9 +66,10 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  if (generation != m_migrator->generation()) {
-    // A migration began or ended since the root was looked up; under the lock the answer stays right.
-    path = m_migrator->rootFor(guid, vol, *dir);
+  if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
+    // Under the lock the answer stays right.
+    if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
+      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
     rootLength = path.size();
     if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
       return error;
@@ -79,7 +80,9 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
 
   if (nonPrune && ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
     dir = &ctx.nonprunableDir;
-    path.resize(rootLength);
+    if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
+      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+    rootLength = path.size();
     if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
       return error;
   }
@@ -179,17 +182,27 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
 CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
                                     ForceDiskLoc force, OpenSegmentInfo& segment,
                                     const RMCodeLocation& where) {
-  if (!ctx.useNonPrunableDir || force == ForceDiskLoc::Prunable) {
-    path = segmentPath(guid, ctx.volume, ctx.dir);
-  } else if (!ctx.moveOnWrite && force != ForceDiskLoc::NonPrunable) {
-    path = pathInUse(ctx, guid);
-  } else {
-    waitForInPlaceWriters(segment);
-    if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
-      return pushAndLog(error, where, "Error: can't copy override");
+  const std::string* dir = &ctx.dir;
+  if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
+    if (ctx.moveOnWrite || force == ForceDiskLoc::NonPrunable) {
+      waitForInPlaceWriters(segment);
+      if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
+        return pushAndLog(error, where, "Error: can't copy override");
+      }
+      dir = &ctx.nonprunableDir;
+    } else if (doesFileExist(segmentPath(guid, ctx.volume, ctx.nonprunableDir))) {
+      dir = &ctx.nonprunableDir;
     }
-    path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
   }
+  return claimPath(path, guid, ctx.volume, *dir, where);
+}
+
+// segmentPath of a segment that is going to be changed or made, under its lock.
+CZuError DiskCache::claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
+                              const RMCodeLocation& where) {
+  if (const int rc = m_migrator->claim(path, guid, volume, dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(where, rc);
+  if (!path.empty()) appendSegmentPath(path, dir, guid);
   return {};
 }
 
@@ -248,7 +261,9 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  std::string path = m_migrator->rootFor(guid, ctx.volume, ctx.dir);
+  std::string path;
+  if (const int rc = m_migrator->claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);
   const std::string temporary = path + ".temp";

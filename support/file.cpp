@@ -109,7 +109,7 @@ int openSource(const std::string& path) {
   return fd >= 0 || errno != EPERM ? fd : open(path.c_str(), flags);
 }
 
-int copyToTemporary(const std::string& source, const std::string& temporary) {
+int copyToTemporary(const std::string& source, const std::string& temporary, bool keepTime) {
   const Descriptor in(openSource(source));
   if (in.fd < 0) return errno == ELOOP ? EINVAL : lastError();
   struct stat status {};
@@ -120,9 +120,24 @@ int copyToTemporary(const std::string& source, const std::string& temporary) {
   const int out = createFresh(temporary, status.st_mode & 0777);
   if (out < 0) return lastError();
   int rc = copyContents(in.fd, out, status);
+  if (rc == 0 && keepTime) {
+    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, status.st_mtim};
+    errno = 0;
+    if (futimens(out, times.data()) != 0) rc = lastError();
+  }
   errno = 0;
   if (close(out) != 0 && rc == 0) rc = lastError();  // some file systems only now know that they are full
   if (rc != 0) unlink(temporary.c_str());
+  return rc;
+}
+
+int copyFile(const std::string& source, const std::string& target, bool keepTime) {
+  const std::string temporary = RMFile::temporaryCopyName(target);
+  if (const int rc = copyToTemporary(source, temporary, keepTime); rc != 0) return rc;
+  errno = 0;
+  if (rename(temporary.c_str(), target.c_str()) == 0) return 0;
+  const int rc = lastError();
+  unlink(temporary.c_str());
   return rc;
 }
 
@@ -208,20 +223,32 @@ int rmTree(const std::string& dir) {
   return 0;
 }
 
+int moveFile(const std::string& source, const std::string& target) {
+  errno = 0;
+  if (rename(source.c_str(), target.c_str()) == 0) return 0;
+  if (errno != EXDEV) return lastError();
+  if (const int rc = copyFile(source, target, true); rc != 0) return rc;
+  errno = 0;
+  if (unlink(source.c_str()) == 0) return 0;
+  const int rc = lastError();
+  unlink(target.c_str());
+  return rc;
+}
+
 std::string to_hexstring(const void* pointer) {
   std::array<char, 2 + 2 * sizeof(pointer) + 1> text;
   const int length = snprintf(text.data(), text.size(), "0x%lx", reinterpret_cast<uintptr_t>(pointer));
   return {text.data(), static_cast<size_t>(length)};
 }
 
-int readWholeFile(const std::string& path, std::string& content) {
+int readWholeFile(const std::string& path, std::string& content, uint64_t most) {
   errno = 0;
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (file.fd < 0) return lastError();
   struct stat status {};
   if (fstat(file.fd, &status) != 0) return lastError();
   if (!S_ISREG(status.st_mode)) return EINVAL;
-  if (static_cast<uint64_t>(status.st_size) > MAX_WHOLE_FILE) return EFBIG;
+  if (static_cast<uint64_t>(status.st_size) > most) return EFBIG;
   content.resize(static_cast<size_t>(status.st_size));
   size_t got = 0;
   while (got < content.size()) {
@@ -241,17 +268,9 @@ std::string_view takeLine(std::string_view& text) {
   return line;
 }
 
-CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target, int /*flags*/) {
-  const std::string temporary = temporaryCopyName(target);
-  if (const int rc = copyToTemporary(source, temporary); rc != 0)
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
-  errno = 0;
-  if (rename(temporary.c_str(), target.c_str()) != 0) {
-    const int rc = lastError();
-    unlink(temporary.c_str());
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
-  }
-  return {};
+CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target, int flags) {
+  const int rc = copyFile(source, target, flags == COPY_KEEP_TIME);
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
 }
 
 CZuError RMFile::KXMoveFileEx(const std::string& source, const std::string& target, int flags) {

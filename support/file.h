@@ -45,12 +45,16 @@ int getFreeBytes(uint64_t* freeBytes, uint64_t* totalBytes, const std::string& d
 // stays: that is success.
 int rmTree(const std::string& dir);
 
+// Renames a file, replacing what is at `target`; across file systems it copies the file, with its time of
+// modification, and then removes it. One that is removed by others meanwhile is in neither place afterwards.
+int moveFile(const std::string& source, const std::string& target);
+
 // A pointer's value as hexadecimal text, for log and status lines.
 std::string to_hexstring(const void* pointer);
 
-// The whole of a small regular file: EINVAL for anything else, EFBIG above MAX_WHOLE_FILE bytes.
+// The whole of a small regular file: EINVAL for anything else, EFBIG above `most` bytes.
 inline constexpr uint64_t MAX_WHOLE_FILE = uint64_t{16} << 20;
-int readWholeFile(const std::string& path, std::string& content);
+int readWholeFile(const std::string& path, std::string& content, uint64_t most = MAX_WHOLE_FILE);
 
 // Cuts the first line off `text` and returns it without its line feed.
 std::string_view takeLine(std::string_view& text);
@@ -59,12 +63,14 @@ std::string_view takeLine(std::string_view& text);
 struct DISKCACHE_EXPORT RMFile {
   // Flag of KXMoveFileEx: an existing target is replaced.
   static constexpr int MOVE_REPLACE_EXISTING = 1;
+  // Flag of KXCopyFile: the copy has its source's time of modification.
+  static constexpr int COPY_KEEP_TIME = 1;
 
   static bool DoesFileExist(const std::string& path) { return doesFileExist(path); }
 
   // Copies a regular file (anything else is EINVAL) with its mode less the umask; holes stay holes and the
   // kernel moves the bytes. The target appears whole or not at all: the copy is made beside it under
-  // temporaryCopyName() and renamed over it. `flags` is 0.
+  // temporaryCopyName() and renamed over it. `flags` is 0 or COPY_KEEP_TIME.
   static CZuError KXCopyFile(const std::string& source, const std::string& target, int flags);
 
   // Renames a file. Without MOVE_REPLACE_EXISTING an existing target is EEXIST.

@@ -54,7 +54,7 @@ int numberOfException() noexcept {
   } catch (const char*) {  // a lock or an event that could not be allocated
     return ENOMEM;
   } catch (const std::system_error& e) {
-    return e.code().value();
+    return e.code().value() != 0 ? e.code().value() : EIO;
   } catch (...) {
     return EIO;
   }
@@ -65,9 +65,10 @@ int numberOfException() noexcept {
 CZuError failWithException(const RMCodeLocation& where) noexcept {
   const int errNo = numberOfException();
   // Not through logAt: a line about memory must not ask for any.
-  if (isLogged(LogLevel::Error)) {
+  try {
     const char* text = errNo == ENOMEM ? "Error: out of memory" : "Error: unexpected exception";
-    g_ptrLogWriter->write(LogLevel::Error, where.operation, where.line, 0, 0, "%s", text);
+    DC_LOG_AT(where, LogLevel::Error, "%s", text);
+  } catch (...) {  // a writer must not throw; one that does loses its line
   }
   return RMErrorUtil::ErrorErrNo(where, errNo);
 }

@@ -70,6 +70,17 @@ __attribute__((format(printf, 4, 5))) CZuError failAt(const RMCodeLocation& wher
 // failed allocations become ENOMEM, system errors their own number, anything else EIO.
 CZuError failWithException(const RMCodeLocation& where) noexcept;
 
+// Does a step that returns 0 or a number; what it throws is logged and becomes its number. For threads of the
+// cache's own: nothing that is thrown there may end the process.
+template <typename Step>
+int guarded(const RMCodeLocation& where, Step&& step) noexcept {
+  try {
+    return step();
+  } catch (...) {
+    return RMErrorUtil::GetErrNo(failWithException(where));
+  }
+}
+
 // Pushes a message onto an error that came from below, logs the whole of it as "%s: %s" (detailed form,
 // plain form) at the error level, and returns it.
 __attribute__((format(printf, 3, 4))) CZuError pushAndLog(CZuError error, const RMCodeLocation& where,
