@@ -273,7 +273,7 @@ class DISKCACHE_EXPORT DiskCache {
                         bool& leaveOpen);
   CZuError removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                       Recycle recycle, bool mayMove, const RMCodeLocation& where);
-  CZuError recycleFile(const std::string& path, const std::string& root, const guid_t& guid, VolIndex volume,
+  CZuError recycleFile(const std::string& path, const std::string& recycleDir, const guid_t& guid,
                        const RMCodeLocation& where);
   bool isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid);
   CZuError deleteSegmentInternal(const std::string& path);

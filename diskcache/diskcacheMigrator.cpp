@@ -102,6 +102,37 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
   const KxCriticalSectionLock starting(&m_startLock);
   if (m_inProgress) return refuse();
 
+  if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return rc;
+  if (!writeMigrateFile(vol, src, dst)) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: Can't open migrate file");
+    return EINVAL;
+  }
+  struct stat source {};
+  CZuError error = getDirEntries(m_entries, src);
+  errno = 0;
+  if (!error.IsError() && stat(src.c_str(), &source) != 0) error = RMErrorUtil::ErrorErrNo(where, errno);
+  if (error.IsError()) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
+    return RMErrorUtil::GetErrNo(error);
+  }
+  const std::string home = m_diskCache.volumeRoot(vol, 0);
+  const auto job = std::make_shared<const Job>(
+      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
+  const bool isRefused = containEachOther(dst, src);
+  if (isRefused) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: destination [%s] is, contains or lies below the source [%s]",
+              dst.c_str(), src.c_str());
+    recordError(EINVAL);
+  }
+  startWorkers(job, isRefused, where);
+  return 0;
+} catch (...) {
+  return RMErrorUtil::GetErrNo(failWithException(where));
+}
+
+// Checks what is asked for and forgets the migration before. 0, or why this one cannot be.
+int DiskCacheMigrator::prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
+                               const RMCodeLocation& where) {
   const bool persistent = m_diskCache.m_persistentVolumes == PersistentVolumes::Yes;
   if (!m_isReady || vol == 0 || src.empty() || dst.empty() || !isStorableLine(src) || !isStorableLine(dst) ||
       (persistent && !isStorableVolume(dst))) {
@@ -122,40 +153,18 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
   const std::string changes = pathInRoot(CHANGES_FILE);
   if (!resumes) {
     m_changes.begin(changes);
-  } else if (const int rc = m_changes.resume(changes); rc != 0) {
-    DC_LOG_AT(where, LogLevel::Error, "Error: can't read [%s] (%d)", changes.c_str(), rc);
-    return rc;
+    return 0;
   }
-  const std::string home = m_diskCache.volumeRoot(vol, 0);
-  struct stat source {};
-  if (stat(src.c_str(), &source) != 0) source = {};  // listing it will tell
-  const auto job = std::make_shared<const Job>(
-      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
-  if (!writeMigrateFile(*job)) {
-    DC_LOG_AT(where, LogLevel::Error, "Error: Can't open migrate file");
-    return EINVAL;
-  }
-  if (const CZuError error = getDirEntries(m_entries, src); error.IsError()) {
-    DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
-    return RMErrorUtil::GetErrNo(error);
-  }
-  const bool isRefused = containEachOther(dst, src);
-  if (isRefused) {
-    DC_LOG_AT(where, LogLevel::Error, "Error: destination [%s] is, contains or lies below the source [%s]",
-              dst.c_str(), src.c_str());
-    recordError(EINVAL);
-  }
-  startWorkers(job, isRefused, where);
-  return 0;
-} catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(where));
+  const int rc = m_changes.resume(changes);
+  if (rc != 0) DC_LOG_AT(where, LogLevel::Error, "Error: can't read [%s] (%d)", changes.c_str(), rc);
+  return rc;
 }
 
 // In one step, so that a process killed in between leaves the old file or the new, never half a line.
-bool DiskCacheMigrator::writeMigrateFile(const Job& job) {
+bool DiskCacheMigrator::writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst) {
   const std::string path = pathInRoot(MIGRATE_FILE);
   const std::string fresh = path + ".new";
-  const std::string text = std::to_string(job.vol) + '\n' + job.src + '\n' + job.dst + '\n';
+  const std::string text = std::to_string(vol) + '\n' + src + '\n' + dst + '\n';
   const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return false;
   const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
@@ -286,13 +295,34 @@ void DiskCacheMigrator::note(const std::string& name, const RMCodeLocation& wher
   recordError(rc);
 }
 
-std::string DiskCacheMigrator::rootForRecycled(const std::string& root, VolIndex vol,
-                                               const std::string& name) {
-  const auto job = runningJob(vol);
-  if (!job || root != job->dst) return root;
-  if (job->isReturning) return job->home;
-  note(name, RM_CODE_LOCATION);
-  return root;
+DiskCacheMigrator::Removal::Removal(DiskCacheMigrator& migrator, const guid_t& guid, VolIndex vol,
+                                    const std::string& dir) DC_NO_THREAD_SAFETY_ANALYSIS
+    : m_migrator(migrator),
+      m_job(migrator.runningJob(vol)),
+      m_noneAppears(m_job ? &migrator.m_appearLock : nullptr) {
+  if (m_job) {
+    const std::string name = nameOf(guid, dir);
+    const bool isAtDestination = isThere(m_job->dst, name);
+    m_root = isAtDestination ? m_job->dst : isThere(m_job->src, name) ? m_job->src : m_job->home;
+    if (isAtDestination) m_original = join(m_job->src, name, '/');
+  } else {
+    m_root = migrator.m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  }
+  m_path = m_root;
+  if (!m_path.empty()) appendSegmentPath(m_path, dir, guid);
+}
+
+int DiskCacheMigrator::Removal::removeOriginal() const {
+  errno = 0;
+  return m_original.empty() || unlink(m_original.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR ? 0
+                                                                                                      : errno;
+}
+
+std::string DiskCacheMigrator::Removal::recycleDir(const guid_t& guid) const {
+  const bool isAtDestination = m_job && m_root == m_job->dst;
+  if (isAtDestination && m_job->isReturning) return join(m_job->home, RECYCLE_DIR, '/');
+  if (isAtDestination) m_migrator.note(join(RECYCLE_DIR, guid, '/'), RM_CODE_LOCATION);
+  return join(m_root, RECYCLE_DIR, '/');
 }
 
 int DiskCacheMigrator::dropSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir) {

@@ -33,6 +33,18 @@ inline constexpr const char* CHANGES_FILE = "migrate.changed";
 inline constexpr int NUM_THREADS = 4;
 
 class DiskCacheMigrator {
+  // A running migration, published whole.
+  struct Job {
+    VolIndex vol;
+    std::string src;
+    std::string dst;
+    std::string home;  // the volume's directory, where it stays when the migration fails
+    dev_t device;      // of src
+    ino_t inode;
+    bool
+        isReturning;  // has failed: what was changed at the destination goes home, and new files are made there
+  };
+
  public:
   explicit DiskCacheMigrator(DiskCache& cache) : m_diskCache(cache) {}
   ~DiskCacheMigrator() { terminate(); }
@@ -62,11 +74,34 @@ class DiskCacheMigrator {
   // For an operation that will remove or move the segment at the destination: what the copy was made from goes
   // first, so that it never comes back. 0 or a system error number.
   int dropSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // The root for a segment of `root` that is recycled under `name`: one that a failed migration is leaving is none.
-  std::string rootForRecycled(const std::string& root, VolIndex vol, const std::string& name);
+  // Moves a segment's file between two directories, also to the other side of a migration. 0 or a system error
+  // number; ENOENT for a file that is removed meanwhile, which then is at neither place.
+  int move(const std::string& source, const std::string& target);
   bool isMigrating(VolIndex vol) { return runningJob(vol) != nullptr; }
   // Changes whenever a root may: at the start and the end of a migration.
   uint32_t generation() const { return m_generation.load(std::memory_order_acquire); }
+
+  // Where a segment lies that is about to be removed. While its volume is migrated no copy of it appears on either
+  // side as long as this lives; its own lock is not needed for that, a removal may come at any time.
+  class Removal {
+   public:
+    Removal(DiskCacheMigrator& migrator, const guid_t& guid, VolIndex vol, const std::string& dir);
+    // "" on a volume that is not known.
+    const std::string& path() const { return m_path; }
+    // Comes before the removal of `path`: what was changed at the destination must not show its old bytes again, not
+    // even after a kill. 0 or a system error number.
+    int removeOriginal() const;
+    // Where it goes when it is recycled.
+    std::string recycleDir(const guid_t& guid) const;
+
+   private:
+    DiskCacheMigrator& m_migrator;
+    const std::shared_ptr<const Job> m_job;
+    const KxCriticalSectionLock m_noneAppears;
+    std::string m_root;
+    std::string m_path;
+    std::string m_original;  // at the source, of what lies at the destination
+  };
 
   // While it lives no migration runs and none starts: one that ran has been ended as terminate() does. On a
   // thread of the migration itself, in its callback, it does nothing: all copying has ended there.
@@ -81,17 +116,6 @@ class DiskCacheMigrator {
  private:
   friend struct DiskCacheTestAccess;
 
-  // A running migration, published whole.
-  struct Job {
-    VolIndex vol;
-    std::string src;
-    std::string dst;
-    std::string home;  // the volume's directory, where it stays when the migration fails
-    dev_t device;      // of src
-    ino_t inode;
-    bool
-        isReturning;  // has failed: what was changed at the destination goes home, and new files are made there
-  };
   struct MigratorThreadArgs {
     DiskCacheMigrator* migrator;
     std::shared_ptr<const Job> job;
@@ -102,7 +126,9 @@ class DiskCacheMigrator {
   // diskcacheMigrator.cpp: starting, stopping, places
   int start(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
             const RMCodeLocation& where);
-  bool writeMigrateFile(const Job& job);
+  int prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
+              const RMCodeLocation& where) DC_REQUIRES(m_startLock);
+  bool writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst);
   void startWorkers(const std::shared_ptr<const Job>& job, bool isRefused, const RMCodeLocation& where)
       DC_REQUIRES(m_startLock);
   KxCriticalSection* stopAndLock();
@@ -120,6 +146,7 @@ class DiskCacheMigrator {
   int copyEntries(const Job& job, int first, int last);
   CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
   int copyDir(const std::string& src, const std::string& dst);
+  int copyUnlessRemoved(const std::string& source, const std::string& target);
   int copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                   const RMCodeLocation& where);
   void recordError(int error);
@@ -151,6 +178,9 @@ class DiskCacheMigrator {
   std::atomic<int> m_error{0};
   std::atomic<uint64_t> m_numJobs{0};  // its last decrement sees what every worker did
   MigrationChanges m_changes;
+
+  // Held while a copy takes its place and while a removal looks at both sides. A leaf but for m_changes' lock.
+  KxCriticalSection m_appearLock;
 
   KxCriticalSection m_migrateLock;
   bool m_callbackCalled DC_GUARDED_BY(m_migrateLock) = false;

@@ -71,6 +71,7 @@ void DiskCacheMigrator::migrationThreadFn(const std::shared_ptr<const Job>& job,
 
 int DiskCacheMigrator::copyEntries(const Job& job, int first, int last) {
   for (int i = first; i <= last; ++i) {
+    if (m_stop) return EINTR;
     const std::string& entry = m_entries[static_cast<size_t>(i)];
     const std::string target = join(job.dst, entry, '/');
     if (const int rc = makeDirectory(target, RM_CODE_LOCATION); rc != 0) return rc;  // also of an empty one
@@ -143,6 +144,28 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
   return RMErrorUtil::GetErrNo(listed(entries, src, RM_CODE_LOCATION));
 }
 
+// ENOENT for a file that is removed meanwhile: removals take no segment's lock, and what they remove must not come back.
+int DiskCacheMigrator::copyUnlessRemoved(const std::string& source, const std::string& target) {
+  return copyFile(source, target, [&](const std::string& temporary) {
+    const KxCriticalSectionLock lock(&m_appearLock);
+    return doesFileExist(source) ? renameFile(temporary, target) : ENOENT;
+  });
+}
+
+int DiskCacheMigrator::move(const std::string& source, const std::string& target) {
+  {
+    const KxCriticalSectionLock lock(m_inProgress ? &m_appearLock : nullptr);
+    const int rc = renameFile(source, target);
+    if (rc != EXDEV) return rc;
+  }
+  if (const int rc = copyUnlessRemoved(source, target); rc != 0) return rc;
+  errno = 0;
+  if (unlink(source.c_str()) == 0 || errno == ENOENT) return 0;
+  const int rc = errno;
+  unlink(target.c_str());
+  return rc;
+}
+
 // Under the segment's lock from the existence test to the end of the copy: whoever changes the segment meanwhile
 // waits, and then finds it at the destination.
 int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& src, const std::string& dst,
@@ -158,19 +181,13 @@ int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& s
   waitForInPlaceWriters(segment);
   if (doesFileExist(dst)) return 0;
   DC_LOG_AT(where, LogLevel::Copy, "copying [%s] [%s]", src.c_str(), dst.c_str());
-  CZuError error = RMFile::KXCopyFile(src, dst, RMFile::COPY_KEEP_TIME);
-  if (RMErrorUtil::IsErrNo(error, ENOENT) && doesFileExist(src)) {
+  int rc = copyUnlessRemoved(src, dst);
+  if (rc == ENOENT && doesFileExist(src)) {
     // It is the directory that is missing: somebody found it empty, and removed it.
-    if (const int rc = makeDirectory(dst.substr(0, dst.rfind('/')), where); rc != 0) return rc;
-    error = RMFile::KXCopyFile(src, dst, RMFile::COPY_KEEP_TIME);
+    if (rc = makeDirectory(dst.substr(0, dst.rfind('/')), where); rc != 0) return rc;
+    rc = copyUnlessRemoved(src, dst);
   }
-  // Deleting takes no lock, and clears the source first: what it removed meanwhile must not come back.
-  if ((!error.IsError() || RMErrorUtil::IsErrNo(error, ENOENT)) && !doesFileExist(src)) {
-    unlink(dst.c_str());
-    return 0;
-  }
-  if (!error.IsError()) return 0;
-  const int rc = RMErrorUtil::GetErrNo(error);
+  if (rc == 0 || (rc == ENOENT && !doesFileExist(src))) return 0;
   DC_LOG_AT(where, LogLevel::Error, "Error: Can't copy [%s] to [%s] (%d)", src.c_str(), dst.c_str(), rc);
   return rc;
 }

@@ -86,11 +86,12 @@ void DiskCacheMigrator::workerEnded(const std::shared_ptr<const Job>& job, const
 // 0 once the volume is at the destination; before that nothing has changed.
 int DiskCacheMigrator::switchVolume(const Job& job, const RMCodeLocation& where) {
   struct stat source {};
-  const bool isThere = stat(job.src.c_str(), &source) == 0;
-  if (!isThere || source.st_dev != job.device || source.st_ino != job.inode) {
-    // Then not every segment that was not there was deleted: the disk itself is gone.
-    logAt(where, LogLevel::Error, "Error: can't open directory [%s] (%d)", job.src.c_str(), ENOENT);
-    return ENOENT;
+  errno = 0;
+  int rc = stat(job.src.c_str(), &source) == 0 ? 0 : errno;
+  if (rc == 0 && (source.st_dev != job.device || source.st_ino != job.inode)) rc = ENOENT;
+  if (rc != 0) {  // then not every segment that was not there was deleted: the disk itself is gone
+    logAt(where, LogLevel::Error, "Error: can't stat [%s] (%d)", job.src.c_str(), rc);
+    return rc;
   }
   createDir(join(job.dst, RECYCLE_DIR, '/'));  // every volume has one; it may be among what was left behind
   std::string destination = job.dst;
@@ -150,7 +151,7 @@ int DiskCacheMigrator::bringBack(const Job& job, const std::string& name, const 
   const std::string to = join(job.home, name, '/');
   if (!doesFileExist(from)) return 0;
   int rc = createDir(to.substr(0, to.rfind('/')));
-  if (rc == 0) rc = moveFile(from, to);
+  if (rc == 0) rc = move(from, to);
   if (rc == 0 || (rc == ENOENT && !doesFileExist(from))) return 0;
   logAt(where, LogLevel::Error, "Error: can't bring [%s] back to [%s] (%d)", from.c_str(), to.c_str(), rc);
   return rc;

@@ -75,7 +75,7 @@ CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
   if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(where, rc);
-  const int rc = moveFile(source, target);
+  const int rc = m_migrator->move(source, target);
   if (rc == 0) return {};
   return failAt(where, LogLevel::Error, rc, "Error: can't rename [%s] to [%s]", source.c_str(),
                 target.c_str());

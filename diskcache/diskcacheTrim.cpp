@@ -174,47 +174,39 @@ bool DiskCache::isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid)
   return false;
 }
 
-// A copy that is not there is success. While the volume is migrated both sides are cleared, the source first: what is
-// changed at the destination must not show its old bytes again, not even after a kill. A copy that a migration
-// makes, or brings back, in between is met by looking once more.
+// A copy that is not there is success. Where a migration begins or ends meanwhile, it is looked for again.
 CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                                Recycle recycle, bool mayMove, const RMCodeLocation& where) {
   bool isRemoved = false;
-  for (int look = 1;; ++look) {
+  for (int look = 0; look < MAX_LOOKS; ++look) {
     const uint32_t generation = m_migrator->generation();
-    const bool isMigrating = m_migrator->isMigrating(ctx.volume);
-    if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
-      return RMErrorUtil::ErrorErrNo(where, rc);
-    const std::string root = m_migrator->rootFor(guid, ctx.volume, dir);
-    std::string path = root;
-    if (!root.empty()) appendSegmentPath(path, dir, guid);
-    if (!doesFileExist(path)) {
-      if (generation == m_migrator->generation() || look == MAX_LOOKS) return {};
-      continue;
+    const DiskCacheMigrator::Removal removal(*m_migrator, guid, ctx.volume, dir);
+    const std::string& path = removal.path();
+    if (doesFileExist(path)) {
+      if (const int rc = removal.removeOriginal(); rc != 0)
+        return failAt(where, LogLevel::Error, rc, "Error: can't unlink file [%s] (%d)", path.c_str(), rc);
+      if (isRemoved) {
+        unlink(path.c_str());  // another copy of what was taken off the account already
+      } else {
+        const CZuError error = recycle == Recycle::Yes
+                                   ? recycleFile(path, removal.recycleDir(guid), guid, where)
+                                   : deleteSegmentInternal(path);
+        const bool hasMoved = mayMove && RMErrorUtil::IsErrNo(error, ENOENT) && !doesFileExist(path);
+        if (error.IsError() && !hasMoved) return error;
+        isRemoved = !error.IsError();
+      }
     }
-    if (isRemoved) {
-      unlink(path.c_str());  // another copy of what was taken off the account already
-    } else {
-      const CZuError error = recycle == Recycle::Yes ? recycleFile(path, root, guid, ctx.volume, where)
-                                                     : deleteSegmentInternal(path);
-      const bool isGone =
-          (mayMove || isMigrating) && RMErrorUtil::IsErrNo(error, ENOENT) && !doesFileExist(path);
-      if (error.IsError() && !isGone) return error;
-      isRemoved = !error.IsError();
-    }
-    if (!isMigrating && generation == m_migrator->generation()) return {};
-    if (look == MAX_LOOKS) return {};
+    if (generation == m_migrator->generation()) break;
   }
+  return {};
 }
 
-// Below the root that the copy was found under, unless that is where a failed migration is leaving.
-CZuError DiskCache::recycleFile(const std::string& path, const std::string& root, const guid_t& guid,
-                                VolIndex volume, const RMCodeLocation& where) {
-  const std::string recycled = join(RECYCLE_DIR, guid, '/');
-  const std::string target = join(m_migrator->rootForRecycled(root, volume, recycled), recycled, '/');
-  int rc = moveFile(path, target);
+CZuError DiskCache::recycleFile(const std::string& path, const std::string& recycleDir, const guid_t& guid,
+                                const RMCodeLocation& where) {
+  const std::string target = join(recycleDir, guid, '/');
+  int rc = m_migrator->move(path, target);
   // A migration may have left the directory behind.
-  if (rc == ENOENT && createDir(target.substr(0, target.rfind('/'))) == 0) rc = moveFile(path, target);
+  if (rc == ENOENT && createDir(recycleDir) == 0) rc = m_migrator->move(path, target);
   return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(where, rc);
 }
 

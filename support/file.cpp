@@ -131,13 +131,12 @@ int copyToTemporary(const std::string& source, const std::string& temporary, boo
   return rc;
 }
 
-int copyFile(const std::string& source, const std::string& target, bool keepTime) {
+int copyBeside(const std::string& source, const std::string& target, bool keepTime,
+               const std::function<int(const std::string& temporary)>& appear) {
   const std::string temporary = RMFile::temporaryCopyName(target);
   if (const int rc = copyToTemporary(source, temporary, keepTime); rc != 0) return rc;
-  errno = 0;
-  if (rename(temporary.c_str(), target.c_str()) == 0) return 0;
-  const int rc = lastError();
-  unlink(temporary.c_str());
+  const int rc = appear(temporary);
+  if (rc != 0) unlink(temporary.c_str());
   return rc;
 }
 
@@ -223,16 +222,14 @@ int rmTree(const std::string& dir) {
   return 0;
 }
 
-int moveFile(const std::string& source, const std::string& target) {
+int renameFile(const std::string& source, const std::string& target) {
   errno = 0;
-  if (rename(source.c_str(), target.c_str()) == 0) return 0;
-  if (errno != EXDEV) return lastError();
-  if (const int rc = copyFile(source, target, true); rc != 0) return rc;
-  errno = 0;
-  if (unlink(source.c_str()) == 0) return 0;
-  const int rc = lastError();
-  unlink(target.c_str());
-  return rc;
+  return rename(source.c_str(), target.c_str()) == 0 ? 0 : lastError();
+}
+
+int copyFile(const std::string& source, const std::string& target,
+             const std::function<int(const std::string& temporary)>& appear) {
+  return copyBeside(source, target, true, appear);
 }
 
 std::string to_hexstring(const void* pointer) {
@@ -268,8 +265,9 @@ std::string_view takeLine(std::string_view& text) {
   return line;
 }
 
-CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target, int flags) {
-  const int rc = copyFile(source, target, flags == COPY_KEEP_TIME);
+CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target, int /*flags*/) {
+  const auto appear = [&](const std::string& temporary) { return renameFile(temporary, target); };
+  const int rc = copyBeside(source, target, false, appear);
   return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
 }
 

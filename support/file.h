@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -45,9 +46,13 @@ int getFreeBytes(uint64_t* freeBytes, uint64_t* totalBytes, const std::string& d
 // stays: that is success.
 int rmTree(const std::string& dir);
 
-// Renames a file, replacing what is at `target`; across file systems it copies the file, with its time of
-// modification, and then removes it. One that is removed by others meanwhile is in neither place afterwards.
-int moveFile(const std::string& source, const std::string& target);
+// Renames a file, replacing what is at `target`.
+int renameFile(const std::string& source, const std::string& target);
+
+// Copies as KXCopyFile does, with the source's time of modification. `appear` puts the finished copy, which it is
+// given by its temporary name, in its place; when it does not (another number than 0) nothing is left.
+int copyFile(const std::string& source, const std::string& target,
+             const std::function<int(const std::string& temporary)>& appear);
 
 // A pointer's value as hexadecimal text, for log and status lines.
 std::string to_hexstring(const void* pointer);
@@ -63,14 +68,12 @@ std::string_view takeLine(std::string_view& text);
 struct DISKCACHE_EXPORT RMFile {
   // Flag of KXMoveFileEx: an existing target is replaced.
   static constexpr int MOVE_REPLACE_EXISTING = 1;
-  // Flag of KXCopyFile: the copy has its source's time of modification.
-  static constexpr int COPY_KEEP_TIME = 1;
 
   static bool DoesFileExist(const std::string& path) { return doesFileExist(path); }
 
   // Copies a regular file (anything else is EINVAL) with its mode less the umask; holes stay holes and the
   // kernel moves the bytes. The target appears whole or not at all: the copy is made beside it under
-  // temporaryCopyName() and renamed over it. `flags` is 0 or COPY_KEEP_TIME.
+  // temporaryCopyName() and renamed over it. `flags` is 0.
   static CZuError KXCopyFile(const std::string& source, const std::string& target, int flags);
 
   // Renames a file. Without MOVE_REPLACE_EXISTING an existing target is EEXIST.

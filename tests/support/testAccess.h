@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheMigrator.h"
 
 namespace ObjectStore {
 
@@ -23,6 +24,8 @@ struct DiskCacheTestAccess {
   static DiskcacheLRU& lru(DiskCache& cache) { return *cache.m_lru; }
   static DiskCachePruner& pruner(DiskCache& cache) { return *cache.m_pruner; }
   static DiskCacheMigrator& migrator(DiskCache& cache) { return *cache.m_migrator; }
+
+  static bool isStopping(DiskCache& cache) { return cache.m_migrator->m_stop; }
 
   static size_t openSegments(DiskCache& cache) {
     const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
