@@ -1,6 +1,7 @@
 #include "support/directory.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,11 +50,39 @@ int Directory::status(struct stat& out, bool follow) const {
   return fstatat(dirfd(m_stream), name(), &out, flags) == 0 ? 0 : failureNumber(errno);
 }
 
+int Directory::ownStatus(struct stat& out) const {
+  errno = 0;
+  return fstat(dirfd(m_stream), &out) == 0 ? 0 : failureNumber(errno);
+}
+
 void Directory::leaveOpen() {
   if (!m_stream) return;
   // The duplicate keeps the directory open while the stream's memory goes back.
   [[maybe_unused]] const int kept = fcntl(dirfd(m_stream), F_DUPFD_CLOEXEC, 0);
   close();
+}
+
+int DirectoryLock::take(const std::string& path) {
+  release();
+  errno = 0;
+  const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return failureNumber(errno);
+  errno = 0;
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    const int rc = failureNumber(errno);
+    close(fd);
+    return rc;
+  }
+  m_fd = fd;
+  m_owner = getpid();
+  return 0;
+}
+
+void DirectoryLock::release() {
+  if (m_fd < 0) return;
+  if (getpid() == m_owner) flock(m_fd, LOCK_UN);
+  close(m_fd);
+  m_fd = -1;
 }
 
 }  // namespace ObjectStore

@@ -27,6 +27,8 @@ class Directory {
   // The entry's status, looked up in the open directory; that of a link itself or, with `follow`, of what it leads
   // to. 0 or a system error number.
   int status(struct stat& out, bool follow = false) const;
+  // The status of the directory itself.
+  int ownStatus(struct stat& out) const;
 
   // Ends the pass.
   void close();
@@ -38,6 +40,26 @@ class Directory {
   DIR* m_stream;
   int m_error;
   dirent* m_entry = nullptr;
+};
+
+// An advisory lock on a directory (flock), for one owner at a time on this machine, also within a process.
+// It ends with exec. A child after fork shares the open file, which is what holds the lock: so release() unlocks
+// rather than just closes, or the child would keep the lock; and it does so only in the process that took it.
+class DirectoryLock {
+ public:
+  DirectoryLock() = default;
+  ~DirectoryLock() { release(); }
+  DirectoryLock(const DirectoryLock&) = delete;
+  DirectoryLock& operator=(const DirectoryLock&) = delete;
+
+  // Gives up what it holds and takes `path`: 0, EWOULDBLOCK when another owner holds it, or a system error
+  // number, also of a file system that has no locks. Never waits.
+  int take(const std::string& path);
+  void release();
+
+ private:
+  int m_fd = -1;
+  pid_t m_owner = 0;
 };
 
 }  // namespace ObjectStore

@@ -140,6 +140,32 @@ int copyBeside(const std::string& source, const std::string& target, bool keepTi
   return rc;
 }
 
+// Strips the slashes behind a directory's name; 0 or why a tree must not be removed there.
+int checkTree(const std::string& dir, std::string& top) {
+  const size_t end = dir.find_last_not_of('/');
+  if (end == std::string::npos) return EINVAL;
+  top = dir.substr(0, end + 1);
+  const std::string_view name = std::string_view(top).substr(top.find_last_of('/') + 1);
+  if (name == "." || name == "..") return EINVAL;
+  struct stat status {};
+  errno = 0;
+  if (lstat(top.c_str(), &status) != 0) return lastError();
+  return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+}
+
+int removeEntries(const std::string& top) {
+  std::vector<std::string> names;
+  Directory entries(top);
+  while (entries.next()) names.emplace_back(entries.name());
+  if (entries.error() != 0) return entries.error();
+  for (const std::string& entry : names) {
+    std::error_code error;
+    std::filesystem::remove_all(join(top, entry, '/'), error);
+    if (error) return failureNumber(error.value());
+  }
+  return 0;
+}
+
 }  // namespace
 
 std::string join(std::string_view a, std::string_view b, char separator) {
@@ -197,26 +223,9 @@ int getFreeBytes(uint64_t* freeBytes, uint64_t* totalBytes, const std::string& d
 }
 
 int rmTree(const std::string& dir) {
-  const size_t end = dir.find_last_not_of('/');
-  if (end == std::string::npos) return EINVAL;
-  const std::string top = dir.substr(0, end + 1);
-  const std::string_view name = std::string_view(top).substr(top.find_last_of('/') + 1);
-  if (name == "." || name == "..") return EINVAL;
-
-  struct stat status {};
-  errno = 0;
-  if (lstat(top.c_str(), &status) != 0) return lastError();
-  if (!S_ISDIR(status.st_mode)) return ENOTDIR;
-
-  std::vector<std::string> names;
-  Directory entries(top);
-  while (entries.next()) names.emplace_back(entries.name());
-  if (entries.error() != 0) return entries.error();
-  for (const std::string& entry : names) {
-    std::error_code error;
-    std::filesystem::remove_all(join(top, entry, '/'), error);
-    if (error) return failureNumber(error.value());
-  }
+  std::string top;
+  if (const int rc = checkTree(dir, top); rc != 0) return rc;
+  if (const int rc = removeEntries(top); rc != 0) return rc;
   errno = 0;
   if (rmdir(top.c_str()) != 0 && errno != EBUSY) return lastError();
   return 0;
@@ -230,6 +239,18 @@ int renameFile(const std::string& source, const std::string& target) {
 int copyFile(const std::string& source, const std::string& target,
              const std::function<int(const std::string& temporary)>& appear) {
   return copyBeside(source, target, true, appear);
+}
+
+int emptyTree(const std::string& dir) {
+  constexpr int MAX_PASSES = 100;
+  std::string top;
+  int rc = checkTree(dir, top);
+  if (rc != 0) return rc;
+  for (int pass = 0; pass < MAX_PASSES; ++pass) {
+    rc = removeEntries(top);
+    if (rc != ENOTEMPTY) break;
+  }
+  return rc;
 }
 
 std::string to_hexstring(const void* pointer) {

@@ -57,6 +57,10 @@ int copyFile(const std::string& source, const std::string& target,
 // A pointer's value as hexadecimal text, for log and status lines.
 std::string to_hexstring(const void* pointer);
 
+// Removes all that is in a directory, which stays as it is; refuses what rmTree refuses. Beside threads that
+// put files in, it tries again, a bounded number of times, and then gives ENOTEMPTY.
+int emptyTree(const std::string& dir);
+
 // The whole of a small regular file: EINVAL for anything else, EFBIG above `most` bytes.
 inline constexpr uint64_t MAX_WHOLE_FILE = uint64_t{16} << 20;
 int readWholeFile(const std::string& path, std::string& content, uint64_t most = MAX_WHOLE_FILE);

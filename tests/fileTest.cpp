@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -98,6 +99,27 @@ TEST_F(FileTest, RmTreeStaysInside) {
   EXPECT_EQ(outcome(rmTree(dir / "tree")), "EIO");
   EXPECT_EQ(outcome(rmTree(dir / "tree//")), "success");
   EXPECT_EQ(treeOf(dir.path()), (Names{"dangling@", "directory/", "dirlink@", "outside/", "outside/file"}));
+}
+
+// As many times as a thread that goes on filling the tree makes necessary.
+TEST_F(FileTest, EmptyingATreeOutlastsAWriter) {
+  makeOddFiles();
+  EXPECT_EQ(outcome(emptyTree(dir / "dirlink")), "ENOTDIR");
+  EXPECT_EQ(outcome(emptyTree(dir / "missing")), "ENOENT");
+  std::atomic<bool> stop = false;
+  std::jthread writer([&] {
+    for (int i = 0; !stop; i = (i + 1) % 500) {
+      std::error_code gone;
+      fs::create_directories(dir / "tree/a/b", gone);
+      std::ofstream file(dir / "tree/a/b/" + std::to_string(i));
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    std::error_code beside;
+    fs::create_directories(dir / "tree", beside);
+    EXPECT_EQ(outcome(emptyTree(dir / "tree")), "success");
+  }
+  stop = true;
 }
 
 TEST_F(FileTest, RmTreeEmptiesAMountPoint) {
