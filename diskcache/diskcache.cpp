@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <optional>
 
+#include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcachePruner.h"
 #include "diskcache/diskcacheVolume.h"
+#include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -24,6 +26,8 @@ constexpr size_t MAX_SPARE_ENTRIES = 16;  // about as many segments as threads c
 
 DiskCache::DiskCache(PersistentVolumes persistent)
     : m_persistentVolumes(persistent),
+      m_rootLock(std::make_unique<DirectoryLock>()),
+      m_contexts(std::make_unique<DiskCacheContexts>()),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
       m_lru(std::make_unique<DiskcacheLRU>(*this)),
       m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {
@@ -50,6 +54,10 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
 
   if (const int rc = createDir(rootDir); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", rootDir.c_str(), rc);
+  }
+  m_rootShared = m_rootLock->take(rootDir) == EWOULDBLOCK;
+  if (m_rootShared) {
+    DC_LOG(LogLevel::Error, "Error: another engine uses the root directory [%s]", rootDir.c_str());
   }
   if (const int rc = initVolumes(volumeDirs); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init volumes (%d)", rc);
@@ -83,10 +91,10 @@ CZuError DiskCache::clearCache() try {
   m_totalCacheUsed = 0;
   for (auto& [index, volume] : m_volumes) {
     if (volume.dir.empty()) continue;
-    if (const int rc = rmTree(volume.dir); rc != 0) {
+    // A directory that is missing holds nothing. It is made again below, as one that lost its content is not.
+    if (const int rc = emptyTree(volume.dir); rc != 0 && rc != ENOENT) {
       return DC_FAIL(LogLevel::Error, rc, "Error: can't remove tree [%s] (%d)", volume.dir.c_str(), rc);
     }
-    // The directories are made anew, so that the engine goes on with empty volumes.
     const std::string recycleDir = join(volume.dir, RECYCLE_DIR, '/');
     if (const int rc = createDir(recycleDir); rc != 0) {
       return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", recycleDir.c_str(), rc);
@@ -105,24 +113,14 @@ CZuError DiskCache::clearCache() try {
 
 CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
-  std::optional<VolIndex> onlyVolume;
-  {
-    const KxCriticalSectionLock lock(&m_volumeLock);
-    if (m_volumes.size() == 1) onlyVolume = m_volumes.begin()->first;
+  const auto refCount = static_cast<int>(m_contexts->add(ctx));
+  if (refCount == 1) {
+    DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), refCount);
+  } else {  // the first registration's callback stays: this is meant
+    DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(), refCount);
   }
-  const KxCriticalSectionLock lock(&m_contextsLock);
-  const auto [entry, added] =
-      m_contexts.try_emplace(ctx.dir, DiskCacheContextInternal{ctx.prunerCallback, 1});
-  if (added) {
-    DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(),
-           static_cast<int>(entry->second.refCount));
-  } else {
-    ++entry->second.refCount;  // the first registration's callback stays: this is meant
-    DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(),
-           static_cast<int>(entry->second.refCount));
-  }
-  if (onlyVolume) {
-    ctx.volume = *onlyVolume;
+  if (const std::optional<VolIndex> volume = onlyVolume()) {
+    ctx.volume = *volume;
     DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
   }
   ctx.registered = true;
@@ -131,31 +129,27 @@ CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   return failWithException(RM_CODE_LOCATION);
 }
 
-CZuError DiskCache::unregisterContext(DiskCacheContext& ctx) {
+CZuError DiskCache::unregisterContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "unregistering context: [%s]", ctx.dir.c_str());
-  const KxCriticalSectionLock lock(&m_contextsLock);
-  const auto found = m_contexts.find(ctx.dir);
-  if (found == m_contexts.end()) {
+  uint32_t left = 0;
+  if (!m_contexts->remove(ctx, left)) {
     return DC_FAIL(LogLevel::Error, ENOENT, "Error: dir [%s] is not registered", ctx.dir.c_str());
   }
-  const uint32_t left = --found->second.refCount;
   DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), static_cast<int>(left));
-  if (left == 0) m_contexts.erase(found);
   ctx.registered = false;
-  return {};
-}
-
-CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& out) try {
-  const KxCriticalSectionLock lock(&m_contextsLock);
-  const auto found = m_contexts.find(dir);
-  if (found == m_contexts.end()) {
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
-  }
-  out = found->second.prunerCallback;
+  if (left == 0) m_contexts->waitForCallbacks(ctx.dir);
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
+
+CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& out) try {
+  return m_contexts->find(dir, out);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+bool DiskCache::isRootShared() const { return m_rootShared; }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
   return m_migrator->migrate(vol, source, destination);

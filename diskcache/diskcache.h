@@ -18,11 +18,13 @@
 // The engine owns its threads, locks and files; buffers, contexts and identifiers stay the caller's.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +38,8 @@
 namespace ObjectStore {
 
 class Directory;
+class DirectoryLock;
+class DiskCacheContexts;
 class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
@@ -58,19 +62,30 @@ class DISKCACHE_EXPORT DiskCache {
   // mode Random the pruner thread is started. A migration left by a killed process is resumed, and
   // `migrationCallback` (may be null) told its end. Errors: those of the failing step (EINVAL for a volume
   // name that the volume file cannot hold, for a thread that cannot be had or a "migrate" file that makes
-  // no sense, ENOSPC for no index left, those of the system). Steps done before a failure stay done.
+  // no sense, ENOSPC for no index left, those of the system). Steps done before a failure stay done. The root
+  // directory is locked for other engines (flock) until this one is destroyed; one that finds it locked says so
+  // in the log and goes on.
   CZuError init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM, int lowWM,
                 int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback, PruningMode mode);
 
-  // Removes every segment and everything else below the volumes and makes their directories anew. Open
-  // segments, the recency list, contexts and the segment count stay. On an error the volumes of higher
-  // index are untouched.
+  // Whether another engine, of this process or another, held the root directory at init(): two that write
+  // the same volumes account for space wrongly and undo each other's work.
+  bool isRootShared() const;
+
+  // Removes every segment and everything else below the volumes. The volumes' own directories stay, with owner
+  // and mode; one that is missing is made. Open segments, the recency list, contexts and the segment count
+  // stay. On an error the volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a
+  // volume for long.
   CZuError clearCache();
 
   // Adds a reference to the directory `ctx.dir`; the first registration's callback is the one that counts.
-  // With one volume, sets ctx.volume. Always succeeds but for memory.
+  // With one volume, sets ctx.volume. While registered, ctx.nonprunableDir is left alone by the pruner also
+  // where it lies in a registered directory. Always succeeds but for memory.
   CZuError registerContext(DiskCacheContext& ctx);
-  // ENOENT when ctx.dir is not registered.
+  // Takes the reference away; ENOENT when ctx.dir is not registered. When it was the last one, the callback
+  // does not run any more on return and is not called again until the directory is registered again: a callback
+  // that runs on another thread is waited for, so hold no lock that it takes. Called from that callback itself,
+  // it does not wait.
   CZuError unregisterContext(DiskCacheContext& ctx);
   // The callback registered for a directory; ENOENT when there is none.
   CZuError findPrunerCallback(const std::string& dir, PrunerCallback& out);
@@ -168,7 +183,8 @@ class DISKCACHE_EXPORT DiskCache {
   OpenSegmentInfo* segInfoFromHandle(const SegmentHandle& handle);
 
   // ---- Volumes ----------------------------------------------------------------------------------------
-  // Directories compare byte for byte. Results: 0 or a system error number.
+  // Directories compare byte for byte. Results: 0 or a system error number. ENOMEM from addVolume, removeVolume
+  // and enableNewSegments leaves the volumes and "volume_info" as they were.
 
   int addVolume(const std::string& dir);
   // Stops using a volume; it keeps its index. Every other known volume is enabled, also one that was
@@ -221,8 +237,16 @@ class DISKCACHE_EXPORT DiskCache {
   // getOverriddenSegment for an identifier that was checked before.
   std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
   Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
+  std::optional<VolIndex> onlyVolume();
   int initVolumes(const std::vector<std::string>& dirs);
-  bool enableVolume(const std::string& dir, std::list<VolIndex>& used) DC_REQUIRES(m_volumeLock);
+  struct VolumeSet;
+  struct VolumeGain;
+  int setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain, const RMCodeLocation& where)
+      DC_REQUIRES(m_volumeLock);
+  bool enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where)
+      DC_REQUIRES(m_volumeLock);
+  VolumeSet copyOfVolumes() DC_REQUIRES(m_volumeLock);
+  void putBack(VolumeSet& before) noexcept DC_REQUIRES(m_volumeLock);
   int loadVolumeInfo() DC_REQUIRES(m_volumeLock);
   int saveVolumeInfo() DC_REQUIRES(m_volumeLock);
   Volume* findDirInVolumes(const std::string& dir) DC_REQUIRES(m_volumeLock);
@@ -267,6 +291,8 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError updateSegment(int fd, const std::string& path, VolIndex volume,
                          const std::vector<Section>& sections, OpenSegmentInfo& segment)
       DC_REQUIRES(segment.lock);
+  template <typename Look>
+  int lookUntilCertain(const DiskCacheContext& ctx, Look look);
   CZuError openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
                        const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
@@ -283,13 +309,16 @@ class DISKCACHE_EXPORT DiskCache {
 
   // The start-up scan (diskcacheScan.cpp)
   int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);
-  int scanEntries(Directory& entries, const std::string& dir, VolIndex volume, const std::string& ctxDir);
+  struct ScanLevel;
+  int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level);
   CZuError scanSegmentsIntoLru();
 
   // Constant after init()
   std::string m_rootDir;
+  bool m_rootShared = false;
   const PersistentVolumes m_persistentVolumes;
   PruningMode m_pruningMode = PruningMode::Random;
+  const std::unique_ptr<DirectoryLock> m_rootLock;
 
   // Read and changed by any thread without a lock: a reader may see some watermarks new and some old
   RelaxedAtomic<int32_t> m_highWM{0};
@@ -299,13 +328,6 @@ class DISKCACHE_EXPORT DiskCache {
   KxAtomicU64_t m_totalCacheUsed;  // bytes
   KxAtomicU64_t m_totalCache;      // bytes
   KxAtomicU64_t m_segmentsInCache;
-
-  KxCriticalSection m_contextsLock;
-  struct DiskCacheContextInternal {
-    PrunerCallback prunerCallback;
-    uint32_t refCount = 0;
-  };
-  std::map<std::string, DiskCacheContextInternal> m_contexts DC_GUARDED_BY(m_contextsLock);
 
   KxCriticalSection m_openSegmentsLock;
   using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
@@ -324,6 +346,11 @@ class DISKCACHE_EXPORT DiskCache {
 
   RelaxedAtomic<bool> m_outOfSpace{false};
 
+  // Segments' moves between two places, begun and done: while they differ, one is under way.
+  std::atomic<uint64_t> m_movesBegun{0};
+  std::atomic<uint64_t> m_movesDone{0};
+
+  const std::unique_ptr<DiskCacheContexts> m_contexts;
   // Destroyed first, in reverse order; the destructor has stopped their threads before.
   const std::unique_ptr<DiskCachePruner> m_pruner;
   const std::unique_ptr<DiskcacheLRU> m_lru;

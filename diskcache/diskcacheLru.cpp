@@ -5,6 +5,7 @@
 #include <new>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheContexts.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -90,20 +91,12 @@ CZuError DiskcacheLRU::pruneFromBack() {
 
 bool DiskcacheLRU::askClient(const LruInfo& entry) {
   const std::string dir(entry.dir);
-  PrunerCallback callback;
-  CZuError error = m_diskCache.findPrunerCallback(dir, callback);
-  if (!error.IsError() && !callback) {
-    error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
-  }
-  if (error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: %s", error.AsString().c_str());
-    return false;
-  }
   const std::string path = m_diskCache.guid2path(entry.guid, entry.vol, dir);
   m_pruning = true;
   bool givenUp = false;
   try {
-    givenUp = callback(dir, path, entry.guid);
+    const CZuError error = m_diskCache.m_contexts->ask(givenUp, dir, path, entry.guid);
+    if (error.IsError()) DC_LOG(LogLevel::Error, "Error: %s", error.AsString().c_str());
   } catch (...) {
     DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
   }

@@ -14,6 +14,22 @@
 
 namespace ObjectStore {
 
+namespace {
+
+// Counts a move between two places of a segment, before and after it.
+class AnnouncedMove {
+ public:
+  AnnouncedMove(std::atomic<uint64_t>& begun, std::atomic<uint64_t>& done) : m_done(done) { ++begun; }
+  ~AnnouncedMove() { ++m_done; }
+  AnnouncedMove(const AnnouncedMove&) = delete;
+  AnnouncedMove& operator=(const AnnouncedMove&) = delete;
+
+ private:
+  std::atomic<uint64_t>& m_done;
+};
+
+}  // namespace
+
 std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid) {
   return isUsableGuid(guid) ? pathInUse(ctx, guid) : std::string();
 }
@@ -69,10 +85,12 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
   return failWithException(RM_CODE_LOCATION);
 }
 
-// `dir` is the directory that the segment leaves. A migration may have put the two on different file systems.
+// `dir` is the directory that the segment leaves. A migration may have put the two on different file systems. The
+// move is announced to the readers, who take no lock and look into one place after the other.
 CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                                 const std::string& source, const std::string& target,
                                 const RMCodeLocation& where) {
+  const AnnouncedMove announced(m_movesBegun, m_movesDone);
   if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(where, rc);
   const int rc = m_migrator->move(source, target);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheLru.h"
 #include "support/config.h"
 #include "support/directory.h"
@@ -110,12 +111,7 @@ PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
     root = found->second.dir;
   }
   if (root.empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
-  std::vector<std::pair<std::string, PrunerCallback>> contexts;
-  {
-    const KxCriticalSectionLock lock(&m_diskCache.m_contextsLock);
-    for (const auto& [dir, context] : m_diskCache.m_contexts)
-      contexts.emplace_back(dir, context.prunerCallback);
-  }
+  auto contexts = m_diskCache.m_contexts->callbacks();
   shuffle(contexts);
   for (const auto& [dir, callback] : contexts) {
     if (deletePrunableSegsInDir(join(root, dir, '/'), dir, callback) == PrunerError::Done)
@@ -124,17 +120,25 @@ PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
   return PrunerError::Exhausted;
 }
 
+// What stays the same all the way down one registered directory.
+struct DiskCachePruner::Walk {
+  const std::string& dir;
+  const PrunerCallback& callback;
+  RMCodeLocation where;
+};
+
 PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, const std::string& dir,
                                                      const PrunerCallback& callback) {
   Directory entries(path);
-  return pruneEntries(entries, path, dir, callback);
+  return pruneEntries(entries, path, DiskCacheContexts::relativeDir(dir), {dir, callback, RM_CODE_LOCATION});
 }
 
-PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string& path, const std::string& dir,
-                                          const PrunerCallback& callback) {
-  DC_LOG(LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), dir.c_str());
+PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string& path,
+                                          const std::string& inVolume, const Walk& walk) {
+  if (m_diskCache.m_contexts->isNonPrunable(inVolume)) return PrunerError::GoOn;
+  DC_LOG_AT(walk.where, LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), walk.dir.c_str());
   if (entries.error() != 0) {
-    DC_LOG(LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
+    DC_LOG_AT(walk.where, LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
     return PrunerError::GoOn;
   }
   std::string full = join(path, "", '/');
@@ -146,21 +150,32 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
     full += name;
     struct stat status {};
     if (const int error = entries.status(status); error != 0) {
-      DC_LOG(LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
+      DC_LOG_AT(walk.where, LogLevel::Error, "Error: can't stat %s (%d)", full.c_str(), error);
       return PrunerError::BranchFailed;
     }
     PrunerError result = PrunerError::GoOn;
     if (S_ISDIR(status.st_mode)) {
       Directory below(entries, entries.name());
-      result = pruneEntries(below, full, dir, callback);
+      result = pruneEntries(below, full, join(inVolume, name, '/'), walk);
     } else {
-      result = pruneSegment(full, name, dir, callback);
+      result = pruneSegment(full, name, walk.dir, walk.callback);
     }
     if (result == PrunerError::Done || result == PrunerError::Exhausted || m_stop) return result;
   }
   entries.close();
-  if (rmdir(path.c_str()) == 0) DC_LOG(LogLevel::Segment, "removed directory [%s]", path.c_str());
+  if (rmdir(path.c_str()) == 0)
+    DC_LOG_AT(walk.where, LogLevel::Segment, "removed directory [%s]", path.c_str());
   return PrunerError::GoOn;
+}
+
+// Open as a segment, or the unfinished file of one that is: taking that would make a replacement fail.
+bool DiskCachePruner::isInUse(const guid_t& name) {
+  if (m_diskCache.isInOpenTable(name)) return true;
+  for (const std::string_view suffix : {std::string_view(".temp"), RMFile::COPY_SUFFIX}) {
+    if (name.ends_with(suffix) && m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size())))
+      return true;
+  }
+  return false;
 }
 
 PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::string& guid,
@@ -171,7 +186,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
     DC_LOG(LogLevel::Segment, "reached low watermark");
     return PrunerError::Done;
   }
-  if (m_diskCache.isInOpenTable(guid)) {
+  if (isInUse(guid)) {
     DC_LOG(LogLevel::Segment, "File is opened. cannot prune [%s]", path.c_str());
     return PrunerError::GoOn;
   }

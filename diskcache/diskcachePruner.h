@@ -3,7 +3,7 @@
 // Internal. It sleeps until a writer wakes it or a time runs out; when the cache is over its high watermark
 // it walks the volumes and registered directories in random order and hands segments to their clients'
 // callbacks until the cache is no longer over its low watermark. It removes empty directories, never a
-// segment. While it walks or calls out it holds no lock of the engine.
+// segment, and leaves the contexts' non-prunable directories alone. While it walks or calls out it holds no lock of the engine.
 #pragma once
 
 #include <cstdint>
@@ -56,8 +56,10 @@ class DiskCachePruner {
   int sendStorageAlarm() { return 0; }
 
  private:
-  PrunerError pruneEntries(Directory& entries, const std::string& path, const std::string& dir,
-                           const PrunerCallback& callback);
+  struct Walk;
+  PrunerError pruneEntries(Directory& entries, const std::string& path, const std::string& inVolume,
+                           const Walk& walk);
+  bool isInUse(const guid_t& name);
   static void* threadEntry(void* pruner);
   void run();
 

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/segmentFile.h"
 #include "support/file.h"
@@ -58,13 +59,34 @@ CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
 
 }  // namespace
 
+// Calls `look`, which looks for a segment in the places of its context and returns ENOENT when it is in none,
+// until it is found or surely absent. A segment that is moved between the two looks of one call seems to be in
+// neither place; when no move was under way meanwhile, it was not there. While its volume is migrated the places
+// are twice as many, and one more look has to do.
+template <typename Look>
+int DiskCache::lookUntilCertain(const DiskCacheContext& ctx, Look look) {
+  constexpr int MAX_LOOKS = 50;  // moves of other segments must not keep an honest miss for ever
+  for (int looks = 1;; ++looks) {
+    const uint64_t done = m_movesDone.load();
+    const uint32_t generation = m_migrator->generation();
+    const int error = look();
+    if (error != ENOENT || looks == MAX_LOOKS) return error;
+    const bool mayHaveMoved = ctx.useNonPrunableDir && m_movesBegun.load() != done;
+    const bool mayHaveMigrated =
+        m_migrator->generation() != generation || (looks == 1 && m_migrator->isMigrating(ctx.volume));
+    if (!mayHaveMoved && !mayHaveMigrated) return error;
+  }
+}
+
 CZuError DiskCache::openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
                                 const DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
-  path = pathInUse(ctx, guid);
-  if (!file.open(path, READ_FLAGS)) {
-    return failAt(where, LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
-                  file.error());
+  const int rc = lookUntilCertain(ctx, [&] {
+    path = pathInUse(ctx, guid);
+    return file.open(path, READ_FLAGS) ? 0 : file.error();
+  });
+  if (file.fd() < 0) {
+    return failAt(where, LogLevel::Error, rc, "Error: can't open file [%s] (%d)", path.c_str(), rc);
   }
   const CZuError error = readSegmentHeader(header, file.fd());
   if (error.IsError()) logAt(where, LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
@@ -139,12 +161,17 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
   if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
 
-  const std::string path = pathInUse(ctx, guid);
-  const auto opened = timedCall(__func__, PERF_OPEN, [&] { return std::fopen(path.c_str(), "rbe"); });
-  Stream stream(opened.value);
+  std::string path;
+  Stream stream;
+  const char* const name = __func__;
+  const int openError = lookUntilCertain(ctx, [&] {
+    path = pathInUse(ctx, guid);
+    const auto opened = timedCall(name, PERF_OPEN, [&] { return std::fopen(path.c_str(), "rbe"); });
+    stream.reset(opened.value);
+    return stream ? 0 : opened.error;
+  });
   if (!stream) {
-    return DC_FAIL(LogLevel::Error, opened.error, "Error: can't open file [%s] (%d)", path.c_str(),
-                   opened.error);
+    return DC_FAIL(LogLevel::Error, openError, "Error: can't open file [%s] (%d)", path.c_str(), openError);
   }
   uint64_t fileSize = 0;
   if (const int rc = getFileSize(&fileSize, nullptr, stream.get()); rc != 0) {
@@ -283,15 +310,16 @@ CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, 
 // Unlike getOverriddenSegment, an empty nonprunableDir is not looked into: both tests are meant as they are.
 bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (checkGuid(guid, RM_CODE_LOCATION).IsError()) return false;
-  if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
-    const std::string path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
-    if (doesFileExist(path)) {
-      DC_LOG(LogLevel::Segment, "[%s] exists", path.c_str());
-      return true;
-    }
-  }
-  const std::string path = segmentPath(guid, ctx.volume, ctx.dir);
-  const bool exists = doesFileExist(path);
+  std::string path;
+  const auto isIn = [&](const std::string& dir) {
+    path = segmentPath(guid, ctx.volume, dir);
+    return doesFileExist(path);
+  };
+  const bool exists = lookUntilCertain(ctx, [&] {
+                        if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty() && isIn(ctx.nonprunableDir))
+                          return 0;
+                        return isIn(ctx.dir) ? 0 : ENOENT;
+                      }) == 0;
   DC_LOG(LogLevel::Segment, exists ? "[%s] exists" : "[%s] does not exist", path.c_str());
   return exists;
 } catch (...) {

@@ -21,32 +21,72 @@ int readChildren(std::vector<std::string>& out, const std::string& dir) {
   return 0;
 }
 
+// One directory of the path that the scan has come down, and what the whole pass has in common.
+struct DiskCache::ScanLevel {
+  const ScanLevel* above;
+  int depth;
+  dev_t device;
+  ino_t inode;
+  VolIndex volume;
+  const std::string& ctxDir;
+  RMCodeLocation where;
+
+  ScanLevel below(const struct stat& status) const {
+    return {this, depth + 1, status.st_dev, status.st_ino, volume, ctxDir, where};
+  }
+  bool isWithin(const struct stat& status) const {
+    for (const ScanLevel* level = this; level; level = level->above) {
+      if (level->device == status.st_dev && level->inode == status.st_ino) return true;
+    }
+    return false;
+  }
+  // Whether a directory in this one is not to be entered: links are followed, but not in a circle, and each
+  // level takes a descriptor and a part of the stack.
+  bool isEnd(const struct stat& status, const std::string& dir, const char* name) const {
+    constexpr int MAX_DEPTH = 64;
+    if (isWithin(status)) {
+      DC_LOG_AT(where, LogLevel::Info, "Info: [%s] leads back up, not scanned", join(dir, name, '/').c_str());
+      return true;
+    }
+    if (depth < MAX_DEPTH) return false;
+    DC_LOG_AT(where, LogLevel::Error, "Error: [%s] is more than %d directories deep, not scanned",
+              join(dir, name, '/').c_str(), MAX_DEPTH);
+    return true;
+  }
+};
+
 int DiskCache::scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir) {
   Directory entries(dir);
-  return scanEntries(entries, dir, volume, ctxDir);
+  struct stat status {};
+  if (entries.error() == 0) entries.ownStatus(status);  // without one, no link is known to lead back here
+  return scanEntries(entries, dir,
+                     {nullptr, 0, status.st_dev, status.st_ino, volume, ctxDir, RM_CODE_LOCATION});
 }
 
-int DiskCache::scanEntries(Directory& entries, const std::string& dir, VolIndex volume,
-                           const std::string& ctxDir) {
+int DiskCache::scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level) {
   if (entries.error() != 0) {
-    DC_LOG(LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(), entries.error());
+    DC_LOG_AT(level.where, LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(),
+              entries.error());
     return entries.error();
   }
   while (entries.next()) {
     struct stat status {};
     if (const int rc = entries.status(status, true); rc != 0) {
-      DC_LOG(LogLevel::Error, "Error: can't stat [%s] (%d)", join(dir, entries.name(), '/').c_str(), rc);
+      DC_LOG_AT(level.where, LogLevel::Error, "Error: can't stat [%s] (%d)",
+                join(dir, entries.name(), '/').c_str(), rc);
       return rc;
     }
     if (S_ISDIR(status.st_mode)) {
+      if (level.isEnd(status, dir, entries.name())) continue;
       Directory below(entries, entries.name());
-      if (const int rc = scanEntries(below, join(dir, entries.name(), '/'), volume, ctxDir); rc != 0)
-        return rc;
+      const int rc = scanEntries(below, join(dir, entries.name(), '/'), level.below(status));
+      if (rc != 0) return rc;
       continue;
     }
     // Every file counts as a segment, whatever its name.
-    if (const CZuError error = m_lru->addToLru(entries.name(), volume, ctxDir); error.IsError()) {
-      DC_LOG(LogLevel::Error, "Error: can't add to lru: [%s]: %s", entries.name(), error.AsString().c_str());
+    if (const CZuError error = m_lru->addToLru(entries.name(), level.volume, level.ctxDir); error.IsError()) {
+      DC_LOG_AT(level.where, LogLevel::Error, "Error: can't add to lru: [%s]: %s", entries.name(),
+                error.AsString().c_str());
       entries.leaveOpen();  // meant
       return RMErrorUtil::GetErrNo(error);
     }

@@ -83,65 +83,118 @@ void printFreeSpaceList(const std::list<Volume*>& volumes) {
   }
 }
 
+// The volumes at one moment. The rotation's entries and the records' places point at each other within the
+// set, so that two swaps put it in the engine's place.
+struct DiskCache::VolumeSet {
+  std::map<VolIndex, Volume> volumes;
+  std::list<Volume*> rotation;
+  std::optional<std::list<Volume*>::iterator> next;
+};
+
+// What making volumes ready has come to: the numbers in use, and what to add to the space counters.
+struct DiskCache::VolumeGain {
+  std::list<VolIndex> indexes;
+  int64_t used = 0;
+  int64_t capacity = 0;
+};
+
+DiskCache::VolumeSet DiskCache::copyOfVolumes() {
+  VolumeSet copy{m_volumes, {}, {}};
+  for (auto entry = m_freeSpaceList.begin(); entry != m_freeSpaceList.end(); ++entry) {
+    Volume& record = copy.volumes.at((*entry)->index);
+    const auto place = copy.rotation.insert(copy.rotation.end(), &record);
+    if ((*entry)->listPos == entry) record.listPos = place;
+    if (m_nextVolume == entry) copy.next = place;
+  }
+  return copy;
+}
+
+void DiskCache::putBack(VolumeSet& before) noexcept {
+  m_volumes.swap(before.volumes);
+  m_freeSpaceList.swap(before.rotation);
+  m_nextVolume = before.next.value_or(m_freeSpaceList.end());
+}
+
 int DiskCache::initVolumes(const std::vector<std::string>& dirs) try {
   const KxCriticalSectionLock lock(&m_volumeLock);
-  const bool persistent = m_persistentVolumes == PersistentVolumes::Yes;
-  if (persistent && !std::all_of(dirs.begin(), dirs.end(), isStorableVolume)) {
-    DC_LOG(LogLevel::Error, "Error: volume name with ',' or a line feed can't be stored");
-    return EINVAL;
+  VolumeSet before = copyOfVolumes();
+  VolumeGain gain;
+  int rc = 0;
+  try {
+    rc = setUpVolumes(dirs, gain, RM_CODE_LOCATION);
+  } catch (...) {
+    rc = RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
   }
-  if (persistent) {
-    if (const int rc = loadVolumeInfo(); rc != 0) {
-      DC_LOG(LogLevel::Error, "Can't initialize volumes (%d)", rc);
-      return rc;
-    }
+  if (rc == ENOMEM) {
+    putBack(before);
+  } else {
+    m_totalCacheUsed += gain.used;
+    m_totalCache += gain.capacity;
   }
-  std::list<VolIndex> used = getUsedVolIndex();
-  for (const std::string& dir : dirs) {
-    if (!enableVolume(dir, used)) return ENOSPC;
-  }
-  m_nextVolume = m_freeSpaceList.begin();
-  if (persistent) {
-    if (const int rc = saveVolumeInfo(); rc != 0) {
-      DC_LOG(LogLevel::Error, "Can't save volume info (%d)", rc);
-      return rc;
-    }
-  }
-  for (const auto& [index, volume] : m_volumes) {
-    DC_LOG(LogLevel::Info, "Loaded volume %s index=%d allow=%d free=%llu total=%lu res=%lu",
-           volume.dir.c_str(), volume.index, volume.allow ? 1 : 0, llu(volume.free.value()), volume.total,
-           volume.reserved);
-  }
-  return 0;
+  return rc;
 } catch (...) {
   return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
 }
 
+int DiskCache::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain,
+                            const RMCodeLocation& where) {
+  const bool persistent = m_persistentVolumes == PersistentVolumes::Yes;
+  if (persistent && !std::all_of(dirs.begin(), dirs.end(), isStorableVolume)) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: volume name with ',' or a line feed can't be stored");
+    return EINVAL;
+  }
+  if (persistent) {
+    if (const int rc = loadVolumeInfo(); rc != 0) {
+      DC_LOG_AT(where, LogLevel::Error, "Can't initialize volumes (%d)", rc);
+      return rc;
+    }
+  }
+  gain.indexes = getUsedVolIndex();
+  for (const std::string& dir : dirs) {
+    if (!enableVolume(dir, gain, where)) return ENOSPC;
+  }
+  m_nextVolume = m_freeSpaceList.begin();
+  if (persistent) {
+    if (const int rc = saveVolumeInfo(); rc != 0) {
+      DC_LOG_AT(where, LogLevel::Error, "Can't save volume info (%d)", rc);
+      return rc;
+    }
+  }
+  for (const auto& [index, volume] : m_volumes) {
+    DC_LOG_AT(where, LogLevel::Info, "Loaded volume %s index=%d allow=%d free=%llu total=%lu res=%lu",
+              volume.dir.c_str(), volume.index, volume.allow ? 1 : 0, llu(volume.free.value()), volume.total,
+              volume.reserved);
+  }
+  return 0;
+}
+
 // Neither the rotation nor the counters are cleared first, on purpose: a volume that is named again stands
 // in the rotation twice and is counted twice, until removeAllVolumes and the next refresh.
-bool DiskCache::enableVolume(const std::string& dir, std::list<VolIndex>& used) {
-  Volume* volume = findDirInVolumes(dir);
-  if (!volume) {
-    const VolIndex index = getUnusedIndex(used);
-    std::cout << "index=" << index << std::endl;
-    if (index == 0) {
-      DC_LOG(LogLevel::Error, "Can't find unused volume index");
-      return false;
+bool DiskCache::enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where) {
+  int rc = ENOENT;  // of an empty name, which is never given a number
+  if (!dir.empty()) {
+    Volume* volume = findDirInVolumes(dir);
+    if (!volume) {
+      const VolIndex index = getUnusedIndex(gain.indexes);
+      std::cout << "index=" << index << std::endl;
+      if (index == 0) {
+        DC_LOG_AT(where, LogLevel::Error, "Can't find unused volume index");
+        return false;
+      }
+      volume = &volumeRecord(index);
+      volume->dir = dir;
     }
-    volume = &volumeRecord(index);
-    volume->dir = dir;
+    volume->allow = true;
+    createDir(join(dir, RECYCLE_DIR, '/'));
+    rc = getCurrVolumeSize(*volume);
+    if (rc == 0) {
+      appendToRotation(*volume);
+      gain.used += static_cast<int64_t>(volume->total - volume->free.value());
+      gain.capacity += static_cast<int64_t>(volume->total);
+      return true;
+    }
   }
-  volume->allow = true;
-  // An empty name would put the directory where the process happens to run.
-  if (!dir.empty()) createDir(join(dir, RECYCLE_DIR, '/'));
-  if (const int rc = getCurrVolumeSize(*volume); rc != 0) {
-    DC_LOG(LogLevel::Error, "Error %d getting volume size for %s, skipped", rc, dir.c_str());
-    return true;
-  }
-  m_totalCacheUsed += static_cast<int64_t>(volume->total);
-  m_totalCacheUsed -= volume->free;
-  m_totalCache += static_cast<int64_t>(volume->total);
-  appendToRotation(*volume);
+  DC_LOG_AT(where, LogLevel::Error, "Error %d getting volume size for %s, skipped", rc, dir.c_str());
   return true;
 }
 
@@ -165,14 +218,17 @@ int DiskCache::addVolume(const std::string& dir) try {
 int DiskCache::removeVolume(const std::string& dir) try {
   DC_LOG(LogLevel::Info, "Removing volume: %s", dir.c_str());
   const KxCriticalSectionLock lock(&m_volumeLock);
-  if (const int rc = disableNewSegments(dir); rc != 0) return rc;
   const Volume* const removed = findDirInVolumes(dir);
   // Every other volume is enabled again, also one that was disabled on its own: this is meant.
   std::vector<std::string> dirs;
   for (const auto& [index, volume] : m_volumes) {
     if (&volume != removed && !volume.dir.empty()) dirs.push_back(volume.dir);
   }
-  return initVolumes(dirs);
+  VolumeSet before = copyOfVolumes();
+  int rc = disableNewSegments(dir);
+  if (rc == 0) rc = initVolumes(dirs);
+  if (rc == ENOMEM) putBack(before);
+  return rc;
 } catch (...) {
   return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
 }
@@ -214,8 +270,8 @@ int DiskCache::enableNewSegments(const std::string& dir) try {
            dir.c_str());  // "disable": clients know this text
     return ENOENT;
   }
-  volume->allow = true;
   if (!volume->listPos) appendToRotation(*volume);
+  volume->allow = true;
   return 0;
 } catch (...) {
   return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
@@ -259,23 +315,31 @@ int DiskCache::loadVolumeInfo() {
 
 int DiskCache::saveVolumeInfo() {
   const std::string path = join(m_rootDir, VOLUME_INFO_FNAME, '/');
+  std::string text;
+  for (const auto& [index, volume] : m_volumes) {
+    if (!volume.dir.empty()) text += volume.dir + ',' + std::to_string(volume.index) + '\n';
+  }
+  std::string written;
+  int rc = readWholeFile(path, written);
+  if (rc == 0 && written == text) return 0;
+  // Whatever else keeps the file from being read is no matter if it can be written. A FIFO that takes its place
+  // now must not be waited for.
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
   errno = 0;
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int fd = rc == EINVAL ? -1 : open(path.c_str(), flags, 0600);
   if (fd < 0) {
-    const int rc = errno != 0 ? errno : EIO;
+    if (rc != EINVAL) rc = errno != 0 ? errno : EIO;
     DC_LOG(LogLevel::Error, "Can't open %s (%d)", path.c_str(), rc);
     return rc;
   }
-  // One write a line, straight into the file; errors from here on go unnoticed, as they always have.
-  for (const auto& [index, volume] : m_volumes) {
-    const std::string line = volume.dir + ',' + std::to_string(volume.index) + '\n';
-    [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
-  }
+  // Errors from here on go unnoticed, as they always have.
+  [[maybe_unused]] const ssize_t moved = write(fd, text.data(), text.size());
   close(fd);
   return 0;
 }
 
 Volume* DiskCache::findDirInVolumes(const std::string& dir) {
+  if (dir.empty()) return nullptr;  // no volume, but a record that a look-up has left
   const auto found = std::find_if(m_volumes.begin(), m_volumes.end(),
                                   [&](const auto& entry) { return entry.second.dir == dir; });
   return found == m_volumes.end() ? nullptr : &found->second;
@@ -283,11 +347,22 @@ Volume* DiskCache::findDirInVolumes(const std::string& dir) {
 
 std::list<VolIndex> DiskCache::getUsedVolIndex() {
   std::list<VolIndex> used;
-  for (const auto& [index, volume] : m_volumes) used.push_back(index);
+  for (const auto& [index, volume] : m_volumes) {
+    if (!volume.dir.empty()) used.push_back(index);
+  }
   return used;
 }
 
-VolIndex DiskCache::getFirstVolume() { return m_volumes.empty() ? VolIndex{0} : m_volumes.begin()->first; }
+VolIndex DiskCache::getFirstVolume() {
+  const std::list<VolIndex> used = getUsedVolIndex();
+  return used.empty() ? VolIndex{0} : used.front();
+}
+
+std::optional<VolIndex> DiskCache::onlyVolume() {
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  const std::list<VolIndex> used = getUsedVolIndex();
+  return used.size() == 1 ? std::optional(used.front()) : std::nullopt;
+}
 
 VolIndex DiskCache::getNextVolWithSpace() {
   const KxCriticalSectionLock lock(&m_volumeLock);

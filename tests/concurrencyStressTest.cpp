@@ -135,6 +135,33 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
   EXPECT_GT(m_reads, operations / 20);
 }
 
+// A segment that is always there, though now in one place and now in the other, is never a miss.
+TEST_F(ConcurrencyStressTest, ReadersFindASegmentThatMovesToAndFro) {
+  ctx.useNonPrunableDir = true;
+  start(options);
+  performAsUsual(CREATE, ctx, 1, 1);
+  std::atomic<bool> stop = false;
+  std::jthread mover([&, own = ctx]() mutable {
+    for (size_t i = 0; !stop; ++i) performAsUsual(i % 2 == 0 ? TO_PRUNABLE : MARK_DIRTY, own, 1, 0);
+  });
+  const size_t reads = soaked(20'000);
+  size_t misses = 0;
+  for (size_t i = 0; i < reads; ++i) {
+    std::vector<unsigned char> data;
+    std::vector<SectionV> all;
+    uint64_t size = 0;
+    switch (i % 5) {
+      case 0: misses += readRight(ctx, 1).IsError(); break;
+      case 1: misses += cache->readCompleteSection(ctx, guidOf(1), 0, data).IsError(); break;
+      case 2: misses += cache->readAllSections(ctx, guidOf(1), all).IsError(); break;
+      case 3: misses += cache->getSectionSize(size, ctx, guidOf(1), 0, 0).IsError(); break;
+      default: misses += !cache->doesSegmentExist(ctx, guidOf(1));
+    }
+  }
+  stop = true;
+  EXPECT_EQ(misses, 0U) << "of " << reads;
+}
+
 TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
   const SmallFileSystem disk(static_cast<unsigned>(soaked(128)));
   static std::promise<int> ended;

@@ -1,7 +1,11 @@
 // The engine's life, its contexts and paths, and what it refuses to take as a segment or a volume.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <future>
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -40,6 +44,31 @@ TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
   EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: dir [d] is not registered"});
 }
 
+TEST_F(DiskCacheTest, UnregisteringWaitsForTheCallbackThatRuns) {
+  std::promise<void> entered, leave;
+  std::atomic<bool> ended = false;
+  EngineOptions options;
+  options.maxLruEntries = 5;
+  options.prunerCallback = [&](auto&&...) {
+    entered.set_value();
+    leave.get_future().wait();
+    return ended = true;
+  };
+  start(options);
+  for (const char* guid : {"seg1", "seg2", "seg3", "seg4", "seg5"}) put(guid, "text");
+  auto asking = std::async(std::launch::async, [&] { put("seg6", "text"); });
+  entered.get_future().wait();
+  DiskCacheContext same = ctx;
+  auto unregistered = std::async(std::launch::async, [&] {
+    const std::string told = outcome(cache->unregisterContext(same));
+    return ended ? told : "too early";
+  });
+  EXPECT_TRUE(log.waitFor("unregistering context: [ctx]"));
+  EXPECT_EQ(unregistered.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  leave.set_value();
+  EXPECT_EQ(unregistered.get(), "success");
+}
+
 // Nothing is undone: the volumes that were set up by then are there and in the rotation.
 TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
   const std::string info = dir / "root/volume_info", vol1 = dir / "vol1";
@@ -56,9 +85,9 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
     EXPECT_EQ(Access::rotation(*cache).size(), inRotation) << call;
   };
   expect("mkdir", 2, EROFS, 0, {"Error: Can't create [" + (dir / "root") + "] (30)"});
-  expect("open", 1, EACCES, 0,
+  expect("open", 2, EACCES, 0,  // the first is for the root's lock
          {"Can't open " + info + " (13)", "Can't initialize volumes (13)", "Error: Can't init volumes (13)"});
-  expect("open", 2, EROFS, 2,
+  expect("open", 4, EROFS, 2,
          {"Can't open " + info + " (30)", "Can't save volume info (30)", "Error: Can't init volumes (30)"});
   expect("statvfs", 1, EIO, 1,
          {"Can't get free bytes " + vol1 + " (5)", "Error 5 getting volume size for " + vol1 + ", skipped"});
@@ -69,8 +98,8 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
 TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
   ASSERT_EQ(outcome(init()), "success");
   const std::tuple<const char*, size_t, std::string> cases[] = {
-      {"rmdir", 1, "Error: can't remove tree [" + volumes[0] + "] (5)"},
-      {"mkdir", 5, "Error: Can't create [" + volumes[0] + "/recycle] (5)"}};
+      {"opendir", 1, "Error: can't remove tree [" + volumes[0] + "] (5)"},
+      {"mkdir", 1, "Error: Can't create [" + volumes[0] + "/recycle] (5)"}};
   for (const auto& [call, nth, line] : cases) {
     for (const char* guid : {"seg1", "seg2"}) put(guid, guid);  // one on each volume
     ASSERT_EQ(cache->disableNewSegments(volumes[1]), 0);
@@ -84,6 +113,48 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
     for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
     EXPECT_EQ(Access::rotation(*cache), (std::vector<VolIndex>{1, 2})) << "also one that was disabled";
   }
+}
+
+TEST_F(DiskCacheTest, ClearingKeepsTheVolumesDirectoriesAndMakesOneThatIsMissing) {
+  ASSERT_EQ(outcome(init()), "success");
+  fs::remove_all(volumes[0]);
+  fs::permissions(volumes[1], fs::perms::owner_all | fs::perms::group_all);
+  writeFile(volumes[1] + "/ctx/ab/cd/abcd", "x");
+  struct stat before {
+  }, after{};
+  ASSERT_EQ(stat(volumes[1].c_str(), &before), 0);
+  EXPECT_EQ(outcome(cache->clearCache()), "success");
+  ASSERT_EQ(stat(volumes[1].c_str(), &after), 0);
+  EXPECT_EQ(std::pair(after.st_ino, after.st_mode), std::pair(before.st_ino, before.st_mode));
+  for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
+}
+
+TEST_F(DiskCacheTest, TheRootIsLockedForOtherEngines) {
+  const Texts line{"Error: another engine uses the root directory [" + (dir / "root") + ']'};
+  ASSERT_EQ(outcome(init()), "success");
+  EXPECT_FALSE(cache->isRootShared());
+  const std::unique_ptr<DiskCache> first = std::move(cache);
+  ASSERT_EQ(outcome(init()), "success");
+  EXPECT_TRUE(cache->isRootShared());
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), line);
+}
+
+// Also when a child of the process that has forked meanwhile still holds the descriptor.
+TEST_F(DiskCacheTest, TheRootsLockEndsWithTheEngineAndNotWithAChild) {
+  ASSERT_EQ(outcome(init()), "success");
+  int wait[2];
+  ASSERT_EQ(pipe(wait), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    char byte;
+    ::close(wait[1]);
+    _exit(static_cast<int>(read(wait[0], &byte, 1)));
+  }
+  cache.reset();
+  EXPECT_EQ(outcome(init()), "success");
+  EXPECT_FALSE(cache->isRootShared());
+  for (const int fd : wait) ::close(fd);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 // Without a root every path is one of the working directory: what lies there is not the cache's.

@@ -143,6 +143,36 @@ TEST_F(LruTest, AnEntryTakesAtMost208Bytes) {
   EXPECT_LE((heap() - before) / COUNT, 208U);
 }
 
+TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
+  namespace fs = std::filesystem;
+  EngineOptions options;
+  start(options);
+  for (const char* child : {"a", "b", "c"}) {
+    const std::string below = volumes[0] + '/' + child;
+    for (int i = 0; i < 20; ++i) writeFile(below + '/' + std::to_string(i) + child, "");
+    for (const char* other : {"a", "b", "c"})
+      fs::create_directory_symlink("../" + std::string(other), below + "/to-" + other);
+    fs::create_directory_symlink("..", below + "/up");
+  }
+  std::string deep = volumes[0] + "/deep";
+  for (int i = 0; i < 80; ++i) deep += "/d";
+  writeFile(deep + "/too deep", "");
+  const size_t descriptors = openDescriptors();
+  log.setLevel(LogLevel::Info);
+  EXPECT_EQ(outcome(Access::scanSegmentsIntoLru(*cache)), "success");
+  for (const char* child : {"a", "b", "c"}) {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(list().isInLru(std::to_string(i) + child, false));
+  }
+  EXPECT_FALSE(list().isInLru("too deep", false));
+  EXPECT_EQ(openDescriptors(), descriptors);
+  const std::string deepest = deep.substr(0, deep.size() - 2 * (80 - 64 + 1 - 1));
+  EXPECT_TRUE(log.has(LogLevel::Info, "Info: [" + volumes[0] + "/a/up] leads back up, not scanned"));
+  EXPECT_TRUE(
+      log.has(LogLevel::Error, "Error: [" + deepest + "] is more than 64 directories deep, not scanned"));
+  for (const LogLine& line : log.take())
+    EXPECT_EQ(line.operation.find("scanEntries"), line.operation.npos) << line.operation;
+}
+
 TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
   for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol1/u"}) writeFile(dir.path() + file, "");
   startWith({});

@@ -88,6 +88,59 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrCannotBeRead) {
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
+TEST_F(PrunerTest, AWalkLeavesReplacementsAndNonPrunableDirectoriesAlone) {
+  options.lowWM = 0;
+  options.prunerCallback = [](auto&, const std::string& path, auto&) { return fs::remove(path); };
+  start(options);
+  DiskCacheContext other = makeContext("other");
+  other.nonprunableDir = "./ctx//keep/";
+  for (int i = 0; i < 2; ++i) cache->registerContext(other);
+  cache->unregisterContext(other);
+  const std::string top = volumes[0] + "/ctx";
+  for (const char* name : {"/keep/aa/bb/aabb1", "/keeper/aabb2", "/op/en/opened.temp", "/op/en/old.temp"})
+    writeFile(top + name, "x");
+  const unsigned desc = cache->openSegment("opened");
+  EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+  EXPECT_EQ(treeOf(top), (Texts{"keep/", "keep/aa/", "keep/aa/bb/", "keep/aa/bb/aabb1", "op/", "op/en/",
+                                "op/en/opened.temp"}));
+  EXPECT_TRUE(log.has(5, "File is opened. cannot prune [" + top + "/op/en/opened.temp]"));
+  cache->closeSegment(desc);
+  cache->unregisterContext(other);
+  EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+  EXPECT_FALSE(fs::exists(top));
+}
+
+TEST_F(PrunerTest, AWalkCallsNobodyWhoHasUnregistered) {
+  options.lowWM = 0;
+  int calls = 0;
+  options.prunerCallback = [&](auto&&...) { return ++calls, !cache->unregisterContext(ctx).IsError(); };
+  start(options);
+  fill();
+  EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+  EXPECT_EQ(calls, 1);
+}
+
+// A line names an operation that a reader of the log can look up, not a step of one.
+TEST_F(PrunerTest, LinesNameTheOperationAndNotItsSteps) {
+  log.setLevel(LogLevel::Accounting);
+  options.lowWM = 0;
+  writeFile(dir / "vol1/ctx/ab/cd/abcd", "x");
+  start(options);
+  cache->addVolume(dir / "missing/\n");
+  pruner().deletePrunableSegments();
+  cache->addVolume(dir / "vol2");
+  cache->removeVolume(dir / "vol2");
+  cache->clearCache();
+  size_t walked = 0;
+  for (const LogLine& line : log.take()) {
+    for (const char* step :
+         {"Entries(", "enableVolume", "setUpVolumes", "lambda", "isEnd", "DiskCacheContexts"})
+      EXPECT_EQ(line.operation.find(step), line.operation.npos) << line.operation << ": " << line.text;
+    walked += line.operation.find("deletePrunableSegsInDir") != line.operation.npos;
+  }
+  EXPECT_GE(walked, 3U);
+}
+
 TEST_F(PrunerTest, ItsThreadWalksWhenOverTheHighWatermarkAndEndsOnceTheRunningCallbackHas) {
   for (int i = 0; i < 9; ++i) writeFile(dir / "vol1/ctx/" + std::to_string(i), "");
   options.mode = PruningMode::Random;

@@ -3,10 +3,12 @@
 #include <tuple>
 
 #include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
 
 namespace ObjectStore {
 namespace {
 
+using namespace std::literals;
 const std::string SEGMENT = "abcd-1";
 
 class ReadTest : public EngineTest {
@@ -67,6 +69,26 @@ TEST_F(ReadTest, ReadsWhatThereIsAndTellsMismatches) {
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect disk cache version (0x2); -1 Error"));
   writeFile(pathOf(SEGMENT), bytes.replace(0, 1, "\2"));
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect magic number (0xdc02); -1 Error: invalid"));
+}
+
+// Neither an honest miss nor a read costs more calls than its looks, whatever moves elsewhere.
+TEST_F(ReadTest, AMissLooksOnceIntoEachPlace) {
+  const auto callsOf = [&](const guid_t& guid) {
+    std::string buffer(8, '.');
+    std::vector<Section> one = {section(0, buffer)};
+    const FaultPlan plan;
+    cache->readSections(ctx, guid, one, false);
+    return plan.trace();
+  };
+  using Calls = std::vector<std::string>;
+  for (const guid_t& guid : {"missing"s, SEGMENT}) {
+    Calls calls = guid == SEGMENT ? Calls{"open", "read", "pread", "pread", "close"} : Calls{"open"};
+    ctx.useNonPrunableDir = false;
+    EXPECT_EQ(callsOf(guid), calls);
+    ctx.useNonPrunableDir = true;
+    calls.insert(calls.begin(), "access");
+    EXPECT_EQ(callsOf(guid), calls);
+  }
 }
 
 TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {

@@ -1,11 +1,13 @@
 // The set of volumes, the file that keeps their numbers, and the choice among them.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <numeric>
 
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
+#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
@@ -68,7 +70,7 @@ TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
       {"/x , 3 \nA,7\nB,7\nd,2\nd,1", "d,1\nd,2\n/x ,3\nB,7\n"},
       {"a,-1\nb,65536\nc,99999999999999999999999\n", "b,0\nc,65535\n"},
       {"a,1\r\nb,\t+2x\n c,0x5\nd,e,4\n", "d,0\na,1\nb,2\n"},
-      {"\n  \nnone%s\n,5\nx,", "x,0\n,5\n"},
+      {"\n  \nnone%s\n,5\nx,", "x,0\n"},  // a number without a directory is no volume
       {"a\0b,1\0 2\n"s, "a\0b,1\n"s},
       {longName + ",9\n" + longName, longName + ",9\n"}};
   for (const auto& [content, saved] : cases) {
@@ -78,6 +80,63 @@ TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
     EXPECT_EQ(readFile(m_info), saved);
   }
   EXPECT_TRUE(log.has(LogLevel::Info, "Bad volume file line: none%s"));
+}
+
+TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWritten) {
+  start(options);
+  const auto before = fs::last_write_time(m_info) - 1h;
+  fs::last_write_time(m_info, before);
+  EXPECT_EQ(cache->addVolume(m_vol2), 0);
+  EXPECT_TRUE(fs::last_write_time(m_info) == before);
+  fs::remove(m_info);
+  for (const bool isFifo : {false, true}) {
+    if (isFifo) fs::remove(m_info);
+    ASSERT_EQ(isFifo ? mkfifo(m_info.c_str(), 0600) : mkdir(m_info.c_str(), 0700), 0);
+    EXPECT_EQ(outcome(cache->addVolume(m_vol2)), "EINVAL");
+    EXPECT_EQ(outcome(Access::saveVolumeInfo(*cache)), "EINVAL");
+  }
+}
+
+TEST_F(VolumeTest, ALookUpLeavesNoVolume) {
+  options.volumes = 1;
+  start(options);
+  for (const VolIndex unknown : Indexes{0, 2}) cache->guid2path("abcdef", unknown, "ctx");
+  ctx.volume = 7;
+  cache->registerContext(ctx);
+  EXPECT_EQ(ctx.volume, 1);
+  EXPECT_EQ(outcome(cache->enableNewSegments("")), "ENOENT");
+  EXPECT_EQ(cache->addVolume(m_vol2), 0);
+  EXPECT_EQ(readFile(m_info), m_vol1 + ",1\n" + m_vol2 + ",2\n");
+}
+
+// Whichever allocation fails, the volumes, the rotation and the file are as they were; repeated, it works.
+TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
+  using Change = int (DiskCache::*)(const std::string&);
+  const std::pair<Change, std::string> changes[] = {{&DiskCache::addVolume, m_vol3 + std::string(100, 'x')},
+                                                    {&DiskCache::removeVolume, m_vol1}};
+  log.setLevel(LogLevel::Error - 1);
+  start(options);
+  const auto state = [&] {
+    std::vector<Volume> records;
+    cache->getVolumeStats(records);
+    std::string text = readFile(m_info) + std::to_string(Access::used(*cache));
+    for (const Volume& v : records)
+      text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
+    for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);
+    return text;
+  };
+  for (const auto& [change, volume] : changes) {
+    const std::string before = state();
+    int rc = ENOMEM;
+    for (size_t nth = 1; rc == ENOMEM; ++nth) {
+      EXPECT_EQ(state(), before) << "after allocation " << nth - 1;
+      const FailingNew failing(nth);
+      rc = (*cache.*change)(volume);
+    }
+    EXPECT_EQ(rc, 0);
+    EXPECT_NE(state(), before);
+    EXPECT_NE(choose(1), Indexes{0});
+  }
 }
 
 // A volume named again stands in the rotation again, and only the newest entry of one can be taken out.

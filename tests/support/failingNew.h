@@ -1,0 +1,17 @@
+// Memory that runs out.
+#pragma once
+
+#include <cstddef>
+
+namespace ObjectStore {
+
+// While it lives, the nth allocation of this thread from now on (1 is the next) throws std::bad_alloc.
+class FailingNew {
+ public:
+  explicit FailingNew(size_t nth);
+  ~FailingNew();
+  FailingNew& operator=(FailingNew&&) = delete;
+  bool happened() const;
+};
+
+}  // namespace ObjectStore
