@@ -108,15 +108,11 @@ TEST_F(FileTest, EmptyingATreeOutlastsAWriter) {
   EXPECT_EQ(outcome(emptyTree(dir / "missing")), "ENOENT");
   std::atomic<bool> stop = false;
   std::jthread writer([&] {
-    for (int i = 0; !stop; i = (i + 1) % 500) {
-      std::error_code gone;
-      fs::create_directories(dir / "tree/a/b", gone);
-      std::ofstream file(dir / "tree/a/b/" + std::to_string(i));
-    }
+    const std::string name = dir / "tree/a/new";
+    while (!stop) std::ofstream file(name);
   });
-  for (int i = 0; i < 200; ++i) {
-    std::error_code beside;
-    fs::create_directories(dir / "tree", beside);
+  for (int i = 0; i < 300; ++i) {
+    for (int file = 0; file < 10; ++file) writeFile(dir / "tree/a/" + std::to_string(file), "");
     EXPECT_EQ(outcome(emptyTree(dir / "tree")), "success");
   }
   stop = true;
