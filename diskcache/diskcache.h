@@ -63,8 +63,8 @@ class DISKCACHE_EXPORT DiskCache {
   // `migrationCallback` (may be null) told its end. Errors: those of the failing step (EINVAL for a volume
   // name that the volume file cannot hold, for a thread that cannot be had or a "migrate" file that makes
   // no sense, ENOSPC for no index left, those of the system). Steps done before a failure stay done. The root
-  // directory is locked for other engines (flock) until this one is destroyed; one that finds it locked says so
-  // in the log and goes on.
+  // directory is locked for other engines (flock) until this one is destroyed; one that finds it locked says
+  // so in the log and goes on.
   CZuError init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM, int lowWM,
                 int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback, PruningMode mode);
 
@@ -72,9 +72,9 @@ class DISKCACHE_EXPORT DiskCache {
   // the same volumes account for space wrongly and undo each other's work.
   bool isRootShared() const;
 
-  // Removes every segment and everything else below the volumes. The volumes' own directories stay, with owner
-  // and mode; one that is missing is made. Open segments, the recency list, contexts and the segment count
-  // stay. On an error the volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a
+  // Removes every segment and everything else below the volumes. The volumes' own directories stay, with
+  // owner and mode; one that is missing is made. Open segments, the recency list, contexts and the segment
+  // count stay. On an error the volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a
   // volume for long.
   CZuError clearCache();
 
@@ -83,9 +83,9 @@ class DISKCACHE_EXPORT DiskCache {
   // where it lies in a registered directory. Always succeeds but for memory.
   CZuError registerContext(DiskCacheContext& ctx);
   // Takes the reference away; ENOENT when ctx.dir is not registered. When it was the last one, the callback
-  // does not run any more on return and is not called again until the directory is registered again: a callback
-  // that runs on another thread is waited for, so hold no lock that it takes. Called from that callback itself,
-  // it does not wait.
+  // does not run any more on return and is not called until the directory is registered again: one that runs
+  // on another thread is waited for, so hold no lock that it takes. Called from that callback itself, it does
+  // not wait.
   CZuError unregisterContext(DiskCacheContext& ctx);
   // The callback registered for a directory; ENOENT when there is none.
   CZuError findPrunerCallback(const std::string& dir, PrunerCallback& out);
@@ -183,8 +183,8 @@ class DISKCACHE_EXPORT DiskCache {
   OpenSegmentInfo* segInfoFromHandle(const SegmentHandle& handle);
 
   // ---- Volumes ----------------------------------------------------------------------------------------
-  // Directories compare byte for byte. Results: 0 or a system error number. ENOMEM from addVolume, removeVolume
-  // and enableNewSegments leaves the volumes and "volume_info" as they were.
+  // Directories compare byte for byte. Results: 0 or a system error number. ENOMEM from addVolume,
+  // removeVolume and enableNewSegments leaves the volumes and "volume_info" as they were.
 
   int addVolume(const std::string& dir);
   // Stops using a volume; it keeps its index. Every other known volume is enabled, also one that was

@@ -85,8 +85,8 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
   return failWithException(RM_CODE_LOCATION);
 }
 
-// `dir` is the directory that the segment leaves. A migration may have put the two on different file systems. The
-// move is announced to the readers, who take no lock and look into one place after the other.
+// `dir` is the directory that the segment leaves. A migration may have put the two on different file systems.
+// The move is announced to the readers, who take no lock and look into one place after the other.
 CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                                 const std::string& source, const std::string& target,
                                 const RMCodeLocation& where) {

@@ -3,7 +3,8 @@
 // Internal. It sleeps until a writer wakes it or a time runs out; when the cache is over its high watermark
 // it walks the volumes and registered directories in random order and hands segments to their clients'
 // callbacks until the cache is no longer over its low watermark. It removes empty directories, never a
-// segment, and leaves the contexts' non-prunable directories alone. While it walks or calls out it holds no lock of the engine.
+// segment, and leaves the contexts' non-prunable directories alone. While it walks or calls out it holds no
+// lock of the engine.
 #pragma once
 
 #include <cstdint>

@@ -60,8 +60,8 @@ CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
 }  // namespace
 
 // Calls `look`, which looks for a segment in the places of its context and returns ENOENT when it is in none,
-// until it is found or surely absent. A segment that is moved between the two looks of one call seems to be in
-// neither place; when no move was under way meanwhile, it was not there. While its volume is migrated the places
+// until it is found or surely absent. A segment that is moved between the looks into two places seems to be
+// in neither; when no move was under way meanwhile, it was not there. While its volume is migrated the places
 // are twice as many, and one more look has to do.
 template <typename Look>
 int DiskCache::lookUntilCertain(const DiskCacheContext& ctx, Look look) {

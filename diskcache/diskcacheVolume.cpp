@@ -322,8 +322,8 @@ int DiskCache::saveVolumeInfo() {
   std::string written;
   int rc = readWholeFile(path, written);
   if (rc == 0 && written == text) return 0;
-  // Whatever else keeps the file from being read is no matter if it can be written. A FIFO that takes its place
-  // now must not be waited for.
+  // Whatever else keeps the file from being read is no matter if it can be written. A FIFO that takes its
+  // place now must not be waited for.
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
   errno = 0;
   const int fd = rc == EINVAL ? -1 : open(path.c_str(), flags, 0600);

@@ -43,8 +43,8 @@ class Directory {
 };
 
 // An advisory lock on a directory (flock), for one owner at a time on this machine, also within a process.
-// It ends with exec. A child after fork shares the open file, which is what holds the lock: so release() unlocks
-// rather than just closes, or the child would keep the lock; and it does so only in the process that took it.
+// It ends with exec. A child after fork shares the open file, which is what holds the lock: so release()
+// unlocks rather than just closes, or the child would keep the lock; and only in the process that took it.
 class DirectoryLock {
  public:
   DirectoryLock() = default;
