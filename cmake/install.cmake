@@ -6,6 +6,7 @@ set(publicHeaders
   diskcache/diskcache.h
   diskcache/diskcacheTypes.h
   diskcache/segmentFormat.h
+  diskcache/segmentGate.h
   support/atomicCounter.h
   support/config.h
   support/error.h

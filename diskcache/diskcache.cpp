@@ -179,7 +179,9 @@ std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const st
 std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
   std::string root;
   const KxCriticalSectionLock lock(&m_volumeLock);
-  const std::string& dir = volumeRecord(volume).dir;
+  const auto found = m_volumes.find(volume);
+  if (found == m_volumes.end()) return root;  // looking makes no volume
+  const std::string& dir = found->second.dir;
   root.reserve(dir.size() + room);
   root = dir;
   return root;

@@ -44,6 +44,7 @@ class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
 class SegmentFile;
+struct SegmentToWrite;
 
 class DISKCACHE_EXPORT DiskCache {
  public:
@@ -265,8 +266,10 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError readSegmentHeader(SegmentHeader& header, int fd);
   CZuError readSegmentHeader(SegmentHeader& header, std::FILE* stream);
   CZuError appendSection(int fd, VolIndex volume, const Section& section);
+  int countRefusal(int error);
   int writeFailureLevel(int error);
-  bool waitForRoom(VolIndex volume, uint64_t bytes);
+  bool waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where);
+  CZuError checkLength(const Section& section, const RMCodeLocation& where);
   uint64_t freeBytesOf(VolIndex volume);
   CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
       DC_REQUIRES(lock);
@@ -274,29 +277,41 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
 
   // openSegment and IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
-  CZuError openInTable(SegmentHandle& handle, const guid_t& guid);
-  bool isInOpenTable(const guid_t& guid);
+  CZuError openInTable(SegmentHandle& handle, const guid_t& guid, const RMCodeLocation& where);
+  bool isInOpenTable(const guid_t& guid, const RMCodeLocation& where);
 
   // Steps of the segment operations; `where` is the operation that their log lines speak for
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
+  CZuError askForRoom(CZuError error);
+  CZuError makeSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
+                       bool sync, bool nonPrune, const RMCodeLocation& where);
+  CZuError checkAbsent(const DiskCacheContext& ctx, const guid_t& guid, const std::string& path,
+                       const RMCodeLocation& where);
   CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,
-                          const std::vector<Section>& sections, bool sync);
+                          const std::vector<Section>& sections, bool sync, const RMCodeLocation& where);
   CZuError resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                           ForceDiskLoc force, OpenSegmentInfo& segment, const RMCodeLocation& where)
-      DC_REQUIRES(segment.lock);
+                           ForceDiskLoc force, const RMCodeLocation& where);
   CZuError claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
                      const RMCodeLocation& where);
-  CZuError updateSegment(int fd, const std::string& path, VolIndex volume,
-                         const std::vector<Section>& sections, OpenSegmentInfo& segment)
+  CZuError openForWrite(SegmentToWrite& target, const DiskCacheContext& ctx, const guid_t& guid,
+                        ForceDiskLoc force, const RMCodeLocation& where);
+  CZuError writeInTurn(const DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
+                       bool sync, ForceDiskLoc force, OpenSegmentInfo& segment, const RMCodeLocation& where)
       DC_REQUIRES(segment.lock);
+  CZuError updateSegment(SegmentToWrite& target, VolIndex volume, const std::vector<Section>& sections,
+                         OpenSegmentInfo& segment, const RMCodeLocation& where) DC_REQUIRES(segment.lock);
+  CZuError makeReplacement(const std::string& temporary, const std::string& path, VolIndex volume,
+                           const std::vector<Section>& sections, const RMCodeLocation& where);
   template <typename Look>
   int lookUntilCertain(const DiskCacheContext& ctx, Look look);
   CZuError openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
                        const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
-  CZuError truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
-                        bool& leaveOpen);
+  CZuError truncateFile(SegmentFile& file, const std::string& path, VolIndex volume,
+                        const SectionDesc& wanted, const RMCodeLocation& where);
+  CZuError cutAt(int fd, const std::string& path, uint64_t recordOffset, const SectionDesc& wanted,
+                 const RMCodeLocation& where);
   CZuError removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                       Recycle recycle, bool mayMove, const RMCodeLocation& where);
   CZuError recycleFile(const std::string& path, const std::string& recycleDir, const guid_t& guid,

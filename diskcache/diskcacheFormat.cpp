@@ -38,19 +38,25 @@ uint64_t printable(ssize_t count) { return static_cast<uint64_t>(count); }
 
 }  // namespace
 
+// Counts a failed write that found no room; gives its number back.
+int DiskCache::countRefusal(int error) {
+  if (error == ENOSPC) m_stats.errOutOfSpace++;
+  return error;
+}
+
 // A full file system is an expected state of a cache: it is counted, and its line is not an error line.
 int DiskCache::writeFailureLevel(int error) {
-  if (error != ENOSPC) return LogLevel::Error;
-  m_stats.errOutOfSpace++;
-  return LogLevel::NoSpace;
+  return countRefusal(error) == ENOSPC ? LogLevel::NoSpace : LogLevel::Error;
 }
 
 CZuError DiskCache::writeSegmentHeader(int fd) {
   const SegmentHeader header = freshHeader();
-  const auto [count, error] =
-      timedCall(__func__, PERF_DISK_WRITE, [&] { return ::write(fd, &header, sizeof(header)); });
-  if (count == static_cast<ssize_t>(sizeof(header))) return {};
-  return DC_FAIL(LogLevel::Error, error, "Error: Can't write header (%d)", error);
+  const Transfer written = timedWrite(__func__, sizeof(header), [&](uint64_t done) {
+    return ::write(fd, reinterpret_cast<const char*>(&header) + done, sizeof(header) - done);
+  });
+  if (written.moved(sizeof(header))) return {};
+  countRefusal(written.error);
+  return DC_FAIL(LogLevel::Error, written.error, "Error: Can't write header (%d)", written.error);
 }
 
 CZuError DiskCache::writeSegmentHeader(std::FILE* stream) {
@@ -92,22 +98,30 @@ uint64_t DiskCache::freeBytesOf(VolIndex volume) {
 }
 
 // In mode Random the pruner gets one second to make room.
-bool DiskCache::waitForRoom(VolIndex volume, uint64_t bytes) {
+bool DiskCache::waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where) {
   if (freeBytesOf(volume) >= bytes) return true;
   if (m_pruningMode == PruningMode::Random) {
     m_pruner->wakeupPrunerThread();
-    DC_LOG(LogLevel::Notice, "Out of space, trying to free more");
+    DC_LOG_AT(where, LogLevel::Notice, "Out of space, trying to free more");
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
   return freeBytesOf(volume) >= bytes;
 }
 
+CZuError DiskCache::checkLength(const Section& s, const RMCodeLocation& where) {
+  if (s.len > s.bufferSize) return failAt(where, LogLevel::Error, EINVAL, "Error: len exceeds vector size");
+  // The system would move a part only, and the section would never be whole.
+  if (s.len > MAX_TRANSFER)
+    return failAt(where, LogLevel::Error, EFBIG, "Error: section too long (%lu)", s.len);
+  return {};
+}
+
 CZuError DiskCache::appendSection(int fd, VolIndex volume, const Section& s) {
   if (s.len == 0) return DC_FAIL(LogLevel::Error, EINVAL, "Error: zero length");
-  if (s.len > s.bufferSize) return DC_FAIL(LogLevel::Error, EINVAL, "Error: len exceeds vector size");
+  if (const CZuError error = checkLength(s, RM_CODE_LOCATION); error.IsError()) return error;
   if (!isSectionType(s.type))
     return DC_FAIL(LogLevel::Error, EINVAL, "Error: invalid section type (%d)", s.type);
-  if (!waitForRoom(volume, s.len)) {
+  if (!waitForRoom(volume, s.len, RM_CODE_LOCATION)) {
     m_stats.errOutOfSpace++;
     return DC_FAIL(LogLevel::NoSpace, ENOSPC, "Error: out of space");
   }
@@ -141,13 +155,14 @@ CZuError DiskCache::appendSection(int fd, VolIndex volume, const Section& s) {
 
 CZuError DiskCache::modifySection(int fd, const Section& s, uint64_t secOff, KxCriticalSection& lock) {
   DC_LOG(LogLevel::Segment, "modifySection len=%lu off=%lu secOff=%lu", s.len, s.off, secOff);
-  if (s.len > s.bufferSize) return DC_FAIL(LogLevel::Error, EINVAL, "Error: len exceeds vector size");
+  if (const CZuError error = checkLength(s, RM_CODE_LOCATION); error.IsError()) return error;
   const Transfer data = [&] {
     const KxCriticalSectionUnlock unlock(lock);  // others may work on the segment while the bytes move
     return writeAt("modifySection", fd, s.data, s.len,
                    offsetSum(offsetSum(secOff, SECTION_DESC_SIZE), s.off));
   }();
   if (!data.moved(s.len)) {
+    countRefusal(data.error);
     return DC_FAIL(LogLevel::Error, data.error, "Error: can't write to file %d (%d), [%lu]", fd, data.error,
                    s.off);
   }

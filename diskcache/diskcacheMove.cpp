@@ -28,6 +28,11 @@ class AnnouncedMove {
   std::atomic<uint64_t>& m_done;
 };
 
+// Neither there nor absent: to go on could replace a copy or lose one, to do nothing would pass for success.
+CZuError cannotLookAt(const std::string& path, int error, const RMCodeLocation& where) {
+  return failAt(where, LogLevel::Error, error, "Error: can't look at [%s] (%d)", path.c_str(), error);
+}
+
 }  // namespace
 
 std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid) {
@@ -64,10 +69,12 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
       error.IsError())
     return error;
-  if (doesFileExist(target)) {
+  const int rc = findFile(target);
+  if (rc == 0) {
     DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
     return {};
   }
+  if (rc != ENOENT) return cannotLookAt(target, rc, RM_CODE_LOCATION);
   if (move) return moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION);
 
   if (const CZuError error = RMFile::KXCopyFile(source, target, 0); error.IsError()) {
@@ -112,7 +119,8 @@ CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, b
   if (!ctx.useNonPrunableDir) return {};
   waitForInPlaceWriters(segment);
   const CZuError error = copyOverrideSegment(ctx, guid, move);
-  return error.IsError() ? pushAndLog(error, RM_CODE_LOCATION, "Error: can't copy override") : error;
+  if (!error.IsError()) return {};
+  return askForRoom(pushAndLog(error, RM_CODE_LOCATION, "Error: can't copy override"));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -134,10 +142,12 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   if (const CZuError error = claimPath(source, guid, ctx.volume, ctx.nonprunableDir, RM_CODE_LOCATION);
       error.IsError())
     return error;
-  if (!doesFileExist(source)) {
+  const int found = findFile(source);
+  if (found == ENOENT) {
     DC_LOG(LogLevel::Segment, "src segment doesn't exist [%s]", guid.c_str());
     return {};
   }
+  if (found != 0) return cannotLookAt(source, found, RM_CODE_LOCATION);  // before the older copy is removed
   std::string target;
   if (const int rc = m_migrator->claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);

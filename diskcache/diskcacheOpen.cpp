@@ -1,9 +1,7 @@
 // The table of open segments: one shared record with a lock for each segment that is in use.
 #include "diskcache/diskcacheOpen.h"
 
-#include <chrono>
 #include <new>
-#include <thread>
 
 #include "support/log.h"
 
@@ -15,17 +13,44 @@ constexpr uint32_t NEVER_A_DESCRIPTOR = 0xFFFFFFFF;
 
 }  // namespace
 
-void waitForInPlaceWriters(OpenSegmentInfo& segment) {
-  while (segment.inPlaceWriters > 0) {
-    const KxCriticalSectionUnlock unlock(segment.lock);
-    std::this_thread::sleep_for(std::chrono::microseconds(50));
-  }
+void SegmentGate::takeTurn(KxCriticalSection& lock, bool alone) {
+  const size_t ticket = m_nextTicket++;
+  lock.waitWithoutAnyEntry(m_turnMayHaveCome, [this, ticket, alone] {
+    return m_nextServed == ticket && (alone ? m_holders == 0 : !m_isAlone);
+  });
+  ++m_nextServed;
+  ++m_holders;
+  m_isAlone = alone;
+  if (waiting() > 0) m_turnMayHaveCome.notify_all();  // the next may share this turn
 }
 
-CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) { return openInTable(handle, guid); }
+bool SegmentGate::becomeAlone(KxCriticalSection& lock) {
+  if (m_holders == 1) {
+    m_isAlone = true;
+    return true;
+  }
+  leave();
+  enterAlone(lock);
+  return false;
+}
 
-CZuError DiskCache::openInTable(SegmentHandle& handle, const guid_t& guid) try {
-  DC_LOG(LogLevel::Segment, "Opening disk segment for [%s]", guid.c_str());
+void SegmentGate::leave() {
+  m_isAlone = false;
+  if (--m_holders == 0 && waiting() > 0) m_turnMayHaveCome.notify_all();
+}
+
+SegmentTurn::SegmentTurn(OpenSegmentInfo& segment, Kind kind) : m_segment(segment) {
+  kind == Alone ? segment.gate.enterAlone(segment.lock) : segment.gate.enterShared(segment.lock);
+}
+
+void waitForInPlaceWriters(OpenSegmentInfo& segment) { const SegmentTurn turn(segment, SegmentTurn::Alone); }
+
+CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) {
+  return openInTable(handle, guid, RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::openInTable(SegmentHandle& handle, const guid_t& guid, const RMCodeLocation& where) try {
+  DC_LOG_AT(where, LogLevel::Segment, "Opening disk segment for [%s]", guid.c_str());
   const KxCriticalSectionLock lock(&m_openSegmentsLock);
   if (const auto found = m_openSegments.find(guid); found != m_openSegments.end()) {
     ++found->second->refCount;
@@ -39,18 +64,18 @@ CZuError DiskCache::openInTable(SegmentHandle& handle, const guid_t& guid) try {
     return {};
   }
   auto record = std::unique_ptr<OpenSegmentInfo>(new (std::nothrow) OpenSegmentInfo);
-  if (!record) return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+  if (!record) return failAt(where, LogLevel::Error, ENOMEM, "Error: out of memory");
   const auto [entry, inserted] = m_openSegments.try_emplace(guid, record.get());
   OpenSegmentInfo* const owned = record.release();  // by the table from here on
   if (!inserted) {
     // Not freed here, on purpose: whoever put the entry in may hold this record.
-    return DC_FAIL(LogLevel::Error, EINVAL, "Error: can't insert [%s]", entry->first.c_str());
+    return failAt(where, LogLevel::Error, EINVAL, "Error: can't insert [%s]", entry->first.c_str());
   }
   entry->second = owned;
   handle = entry;
   return {};
 } catch (...) {
-  return failWithException(RM_CODE_LOCATION);
+  return failWithException(where);
 }
 
 void DiskCache::closeSegment(SegmentHandle handle) {
@@ -100,10 +125,10 @@ void DiskCache::closeSegment(unsigned desc) {
   closeSegment(handle);
 }
 
-bool DiskCache::IsSegmentOpened(guid_t guid) { return isInOpenTable(guid); }
+bool DiskCache::IsSegmentOpened(guid_t guid) { return isInOpenTable(guid, RM_CODE_LOCATION); }
 
-bool DiskCache::isInOpenTable(const guid_t& guid) {
-  DC_LOG(LogLevel::Segment, "checking whether disk segment [%s] opened.", guid.c_str());
+bool DiskCache::isInOpenTable(const guid_t& guid, const RMCodeLocation& where) {
+  DC_LOG_AT(where, LogLevel::Segment, "checking whether disk segment [%s] opened.", guid.c_str());
   const KxCriticalSectionLock lock(&m_openSegmentsLock);
   return m_openSegments.contains(guid);
 }

@@ -11,7 +11,7 @@ namespace ObjectStore {
 class AutoOpenSegment {
  public:
   AutoOpenSegment(DiskCache& cache, const guid_t& guid) : m_cache(cache) {
-    m_error = cache.openInTable(m_handle, guid);
+    m_error = cache.openInTable(m_handle, guid, RM_CODE_LOCATION);
     m_open = !m_error.IsError();
   }
   ~AutoOpenSegment() {
@@ -35,21 +35,30 @@ class AutoOpenSegment {
   bool m_open = false;
 };
 
-// Counts its owner as a writer that overwrites payload in place. Made and destroyed with the segment's lock
-// held; between the two the lock may be given up.
-class InPlaceWriter {
+// A writer's turn at a segment that is there, for a whole operation: no copy is made, and nothing appended or
+// cut, between two of its sections. Made and destroyed with the segment's lock held; between the two the lock
+// may be given up. Making it may wait.
+class SegmentTurn {
  public:
-  explicit InPlaceWriter(OpenSegmentInfo& segment) : m_segment(segment) { ++m_segment.inPlaceWriters; }
-  ~InPlaceWriter() { --m_segment.inPlaceWriters; }
-  InPlaceWriter(const InPlaceWriter&) = delete;
-  InPlaceWriter& operator=(const InPlaceWriter&) = delete;
+  enum Kind {
+    Shared,  // overwrites sections in place, beside others that do
+    Alone,   // appends, or copies the file first
+  };
+  SegmentTurn(OpenSegmentInfo& segment, Kind kind) DC_REQUIRES(segment.lock);
+  ~SegmentTurn() DC_NO_THREAD_SAFETY_ANALYSIS { m_segment.gate.leave(); }
+  SegmentTurn(const SegmentTurn&) = delete;
+  SegmentTurn& operator=(const SegmentTurn&) = delete;
+
+  // False when others had their turn before: what was seen of the file is out of date.
+  bool becomeAlone() DC_NO_THREAD_SAFETY_ANALYSIS { return m_segment.gate.becomeAlone(m_segment.lock); }
 
  private:
   OpenSegmentInfo& m_segment;
 };
 
-// Waits, with the segment's lock held, until no writer is overwriting payload in place: such a writer has
-// given the lock up, and a copy made now could hold half of its bytes.
+// Waits, with the segment's lock held, until the writers who came before are done: one that overwrites in
+// place has given the lock up, and a copy made now could hold half of its bytes. From then on the lock alone
+// keeps others out, for as long as it is held.
 void waitForInPlaceWriters(OpenSegmentInfo& segment) DC_REQUIRES(segment.lock);
 
 }  // namespace ObjectStore

@@ -1,6 +1,7 @@
 #include "diskcache/diskcachePaths.h"
 
 #include <cerrno>
+#include <climits>
 
 #include "support/file.h"
 #include "support/log.h"
@@ -20,8 +21,8 @@ void appendSegmentDir(std::string& root, std::string_view dir, std::string_view 
   appendGuidDir(root, guid);
 }
 
-CZuError refuse(const guid_t& guid, const RMCodeLocation& where) {
-  return failAt(where, LogLevel::Error, EINVAL, "Error: invalid segment identifier [%s]", guid.c_str());
+CZuError refuse(const guid_t& guid, int errNo, const RMCodeLocation& where) {
+  return failAt(where, LogLevel::Error, errNo, "Error: invalid segment identifier [%s]", guid.c_str());
 }
 
 }  // namespace
@@ -50,11 +51,13 @@ bool isUsableGuid(std::string_view guid) {
 bool isUnfinishedCopy(std::string_view name) { return name.ends_with(RMFile::COPY_SUFFIX); }
 
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where) {
-  return isUsableGuid(guid) ? CZuError() : refuse(guid, where);
+  return isUsableGuid(guid) ? CZuError() : refuse(guid, EINVAL, where);
 }
 
 CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where) {
-  return isUnfinishedCopy(guid) ? refuse(guid, where) : checkGuid(guid, where);
+  if (guid.size() > NAME_MAX) return refuse(guid, ENAMETOOLONG, where);
+  if (isUnfinishedCopy(guid) || guid.ends_with(REPLACEMENT_SUFFIX)) return refuse(guid, EINVAL, where);
+  return checkGuid(guid, where);
 }
 
 CZuError makeSegmentPath(std::string& root, std::string_view dir, const guid_t& guid,

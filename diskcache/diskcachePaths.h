@@ -32,8 +32,11 @@ bool isUnfinishedCopy(std::string_view name);
 // Success, or EINVAL with a log line for an identifier that is not usable.
 CZuError checkGuid(const guid_t& guid, const RMCodeLocation& where);
 
-// The same for the identifier of a new segment: one that ends like an unfinished copy would be taken for
-// that.
+// replaceSegment builds the new file under the temporaryName of the segment's path with this.
+inline constexpr std::string_view REPLACEMENT_SUFFIX = ".temp";
+
+// The same for the identifier of a new segment: one that ends like an unfinished file would be taken for that
+// (EINVAL), and one that no file's name can hold is not left to fail half-way (ENAMETOOLONG).
 CZuError checkNewGuid(const guid_t& guid, const RMCodeLocation& where);
 
 // Turns a root into a segment's path and makes the segment's directory. ENOENT below the empty root of a

@@ -169,10 +169,10 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
 }
 
 // Open as a segment, or the unfinished file of one that is: taking that would make a replacement fail.
-bool DiskCachePruner::isInUse(const guid_t& name) {
-  if (m_diskCache.isInOpenTable(name)) return true;
+bool DiskCachePruner::isInUse(const guid_t& name, const RMCodeLocation& where) {
+  if (m_diskCache.isInOpenTable(name, where)) return true;
   for (const std::string_view suffix : {std::string_view(".temp"), RMFile::COPY_SUFFIX}) {
-    if (name.ends_with(suffix) && m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size())))
+    if (name.ends_with(suffix) && m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
       return true;
   }
   return false;
@@ -186,7 +186,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
     DC_LOG(LogLevel::Segment, "reached low watermark");
     return PrunerError::Done;
   }
-  if (isInUse(guid)) {
+  if (isInUse(guid, RM_CODE_LOCATION)) {
     DC_LOG(LogLevel::Segment, "File is opened. cannot prune [%s]", path.c_str());
     return PrunerError::GoOn;
   }

@@ -60,7 +60,7 @@ class DiskCachePruner {
   struct Walk;
   PrunerError pruneEntries(Directory& entries, const std::string& path, const std::string& inVolume,
                            const Walk& walk);
-  bool isInUse(const guid_t& name);
+  bool isInUse(const guid_t& name, const RMCodeLocation& where);
   static void* threadEntry(void* pruner);
   void run();
 

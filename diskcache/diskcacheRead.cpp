@@ -26,6 +26,17 @@ struct StreamCloser {
 };
 using Stream = std::unique_ptr<std::FILE, StreamCloser>;
 
+// 0 or why a segment's file cannot be had as a stream.
+int openStream(Stream& stream, const std::string& path, const char* operation) {
+  SegmentFile file(operation);
+  if (!file.open(path, O_RDONLY)) return file.error();
+  errno = 0;
+  stream.reset(fdopen(file.fd(), "rb"));
+  if (!stream) return errno;
+  file.leaveOpen();  // the stream closes it
+  return 0;
+}
+
 // Whether a record's payload can be in the file, so that a damaged length costs no giant allocation. The
 // size is asked for again when the last answer is too small: a writer may have appended since. `error` is set
 // when the size cannot be had.
@@ -128,6 +139,7 @@ CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid
     if (!read.moved(sizeof(front))) {
       DC_LOG(LogLevel::Error, "Error: can't read descriptor [%s] len=%zd (%lu,%d)", path.c_str(),
              static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
+      if (read.error == ESPIPE) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ESPIPE);  // no file, a FIFO
       s.len = 0;
       continue;
     }
@@ -166,9 +178,7 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   const char* const name = __func__;
   const int openError = lookUntilCertain(ctx, [&] {
     path = pathInUse(ctx, guid);
-    const auto opened = timedCall(name, PERF_OPEN, [&] { return std::fopen(path.c_str(), "rbe"); });
-    stream.reset(opened.value);
-    return stream ? 0 : opened.error;
+    return openStream(stream, path, name);
   });
   if (!stream) {
     return DC_FAIL(LogLevel::Error, openError, "Error: can't open file [%s] (%d)", path.c_str(), openError);
@@ -183,6 +193,8 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
     return error;
   }
   const std::vector<uint64_t> offsets = recordOffsets(header);
+  uint64_t taken =
+      0;  // payload bytes so far: records of a damaged header may overlap, not those of a whole one
   sections.resize(offsets.size());
   for (size_t j = 0; j < offsets.size(); ++j) {
     // A record that cannot be reached ends the call with success and one element less: this is meant.
@@ -208,7 +220,9 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
     }
     size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
     int readError = 0;
-    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize, readError)) {
+    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize, readError) &&
+        front.len <= fileSize - taken) {
+      taken += front.len;
       std::vector<unsigned char>& data = sections[j].data;
       data.resize(front.len);
       const auto result = timedCall(__func__, PERF_DISK_READ,

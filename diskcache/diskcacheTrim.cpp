@@ -33,36 +33,34 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
   const KxCriticalSectionLock lock(&segment.lock);
   waitForInPlaceWriters(segment);  // one that goes on after the cut would record its old length
   std::string path;
-  if (const CZuError error =
-          resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, segment, RM_CODE_LOCATION);
+  if (const CZuError error = resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, RM_CODE_LOCATION);
       error.IsError()) {
-    return error;
+    return askForRoom(error);
   }
   SegmentFile file(__func__);
   if (!file.open(path, O_RDWR | O_NOATIME)) {
     return DC_FAIL(LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
                    file.error());
   }
-  bool leaveOpen = false;
-  const CZuError error = truncateFile(file.fd(), path, ctx.volume, {type, sub, size}, leaveOpen);
-  if (leaveOpen) file.leaveOpen();
-  if (!error.IsError()) file.closeTimed();
-  return error;
+  const CZuError error = truncateFile(file, path, ctx.volume, {type, sub, size}, RM_CODE_LOCATION);
+  if (error.IsError()) return askForRoom(error);
+  file.closeTimed();
+  return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
-CZuError DiskCache::truncateFile(int fd, const std::string& path, VolIndex volume, const SectionDesc& wanted,
-                                 bool& leaveOpen) {
+CZuError DiskCache::truncateFile(SegmentFile& file, const std::string& path, VolIndex volume,
+                                 const SectionDesc& wanted, const RMCodeLocation& where) {
   SegmentHeader header;
-  if (const CZuError error = readSegmentHeader(header, fd); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+  if (const CZuError error = readSegmentHeader(header, file.fd()); error.IsError()) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
     return error;
   }
   bool found = false;
   uint64_t off = SEGMENT_HEADER_SIZE;
   if (const CZuError error = findSection(&found, &off, wanted.type, header); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: can't find section [%s]", path.c_str());
+    DC_LOG_AT(where, LogLevel::Error, "Error: can't find section [%s]", path.c_str());
     return error;
   }
   if (found) {
@@ -70,56 +68,66 @@ CZuError DiskCache::truncateFile(int fd, const std::string& path, VolIndex volum
     uint64_t lastOffset = 0;
     findLastSection(&lastType, &lastOffset, header);
     if (wanted.type != lastType) {
-      leaveOpen = true;  // meant
-      return DC_FAIL(LogLevel::Error, EEXIST, "Error: %d is not last section in [%s]", wanted.type,
-                     path.c_str());
+      file.leaveOpen();  // meant
+      return failAt(where, LogLevel::Error, EEXIST, "Error: %d is not last section in [%s]", wanted.type,
+                    path.c_str());
     }
   } else if (wanted.len == 0) {
-    DC_LOG(LogLevel::Segment, "empty section");
+    DC_LOG_AT(where, LogLevel::Segment, "empty section");
     return {};
   } else {
     // Appending nothing always fails, and the work below then goes on at offset 0, over the header's first
     // bytes. Clients know not to ask for this; what it does is kept.
-    DC_LOG(LogLevel::Segment, "section %d.%d not found in [%s]. Appending.", wanted.type, wanted.subType,
-           path.c_str());
+    DC_LOG_AT(where, LogLevel::Segment, "section %d.%d not found in [%s]. Appending.", wanted.type,
+              wanted.subType, path.c_str());
     Section empty;
     empty.type = wanted.type;
-    if (const CZuError error = appendSection(fd, volume, empty); error.IsError()) {
+    if (const CZuError error = appendSection(file.fd(), volume, empty); error.IsError()) {
       const int level = RMErrorUtil::IsErrNo(error, ENOSPC) ? LogLevel::NoSpace : LogLevel::Error;
-      DC_LOG(level, "Error: can't append section to [%s]", path.c_str());
+      DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
     }
   }
-  const Transfer front = writeAt(__func__, fd, &wanted, sizeof(wanted), off);
-  if (!front.moved(sizeof(wanted))) {
-    return DC_FAIL(LogLevel::Error, front.error, "Error: can't write to [%s] (%d)", path.c_str(),
-                   front.error);
-  }
+  return cutAt(file.fd(), path, off, wanted, where);
+}
+
+// Writes a record's front and cuts or extends the file behind its payload; what is refused is left as it was.
+CZuError DiskCache::cutAt(int fd, const std::string& path, uint64_t off, const SectionDesc& wanted,
+                          const RMCodeLocation& where) {
+  constexpr const char* operation = "truncateSection";
+  const auto cannotCut = [&](int error) {
+    return failAt(where, LogLevel::Error, error, "Error: can't truncate [%s] (%d)", path.c_str(), error);
+  };
   const uint64_t end = offsetSum(offsetSum(off, SECTION_DESC_SIZE), wanted.len);
-  const auto cut = timedCall(__func__, PERF_DISK_WRITE, [&] {
-    if (isFileOffset(end)) return ftruncate(fd, static_cast<off_t>(end));
-    errno = EINVAL;
-    return -1;
-  });
-  if (cut.value != 0) {
-    return DC_FAIL(LogLevel::Error, cut.error, "Error: can't truncate [%s] (%d)", path.c_str(), cut.error);
+  if (!isFileOffset(end)) return cannotCut(EINVAL);
+  SectionDesc old;
+  const bool known = readAt(operation, fd, &old, sizeof(old), off).moved(sizeof(old));
+  const auto putBack = [&] {
+    if (known) writeAt(operation, fd, &old, sizeof(old), off);
+  };
+  const Transfer front = writeAt(operation, fd, &wanted, sizeof(wanted), off);
+  if (!front.moved(sizeof(wanted))) {
+    putBack();
+    countRefusal(front.error);
+    return failAt(where, LogLevel::Error, front.error, "Error: can't write to [%s] (%d)", path.c_str(),
+                  front.error);
   }
-  return {};
+  const auto cut =
+      timedCall(operation, PERF_DISK_WRITE, [&] { return ftruncate(fd, static_cast<off_t>(end)); });
+  if (cut.value == 0) return {};
+  putBack();
+  return cannotCut(cut.error);
 }
 
 // Both failures are logged as tracing: a copy that is not there is an expected case.
 CZuError syncFname(const std::string& path) {
-  const auto opened = timedCall(__func__, PERF_OPEN, [&] { return std::fopen(path.c_str(), "r+e"); });
-  std::FILE* const stream = opened.value;
-  if (!stream) {
-    return DC_FAIL(LogLevel::Segment, opened.error, "can't open file [%s] (%d)", path.c_str(), opened.error);
+  SegmentFile file(__func__);
+  if (!file.open(path, O_RDWR)) {
+    return DC_FAIL(LogLevel::Segment, file.error(), "can't open file [%s] (%d)", path.c_str(), file.error());
   }
-  const auto synced = timedCall(__func__, PERF_SYNC, [&] { return fsync(fileno(stream)); });
-  errno = synced.error;
-  OBJECT_STORE_START_PERF_COUNTER(__func__, PERF_CLOSE);
-  std::fclose(stream);
-  const int error = errno;  // as it stands after the close
-  OBJECT_STORE_STOP_PERF_COUNTER(__func__, PERF_CLOSE);
+  const auto synced = timedCall(__func__, PERF_SYNC, [&] { return fsync(file.fd()); });
+  const int closeError = file.closeTimed();
   if (synced.value == 0) return {};
+  const int error = closeError != 0 ? closeError : synced.error;  // as it stands after the close
   return DC_FAIL(LogLevel::Segment, error, "can't fsync file [%s] (%d)", path.c_str(), error);
 }
 

@@ -13,14 +13,15 @@
 #include <vector>
 
 #include "diskcache/segmentFormat.h"
+#include "diskcache/segmentGate.h"
 #include "support/atomicCounter.h"
 #include "support/lock.h"
 
 namespace ObjectStore {
 
 // A segment's identifier; also its file's name. Never empty, without '/' and NUL, and with no directory
-// level ("..") among its first characters; that of a new segment does not end in ".copying". Its length is
-// not checked.
+// level ("..") among its first characters. That of a new segment has at most 255 bytes and does not end in
+// ".temp" or ".copying", which are unfinished files.
 using guid_t = std::string;
 
 // The object store's identifier lengths in characters: whole, of an extent, and the least. The cache itself
@@ -114,7 +115,7 @@ struct Stats {
   uint64_t lruMisses = 0;
   KxAtomicU64_t numPruned;      // segments handed to a callback by the pruner
   KxAtomicU64_t delayMs;        // milliseconds that writers were made to wait
-  KxAtomicU64_t errOutOfSpace;  // writes refused for lack of space
+  KxAtomicU64_t errOutOfSpace;  // writes refused for lack of space, whichever of an operation's it was
 
   void clear() { *this = Stats(); }
 };
@@ -122,10 +123,8 @@ struct Stats {
 // One open segment, shared by all who work on it.
 struct OpenSegmentInfo {
   int32_t refCount = 1;    // guarded by the table's lock
-  KxCriticalSection lock;  // held for all work on the segment's file
-  // Writers that gave `lock` up while they overwrite payload in place; changed under `lock`. Copying the
-  // file waits until there is none.
-  int32_t inPlaceWriters = 0;
+  KxCriticalSection lock;  // held for all work on the segment's file but the bytes written in place
+  SegmentGate gate DC_GUARDED_BY(lock);
 };
 
 // A position in the table of open segments; valid until its last close.

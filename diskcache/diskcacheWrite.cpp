@@ -1,4 +1,5 @@
 // Putting bytes into the cache: createSegment, writeSections, replaceSegment.
+#include <algorithm>
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
@@ -22,7 +23,47 @@ int levelOf(const CZuError& error) {
   return RMErrorUtil::IsErrNo(error, ENOSPC) ? LogLevel::NoSpace : LogLevel::Error;
 }
 
+CZuError alreadyThere(const std::string& path, const RMCodeLocation& where) {
+  return failAt(where, LogLevel::Error, EEXIST, "Error: File already exists: [%s]", path.c_str());
+}
+
+bool hasSecondPlace(const DiskCacheContext& ctx) {
+  return ctx.useNonPrunableDir && !ctx.nonprunableDir.empty();
+}
+
+// Whether a write first makes sure of an override copy.
+bool copiesFirst(const DiskCacheContext& ctx, ForceDiskLoc force) {
+  return ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable &&
+         (ctx.moveOnWrite || force == ForceDiskLoc::NonPrunable);
+}
+
+// Whether one of the sections is not there yet. A type that none can have is refused in its turn.
+bool appendsAny(const std::vector<Section>& sections, const SegmentHeader& header) {
+  const auto& offsets = header.sectionOffset;
+  return std::any_of(sections.begin(), sections.end(), [&](const Section& section) {
+    const auto type = static_cast<size_t>(section.type);  // far out of range when negative
+    return type < offsets.size() && offsets[type] == 0;
+  });
+}
+
 }  // namespace
+
+// An open segment as a write found it.
+struct SegmentToWrite {
+  std::string path;
+  SegmentFile file{"writeSections"};
+  uint64_t oldSize = 0;  // allocated bytes
+  // Read once: two sections of the same new type are both appended, and the later one counts.
+  SegmentHeader header;
+};
+
+// In mode Random a client that was told of no room finds some when it comes again.
+CZuError DiskCache::askForRoom(CZuError error) {
+  if (m_pruningMode == PruningMode::Random && RMErrorUtil::IsErrNo(error, ENOSPC)) {
+    m_pruner->wakeupPrunerThread();
+  }
+  return error;
+}
 
 CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                  const RMCodeLocation& where) {
@@ -46,92 +87,105 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
   delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
          sections.size(), sync, nonPrune);
+  return askForRoom(makeSegment(ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
+                                const std::vector<Section>& sections, bool sync, bool nonPrune,
+                                const RMCodeLocation& where) {
   const VolIndex vol = getNextVolWithSpace();
   if (vol == 0) {
-    m_stats.errOutOfSpace++;
-    return DC_FAIL(LogLevel::NoSpace, ENOSPC, "Error: Can't find volume with free space");
+    return failAt(where, LogLevel::NoSpace, countRefusal(ENOSPC), "Error: Can't find volume with free space");
   }
   ctx.volume = vol;
   if (const CZuError error = m_lru->addToLru(guid, vol, ctx.dir); error.IsError()) {
-    return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't insert into LRU: [%s]", guid.c_str());
+    return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
   }
 
   const std::string* dir = &ctx.dir;
   const uint32_t generation = m_migrator->generation();
   std::string path = m_migrator->rootFor(guid, vol, *dir);
   size_t rootLength = path.size();
-  if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
-    return error;
+  if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
 
   AutoOpenSegment open(*this, guid);
-  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
     // Under the lock the answer stays right.
     if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
-      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+      return RMErrorUtil::ErrorErrNo(where, rc);
     rootLength = path.size();
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
-      return error;
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
   }
-  if (doesFileExist(path))
-    return DC_FAIL(LogLevel::Error, EEXIST, "Error: File already exists: [%s]", path.c_str());
-  if (m_outOfSpace) return DC_FAIL(LogLevel::Segment, ENOSPC, "simulating out of space");
+  if (const CZuError error = checkAbsent(ctx, guid, path, where); error.IsError()) return error;
+  if (m_outOfSpace) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
 
-  if (nonPrune && ctx.useNonPrunableDir && !ctx.nonprunableDir.empty()) {
+  if (nonPrune && hasSecondPlace(ctx)) {
     dir = &ctx.nonprunableDir;
     if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
-      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+      return RMErrorUtil::ErrorErrNo(where, rc);
     rootLength = path.size();
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
-      return error;
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
   }
-  DC_LOG(LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, path.c_str());
+  DC_LOG_AT(where, LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, path.c_str());
 
-  constexpr int flags = O_WRONLY | O_CREAT | O_NOATIME;
-  SegmentFile file(__func__);
-  if (!file.open(path, flags, SEGMENT_MODE)) {
+  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOATIME;
+  SegmentFile file("createSegment");
+  if (!file.open(path, flags, SEGMENT_MODE) && file.error() != EEXIST) {
     // The pruner may have removed the directory while it was empty.
     path.resize(rootLength);
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, RM_CODE_LOCATION); error.IsError())
-      return error;
-    if (!file.open(path, flags, SEGMENT_MODE)) {
-      return DC_FAIL(LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path.c_str(),
-                     file.error());
-    }
+    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
+    file.open(path, flags, SEGMENT_MODE);
   }
-  if (const CZuError error = fillNewSegment(file.fd(), path, vol, sections, sync); error.IsError())
+  if (file.error() == EEXIST) return alreadyThere(path, where);  // and was not seen: a dangling link
+  if (file.fd() < 0) {
+    return failAt(where, LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path.c_str(),
+                  file.error());
+  }
+  if (const CZuError error = fillNewSegment(file.fd(), path, vol, sections, sync, where); error.IsError())
     return error;
   file.closeTimed();
   if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
   m_segmentsInCache++;
   return {};
-} catch (...) {
-  return failWithException(RM_CODE_LOCATION);
+}
+
+// A segment is in neither of its places, whichever it is to be made in: an override copy would hide it, or
+// it the copy's older bytes.
+CZuError DiskCache::checkAbsent(const DiskCacheContext& ctx, const guid_t& guid, const std::string& path,
+                                const RMCodeLocation& where) {
+  if (doesFileExist(path)) return alreadyThere(path, where);
+  if (!hasSecondPlace(ctx)) return {};
+  const std::string other = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
+  return doesFileExist(other) ? alreadyThere(other, where) : CZuError();
 }
 
 CZuError DiskCache::fillNewSegment(int fd, const std::string& path, VolIndex volume,
-                                   const std::vector<Section>& sections, bool sync) {
+                                   const std::vector<Section>& sections, bool sync,
+                                   const RMCodeLocation& where) {
   if (const CZuError error = writeSegmentHeader(fd); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: Can't write header for [%s]", path.c_str());
+    DC_LOG_AT(where, LogLevel::Error, "Error: Can't write header for [%s]", path.c_str());
     return error;
   }
   for (const Section& section : sections) {
     if (const CZuError error = appendSection(fd, volume, section); error.IsError()) {
       const int level = levelOf(error);
-      DC_LOG(level, "Error: can't append section to [%s]", path.c_str());
+      DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
       return error;
     }
   }
   uint64_t allocated = 0;
   if (const int rc = getFileSize(nullptr, &allocated, fd); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
+    return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
   }
   m_totalCacheUsed += static_cast<int64_t>(allocated);
-  DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
-         static_cast<unsigned long long>(m_totalCacheUsed.value()),
-         static_cast<unsigned long long>(allocated));
-  return sync ? syncDescriptor(fd, path, RM_CODE_LOCATION) : CZuError();
+  DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
+            static_cast<unsigned long long>(m_totalCacheUsed.value()),
+            static_cast<unsigned long long>(allocated));
+  return sync ? syncDescriptor(fd, path, where) : CZuError();
 }
 
 CZuError DiskCache::syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where) {
@@ -153,45 +207,43 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
-  // The path is resolved under the lock, so that a migration cannot move the file on.
-  std::string path;
-  if (const CZuError error = resolveForWrite(path, ctx, guid, force, segment, RM_CODE_LOCATION);
-      error.IsError())
-    return error;
-  DC_LOG(LogLevel::Segment, "writing to [%s]", path.c_str());
-
-  SegmentFile file(__func__);
-  if (!file.open(path, O_RDWR | O_NOATIME)) {
-    return DC_FAIL(LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
-                   file.error());
-  }
-  if (const CZuError error = updateSegment(file.fd(), path, ctx.volume, sections, segment); error.IsError()) {
-    return error;
-  }
-  if (sync) {
-    if (const CZuError error = syncDescriptor(file.fd(), path, RM_CODE_LOCATION); error.IsError())
-      return error;
-  }
-  file.closeTimed();
-  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
-  return {};
+  return askForRoom(writeInTurn(ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
+CZuError DiskCache::writeInTurn(const DiskCacheContext& ctx, const guid_t& guid,
+                                const std::vector<Section>& sections, bool sync, ForceDiskLoc force,
+                                OpenSegmentInfo& segment, const RMCodeLocation& where) {
+  SegmentTurn turn(segment, copiesFirst(ctx, force) ? SegmentTurn::Alone : SegmentTurn::Shared);
+  SegmentToWrite target;
+  for (;;) {
+    if (const CZuError error = openForWrite(target, ctx, guid, force, where); error.IsError()) return error;
+    if (!appendsAny(sections, target.header) || turn.becomeAlone()) break;
+    target.file.close();  // what others have made of the segment meanwhile is looked at anew
+  }
+  if (const CZuError error = updateSegment(target, ctx.volume, sections, segment, where); error.IsError()) {
+    return error;
+  }
+  if (sync) {
+    if (const CZuError error = syncDescriptor(target.file.fd(), target.path, where); error.IsError())
+      return error;
+  }
+  target.file.closeTimed();
+  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
+  return {};
+}
+
 CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                                    ForceDiskLoc force, OpenSegmentInfo& segment,
-                                    const RMCodeLocation& where) {
+                                    ForceDiskLoc force, const RMCodeLocation& where) {
   const std::string* dir = &ctx.dir;
-  if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
-    if (ctx.moveOnWrite || force == ForceDiskLoc::NonPrunable) {
-      waitForInPlaceWriters(segment);
-      if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
-        return pushAndLog(error, where, "Error: can't copy override");
-      }
-      dir = &ctx.nonprunableDir;
-    } else if (doesFileExist(segmentPath(guid, ctx.volume, ctx.nonprunableDir))) {
-      dir = &ctx.nonprunableDir;
+  if (copiesFirst(ctx, force)) {
+    if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
+      return pushAndLog(error, where, "Error: can't copy override");
+    }
+    dir = &ctx.nonprunableDir;
+  } else if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
+    if (doesFileExist(segmentPath(guid, ctx.volume, ctx.nonprunableDir))) dir = &ctx.nonprunableDir;
     }
   }
   return claimPath(path, guid, ctx.volume, *dir, where);
@@ -206,48 +258,58 @@ CZuError DiskCache::claimPath(std::string& path, const guid_t& guid, VolIndex vo
   return {};
 }
 
-CZuError DiskCache::updateSegment(int fd, const std::string& path, VolIndex volume,
-                                  const std::vector<Section>& sections, OpenSegmentInfo& segment) {
-  uint64_t oldSize = 0;
-  if (const int rc = getFileSize(nullptr, &oldSize, fd); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't get file size for [%s] (%d)", path.c_str(), rc);
+// The path is resolved under the lock, so that a migration cannot move the file on.
+CZuError DiskCache::openForWrite(SegmentToWrite& target, const DiskCacheContext& ctx, const guid_t& guid,
+                                 ForceDiskLoc force, const RMCodeLocation& where) {
+  std::string& path = target.path;
+  if (const CZuError error = resolveForWrite(path, ctx, guid, force, where); error.IsError()) return error;
+  DC_LOG_AT(where, LogLevel::Segment, "writing to [%s]", path.c_str());
+  SegmentFile& file = target.file;
+  if (!file.open(path, O_RDWR | O_NOATIME)) {
+    return failAt(where, LogLevel::Error, file.error(), "Error: can't open file [%s] (%d)", path.c_str(),
+                  file.error());
   }
-  // Read once: two sections of the same new type are both appended, and the later one counts.
-  SegmentHeader header;
-  if (const CZuError error = readSegmentHeader(header, fd); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
-    return error;
+  if (const int rc = getFileSize(nullptr, &target.oldSize, file.fd()); rc != 0) {
+    return failAt(where, LogLevel::Error, rc, "Error: can't get file size for [%s] (%d)", path.c_str(), rc);
   }
+  const CZuError error = readSegmentHeader(target.header, file.fd());
+  if (error.IsError()) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+  }
+  return error;
+}
+
+CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
+                                  const std::vector<Section>& sections, OpenSegmentInfo& segment,
+                                  const RMCodeLocation& where) {
+  const char* const path = target.path.c_str();
+  const int fd = target.file.fd();
   for (size_t i = 0; i < sections.size(); ++i) {
     bool found = false;
     uint64_t offset = 0;
-    if (const CZuError error = findSection(&found, &offset, sections[i].type, header); error.IsError()) {
-      DC_LOG(LogLevel::Error, "Error: can't search for section %zd in [%s]", static_cast<ssize_t>(i),
-             path.c_str());
+    CZuError error = findSection(&found, &offset, sections[i].type, target.header);
+    if (error.IsError()) {
+      DC_LOG_AT(where, LogLevel::Error, "Error: can't search for section %zd in [%s]",
+                static_cast<ssize_t>(i), path);
       return error;
     }
-    CZuError error;
-    if (found) {
-      const InPlaceWriter counted(segment);
-      error = modifySection(fd, sections[i], offset, segment.lock);
-    } else {
-      error = appendSection(fd, volume, sections[i]);
-    }
+    error =
+        found ? modifySection(fd, sections[i], offset, segment.lock) : appendSection(fd, volume, sections[i]);
     if (error.IsError()) {
       const int level = levelOf(error);
-      DC_LOG(level, found ? "Error: can't modify section in [%s]" : "Error: can't append section to [%s]",
-             path.c_str());
+      DC_LOG_AT(where, level,
+                found ? "Error: can't modify section in [%s]" : "Error: can't append section to [%s]", path);
       return error;
     }
   }
   uint64_t newSize = 0;
   if (const int rc = getFileSize(nullptr, &newSize, fd); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
+    return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path, rc);
   }
-  m_totalCacheUsed += static_cast<int64_t>(newSize - oldSize);
-  DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD newSize: [%llu] oldSize: [%llu]",
-         static_cast<unsigned long long>(m_totalCacheUsed.value()), static_cast<unsigned long long>(newSize),
-         static_cast<unsigned long long>(oldSize));
+  m_totalCacheUsed += static_cast<int64_t>(newSize - target.oldSize);
+  DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD newSize: [%llu] oldSize: [%llu]",
+            static_cast<unsigned long long>(m_totalCacheUsed.value()),
+            static_cast<unsigned long long>(newSize), static_cast<unsigned long long>(target.oldSize));
   return {};
 }
 
@@ -266,31 +328,44 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);
-  const std::string temporary = path + ".temp";
+  if (!known) {
+    return DC_FAIL(LogLevel::Error, ENOENT, "Error: can't open file [%s] (%d)", path.c_str(), ENOENT);
+  }
+  const std::string temporary = temporaryName(path, REPLACEMENT_SUFFIX);
+  if (const CZuError error = makeReplacement(temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
+      error.IsError())
+    return askForRoom(error);
+  const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
+  if (!error.IsError()) return {};
+  return askForRoom(
+      pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str()));
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
 
-  // Not truncated: what an earlier failure left is written over from the start, and the new sections go
-  // behind it. This is meant.
-  SegmentFile file(__func__);
-  if (!known || !file.open(temporary, O_RDWR | O_CREAT | O_NOATIME, SEGMENT_MODE)) {
-    const int rc = known ? file.error() : ENOENT;
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't open file [%s] (%d)", path.c_str(), rc);
+// Not truncated: what an earlier failure left is written over from the start, and the new sections go behind
+// it. This is meant.
+CZuError DiskCache::makeReplacement(const std::string& temporary, const std::string& path, VolIndex volume,
+                                    const std::vector<Section>& sections, const RMCodeLocation& where) {
+  SegmentFile file("replaceSegment");
+  const bool opened = file.open(temporary, O_RDWR | O_CREAT | O_NOATIME, SEGMENT_MODE);
+  // Anything but a file would be made the segment.
+  if (const int rc = opened ? getFileSize(nullptr, nullptr, file.fd()) : file.error(); rc != 0) {
+    return failAt(where, LogLevel::Error, rc, "Error: can't open file [%s] (%d)", path.c_str(), rc);
   }
   if (const CZuError error = writeSegmentHeader(file.fd()); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: can't write segment header for [%s]", path.c_str());
+    DC_LOG_AT(where, LogLevel::Error, "Error: can't write segment header for [%s]", path.c_str());
     return error;
   }
   for (const Section& section : sections) {
-    if (const CZuError error = appendSection(file.fd(), ctx.volume, section); error.IsError()) {
-      DC_LOG(LogLevel::Error, "Error: can't append section to %s", path.c_str());
+    if (const CZuError error = appendSection(file.fd(), volume, section); error.IsError()) {
+      const int level = levelOf(error);
+      DC_LOG_AT(where, level, "Error: can't append section to %s", path.c_str());
       return error;
     }
   }
   file.closeTimed();
-  const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
-  if (!error.IsError()) return {};
-  return pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str());
-} catch (...) {
-  return failWithException(RM_CODE_LOCATION);
+  return {};
 }
 
 }  // namespace ObjectStore

@@ -59,26 +59,43 @@ inline Transfer readAt(const char* operation, int fd, void* to, uint64_t length,
   return {result.value, result.error};
 }
 
-inline Transfer writeAt(const char* operation, int fd, const void* from, uint64_t length, uint64_t offset) {
-  if (!isFileOffset(offset)) return {-1, EINVAL};
-  const auto result = timedCall(operation, PERF_DISK_WRITE,
-                                [&] { return pwrite(fd, from, length, static_cast<off_t>(offset)); });
-  return {result.value, result.error};
+// The most bytes that one read or write of the system moves.
+inline constexpr uint64_t MAX_TRANSFER = 0x7ffff000;
+
+// A write that fails unless it moves all of `length` bytes; `write(done)` is asked for those behind the first
+// `done`. A write that is cut short does not tell why, so the rest is asked for once, for its number alone. When
+// the rest then goes well there was no room a moment ago.
+template <typename Write>
+Transfer timedWrite(const char* operation, uint64_t length, Write&& write) {
+  const auto first = timedCall(operation, PERF_DISK_WRITE, [&] { return write(uint64_t{0}); });
+  const Transfer told{first.value, first.error};
+  if (told.count < 0 || told.moved(length)) return told;
+  const auto rest =
+      timedCall(operation, PERF_DISK_WRITE, [&] { return write(static_cast<uint64_t>(told.count)); });
+  return {told.count, rest.value < 0 ? rest.error : ENOSPC};
 }
 
+inline Transfer writeAt(const char* operation, int fd, const void* from, uint64_t length, uint64_t offset) {
+  if (!isFileOffset(offset)) return {-1, EINVAL};
+  return timedWrite(operation, length, [&](uint64_t done) {
+    return pwrite(fd, static_cast<const char*>(from) + done, length - done,
+                  static_cast<off_t>(offset + done));
+  });
+}
+
+// A segment is a regular file: a link in its place is not followed, and a FIFO or a device not waited for.
 class SegmentFile {
  public:
   // `operation` names the caller to the counters.
   explicit SegmentFile(const char* operation) : m_operation(operation) {}
-  ~SegmentFile() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
+  ~SegmentFile() { close(); }
   SegmentFile(const SegmentFile&) = delete;
   SegmentFile& operator=(const SegmentFile&) = delete;
 
   bool open(const std::string& path, int flags, mode_t mode = 0) {
+    constexpr int always = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     const auto result =
-        timedCall(m_operation, PERF_OPEN, [&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); });
+        timedCall(m_operation, PERF_OPEN, [&] { return ::open(path.c_str(), flags | always, mode); });
     m_fd = result.value;
     m_error = result.error;
     return m_fd >= 0;
@@ -88,13 +105,19 @@ class SegmentFile {
   // errno of a failed open().
   int error() const { return m_error; }
 
-  // The closes at the end of a write are timed; all others are left to the destructor.
-  void closeTimed() {
-    timedCall(m_operation, PERF_CLOSE, [&] { return ::close(m_fd); });
+  void close() {
+    if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
   }
+  // The closes at the end of a write are timed; all others are not. 0 or errno of the close.
+  int closeTimed() {
+    const auto closed = timedCall(m_operation, PERF_CLOSE, [&] { return ::close(m_fd); });
+    m_fd = -1;
+    return closed.value == 0 ? 0 : closed.error;
+  }
 
-  // Keeps the descriptor open for the life of the process: meant, on a few failure paths.
+  // Keeps the descriptor open for the life of the process: meant, on a few failure paths. Also for one that
+  // somebody else closes from here on.
   void leaveOpen() { m_fd = -1; }
 
  private:

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <functional>
 #include <system_error>
 #include <vector>
 
@@ -198,12 +199,26 @@ int createDir(const std::string& path) {
   return rc == EEXIST && probeDir(path) == EEXIST ? 0 : rc;
 }
 
-bool doesFileExist(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+int findFile(const std::string& path) {
+  errno = 0;
+  if (access(path.c_str(), F_OK) == 0) return 0;
+  return errno == ENOTDIR || errno == ENAMETOOLONG ? ENOENT : lastError();
+}
+
+bool doesFileExist(const std::string& path) { return findFile(path) != ENOENT; }
+
+std::string temporaryName(const std::string& path, std::string_view suffix) {
+  const size_t start = path.find_last_of('/') + 1;  // 0 without a slash
+  if (path.size() - start + suffix.size() <= NAME_MAX) return path + std::string(suffix);
+  const size_t hash = std::hash<std::string_view>()(std::string_view(path).substr(start));
+  return path.substr(0, start) + std::to_string(hash) + std::string(suffix);
+}
 
 int getFileSize(uint64_t* size, uint64_t* allocated, int fd) {
   struct stat status {};
   errno = 0;
   if (fstat(fd, &status) != 0) return lastError();
+  if (!S_ISREG(status.st_mode)) return EINVAL;
   if (size) *size = static_cast<uint64_t>(status.st_size);
   if (allocated) *allocated = static_cast<uint64_t>(status.st_blocks) * 512;
   return 0;

@@ -30,10 +30,19 @@ std::string join(std::string_view a, std::string_view b, char separator);
 // else in its place is ENOTDIR or EEXIST. One system call when the directory is there.
 int createDir(const std::string& path);
 
-// Whether something can be reached at `path`; dangling links cannot.
+// 0 when something can be reached at `path`; ENOENT when there is nothing, to which a dangling link and a name
+// that no file can have lead too; any other number when the system does not tell.
+int findFile(const std::string& path);
+
+// Whether something is at `path`, or may be: what the system does not tell is left to the open that follows.
 bool doesFileExist(const std::string& path);
 
-// The length of an open file and the bytes it occupies on disk (blocks of 512); either output may be null.
+// A name beside `path` for a file that is to take its place: `path` and `suffix`, or, where that is longer than
+// a name may be, one that is made from the name and ends with `suffix` too.
+std::string temporaryName(const std::string& path, std::string_view suffix);
+
+// The length of an open regular file (anything else is EINVAL) and the bytes it occupies on disk (blocks of
+// 512); either output may be null.
 int getFileSize(uint64_t* size, uint64_t* allocated, int fd);
 int getFileSize(uint64_t* size, uint64_t* allocated, std::FILE* stream);
 
@@ -86,11 +95,11 @@ struct DISKCACHE_EXPORT RMFile {
   // The length of the file at `path` in bytes.
   static CZuError KXGetFileSize(const std::string& path, long long& size);
 
-  // KXCopyFile builds its copy under the target's name and this; left behind only by a crash, and replaced by
-  // the next copy.
+  // KXCopyFile builds its copy under the target's temporaryName with this; left behind only by a crash, and
+  // replaced by the next copy.
   static constexpr std::string_view COPY_SUFFIX = ".copying";
   static std::string temporaryCopyName(const std::string& target) {
-    return target + std::string(COPY_SUFFIX);
+    return temporaryName(target, COPY_SUFFIX);
   }
 };
 

@@ -5,8 +5,10 @@
 // Everything is inline: a read takes two locks and more, and the calls would cost as much as the locks.
 #pragma once
 
+#include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "support/export.h"
 #include "support/threadAnnotations.h"
@@ -15,6 +17,7 @@ namespace ObjectStore {
 
 struct KxCriticalSectionH {
   std::recursive_mutex mutex;
+  unsigned depth = 0;  // entries of the thread that holds it
 };
 
 class DC_CAPABILITY("mutex") KxCriticalSection {
@@ -25,11 +28,39 @@ class DC_CAPABILITY("mutex") KxCriticalSection {
   KxCriticalSection& operator=(const KxCriticalSection&) = delete;
 
   // Blocks until the calling thread holds the lock, once more if it held it already. Callers pass true.
-  void enter(bool /*wait*/) DC_ACQUIRE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->mutex.lock(); }
+  void enter(bool /*wait*/) DC_ACQUIRE() DC_NO_THREAD_SAFETY_ANALYSIS {
+    m_impl->mutex.lock();
+    ++m_impl->depth;
+  }
   // Gives up one entry of the calling thread.
-  void leave() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->mutex.unlock(); }
+  void leave() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS {
+    --m_impl->depth;
+    m_impl->mutex.unlock();
+  }
+  // Returns when `until()`, asked with the lock held and again after each notification, is true. While it
+  // waits the calling thread has no entry of the lock, and afterwards as many as before: whoever is waited
+  // for is not kept out by a caller that holds the lock already.
+  template <typename Condition>
+  void waitWithoutAnyEntry(std::condition_variable_any& changed, Condition until) DC_REQUIRES(this) {
+    AllEntries entries{*m_impl, 0};
+    while (!until()) changed.wait(entries);
+  }
 
  private:
+  // Every entry of the holding thread, as one lock.
+  struct AllEntries {
+    void unlock() {
+      count = std::exchange(section.depth, 0);
+      for (unsigned i = 0; i < count; ++i) section.mutex.unlock();
+    }
+    void lock() {
+      for (unsigned i = 0; i < count; ++i) section.mutex.lock();
+      section.depth = count;
+    }
+    KxCriticalSectionH& section;
+    unsigned count;
+  };
+
   std::unique_ptr<KxCriticalSectionH> m_impl;
 };
 

@@ -1,13 +1,10 @@
 // Override copies, and the table of open segments.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cerrno>
 #include <functional>
-#include <thread>
 
 #include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcacheOpen.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -73,31 +70,6 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
     EXPECT_EQ(Access::used(*cache) - used, after == "rr" && c.error == "success" ? 1U : 0U);
     EXPECT_TRUE(c.line.empty() || log.has(LogLevel::Error, c.line));
     EXPECT_EQ(cache->getOverriddenSegment(ctx, GUID), files[ctx.useNonPrunableDir && after[1] != '-']);
-  }
-}
-
-TEST_F(MoveTest, WaitsForWritersInPlaceAsTruncationDoes) {
-  start();
-  ctx.useNonPrunableDir = true;
-  AutoOpenSegment open(*cache, GUID);
-  OpenSegmentInfo& segment = *open.getSegInfo();
-  const auto setWriters = [&](int count) {
-    const KxCriticalSectionLock lock(&segment.lock);
-    segment.inPlaceWriters = count;
-  };
-  const std::function<CZuError()> operations[] = {
-      [&] { return cache->markDirty(ctx, GUID, true); }, [&] { return cache->moveToPrunable(ctx, GUID); },
-      [&] { return cache->truncateSection(ctx, GUID, 0, 0, 4); }};  // else a writer claims bytes cut off
-  for (const auto& operation : operations) {
-    SCOPED_TRACE(&operation - operations);
-    const FaultPlan plan;
-    setWriters(1);
-    std::atomic<bool> done = false;
-    std::thread thread([&] { operation(), done = true; });
-    while (!done && plan.count("nanosleep") < 2) sched_yield();
-    EXPECT_FALSE(done);
-    setWriters(0);
-    thread.join();
   }
 }
 

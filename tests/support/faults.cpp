@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -31,6 +32,8 @@ struct Verdict {
   size_t limit = NO_LIMIT;
   bool kills = false;
 
+  bool holds = false;
+
   size_t limited(size_t size, size_t count = 1) const { return std::min(size * count, limit); }
 };
 
@@ -46,9 +49,11 @@ struct Record {
   std::vector<std::string> trace;
   std::vector<std::chrono::nanoseconds> sleeps;
   bool skipSleeps = false;
+  enum { NotHeld, Held, Released } hold = NotHeld;
 };
 
 std::atomic<bool> g_active{false};
+std::condition_variable& g_holdChanged = *new std::condition_variable;  // outlives every thread
 
 struct LockedRecord {
   std::unique_lock<std::mutex> lock;
@@ -68,11 +73,16 @@ Verdict verdictOn(const char* call) {
   const int savedErrno = errno;  // the code under test may count on what it set
   Verdict verdict;
   {
-    const LockedRecord r = recorded();
+    LockedRecord r = recorded();
     r->trace.emplace_back(call);
     for (Fault& fault : r->faults) {
       if (fault.call != call && fault.call != FaultPlan::ANY) continue;
       if (++fault.seen == fault.nth || fault.nth == EVERY_CALL) verdict = fault.verdict;
+    }
+    if (verdict.holds && r->hold == Record::NotHeld) {
+      r->hold = Record::Held;
+      g_holdChanged.notify_all();
+      g_holdChanged.wait(r.lock, [&] { return r->hold == Record::Released; });
     }
     if (verdict.kills) raise(SIGKILL);  // under the lock: no other thread makes a call after this one
   }
@@ -93,7 +103,13 @@ FaultPlan::FaultPlan() {
 
 FaultPlan::~FaultPlan() {
   g_active = false;
-  const Record done = std::exchange(recorded().record, {});
+  release();  // which nobody who was held sees undone
+  const Record done = [] {
+    LockedRecord r = recorded();
+    Record next;
+    next.hold = Record::Released;
+    return std::exchange(r.record, std::move(next));
+  }();
   for (const Fault& fault : done.faults) {
     if (fault.seen < std::max<size_t>(fault.nth, 1))
       ADD_FAILURE() << "a fault planned for " << fault.call << " never came to pass";
@@ -108,6 +124,18 @@ FaultPlan& FaultPlan::shortTransfer(std::string_view call, size_t nth, size_t by
   return add(*this, call, nth, {0, bytes});
 }
 FaultPlan& FaultPlan::killAt(size_t nth) { return add(*this, ANY, nth, {0, NO_LIMIT, true}); }
+FaultPlan& FaultPlan::hold(std::string_view call, size_t nth) {
+  recorded()->hold = Record::NotHeld;
+  return add(*this, call, nth, {0, NO_LIMIT, false, true});
+}
+bool FaultPlan::held() const {
+  LockedRecord r = recorded();
+  return g_holdChanged.wait_for(r.lock, std::chrono::seconds(30), [&] { return r->hold == Record::Held; });
+}
+void FaultPlan::release() {
+  recorded()->hold = Record::Released;
+  g_holdChanged.notify_all();
+}
 FaultPlan& FaultPlan::skipSleeps() {
   recorded()->skipSleeps = true;
   return *this;

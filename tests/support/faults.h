@@ -26,6 +26,10 @@ class FaultPlan {
   FaultPlan& shortTransfer(std::string_view call, size_t nth, size_t bytes);
   // The nth call from now on, whichever it is, is not made: the process dies of SIGKILL in its place.
   FaultPlan& killAt(size_t nth);
+  // The nth call from now on, one at most at a time, is made only after release() or the plan's end.
+  FaultPlan& hold(std::string_view call, size_t nth);
+  bool held() const;  // false when that call did not come in time
+  void release();
   // nanosleep (and with it std::this_thread::sleep_for) returns at once; what it was asked for is kept.
   FaultPlan& skipSleeps();
 

@@ -4,6 +4,8 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -11,15 +13,15 @@
 
 namespace ObjectStore {
 
-// A tmpfs on a directory of its own. It is mounted where only this thread and those it starts from now on can
+// A tmpfs (with at most `inodes` of them when that is not 0) or an ext4 in a file, on a directory of its own. It is mounted where only this thread and those it starts from now on can
 // see it, so that not even a crash leaves it behind: make it before the engine.
 class SmallFileSystem {
  public:
-  explicit SmallFileSystem(unsigned mebibytes) {
-    const std::string options = "mode=0700,size=" + std::to_string(mebibytes) + "m";
+  enum Kind { TMPFS, EXT4 };
+  explicit SmallFileSystem(unsigned mebibytes, Kind kind = TMPFS, unsigned inodes = 0) {
     thread_local const bool mountsArePrivate =
         unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    m_mounted = mountsArePrivate && mount("tmpfs", path().c_str(), "tmpfs", 0, options.c_str()) == 0;
+    m_mounted = mountsArePrivate && (kind == TMPFS ? mountTmpfs(mebibytes, inodes) : mountExt4(mebibytes));
   }
   ~SmallFileSystem() {
     if (m_mounted) umount2(path().c_str(), MNT_DETACH);  // even when a failed test has a file open
@@ -31,6 +33,20 @@ class SmallFileSystem {
   std::string operator/(std::string_view name) const { return m_dir / name; }
 
  private:
+  bool mountTmpfs(unsigned mebibytes, unsigned inodes) {
+    std::string options = "mode=0700,size=" + std::to_string(mebibytes) + "m";
+    if (inodes != 0) options += ",nr_inodes=" + std::to_string(inodes);
+    return mount("tmpfs", path().c_str(), "tmpfs", 0, options.c_str()) == 0;
+  }
+  bool mountExt4(unsigned mebibytes) {
+    const std::string image = m_image / "image";
+    writeFile(image, "");
+    std::filesystem::resize_file(image, uint64_t{mebibytes} << 20);
+    const std::string make = "mkfs.ext4 -q -m 0 -O ^has_journal " + image;
+    return std::system((make + " && mount -o loop " + image + ' ' + path() + " 2>&1").c_str()) == 0;
+  }
+
+  TempDir m_image;
   TempDir m_dir;
   bool m_mounted = false;
 };

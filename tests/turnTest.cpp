@@ -1,0 +1,127 @@
+// Who waits for whom at one segment: writers in place, and all who must not see half of their bytes.
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <thread>
+#include <tuple>
+
+#include "diskcache/diskcacheOpen.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+constexpr const char* GUID = "abcdef";
+enum Waiter { TO_DIRTY, TO_PRUNABLE, TRUNCATE, FORCED, APPEND, MIGRATE, WAITERS };
+
+class TurnTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    start();
+    ctx.useNonPrunableDir = true;
+    put(GUID, "0123456789");
+  }
+  std::string write(const Section& one, ForceDiskLoc force = ForceDiskLoc::Default) {
+    return outcome(cache->writeSections(ctx, GUID, {one}, false, force));
+  }
+  template <typename Work>
+  static std::future<std::string> async(Work work) {
+    return std::async(std::launch::async, work);
+  }
+  std::string perform(int waiter) {
+    switch (waiter) {
+      case TO_DIRTY: return outcome(cache->markDirty(ctx, GUID, false));
+      case TO_PRUNABLE: return outcome(cache->moveToPrunable(ctx, GUID));
+      case TRUNCATE: return outcome(cache->truncateSection(ctx, GUID, 0, 0, 12));
+      case FORCED: return write(section(0, text), ForceDiskLoc::NonPrunable);
+      case APPEND: return write(section(1, text));
+      default: return outcome(cache->migrate(1, volumes[0], dir / "new"));
+    }
+  }
+  // Whether so many wait at the segment. Asked under its lock, which nobody who waits may hold.
+  bool areWaiting(size_t count) {
+    AutoOpenSegment open(*cache, GUID);
+    OpenSegmentInfo& segment = *open.getSegInfo();
+    for (const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;;) {
+      const KxCriticalSectionLock lock(&segment.lock);
+      if (segment.gate.waiting() == count) return true;
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::yield();
+    }
+  }
+
+  const std::string text = "text";
+};
+
+TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock) {
+  // The call that shows that its work is done, all before the last writer's.
+  const std::pair<int, std::string> cases[] = {{TO_DIRTY, "rename"},    {TO_PRUNABLE, "rename"},
+                                               {TRUNCATE, "ftruncate"}, {FORCED, "rename"},
+                                               {APPEND, "lseek"},       {MIGRATE, ""}};
+  for (const auto& [waiter, call] : cases) {
+    SCOPED_TRACE(waiter);
+    EXPECT_TRUE(waiter != FORCED || outcome(cache->moveToPrunable(ctx, GUID)) == "success");
+    FaultPlan plan;
+    plan.hold("pwrite", 1);
+    auto first = async([this] { return write(section(0, "ab", 0, 0)); });
+    EXPECT_TRUE(plan.held());
+    auto waiting = async([this, waiter = waiter] {
+      AutoOpenSegment open(*cache, GUID);
+      KxCriticalSection& lock = open.getSegInfo()->lock;
+      const KxCriticalSectionLock once(&lock), twice(&lock);
+      return perform(waiter);
+    });
+    EXPECT_TRUE(areWaiting(1));
+    auto later = async([this] { return write(section(0, "cd", 0, 4)); });
+    EXPECT_TRUE(areWaiting(2));
+    plan.takeTrace();
+    plan.release();
+    for (auto* done : {&first, &waiting, &later}) EXPECT_EQ(done->get(), "success");
+    const std::vector<std::string> calls = plan.trace();
+    const auto checked = std::find(calls.rbegin(), calls.rend(), "pread");  // the last writer's, of the front
+    EXPECT_TRUE(call.empty() || std::find(checked, calls.rend(), call) != calls.rend());
+    EXPECT_TRUE(areWaiting(0));
+  }
+  EXPECT_EQ(get(GUID, 1), text);
+}
+
+TEST_F(TurnTest, AppendingBesideAnExtensionLosesNeither) {
+  FaultPlan plan;
+  plan.hold("pwrite", 1);
+  const std::string more(5000, 'x');
+  auto extending = async([&] { return write(section(0, more, 0, 10)); });
+  EXPECT_TRUE(plan.held());
+  // Both of a type that is not there yet: the second finds the first one's record.
+  auto appending = async([&] { return write(section(1, "one")); });
+  EXPECT_TRUE(areWaiting(1));
+  auto again = async([&] { return write(section(1, "TWO!")); });
+  EXPECT_TRUE(areWaiting(2));
+  plan.release();
+  for (auto* done : {&extending, &appending, &again}) EXPECT_EQ(done->get(), "success");
+  EXPECT_EQ(get(GUID), "0123456789" + more);
+  EXPECT_EQ(get(GUID, 1), "TWO!");
+  EXPECT_EQ(bytesOf(GUID).size(), 136 + 16 + 5010 + 16 + 4U) << "one record of each";
+}
+
+TEST_F(TurnTest, WritersWhoNeverRestKeepNobodyOut) {
+  const std::string big(1 << 20, 'x');
+  log.setLevel(LogLevel::NoSpace);
+  EXPECT_EQ(write(section(0, big)), "success");
+  std::atomic<bool> stop{false};
+  std::vector<std::jthread> writers;
+  for (int i = 0; i < 4; ++i) {
+    writers.emplace_back([&] {
+      while (!stop) write(section(0, big));
+    });
+  }
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 10 * MIGRATE; ++i) {
+    EXPECT_EQ(perform(i % MIGRATE), "success");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, LONGEST_WAIT) << "waiter " << i % MIGRATE;
+  }
+  stop = true;
+}
+
+}  // namespace
+}  // namespace ObjectStore
