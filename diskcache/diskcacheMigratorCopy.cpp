@@ -179,7 +179,10 @@ int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& s
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
   waitForInPlaceWriters(segment);
-  if (doesFileExist(dst)) return 0;
+  if (const int rc = findFile(dst); rc != ENOENT) {  // what is not known to be there would be missing later
+    if (rc != 0) DC_LOG_AT(where, LogLevel::Error, "Error: can't look at [%s] (%d)", dst.c_str(), rc);
+    return rc;
+  }
   DC_LOG_AT(where, LogLevel::Copy, "copying [%s] [%s]", src.c_str(), dst.c_str());
   int rc = copyUnlessRemoved(src, dst);
   if (rc == ENOENT && doesFileExist(src)) {

@@ -244,7 +244,6 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
     dir = &ctx.nonprunableDir;
   } else if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
     if (doesFileExist(segmentPath(guid, ctx.volume, ctx.nonprunableDir))) dir = &ctx.nonprunableDir;
-    }
   }
   return claimPath(path, guid, ctx.volume, *dir, where);
 }

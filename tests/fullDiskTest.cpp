@@ -1,5 +1,12 @@
 // A file system that fills up for real.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <functional>
+#include <iostream>
+
 #include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
@@ -14,6 +21,19 @@ class FullDiskTest : public EngineTest {
   uint64_t freeBytes() { return std::filesystem::space(disk.path()).available; }
   static std::string payloadOf(size_t id) {
     return std::string(LONGEST / (1 + id % 5), static_cast<char>('a' + id % 23));
+  }
+  std::string write(const std::vector<Section>& sections, const guid_t& guid = "000") {
+    return outcome(cache->writeSections(ctx, guid, sections, false, ForceDiskLoc::Default));
+  }
+  // Grows a file until just so many bytes are left, as far as the file system's blocks allow.
+  static void fillUp(const std::string& ballast, uint64_t left) {
+    const std::string block(1024, 'b');
+    const int fd = ::open(ballast.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    off_t size = 0;
+    while (::write(fd, block.data(), block.size()) == ssize_t(block.size())) size += 1024;
+    EXPECT_EQ(::ftruncate(fd, std::max<off_t>(size - static_cast<off_t>(left), 0)), 0);
+    ::fsync(fd);
+    ::close(fd);
   }
   SmallFileSystem disk{8};
 };
@@ -44,7 +64,7 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   };
   EXPECT_EQ(write(section(1, "appended")), "ENOSPC");
   EXPECT_TRUE(log.has(4, "Error: out of space"));
-  EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value(), 2U);
+  EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value(), 3U);
   EXPECT_EQ(write(section(0, "extended", 0, 2 * LONGEST)), "ENOSPC");
 
   while (made-- > 0) {
@@ -54,6 +74,89 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   std::filesystem::remove(disk / "ballast");
   EXPECT_EQ(freeBytes(), empty);
   put("once more", "text");
+}
+
+// Room for so many KiB more, whichever write of an operation it is that finds no more of it.
+TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
+  for (const auto kind : {SmallFileSystem::TMPFS, SmallFileSystem::EXT4}) {
+    const SmallFileSystem small(8, kind);
+    if (!small.available()) {
+      std::cout << "this process may not mount file system " << kind << '\n';
+      continue;
+    }
+    EngineOptions options;
+    options.volumesIn = small.path();
+    start(options);
+    const std::string part(3000, 'p'), more(9000, 'm');
+    put("000", part);
+    writeFile(small / "ballast", "");
+    const std::function<std::string(const std::string&)> operations[] = {
+        [&](auto& id) {
+          return outcome(create(id, {section(0, part), section(1, part), section(2, part)}));
+        },
+        [&](auto& id) {
+          return outcome(cache->replaceSegment(ctx, id, {section(0, part), section(1, more)}));
+        },
+        [&](auto&) {
+          return write({section(0, more), section(0, part, 0, 9000)});
+        },
+        [&](auto&) {
+          return write({section(1, part), section(2, part), section(3, more)});
+        }};
+    size_t refusals = 0;
+    for (unsigned room = 0; room < 24; ++room) {
+      for (const auto& operation : operations) {
+        SCOPED_TRACE(testing::Message() << kind << ' ' << room << ' ' << &operation - operations);
+        const std::string id = "000" + std::to_string(room) + std::to_string(&operation - operations);
+        std::filesystem::remove(pathOf("000"));
+        put("000", part);
+        writeFile(pathOf(id), "");
+        std::filesystem::remove(pathOf(id));
+        fillUp(small / "ballast", room * 1024);
+        Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0, volume.free = 1 << 30; });
+        const uint64_t counted = Access::stats(*cache).errOutOfSpace.value();
+        const std::string told = operation(id);
+        EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value() - counted, told == "success" ? 0U : 1U);
+        EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
+        refusals += told == "ENOSPC";
+        std::filesystem::resize_file(small / "ballast", 0);
+        for (const char* suffix : {"", ".temp"}) std::filesystem::remove(pathOf(id) + suffix);
+      }
+    }
+    EXPECT_GT(refusals, 20U);
+    cache.reset();
+  }
+}
+
+TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
+  const SmallFileSystem few(8, SmallFileSystem::TMPFS, 20);
+  SKIP_WITHOUT(few);
+  EngineOptions options;
+  options.mode = PruningMode::Random;
+  options.volumesIn = few.path();
+  start(options);
+  const std::string text = "text", goesToSleep = "Pruner Thread will wakeup";
+  ASSERT_TRUE(log.waitFor(goesToSleep));
+  const std::function<std::string()> refused[] = {
+      [&] {  // no inode is left
+        std::string told = "success";
+        for (int i = 0; told == "success"; ++i) told = outcome(create("abcd" + std::to_string(i), {}));
+        return told;
+      },
+      [&] {  // the volume's reserve is reached
+        Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 1 << 30; });
+        return outcome(create("abcdx", {}));
+      },
+      [&] {
+        FaultPlan plan;
+        plan.fail("pwrite", 1, ENOSPC);
+        return write({section(0, text)}, "abcd0");
+      }};
+  for (const auto& operation : refused) {
+    log.clear();
+    EXPECT_EQ(operation(), "ENOSPC");
+    EXPECT_TRUE(log.waitFor(goesToSleep)) << "again, after refusal " << &operation - refused;
+  }
 }
 
 }  // namespace

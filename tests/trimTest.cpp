@@ -1,8 +1,10 @@
 // Truncating, syncing and deleting segments.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -51,10 +53,10 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
       {0, 4, "", "EEXIST", whole, {"Error: 0 is not last section in" + named}},
       {1, 0, "", "success", whole},
       {6, 4, "", "EINVAL", whole, {"Error: invalid section type (6)", "Error: can't find section" + named}},
-      {2, ~0UL, "", "EINVAL", bytes(~0UL, all), {"Error: can't truncate" + named + " (22)"}},
+      {2, ~0UL, "", "EINVAL", whole, {"Error: can't truncate" + named + " (22)"}},
       {2, 4, "open", "EIO", whole, {"Error: can't open file" + named + " (5)"}},
       {2, 4, "pwrite", "EIO", whole, {"Error: can't write to" + named + " (5)"}},
-      {2, 4, "ftruncate", "EIO", bytes(4, all), {"Error: can't truncate" + named + " (5)"}},
+      {2, 4, "ftruncate", "EIO", whole, {"Error: can't truncate" + named + " (5)"}},
       {2, 4, "close", "success", cut},
   };
   for (const auto& c : cases) {
@@ -69,6 +71,18 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
     EXPECT_EQ(openDescriptors(), descriptors + (c.outcome == "EEXIST")) << "only that one is left open";
     EXPECT_EQ(Access::openSegments(*cache), 0U);
   }
+  writeFile(path, whole);
+  const auto before = signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const rlimit small{4096, limit.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 1UL << 60)), "EFBIG");
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGXFSZ, before);
+  EXPECT_EQ(readFile(path), whole);
+
+  EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 4)), "success");
   writeFile(override, whole);
   ctx.useNonPrunableDir = true;
   EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 2)), "success");

@@ -1,9 +1,12 @@
 // Creating and writing segments; and, for the readers too, what becomes of each system call that fails.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
 #include <functional>
+#include <set>
 #include <tuple>
 
 #include "tests/support/engineFixture.h"
@@ -17,6 +20,12 @@ namespace {
 using F = ForceDiskLoc;
 
 const std::string SEGMENT = "abcd-1";
+constexpr uint64_t ONE_WRITE = 2'147'479'552;  // bytes that the system moves at most
+// Whose lines these are: operations that a reader of the log knows, never steps of one.
+const std::set<std::string> SPEAKERS{"createSegment",      "writeSections",     "replaceSegment",
+                                     "readSections",       "readAllSections",   "readCompleteSection",
+                                     "appendSection",      "modifySection",     "findSection",
+                                     "writeSegmentHeader", "readSegmentHeader", "getNextVolWithSpace"};
 const std::string HELLO = "hello";
 const std::string LONG = std::string(9'997, '\0') + "end";
 
@@ -44,7 +53,11 @@ class WriteTest : public EngineTest {
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(Access::openSegments(*cache), 0U);
     std::string text;
-    for (const std::string& line : log.takeTexts()) text += "; " + line;
+    for (const LogLine& line : log.take()) {
+      text += "; " + std::to_string(line.level) + ' ' + line.text;
+      const std::string name = line.operation.substr(0, line.operation.find('('));
+      EXPECT_TRUE(SPEAKERS.contains(name.substr(name.find_last_of(':') + 1))) << line.operation;
+    }
     for (const auto& [name, what] : {std::pair{"DETAILS", failure.AsString(EErrorOutputFormat::Detailed)},
                                      {"FILE", pathOf(SEGMENT)},
                                      {"VOL", volumes[0]},
@@ -123,7 +136,8 @@ TEST_F(WriteTest, CreateAtEachFailingCall) {
 statvfs mkdir access open write fstat fsync close | success [0.] counted new
 statvfs | ENOSPC none refused; 4 Can't get free space for VOL (28); 4 Error: Can't find volume with free space
 mkdir | ENOSPC none; -1 Error: Can't create directory for segment creation: [VOL/ctx/ab/cd]
-write | ENOSPC []; -1 Error: Can't write header (28); -1 Error: Can't write header for [FILE]
+access | EEXIST none; -1 Error: File already exists: [FILE]
+write | ENOSPC [] refused; -1 Error: Can't write header (28); -1 Error: Can't write header for [FILE]
 fstat | ENOSPC [0.]; -1 Error: can't get file size [FILE] (28)
 fsync | ENOSPC [0.] counted; -1 Error: can't fsync file [FILE] (28)
 )");
@@ -140,7 +154,7 @@ open fstat read pwrite pread pwrite lseek pwrite pwrite pwrite fstat fsync close
 open | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't open file [FILE] (28)
 fstat | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't get file size for [FILE] (28)
 read | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't read segment header, size=-1 (28); -1 Error: invalid segment header for [FILE]
-pwrite | ENOSPC [136.0.7.0.5.0.start]; -1 Error: can't write to file FD (28), [3]; 4 Error: can't modify section in [FILE]
+pwrite | ENOSPC [136.0.7.0.5.0.start] refused; -1 Error: can't write to file FD (28), [3]; 4 Error: can't modify section in [FILE]
 pread | ENOSPC [136.0.7.0.5.0.stahello]; -1 Error: can't read from file FD (28); 4 Error: can't modify section in [FILE]
 pwrite | ENOSPC [136.0.7.0.5.0.stahello] refused; 4 Error: can't write to file FD (28); 4 Error: can't modify section in [FILE]
 lseek | EINVAL [136.0.255.255.255.255.255.255.255.255.0.7.0.8.0.stahello]; -1 Error: can't write to file FD (MAX,22) len=10000; -1 Error: can't append section to [FILE]
@@ -150,21 +164,22 @@ pwrite | ENOSPC [136.0.160.7.0.8.0.stahello0.end] refused; 4 Error: can't write 
 fstat | ENOSPC [136.0.160.7.0.8.0.stahello3.0.16.39.0.end]; -1 Error: can't get file size [FILE] (28)
 fsync | ENOSPC [136.0.160.7.0.8.0.stahello3.0.16.39.0.end] counted; -1 Error: can't fsync file [FILE] (28)
 read cut | EIO [136.0.7.0.5.0.start]; -1 Error: can't read segment header, size=2 (0); -1 Error: invalid segment header for [FILE]
-pwrite cut | error 0 [136.0.7.0.5.0.stahe]; -1 Error: can't write to file FD (0), [3]; -1 Error: can't modify section in [FILE]
+pwrite cut | ENOSPC [136.0.7.0.5.0.stahello] refused; -1 Error: can't write to file FD (28), [3]; 4 Error: can't modify section in [FILE]
 pread cut | error 0 [136.0.7.0.5.0.stahello]; -1 Error: can't read from file FD (0); -1 Error: can't modify section in [FILE]
-pwrite cut | error 0 [136.0.7.0.8.0.stahello]; -1 Error: can't write to file FD (0); -1 Error: can't modify section in [FILE]
-pwrite cut | error 0 [136.0.160.7.0.8.0.stahello]; -1 Error: can't write to file FD (2,0); -1 Error: can't append section to [FILE]
-pwrite cut | error 0 [136.0.160.7.0.8.0.stahello0.]; -1 Error: can't write to file FD (2,0) len=10000; -1 Error: can't append section to [FILE]
-pwrite cut | error 0 [136.0.160.7.0.8.0.stahello3.0.end]; -1 Error: can't write to file FD (2,0) len=16; -1 Error: can't append section to [FILE]
+pwrite cut | ENOSPC [136.0.7.0.8.0.stahello] refused; 4 Error: can't write to file FD (28); 4 Error: can't modify section in [FILE]
+pwrite cut | ENOSPC [136.0.160.7.0.8.0.stahello] refused; 4 Error: can't write to file FD (2,28); 4 Error: can't append section to [FILE]
+pwrite cut | ENOSPC [136.0.160.7.0.8.0.stahello0.end] refused; 4 Error: can't write to file FD (2,28) len=10000; 4 Error: can't append section to [FILE]
+pwrite cut | ENOSPC [136.0.160.7.0.8.0.stahello3.0.16.39.0.end] refused; 4 Error: can't write to file FD (2,28) len=16; 4 Error: can't append section to [FILE]
 )");
 }
 
 TEST_F(WriteTest, ReplaceAtEachFailingCall) {
   const auto replace = [&] { return cache->replaceSegment(ctx, SEGMENT, {}); };
   EXPECT_EQ(sweepWrites("\xdc\xdc\1\0\0\0\0\0old"s, replace, false), R"(
-open write close rename | success [0.]
+open fstat write close rename | success [0.]
 open | ENOSPC [old]; -1 Error: can't open file [FILE] (28)
-write | ENOSPC [old] aside []; -1 Error: Can't write header (28); -1 Error: can't write segment header for [FILE]
+fstat | ENOSPC [old] aside []; -1 Error: can't open file [FILE] (28)
+write | ENOSPC [old] aside [] refused; -1 Error: Can't write header (28); -1 Error: can't write segment header for [FILE]
 rename | ENOSPC [old] aside [0.]; -1 DETAILS: Can't rename [FILE.temp] to [FILE]: No space left on device (28)
 )");
   // What a failure left is written over, not cut: the new sections go behind it.
@@ -215,6 +230,7 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
   const std::tuple<int32_t, uint64_t, uint64_t, int64_t, std::string> refusals[] = {
       {6, 0, 0, 0, "EINVAL; -1 Error: zero length"},
       {6, 5, 4, 0, "EINVAL; -1 Error: len exceeds vector size"},
+      {6, ONE_WRITE + 1, ONE_WRITE + 1, 0, "EFBIG; -1 Error: section too long (2147479553)"},
       {6, 5, 5, 0, "EINVAL; -1 Error: invalid section type (6)"},
       {5, 5, 5, 4, "ENOSPC; 4 Error: out of space"}};
   for (const auto& [type, len, bufferSize, free, expected] : refusals) {
@@ -223,8 +239,13 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
     one[0].bufferSize = bufferSize;
     Access::changeVolume(*cache, 1, [bytes = free](Volume& volume) { volume.free = bytes; });
     EXPECT_EQ(run([&] { return outcome(cache->replaceSegment(ctx, SEGMENT, one)); }),
-              expected + "; -1 Error: can't append section to FILE");
+              expected + (type == 5 ? "; 4" : "; -1") + " Error: can't append section to FILE");
   }
+  // In place as well, and before a byte is written.
+  std::vector<Section> two = {section(0, HELLO), section(0, HELLO)};
+  two[0].len = two[0].bufferSize = ONE_WRITE + 1;
+  EXPECT_EQ(outcome(cache->writeSections(ctx, "abcd-0", two, false, F::Default)), "EFBIG");
+  EXPECT_EQ(get("abcd-0"), "makes the directories");
   const auto make = [&] { return outcome(create(SEGMENT, {section(0, HELLO)})); };
   EXPECT_EQ(run(make, 7, ENOSPC),
             "ENOSPC; 4 Error: can't write to file FD (MAX,28); 4 Error: can't append section to [FILE]");
@@ -247,6 +268,104 @@ TEST_F(WriteTest, WhereSectionsAreWrittenTo) {
     const std::string copied = std::filesystem::exists(copy) ? readFile(copy).substr(152) : "none";
     EXPECT_EQ(bytesOf(SEGMENT).substr(152) + ", " + copied, expected);
   }
+}
+
+// A segment is a file: nothing else is followed, waited for, replaced or taken for one.
+TEST_F(WriteTest, WhatLiesAtThePathIsLeftAlone) {
+  namespace fs = std::filesystem;
+  ctx.useNonPrunableDir = true;
+  put("elsewhere", "precious");
+  const std::string target = pathOf("elsewhere"), precious = readFile(target);
+  std::vector<SectionV> all;
+  std::string buffer = "........", bytes = "changed";
+  std::vector<Section> out = {section(0, buffer)}, in = {section(0, bytes)};
+  uint64_t size = 0;
+  const std::function<std::string()> operations[] = {
+      [&] { return get(SEGMENT); },
+      [&] { return outcome(cache->readSections(ctx, SEGMENT, out, false)); },
+      [&] { return outcome(cache->readAllSections(ctx, SEGMENT, all)); },
+      [&] { return outcome(cache->getSectionSize(size, ctx, SEGMENT, 0, 0)); },
+      [&] { return outcome(cache->writeSections(ctx, SEGMENT, in, false, F::Default)); },
+      [&] { return outcome(cache->truncateSection(ctx, SEGMENT, 0, 0, 1)); },
+      [&] { return outcome(syncFname(pathOf(SEGMENT))); },
+      [&] { return outcome(cache->replaceSegment(ctx, SEGMENT, {})); }};
+  for (const std::string kind : {"link", "fifo", "full fifo", "directory"}) {
+    const auto lay = [&](const std::string& path) {
+      fs::remove_all(path);
+      if (kind == "link") fs::create_symlink(target, path);
+      if (kind == "directory") fs::create_directory(path);
+      if (kind.ends_with("fifo")) ::mkfifo(path.c_str(), 0600);
+    };
+    for (const auto& operation : operations) {
+      SCOPED_TRACE(kind + std::to_string(&operation - operations));
+      const bool replaces = &operation == std::end(operations) - 1;
+      const std::string path = pathOf(SEGMENT) + (replaces ? ".temp" : "");
+      fs::remove_all(pathOf(SEGMENT));
+      lay(path);
+      const int full = kind == "full fifo" ? ::open(path.c_str(), O_RDWR | O_NONBLOCK) : -1;
+      EXPECT_TRUE(full < 0 || ::write(full, precious.data(), precious.size()) > 0);
+      EXPECT_NE(operation(), "success");
+      EXPECT_EQ(readFile(target), precious);
+      EXPECT_FALSE(fs::is_regular_file(path) && kind != "link");
+      EXPECT_FALSE(replaces && fs::exists(pathOf(SEGMENT)));
+      if (full >= 0) ::close(full);
+      fs::remove_all(path);
+    }
+  }
+}
+
+TEST_F(WriteTest, ANewSegmentTakesNobodysPlace) {
+  namespace fs = std::filesystem;
+  ctx.useNonPrunableDir = true;
+  for (const std::string& path : {pathOf(SEGMENT), nonPrunablePathOf(SEGMENT)}) {
+    for (const bool nonPrune : {false, true}) {
+      for (const bool dangling : {false, true}) {
+        SCOPED_TRACE(path + (nonPrune ? " non-prunable" : "") + (dangling ? " dangling" : ""));
+        if (dangling && (path == pathOf(SEGMENT)) == nonPrune) continue;  // absent to those who look there
+        writeFile(path, "there");
+        if (dangling) fs::remove(path), fs::create_symlink(dir / "nowhere", path);
+        log.clear();
+        EXPECT_EQ(outcome(cache->createSegment(ctx, SEGMENT, {}, false, nonPrune, false)), "EEXIST");
+        EXPECT_EQ(log.takeTexts(), std::vector{"-1 Error: File already exists: [" + path + ']'});
+        EXPECT_TRUE(dangling ? !fs::exists(dir / "nowhere") : readFile(path) == "there");
+        fs::remove(path);
+      }
+    }
+  }
+  for (const std::string& name : {"x.temp"s, "x.copying"s, std::string(256, 'x')}) {
+    const std::string told = name.size() > 255 ? "ENAMETOOLONG" : "EINVAL";
+    const FaultPlan plan;
+    EXPECT_EQ(outcome(create(name, {})) + outcome(cache->replaceSegment(ctx, name, {})), told + told);
+    EXPECT_EQ(plan.trace(), std::vector<std::string>());
+  }
+  // The longest name can be replaced and copied, and its neighbour is another segment.
+  const std::string longest(255, 'y'), other = longest.substr(1) + 'z';
+  put(other, "other");
+  put(longest, "old");
+  for (const bool move : {false, true}) {
+    EXPECT_EQ(outcome(cache->replaceSegment(ctx, longest, {section(0, HELLO)})), "success");
+    EXPECT_EQ(outcome(cache->markDirty(ctx, longest, move)), "success");
+    EXPECT_EQ(outcome(cache->moveToPrunable(ctx, longest)), "success");
+  }
+  EXPECT_EQ(get(longest) + get(other), HELLO + "other");
+}
+
+// Whatever the system answers but "no such file" is told, not taken for one.
+TEST_F(WriteTest, AnUnclearAnswerIsNotAbsence) {
+  ctx.useNonPrunableDir = true;
+  put(SEGMENT, "old");
+  ASSERT_EQ(outcome(cache->markDirty(ctx, SEGMENT, false)), "success");
+  ASSERT_EQ(outcome(cache->writeSections(ctx, SEGMENT, {section(0, "new"s)}, false, F::Default)), "success");
+  const auto unclear = [&](const std::function<std::string()>& operation, size_t nth = 1) {
+    FaultPlan plan;
+    plan.fail("access", nth, EIO);
+    return operation();
+  };
+  EXPECT_EQ(unclear([&] { return get(SEGMENT); }), "new") << "not the older copy";
+  EXPECT_EQ(unclear([&] { return outcome(cache->moveToPrunable(ctx, SEGMENT)); }), "EIO");
+  EXPECT_EQ(unclear([&] { return outcome(cache->markDirty(ctx, SEGMENT, true)); }, 2), "EIO");
+  EXPECT_EQ(get(SEGMENT), "new");
+  EXPECT_TRUE(unclear([&] { return std::to_string(cache->doesSegmentExist(ctx, SEGMENT)); }) == "1");
 }
 
 }  // namespace
