@@ -209,9 +209,9 @@ void create(CacheSession& session, const Options& options, Input& input) {
 }
 
 void run(const Options& options) {
-  if (options.id.ends_with(RMFile::COPY_SUFFIX)) {
+  if (options.id.ends_with(RMFile::COPY_SUFFIX) || options.id.ends_with(".temp")) {
     throw Failure(ExitStatus::BadInput,
-                  fmt::format("{}: ends like the cache's own unfinished copies", options.id));
+                  fmt::format("{}: ends like the cache's own unfinished files", options.id));
   }
   Input input(options.file);
   if (input.length() == 0) {
