@@ -5,10 +5,10 @@
 // directory trees and then creates, reads, writes and deletes segments.
 //
 // Threads: init() runs alone. After it, any thread may call any operation; work that changes one segment is
-// serialised by that segment's lock, readers take no lock. Sections are overwritten in place beside each other;
-// who appends, truncates, copies or moves the segment waits for those who came before, and who comes later waits
-// for it. A caller that holds the segment's lock already, however often, has none of its entries during such a
-// wait, and all of them after it. The destructor runs alone again; it stops the
+// serialised by that segment's lock, readers take no lock. Sections are overwritten in place beside each
+// other; who appends, truncates, copies or moves the segment waits for those who came before, and who comes
+// later waits for it. A caller that holds the segment's lock already, however often, has none of its entries
+// during such a wait, and all of them after it. The destructor runs alone again; it stops the
 // pruner and a migration first. Operations that write may make their caller wait up to a second while the
 // cache is over its high watermark (create, write, markDirty, moveToPrunable).
 //
@@ -96,12 +96,12 @@ class DISKCACHE_EXPORT DiskCache {
 
   // ---- Creating and writing ---------------------------------------------------------------------------
   // A section is written from its `len` bytes at `data`, to position `off` of its payload; `len` is at least
-  // 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL; above 2,147,479,552, which is what the system
-  // writes at once, EFBIG. No room is ENOSPC, whichever write found none; each counts in "DC.errOutOfSpace", and
-  // in mode Random the pruner is woken. It gives up segments only when the cache is over its high watermark: keep
-  // that below 95 %, where volumes begin to refuse new segments. A new segment's identifier: see guid_t (EINVAL,
-  // ENAMETOOLONG). A link, FIFO or device in a segment's place is an error, here and in reading, and is left as it
-  // is.
+  // 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL; above 2,147,479,552, which is what the
+  // system writes at once, EFBIG. No room is ENOSPC, whichever write found none; each counts in
+  // "DC.errOutOfSpace", and in mode Random the pruner is woken. It gives up segments only when the cache is
+  // over its high watermark: keep that below 95 %, where volumes begin to refuse new segments. A new segment's
+  // identifier: see guid_t (EINVAL, ENAMETOOLONG). A link, FIFO or device in a segment's place is an error,
+  // here and in reading, and is left as it is.
 
   // Makes a new segment of these sections, on the next volume with room, and stores that volume in
   // ctx.volume. `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has
@@ -149,8 +149,9 @@ class DISKCACHE_EXPORT DiskCache {
   // ---- Truncating, syncing, deleting ------------------------------------------------------------------
 
   // Makes the section of `type`, which must be the last of the file (EEXIST), `size` bytes long and gives
-  // it the sub-type `sub`. A size that is refused (EINVAL, EFBIG) leaves the section as it was. Do not call it with a size above 0 for a section that is not there: the record
-  // front then lands on the header and the segment is lost to readers.
+  // it the sub-type `sub`. A size that is refused (EINVAL, EFBIG) leaves the section as it was. Do not call
+  // it with a size above 0 for a section that is not there: the record front then lands on the header and the
+  // segment is lost to readers.
   CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
                            uint64_t size);
 

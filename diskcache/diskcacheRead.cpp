@@ -193,8 +193,7 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
     return error;
   }
   const std::vector<uint64_t> offsets = recordOffsets(header);
-  uint64_t taken =
-      0;  // payload bytes so far: records of a damaged header may overlap, not those of a whole one
+  uint64_t taken = 0;  // bytes of payload so far: those of a whole segment do not overlap
   sections.resize(offsets.size());
   for (size_t j = 0; j < offsets.size(); ++j) {
     // A record that cannot be reached ends the call with success and one element less: this is meant.
@@ -221,7 +220,7 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
     size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
     int readError = 0;
     if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize, readError) &&
-        front.len <= fileSize - taken) {
+        taken + front.len <= fileSize) {
       taken += front.len;
       std::vector<unsigned char>& data = sections[j].data;
       data.resize(front.len);

@@ -140,8 +140,8 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
     if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
     file.open(path, flags, SEGMENT_MODE);
   }
-  if (file.error() == EEXIST) return alreadyThere(path, where);  // and was not seen: a dangling link
   if (file.fd() < 0) {
+    if (file.error() == EEXIST) return alreadyThere(path, where);  // and was not seen: a dangling link
     return failAt(where, LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path.c_str(),
                   file.error());
   }

@@ -13,8 +13,9 @@
 
 namespace ObjectStore {
 
-// A tmpfs (with at most `inodes` of them when that is not 0) or an ext4 in a file, on a directory of its own. It is mounted where only this thread and those it starts from now on can
-// see it, so that not even a crash leaves it behind: make it before the engine.
+// A tmpfs (with at most `inodes` when that is not 0) or an ext4 in a file, on a directory of its own. It is
+// mounted where only this thread and those it starts from now on can see it, so that not even a crash leaves
+// it behind: make it before the engine.
 class SmallFileSystem {
  public:
   enum Kind { TMPFS, EXT4 };
