@@ -172,7 +172,8 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
 bool DiskCachePruner::isInUse(const guid_t& name, const RMCodeLocation& where) {
   if (m_diskCache.isInOpenTable(name, where)) return true;
   for (const std::string_view suffix : {std::string_view(".temp"), RMFile::COPY_SUFFIX}) {
-    if (name.ends_with(suffix) && m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
+    if (name.ends_with(suffix) &&
+        m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
       return true;
   }
   return false;

@@ -15,6 +15,7 @@
 
 #include "diskcache/diskcacheTypes.h"
 #include "support/atomicCounter.h"
+#include "support/error.h"
 #include "support/event.h"
 #include "support/thread.h"
 
