@@ -87,6 +87,8 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
 
 CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
+  // A copy that is being made must not bring back what is cleared.
+  const DiskCacheMigrator::Pause pause(*m_migrator);
   const KxCriticalSectionLock lock(&m_volumeLock);
   m_totalCacheUsed = 0;
   for (auto& [index, volume] : m_volumes) {

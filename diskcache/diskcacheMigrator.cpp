@@ -213,7 +213,8 @@ void DiskCacheMigrator::terminate() {
   for (KXThread& thread : m_threads) thread.joinThread(KXThread::WAIT_FOREVER, nullptr);
 }
 
-DiskCacheMigrator::Pause::Pause(DiskCacheMigrator& migrator) : m_noStart(migrator.stopAndLock()) {
+DiskCacheMigrator::Pause::Pause(DiskCacheMigrator& migrator) DC_NO_THREAD_SAFETY_ANALYSIS
+    : m_noStart(migrator.stopAndLock()) {
   migrator.terminate();
 }
 

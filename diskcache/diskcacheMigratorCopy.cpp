@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 #include <string_view>
 
 #include "diskcache/diskcache.h"
@@ -171,14 +172,15 @@ int DiskCacheMigrator::move(const std::string& source, const std::string& target
 int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                                    const RMCodeLocation& where) {
   if (isUnfinishedCopy(guid)) return 0;  // what a crash left of a copy
-  AutoOpenSegment open(m_diskCache, guid);
-  if (!open.opened()) {
+  const QuietSegment segment(m_diskCache, guid);
+  // What a failed replacement left is written over by the next one, under the lock of the segment that it replaces.
+  std::optional<QuietSegment> replaced;
+  if (guid.ends_with(REPLACEMENT_SUFFIX))
+    replaced.emplace(m_diskCache, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));
+  if (const int rc = replaced && replaced->error() != 0 ? replaced->error() : segment.error(); rc != 0) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't open segment [%s] (%d)", guid.c_str(), 0);
-    return RMErrorUtil::GetErrNo(open.error());
+    return rc;
   }
-  OpenSegmentInfo& segment = *open.getSegInfo();
-  const KxCriticalSectionLock lock(&segment.lock);
-  waitForInPlaceWriters(segment);
   if (const int rc = findFile(dst); rc != ENOENT) {  // what is not known to be there would be missing later
     if (rc != 0) DC_LOG_AT(where, LogLevel::Error, "Error: can't look at [%s] (%d)", dst.c_str(), rc);
     return rc;

@@ -136,13 +136,8 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
 }
 
 int DiskCacheMigrator::bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where) {
-  const guid_t guid = name.substr(name.rfind('/') + 1);
-  AutoOpenSegment open(m_diskCache, guid);
-  if (!open.opened()) return RMErrorUtil::GetErrNo(open.error());
-  OpenSegmentInfo& segment = *open.getSegInfo();
-  const KxCriticalSectionLock lock(&segment.lock);
-  waitForInPlaceWriters(segment);
-  return bringBack(job, name, where);
+  const QuietSegment segment(m_diskCache, name.substr(name.rfind('/') + 1));
+  return segment.error() != 0 ? segment.error() : bringBack(job, name, where);
 }
 
 // A segment that is not there was deleted, or is back already.

@@ -140,13 +140,7 @@ void DiskCache::waitForSegmentWork() {
     const KxCriticalSectionLock lock(&m_openSegmentsLock);
     for (const auto& [guid, segment] : m_openSegments) inUse.push_back(guid);
   }
-  for (const guid_t& guid : inUse) {
-    AutoOpenSegment open(*this, guid);
-    if (!open.opened()) continue;
-    OpenSegmentInfo& segment = *open.getSegInfo();
-    const KxCriticalSectionLock lock(&segment.lock);
-    waitForInPlaceWriters(segment);
-  }
+  for (const guid_t& guid : inUse) const QuietSegment once(*this, guid);
 }
 
 OpenSegmentInfo* DiskCache::segInfoFromHandle(const SegmentHandle& handle) { return handle->second; }

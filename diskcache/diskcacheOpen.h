@@ -61,4 +61,21 @@ class SegmentTurn {
 // keeps others out, for as long as it is held.
 void waitForInPlaceWriters(OpenSegmentInfo& segment) DC_REQUIRES(segment.lock);
 
+// A segment that nobody changes: open, with its lock held and its writers waited for.
+class QuietSegment {
+ public:
+  QuietSegment(DiskCache& cache, const guid_t& guid) DC_NO_THREAD_SAFETY_ANALYSIS
+      : m_open(cache, guid),
+        m_lock(m_open.opened() ? &m_open.getSegInfo()->lock : nullptr) {
+    if (m_open.opened()) waitForInPlaceWriters(*m_open.getSegInfo());
+  }
+
+  // 0, or why the table could not take the segment: there is then no lock to work under.
+  int error() const { return RMErrorUtil::GetErrNo(m_open.error()); }
+
+ private:
+  AutoOpenSegment m_open;
+  const KxCriticalSectionLock m_lock;
+};
+
 }  // namespace ObjectStore

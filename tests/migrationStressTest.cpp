@@ -55,7 +55,6 @@ class MigrationStressTest : public EngineTest {
     const auto operation = static_cast<unsigned>(random() % 11);
     switch (operation) {
       case 0:
-        if (now.override) return;  // TEMP
         if (now.inUse())
           expected = "EEXIST";
         else

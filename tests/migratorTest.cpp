@@ -60,6 +60,50 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
     EXPECT_EQ(fs::exists(fs::path(target) / names[i] / "sub/file"), i != 4 && i != 7) << i;
 }
 
+// Beside the bytes of the segments: empty directories and such that look like leftovers, but no leftover files.
+TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
+  startWithFour();
+  fs::create_directories(source + "/empty");
+  for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
+    writeFile(source + name, "of the source");
+  for (const char* name : {"/c/f.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(ends(), ended("success", target));
+  Texts expected = treeOf(source);
+  std::erase(expected, "c/f.copying");
+  EXPECT_EQ(treeOf(target), expected);
+}
+
+TEST_F(MigratorTest, ClearingEndsAMigrationAndLeavesNothingOfEitherSide) {
+  startWithFour();
+  ctx.dir = "spare";
+  put("changed", "the old text");
+  HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+  const std::string text = "the new text";
+  cache->replaceSegment(ctx, "changed", {section(0, text)});
+  auto cleared = std::async(std::launch::async, [&] { return outcome(cache->clearCache()); });
+  while (!Access::isStopping(*cache)) std::this_thread::yield();
+  hold.release();
+  EXPECT_EQ(cleared.get(), "success");
+  EXPECT_EQ(std::exchange(s_ends, {}), ended("EINTR", target));
+  EXPECT_EQ(treeOf(source), Texts{"recycle/"});
+  log.clear();
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(get("changed"), "[ENOENT]");
+  EXPECT_EQ(ends(), ended("success", target));
+  EXPECT_EQ(get("changed"), "[ENOENT]");
+}
+
+TEST_F(MigratorTest, BeforeInitNothingMoves) {
+  cache = std::make_unique<DiskCache>(PersistentVolumes::No);
+  fs::create_directories(source + "/d");
+  const Texts tree = treeOf(dir.path());
+  EXPECT_EQ(outcome(cache->migrate(1, source, target)), "EINVAL");
+  EXPECT_EQ(treeOf(dir.path()), tree);
+}
+
 TEST_F(MigratorTest, AFileThatMakesNoSenseIsRefused) {
   startWithFour();
   const Texts contents{"2\n/a\n", "2\n\n/b\n", "x1\n/a\n/b", "65536\n/a\n/b", std::string(17 << 20, '1')};
@@ -75,8 +119,10 @@ TEST_F(MigratorTest, AFileThatMakesNoSenseIsRefused) {
 }
 
 TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
-  const std::pair<std::string, mode_t> cases[] = {
-      {dir / "root/../vol1/.", S_IFREG}, {dir / "link/new", S_IFREG}, {target, S_IFIFO}};
+  const std::pair<std::string, mode_t> cases[] = {{dir / "root/../vol1/.", S_IFREG},
+                                                  {dir / "link/new", S_IFREG},
+                                                  {dir.path(), S_IFREG},
+                                                  {target, S_IFIFO}};
   fs::create_directory_symlink(source, dir / "link");
   for (const auto& [to, type] : cases) {
     SCOPED_TRACE(to);
@@ -123,8 +169,8 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
                    "EIO: opendir readdir fstatat readdir stat", "told EIO: opendir readdir fstatat readdir",
                    "told EINVAL: thread",
                    "told EIO: mkdir opendir readdir fstatat access open fstat open copy_file_range close",
-                   "told success: close", "told EIO: rename", "told success: access",
-                   "told EIO: readdir stat", "told success: mkdir open write close unlink"}));
+                   "told success: close access", "told EIO: rename readdir stat",
+                   "told success: mkdir open write close unlink"}));
 }
 
 TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {

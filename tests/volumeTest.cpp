@@ -70,7 +70,7 @@ TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
       {"/x , 3 \nA,7\nB,7\nd,2\nd,1", "d,1\nd,2\n/x ,3\nB,7\n"},
       {"a,-1\nb,65536\nc,99999999999999999999999\n", "b,0\nc,65535\n"},
       {"a,1\r\nb,\t+2x\n c,0x5\nd,e,4\n", "d,0\na,1\nb,2\n"},
-      {"\n  \nnone%s\n,5\nx,", "x,0\n"},  // a number without a directory is no volume
+      {"\n  \nnone%s\n,5\nx,", "x,0\n"},
       {"a\0b,1\0 2\n"s, "a\0b,1\n"s},
       {longName + ",9\n" + longName, longName + ",9\n"}};
   for (const auto& [content, saved] : cases) {
@@ -97,14 +97,18 @@ TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWr
   }
 }
 
-TEST_F(VolumeTest, ALookUpLeavesNoVolume) {
+// Asking about a volume that is not there makes none, and what an older engine has left of such is no volume.
+TEST_F(VolumeTest, LookingMakesNoVolume) {
   options.volumes = 1;
+  writeFile(m_info, ",0\n" + m_vol1 + ",1\n,9\n");
   start(options);
-  for (const VolIndex unknown : Indexes{0, 2}) cache->guid2path("abcdef", unknown, "ctx");
-  ctx.volume = 7;
-  cache->registerContext(ctx);
-  EXPECT_EQ(ctx.volume, 1);
-  EXPECT_EQ(outcome(cache->enableNewSegments("")), "ENOENT");
+  for (const VolIndex unknown : {VolIndex{0}, VolIndex{77}}) {
+    ctx.volume = unknown;
+    EXPECT_EQ(get("abcdef"), "[ENOENT]");
+    EXPECT_EQ(outcome(cache->deleteSegment(ctx, "abcdef", false, false, Recycle::No)), "success");
+    EXPECT_EQ(outcome(cache->registerContext(ctx)), "success");
+    EXPECT_EQ(ctx.volume, 1) << "the only one";
+  }
   EXPECT_EQ(cache->addVolume(m_vol2), 0);
   EXPECT_EQ(readFile(m_info), m_vol1 + ",1\n" + m_vol2 + ",2\n");
 }
