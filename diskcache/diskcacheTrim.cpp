@@ -68,7 +68,7 @@ CZuError DiskCache::truncateFile(int fd, const std::string& path, VolIndex volum
   if (found) {
     int lastType = -1;
     uint64_t lastOffset = 0;
-    findLastSection(&lastType, &lastOffset, header);
+    (void)findLastSection(&lastType, &lastOffset, header);  // one that cannot be found is not the wanted one
     if (wanted.type != lastType) {
       leaveOpen = true;  // meant
       return DC_FAIL(LogLevel::Error, EEXIST, "Error: %d is not last section in [%s]", wanted.type,

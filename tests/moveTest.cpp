@@ -93,7 +93,7 @@ TEST_F(MoveTest, WaitsForWritersInPlaceAsTruncationDoes) {
     const FaultPlan plan;
     setWriters(1);
     std::atomic<bool> done = false;
-    std::thread thread([&] { operation(), done = true; });
+    std::thread thread([&] { (void)operation(), done = true; });
     while (!done && plan.count("nanosleep") < 2) sched_yield();
     EXPECT_FALSE(done);
     setWriters(0);

@@ -16,7 +16,7 @@ class ReadTest : public EngineTest {
   void SetUp() override {
     start();
     log.setLevel(LogLevel::NoSpace);
-    create(SEGMENT, {section(3, "worlds", 9), section(0, "hello", 7)});  // records at 136 and 158
+    (void)create(SEGMENT, {section(3, "worlds", 9), section(0, "hello", 7)});  // records at 136 and 158
     log.clear();
   }
   // "outcome; level text" and how many descriptors on the volume were left open, which are closed.
@@ -117,10 +117,10 @@ TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
     const CZuError error = cache->readAllSections(ctx, SEGMENT, all);
     for (const SectionV& s : all)
       ASSERT_TRUE(s.data.capacity() <= bytes.size() && (error.IsError() || has(s.data)));
-    cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)}, false,
-                         ForceDiskLoc::Default);
+    (void)cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)},
+                               false, ForceDiskLoc::Default);
     renew(bytes);
-    cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
+    (void)cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
     ASSERT_EQ(Access::openSegments(*cache), 0U);
     told({});  // closes what was left open
   };
