@@ -22,6 +22,7 @@ RecencyTable::~RecencyTable() {
 
 void RecencyTable::swap(RecencyTable& other) noexcept {
   std::swap(m_blocks, other.m_blocks);
+  std::swap(m_first, other.m_first);
   std::swap(m_slots, other.m_slots);
   std::swap(m_dirs, other.m_dirs);
   std::swap(m_newest, other.m_newest);
@@ -91,6 +92,7 @@ void RecencyTable::reservePosition() {
   if (m_free != NONE || m_end < m_blocks.size() * BLOCK_ENTRIES) return;
   if (m_blocks.size() == MOST_BLOCKS) throw std::bad_alloc();
   m_blocks.emplace_back(BLOCK_BYTES);
+  m_first = m_blocks.front().as<Entry>();
 }
 
 void RecencyTable::dropReserve() noexcept {

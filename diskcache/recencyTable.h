@@ -107,8 +107,11 @@ class RecencyTable {
   // The highest position plus one stays below NONE.
   static constexpr size_t MOST_BLOCKS = NONE / BLOCK_ENTRIES;
 
+  // The branch is easier to foresee than a pointer is to load, and a small list has but the first block.
   Entry& entry(Position position) const noexcept {
-    return m_blocks[position / BLOCK_ENTRIES].as<Entry>()[position % BLOCK_ENTRIES];
+    return position < BLOCK_ENTRIES
+               ? m_first[position]
+               : m_blocks[position / BLOCK_ENTRIES].as<Entry>()[position % BLOCK_ENTRIES];
   }
   // Whoever finds an entry is about to move it: its neighbours are on their way while it is compared.
   bool isAt(Position position, std::string_view guid) const noexcept {
@@ -133,6 +136,7 @@ class RecencyTable {
   bool checkFree() const;
 
   std::vector<PageRun> m_blocks;
+  Entry* m_first = nullptr;  // the first block
   SlotTable m_slots;
   CountedNames m_dirs;
   Position m_newest = NONE;
