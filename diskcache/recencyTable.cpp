@@ -69,9 +69,9 @@ void RecencyTable::unlink(const Entry& gone) noexcept {
 
 void RecencyTable::reserve(std::string_view guid, std::string_view dir) {
   reserveText(guid);
-  reserveDir(dir);
   reservePosition();
   m_slots.reserve();
+  reserveDir(dir);
 }
 
 void RecencyTable::reserveText(std::string_view guid) {

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "diskcache/guidHash.h"
+#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 
 namespace ObjectStore {
@@ -121,6 +122,18 @@ TEST_F(RecencyTableTest, FailedMemoryChangesNothing) {
   FaultPlan plan;
   plan.fail("mmap", 1, ENOMEM);
   EXPECT_THROW(table.reserve("first", "dir"), std::bad_alloc);
+  table.dropReserve();
+  EXPECT_EQ(table.dirs(), 0U);
+  for (size_t nth = 1, failed = 1; failed != 0; ++nth) {  // from the heap: what keeps a directory's name
+    const FailingNew failing(nth);
+    try {
+      table.reserve("first", "a directory whose name does not lie in place");
+    } catch (const std::bad_alloc&) {
+      EXPECT_TRUE(table.CheckInvariants());
+      EXPECT_EQ(table.dirs(), 0U);
+    }
+    failed = failing.happened() ? 1 : 0;
+  }
   table.dropReserve();
   EXPECT_EQ(table.dirs(), 0U);
   size_t failures = 0;
