@@ -77,7 +77,7 @@ TEST_F(ReadTest, AMissLooksOnceIntoEachPlace) {
     std::string buffer(8, '.');
     std::vector<Section> one = {section(0, buffer)};
     const FaultPlan plan;
-    cache->readSections(ctx, guid, one, false);
+    (void)cache->readSections(ctx, guid, one, false);
     return plan.trace();
   };
   using Calls = std::vector<std::string>;

@@ -102,7 +102,7 @@ TEST_F(VolumeTest, ALookUpLeavesNoVolume) {
   start(options);
   for (const VolIndex unknown : Indexes{0, 2}) cache->guid2path("abcdef", unknown, "ctx");
   ctx.volume = 7;
-  cache->registerContext(ctx);
+  (void)cache->registerContext(ctx);
   EXPECT_EQ(ctx.volume, 1);
   EXPECT_EQ(outcome(cache->enableNewSegments("")), "ENOENT");
   EXPECT_EQ(cache->addVolume(m_vol2), 0);
