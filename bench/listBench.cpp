@@ -1,25 +1,39 @@
-// The recency list against a bare list and map of the same records: memory, touching a known segment,
-// adding to a full list. No disk is used.
+// The recency list against a bare list and map of the same records, and against the leanest list: memory,
+// touching a known segment, adding to a full list, and how long single insertions take while the list grows.
+// No disk is used.
 #include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <memory>
 #include <random>
 
 #include "bareList.h"
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheLru.h"
+#include "flatList.h"
 #include "frame.h"
+
+namespace ObjectStore {
+
+struct DiskCacheTestAccess {
+  static size_t mappedBytes(DiskcacheLRU& list) {
+    const KxCriticalSectionLock lock(&list.m_lruLock);
+    return list.m_table.mappedBytes();
+  }
+};
+
+}  // namespace ObjectStore
 
 using namespace ObjectStore;
 using namespace bench;
 
 namespace {
 
-constexpr int ROUNDS = 7;
-constexpr size_t BATCH = 100'000;
-constexpr size_t BYTES_AN_ENTRY = 600;  // of both lists together, generously
+constexpr int ROUNDS = 21;
+constexpr size_t BATCH = 50'000;
+constexpr size_t BYTES_AN_ENTRY = 600;  // of all lists together, generously
 const std::string DIR = "bench";
 
 // 44 characters, and no order in them.
@@ -38,23 +52,36 @@ size_t heapBytes() {
   return heap.uordblks + heap.hblkhd;
 }
 
-// Both lists, each with the numbers 0 to entries-1 in it.
+enum { ENGINE, BARE, LEAN, LISTS };
+constexpr const char* NAMES[] = {"diskcache", "floor", "lean"};
+
+// The lists, each with the numbers 0 to entries-1 in it.
 class Lists {
  public:
-  explicit Lists(size_t entries) : m_entries(entries), m_next(entries) {
+  explicit Lists(size_t entries) : m_entries(entries), m_next(entries), m_lean(entries) {
     m_engine.init(entries);
-    m_engineBytes = bytesOf([this](const std::string& guid) { addToEngine(guid); });
-    m_bareBytes = bytesOf([this](const std::string& guid) { addToBare(guid); });
+    const auto fill = [this](int list) {
+      const size_t before = heapBytes();
+      for (size_t i = 0; i < m_entries; ++i) add(list, guidOf(i));
+      return static_cast<double>(heapBytes() - before);
+    };
+    m_engineBytes = fill(ENGINE) + static_cast<double>(DiskCacheTestAccess::mappedBytes(m_engine));
+    m_bareBytes = fill(BARE);
+    fill(LEAN);
   }
 
-  // In the engine's pruning mode before init(), Random, a full list forgets its oldest entry.
-  void addToEngine(const std::string& guid) {
-    require(!m_engine.addToLru(guid, 1, DIR).IsError(), "addToLru");
+  void add(int list, const std::string& guid) {
+    switch (list) {
+      case ENGINE:
+        // In the engine's pruning mode before init(), Random, a full list forgets its oldest entry.
+        return require(!m_engine.addToLru(guid, 1, DIR).IsError(), "addToLru");
+      case BARE: return m_bare.touch(guid, 1, DIR, m_entries);
+      default: return m_lean.touch(guid, 1, DIR);
+    }
   }
-  void addToBare(const std::string& guid) { m_bare.touch(guid, 1, DIR, m_entries); }
 
-  double engineBytes() const { return m_engineBytes; }
-  double bareBytes() const { return m_bareBytes; }
+  double engineBytes() const { return m_engineBytes / static_cast<double>(m_entries); }
+  double bareBytes() const { return m_bareBytes / static_cast<double>(m_entries); }
 
   std::vector<std::string> known(uint64_t round) const {
     std::mt19937_64 random(round);
@@ -65,12 +92,6 @@ class Lists {
   }
 
  private:
-  template <typename Add>
-  double bytesOf(Add&& add) const {
-    const size_t before = heapBytes();
-    for (size_t i = 0; i < m_entries; ++i) add(guidOf(i));
-    return static_cast<double>(heapBytes() - before) / static_cast<double>(m_entries);
-  }
   template <typename Draw>
   static std::vector<std::string> batch(Draw&& draw) {
     std::vector<std::string> guids(BATCH);
@@ -83,30 +104,24 @@ class Lists {
   DiskCache m_cache{PersistentVolumes::No};
   DiskcacheLRU m_engine{m_cache};
   BareList m_bare;
+  FlatList m_lean;
   double m_engineBytes = 0;
   double m_bareBytes = 0;
 };
 
 // Who goes first, and so finds the batch cold, changes from round to round.
 void compare(Figures& figures, Lists& lists, const std::vector<std::string>& guids, uint64_t round) {
-  double engine = 0;
-  double bare = 0;
-  const auto runEngine = [&] {
-    engine = secondsOf([&] {
-      for (const std::string& guid : guids) lists.addToEngine(guid);
+  double seconds[LISTS];
+  for (int turn = 0; turn < LISTS; ++turn) {
+    const int list = static_cast<int>((round + static_cast<uint64_t>(turn)) % LISTS);
+    seconds[list] = secondsOf([&] {
+      for (const std::string& guid : guids) lists.add(list, guid);
     });
-  };
-  const auto runBare = [&] {
-    bare = secondsOf([&] {
-      for (const std::string& guid : guids) lists.addToBare(guid);
-    });
-  };
-  if (round % 2 == 0) runBare();
-  runEngine();
-  if (round % 2 == 1) runBare();
-  figures["diskcache/ratio"] = engine / bare;
-  figures["diskcache/ns"] = engine * 1e9 / BATCH;
-  figures["floor/ns"] = bare * 1e9 / BATCH;
+  }
+  for (int list = 0; list < LISTS; ++list) {
+    figures[NAMES[list] + std::string("/ns")] = seconds[list] * 1e9 / BATCH;
+    if (list != BARE) figures[NAMES[list] + std::string("/ratio")] = seconds[list] / seconds[BARE];
+  }
 }
 
 void addList(std::unique_ptr<Lists>& lists, size_t entries) {
@@ -127,6 +142,36 @@ void addList(std::unique_ptr<Lists>& lists, size_t entries) {
   });
 }
 
+double processorSeconds() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+// Single insertions into a list that grows to that many entries, the longest of them also in the processor's
+// time: what others do on the machine is not in it.
+void addPauses(size_t entries) {
+  addRounds("listGrow/" + std::to_string(entries), 1, [entries](Figures& figures) {
+    DiskCache cache(PersistentVolumes::No);
+    DiskcacheLRU list(cache);
+    list.init(~0UL);
+    std::vector<float> us(entries);
+    double mostOfProcessor = 0;
+    for (size_t i = 0; i < entries; ++i) {
+      const std::string guid = guidOf(i);
+      const double begin = processorSeconds();
+      us[i] = static_cast<float>(
+          secondsOf([&] { require(!list.addToLru(guid, 1, DIR).IsError(), "addToLru"); }) * 1e6);
+      mostOfProcessor = std::max(mostOfProcessor, processorSeconds() - begin);
+    }
+    std::sort(us.begin(), us.end());
+    figures["diskcache/p50_us"] = us[entries / 2];
+    figures["diskcache/p9999_us"] = us[entries - 1 - entries / 10'000];
+    figures["diskcache/most_us"] = us.back();
+    figures["diskcache/processor_most_us"] = mostOfProcessor * 1e6;
+  });
+}
+
 bool hasRoomFor(size_t entries) {
   const auto free =
       static_cast<size_t>(sysconf(_SC_AVPHYS_PAGES)) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -138,9 +183,10 @@ bool hasRoomFor(size_t entries) {
 int main(int argc, char** argv) {
   const Options options = parseOptions(argc, argv);
   std::unique_ptr<Lists> lists;
-  for (const size_t entries : {size_t{1'000'000}, size_t{10'000'000}}) {
+  for (const size_t entries : {size_t{20'000}, size_t{1'000'000}, size_t{10'000'000}}) {
     if ((entries > 1'000'000 && options.isQuick) || !hasRoomFor(entries)) continue;
     addList(lists, entries);
+    addPauses(entries);
   }
   return runRounds(argc, argv);
 }

@@ -13,7 +13,7 @@ namespace ObjectStore {
 
 DiskcacheLRU::~DiskcacheLRU() {
   const KxCriticalSectionLock lock(&m_lruLock);
-  std::cout << "hash size=" << m_lruMap.size() << std::endl;
+  std::cout << "hash size=" << m_table.slots() << std::endl;
 }
 
 int DiskcacheLRU::init(unsigned long maxEntries) {
@@ -24,125 +24,153 @@ int DiskcacheLRU::init(unsigned long maxEntries) {
 CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::string& dir) {
   DC_LOG(LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
          static_cast<uint64_t>(m_maxLruEntries));
-  const Key key(guid);
+  const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
+  if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
+    m_table.moveToFront(known);
+    return {};
+  }
   try {
-    if (const auto found = m_lruMap.find(key); found != m_lruMap.end()) {
-      moveToFront(found->second);
-      return {};
+    if (const CZuError error = insert(key, vol, dir); error.IsError()) {
+      m_table.dropReserve();
+      return pushAndLog(error, RM_CODE_LOCATION, "Error: No prunable items in LRU");
     }
-    if (m_numEntries.value() >= m_maxLruEntries) {
-      if (m_diskCache.m_pruningMode != PruningMode::Random) {
-        if (const CZuError error = pruneFromBack(); error.IsError()) {
-          return pushAndLog(error, RM_CODE_LOCATION, "Error: No prunable items in LRU");
-        }
-      } else if (!m_lruList.empty()) {
-        // The entry goes, the counter stays: see m_numEntries.
-        m_lruMap.erase(Key(m_lruList.back().guid));
-        m_lruList.pop_back();
+    return {};
+  } catch (const std::bad_alloc&) {
+    m_table.dropReserve();
+    return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+  }
+}
+
+// Nothing is dropped, and nobody asked, before there is memory for the new entry.
+CZuError DiskcacheLRU::insert(const Key& key, VolIndex vol, const std::string& dir) {
+  m_table.reserve(key.guid, dir);
+  if (m_numEntries.value() >= m_maxLruEntries) {
+    if (m_diskCache.m_pruningMode != PruningMode::Random) {
+      if (const CZuError error = pruneFromBack(); error.IsError()) return error;
+      // The callback may have put the segment in itself, or used the memory for another.
+      if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
+        m_table.dropReserve();
+        m_table.moveToFront(known);
+        return {};
+      }
+      m_table.reserve(key.guid, dir);
+    } else if (!m_table.empty()) {
+      m_table.erase(m_table.oldest());  // the entry goes, the counter stays: see m_numEntries
+    }
+  }
+  m_table.pushFront(key, vol);
+  m_numEntries++;
+  return {};
+}
+
+CZuError DiskcacheLRU::pruneFromBack() {
+  // A callback that adds to the list is not asked again while it decides.
+  bool isRefused = m_pruning;
+  for (uint64_t i = 0; !isRefused && i < m_numEntries.value() && !m_table.empty(); ++i) {
+    if (giveUpOldestOne(RM_CODE_LOCATION)) return {};
+    isRefused = m_numEntries.value() >= m_maxLruEntries;
+  }
+  if (!isRefused) return {};
+  return DC_FAIL(LogLevel::Segment, ENOSPC, "lru out of space");
+}
+
+CZuError DiskcacheLRU::giveUpOldest(uint64_t n, uint64_t& given) {
+  try {
+    for (given = 0; given < n; ++given) {
+      const KxCriticalSectionLock lock(&m_lruLock);  // anew for each: others get their turn in between
+      if (m_table.empty()) break;
+      if (m_pruning || !giveUpOldestOne(RM_CODE_LOCATION)) {
+        return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
       }
     }
-    insertFront(key, vol, dir);
     return {};
   } catch (const std::bad_alloc&) {
     return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
   }
 }
 
-void DiskcacheLRU::insertFront(Key key, VolIndex vol, const std::string& dir) {
-  // Most often that of the entry before.
-  const bool isSame = !m_lruList.empty() && m_lruList.front().dir == dir;
-  m_lruList.push_front({guid_t(key.guid), vol, isSame ? m_lruList.front().dir : *m_dirs.insert(dir).first});
-  try {
-    key.guid = m_lruList.front().guid;
-    const auto [entry, added] = m_lruMap.try_emplace(key, m_lruList.begin());
-    if (added) {
-      m_numEntries++;
-      return;
-    }
-    m_lruList.pop_front();  // the callback that made room put the segment in itself
-    moveToFront(entry->second);
-  } catch (...) {
-    m_lruList.pop_front();
-    throw;
-  }
+// One that is given up leaves the list, one that is refused moves to the front.
+bool DiskcacheLRU::giveUpOldestOne(const RMCodeLocation& where) {
+  const Position back = m_table.oldest();
+  const LruInfo oldest{guid_t(m_table.guid(back)), m_table.volume(back), m_table.dir(back)};
+  const bool givenUp = askClient(where, oldest);
+  if (givenUp) DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+  const Position asked = m_table.find(keyOf(oldest.guid));  // the callback may have changed the list
+  if (asked != RecencyTable::NONE) givenUp ? erase(asked) : m_table.moveToFront(asked);
+  return givenUp;
 }
 
-CZuError DiskcacheLRU::pruneFromBack() {
-  const auto outOfSpace = [] {
-    DC_LOG(LogLevel::Segment, "lru out of space");
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
-  };
-  if (m_pruning) return outOfSpace();  // a callback that adds to the list is not asked again while it decides
-  for (uint64_t i = 0; i < m_numEntries.value() && !m_lruList.empty(); ++i) {
-    const LruInfo oldest = m_lruList.back();  // the callback may change the list
-    const bool givenUp = askClient(oldest);
-    const auto entry = m_lruMap.find(Key(oldest.guid));
-    if (givenUp) {
-      DC_LOG(LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
-      if (entry != m_lruMap.end()) erase(entry->second);
-      return {};
-    }
-    if (entry != m_lruMap.end()) moveToFront(entry->second);
-    if (m_numEntries.value() >= m_maxLruEntries) return outOfSpace();
-  }
-  return {};
-}
-
-bool DiskcacheLRU::askClient(const LruInfo& entry) {
-  const std::string dir(entry.dir);
-  const std::string path = m_diskCache.guid2path(entry.guid, entry.vol, dir);
+bool DiskcacheLRU::askClient(const RMCodeLocation& where, const LruInfo& entry) {
+  const std::string path = m_diskCache.guid2path(entry.guid, entry.vol, entry.dir);
   m_pruning = true;
   bool givenUp = false;
   try {
-    const CZuError error = m_diskCache.m_contexts->ask(givenUp, dir, path, entry.guid);
-    if (error.IsError()) DC_LOG(LogLevel::Error, "Error: %s", error.AsString().c_str());
+    const CZuError error = m_diskCache.m_contexts->ask(givenUp, entry.dir, path, entry.guid);
+    if (error.IsError()) DC_LOG_AT(where, LogLevel::Error, "Error: %s", error.AsString().c_str());
   } catch (...) {
-    DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
+    DC_LOG_AT(where, LogLevel::Error, "Error: pruning callback of [%s] threw", entry.dir.c_str());
   }
   m_pruning = false;
   return givenUp;
 }
 
 bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
-  const Key key(guid);
+  const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  const auto found = m_lruMap.find(key);
-  if (found == m_lruMap.end()) {
+  const Position found = m_table.find(key);
+  if (found == RecencyTable::NONE) {
     ++m_diskCache.m_stats.lruMisses;
     return false;
   }
-  if (moveToFrontIfFound) moveToFront(found->second);
+  if (moveToFrontIfFound) m_table.moveToFront(found);
   ++m_diskCache.m_stats.lruHits;
   return true;
 }
 
-void DiskcacheLRU::removeFromLru(const guid_t& guid) {
-  const Key key(guid);
+bool DiskcacheLRU::touch(const guid_t& guid) {
+  const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  if (const auto found = m_lruMap.find(key); found != m_lruMap.end()) erase(found->second);
+  const Position found = m_table.find(key);
+  if (found == RecencyTable::NONE) return false;
+  m_table.moveToFront(found);
+  return true;
 }
 
-void DiskcacheLRU::moveToFront(Position entry) { m_lruList.splice(m_lruList.begin(), m_lruList, entry); }
+bool DiskcacheLRU::findVolume(const guid_t& guid, VolIndex& volume) {
+  const Key key = keyOf(guid);
+  const KxCriticalSectionLock lock(&m_lruLock);
+  const Position found = m_table.find(key);
+  if (found == RecencyTable::NONE) return false;
+  volume = m_table.volume(found);
+  return true;
+}
+
+void DiskcacheLRU::removeFromLru(const guid_t& guid) {
+  const Key key = keyOf(guid);
+  const KxCriticalSectionLock lock(&m_lruLock);
+  if (const Position found = m_table.find(key); found != RecencyTable::NONE) erase(found);
+}
 
 void DiskcacheLRU::erase(Position entry) {
-  m_lruMap.erase(Key(entry->guid));
-  m_lruList.erase(entry);
+  m_table.erase(entry);
   m_numEntries--;
 }
 
 void DiskcacheLRU::clearLru() {
+  RecencyTable gone;  // a long list takes a while to free: not under the lock
   const KxCriticalSectionLock lock(&m_lruLock);
-  m_lruMap.clear();
-  m_lruList.clear();
-  m_dirs.clear();
+  gone.swap(m_table);
   m_numEntries = 0;
 }
 
 void DiskcacheLRU::dumpLru() {
   const KxCriticalSectionLock lock(&m_lruLock);
-  std::cout << "cache: list=" << m_lruList.size() << " map=" << m_lruMap.size() << std::endl;
-  for (const LruInfo& entry : m_lruList) std::cout << entry.guid << std::endl;
+  std::cout << "cache: list=" << m_table.size() << " map=" << m_table.slots() << std::endl;
+  Position entry = m_table.newest();
+  for (size_t i = 0; i < m_table.size(); ++i, entry = m_table.older(entry)) {
+    std::cout << m_table.guid(entry) << std::endl;
+  }
 }
 
 void DiskcacheLRU::getStatus(std::map<std::string, std::string>& out) {
@@ -164,13 +192,7 @@ bool DiskcacheLRU::testLru() {
 
 bool DiskcacheLRU::CheckInvariants() {
   const KxCriticalSectionLock lock(&m_lruLock);
-  if (m_lruList.size() != m_lruMap.size()) return false;
-  for (auto entry = m_lruList.begin(); entry != m_lruList.end(); ++entry) {
-    const auto found = m_lruMap.find(Key(entry->guid));
-    if (found == m_lruMap.end() || found->second != entry) return false;
-    if (found->first.guid.data() != entry->guid.data()) return false;  // a key of its own is a second copy
-  }
-  return true;
+  return m_table.CheckInvariants();
 }
 
 }  // namespace ObjectStore

@@ -1,19 +1,17 @@
 // The segments known to the cache in order of last use, bounded in number.
 //
 // Internal. Any thread may call the operations; all take m_lruLock, which is held while a client's pruning
-// callback decides on the oldest entry. Every operation is constant time, and touching a known segment
-// allocates nothing.
+// callback decides on the oldest entry. Every operation is constant time, also the one at which the list
+// grows or shrinks, and touching a known segment allocates nothing.
 #pragma once
 
 #include <cstdint>
-#include <list>
 #include <map>
-#include <set>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/guidHash.h"
+#include "diskcache/recencyTable.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
 #include "support/lock.h"
@@ -25,7 +23,7 @@ class DiskCache;
 struct LruInfo {
   guid_t guid;
   VolIndex vol;
-  std::string_view dir;  // the context's directory; views the list's one copy of it
+  std::string dir;  // the context's directory
 };
 
 class DiskcacheLRU {
@@ -46,6 +44,13 @@ class DiskcacheLRU {
   bool isInLru(const guid_t& guid, bool moveToFront);
   void removeFromLru(const guid_t& guid);
   void clearLru();
+  // isInLru with moving to the front, but not counted.
+  bool touch(const guid_t& guid);
+  // The volume that a segment in the list came with; false, and `volume` as it was, when it is not there.
+  bool findVolume(const guid_t& guid, VolIndex& volume);
+  // Asks the client about the n least recently used segments, oldest first, as a full list does. A refusal
+  // ends it with ENOSPC; an empty list ends it early.
+  CZuError giveUpOldest(uint64_t n, uint64_t& given);
 
   // Writes sizes and identifiers, newest first, to standard output.
   void dumpLru();
@@ -53,33 +58,25 @@ class DiskcacheLRU {
 
   // Adds, finds, removes and dumps a few entries of its own; false when the list did not behave.
   bool testLru();
-  // Whether list and map hold the same entries.
+  // Whether order and search hold the same entries, each once.
   bool CheckInvariants();
 
  private:
   friend class DiskCache;  // takes m_lruLock for the start-up scan
   friend struct DiskCacheTestAccess;
 
-  using Position = std::list<LruInfo>::iterator;
+  using Key = RecencyTable::Key;
+  using Position = RecencyTable::Position;
 
-  // An identifier with its hash, which is then worked out once for each operation, before the lock is taken.
-  struct Key {
-    explicit Key(std::string_view id) : guid(id), hash(std::hash<std::string_view>()(id)) {}
-    bool operator==(const Key& other) const { return hash == other.hash && guid == other.guid; }
-    std::string_view guid;
-    size_t hash;
-  };
-  struct HashOfKey {
-    size_t operator()(const Key& key) const noexcept { return key.hash; }
-  };
-
+  Key keyOf(const guid_t& guid) const { return {guid, m_hash(guid)}; }
+  CZuError insert(const Key& key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
   CZuError pruneFromBack() DC_REQUIRES(m_lruLock);
-  bool askClient(const LruInfo& entry) DC_REQUIRES(m_lruLock);
-  void insertFront(Key key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
-  void moveToFront(Position entry) DC_REQUIRES(m_lruLock);
+  bool giveUpOldestOne(const RMCodeLocation& where) DC_REQUIRES(m_lruLock);
+  bool askClient(const RMCodeLocation& where, const LruInfo& entry) DC_REQUIRES(m_lruLock);
   void erase(Position entry) DC_REQUIRES(m_lruLock);
 
   DiskCache& m_diskCache;
+  const GuidHash m_hash;
   RelaxedAtomic<uint64_t> m_maxLruEntries{0};
   // The list's length, but for mode Random: there it goes on rising by one for each insertion into a full
   // list. This is meant. Changed under m_lruLock, read for status without it.
@@ -88,11 +85,7 @@ class DiskcacheLRU {
   KxCriticalSection m_lruLock;
   bool m_pruning DC_GUARDED_BY(m_lruLock) =
       false;  // a callback is running, on the thread that holds the lock
-  std::list<LruInfo> m_lruList DC_GUARDED_BY(m_lruLock);
-  // Keys view the identifiers in m_lruList: one copy an entry.
-  std::unordered_map<Key, Position, HashOfKey> m_lruMap DC_GUARDED_BY(m_lruLock);
-  // One copy of each directory that entries came with; there are as many as contexts.
-  std::set<std::string, std::less<>> m_dirs DC_GUARDED_BY(m_lruLock);
+  RecencyTable m_table DC_GUARDED_BY(m_lruLock);
 };
 
 }  // namespace ObjectStore

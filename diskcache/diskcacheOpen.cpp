@@ -108,7 +108,7 @@ unsigned DiskCache::openSegment(guid_t guid) try {
   DC_LOG(LogLevel::Error, "Error: can't find unused descriptor for [%s]", guid.c_str());
   return 0;
 } catch (...) {
-  failWithException(RM_CODE_LOCATION);
+  (void)failWithException(RM_CODE_LOCATION);  // logged; the result has no room for a number
   return 0;
 }
 

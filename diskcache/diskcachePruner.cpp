@@ -74,7 +74,7 @@ void DiskCachePruner::run() {
       try {
         result = deletePrunableSegments();
       } catch (...) {  // memory ran out in mid-walk: the next wake-up tries again
-        failWithException(RM_CODE_LOCATION);
+        (void)failWithException(RM_CODE_LOCATION);  // logged
         break;
       }
       if (result == PrunerError::Exhausted) DC_LOG(LogLevel::Segment, "no more pruning candidates");

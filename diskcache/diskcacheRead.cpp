@@ -336,7 +336,7 @@ bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid
   DC_LOG(LogLevel::Segment, exists ? "[%s] exists" : "[%s] does not exist", path.c_str());
   return exists;
 } catch (...) {
-  failWithException(RM_CODE_LOCATION);
+  (void)failWithException(RM_CODE_LOCATION);  // logged; the result has no room for a number
   return false;
 }
 

@@ -66,7 +66,7 @@ CZuError DiskCache::truncateFile(SegmentFile& file, const std::string& path, Vol
   if (found) {
     int lastType = -1;
     uint64_t lastOffset = 0;
-    findLastSection(&lastType, &lastOffset, header);
+    (void)findLastSection(&lastType, &lastOffset, header);  // one that cannot be found is not the wanted one
     if (wanted.type != lastType) {
       file.leaveOpen();  // meant
       return failAt(where, LogLevel::Error, EEXIST, "Error: %d is not last section in [%s]", wanted.type,

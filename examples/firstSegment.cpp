@@ -20,6 +20,6 @@ int main() {
   section.len = section.bufferSize = bytes.size();
   if (!e.IsError()) e = cache.createSegment(ctx, "0a1b2c3d", {section}, /*sync=*/true, false, false);
   if (!e.IsError()) e = cache.readCompleteSection(ctx, "0a1b2c3d", /*type=*/0, back);
-  cache.deleteSegment(ctx, "0a1b2c3d", false, false, Recycle::No);
+  (void)cache.deleteSegment(ctx, "0a1b2c3d", false, false, Recycle::No);
   std::puts(e.IsError() ? e.AsString().c_str() : back == bytes ? "read back right" : "wrong bytes");
 }

@@ -33,7 +33,7 @@ __attribute__((format(printf, 1, 0))) std::string formatText(const char* format,
 
 struct ErrorRecord;
 
-class DISKCACHE_EXPORT CZuError {
+class [[nodiscard]] DISKCACHE_EXPORT CZuError {
  public:
   CZuError() noexcept = default;
 

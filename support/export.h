@@ -1,4 +1,4 @@
 // The one macro that makes a name visible outside the shared library.
 #pragma once
 
-#define DISKCACHE_EXPORT __attribute__((visibility("default")))
+#define DISKCACHE_EXPORT [[gnu::visibility("default")]]

@@ -11,7 +11,10 @@
 #include <ctime>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
+
+#include "support/plainText.h"
 
 namespace ObjectStore {
 
@@ -119,12 +122,16 @@ void FileLogWriter::write(int level, const char* operation, int line, int /*rese
   size_t used = strnlen(front.data(), front.size());
   memcpy(out.data(), front.data(), used);
   constexpr size_t widest = sizeof("\\xNN");
-  for (const char* p = text.data(); *p && used + widest < out.size(); ++p) {
-    const auto c = static_cast<unsigned char>(*p);
-    if (c >= 0x20 && c != 0x7f) {
-      out[used++] = *p;
+  size_t escaped = 0;  // bytes to come of a character that is not written as it is
+  for (std::string_view rest = text.data(); !rest.empty() && used + widest < out.size();
+       rest.remove_prefix(1)) {
+    if (escaped == 0) escaped = controlAtFront(rest);
+    if (escaped == 0) {
+      out[used++] = rest.front();
     } else {
-      used += static_cast<size_t>(snprintf(&out[used], widest, "\\x%02x", c));
+      used += static_cast<size_t>(
+          snprintf(&out[used], widest, "\\x%02x", static_cast<unsigned char>(rest.front())));
+      --escaped;
     }
   }
   out[used++] = '\n';

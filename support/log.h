@@ -38,7 +38,7 @@ class DISKCACHE_EXPORT CLogWriterInterface {
   virtual int getLevel() const = 0;
 };
 
-extern DISKCACHE_EXPORT std::shared_ptr<CLogWriterInterface> g_ptrLogWriter;
+DISKCACHE_EXPORT extern std::shared_ptr<CLogWriterInterface> g_ptrLogWriter;
 
 inline bool isLogged(int level) { return g_ptrLogWriter && g_ptrLogWriter->getLevel() >= level; }
 
@@ -86,8 +86,9 @@ int guarded(const RMCodeLocation& where, Step&& step) noexcept {
 __attribute__((format(printf, 3, 4))) CZuError pushAndLog(CZuError error, const RMCodeLocation& where,
                                                           const char* format, ...);
 
-// Writes each line as: UTC time, level, operation:line, text. Control characters in a line are
-// written as \xNN, so that an identifier cannot forge a line. Any thread may call any operation.
+// Writes each line as: UTC time, level, operation:line, text. Control characters in a line, also those that
+// direct writing, are written as \xNN, so that an identifier cannot forge a line. Any thread may call any
+// operation.
 class DISKCACHE_EXPORT FileLogWriter : public CLogWriterInterface {
  public:
   // To standard error.

@@ -1,18 +1,25 @@
 #include "support/perfCounters.h"
 
 #include <chrono>
+#include <utility>
 
 #include "support/log.h"
 
 namespace ObjectStore {
 
-std::atomic<bool> g_object_store_enable_perf{false};
+PerfSwitch g_object_store_enable_perf;
 std::atomic<ThrdPerfCounter*> g_object_store_counter{nullptr};
 
 namespace {
 
-// When the calling thread started each counter, in nanoseconds of steady time; 0 when it is not running.
-thread_local std::array<uint64_t, NUM_PERF_COUNTERS> t_started{};
+std::atomic<uint64_t> g_switchChanges{0};  // of all switches of the process
+
+struct Start {
+  uint64_t ns = 0;  // of steady time; 0 when the counter is not running
+  uint64_t switchChanges = 0;
+};
+// When the calling thread started each counter.
+thread_local std::array<Start, NUM_PERF_COUNTERS> t_started;
 
 uint64_t nowNs() {
   return static_cast<uint64_t>(
@@ -83,17 +90,22 @@ const std::array<PerfCounterInfo, NUM_PERF_COUNTERS>& PerfCounters() {
   return table;
 }
 
+void PerfSwitch::store(bool isOn) {
+  if (m_isOn.exchange(isOn, std::memory_order_relaxed) != isOn) {
+    g_switchChanges.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
 void ThrdPerfCounter::StartPerfCounter(const char* /*name*/, int id) {
-  if (!m_enabled.load(std::memory_order_relaxed) || !inTable(id)) return;
-  t_started[static_cast<size_t>(id)] = nowNs();
+  if (!m_enabled || !inTable(id)) return;
+  t_started[static_cast<size_t>(id)] = {nowNs(), g_switchChanges.load(std::memory_order_relaxed)};
 }
 
 void ThrdPerfCounter::StopPerfCounter(const char* /*name*/, int id, int /*reserved*/) {
-  if (!m_enabled.load(std::memory_order_relaxed) || !inTable(id)) return;
-  uint64_t& started = t_started[static_cast<size_t>(id)];
-  if (started == 0) return;  // switched on between start and stop
-  const uint64_t elapsed = nowNs() - started;
-  started = 0;
+  if (!m_enabled || !inTable(id)) return;
+  const Start start = std::exchange(t_started[static_cast<size_t>(id)], {});
+  if (start.ns == 0 || start.switchChanges != g_switchChanges.load(std::memory_order_relaxed)) return;
+  const uint64_t elapsed = nowNs() - start.ns;
   Total& total = m_totals[static_cast<size_t>(id)];
   total.count.fetch_add(1, std::memory_order_relaxed);
   total.totalNs.fetch_add(elapsed, std::memory_order_relaxed);

@@ -2,7 +2,8 @@
 //
 // Off unless the hosting process sets both g_object_store_counter and g_object_store_enable_perf; while
 // the switch is off, starting and stopping a counter costs one test of a flag. Counters may be started and
-// stopped on any thread; each thread times its own work.
+// stopped on any thread; each thread times its own work. What was under way when a switch changed is not
+// counted.
 #pragma once
 
 #include <array>
@@ -38,6 +39,22 @@ inline constexpr int PERF_CLOSE = 46;
 // The table of names, id = index.
 DISKCACHE_EXPORT const std::array<PerfCounterInfo, NUM_PERF_COUNTERS>& PerfCounters();
 
+// A flag that any thread may change at any time. No timing spans a change, or a stop that was ignored while
+// it was off would leave its start to be taken for that of a later one.
+class PerfSwitch {
+ public:
+  PerfSwitch& operator=(bool isOn) {
+    store(isOn);
+    return *this;
+  }
+  DISKCACHE_EXPORT void store(bool isOn);
+  bool load(std::memory_order order = std::memory_order_relaxed) const { return m_isOn.load(order); }
+  operator bool() const { return load(); }
+
+ private:
+  std::atomic<bool> m_isOn{false};
+};
+
 // The process's counters. The totals are shared and atomic; the times at which counters were started are
 // kept per thread, so a counter started on one thread is stopped on the same one.
 class DISKCACHE_EXPORT ThrdPerfCounter {
@@ -56,7 +73,7 @@ class DISKCACHE_EXPORT ThrdPerfCounter {
   void StartPerfCounter(const char* name, int id);
   void StopPerfCounter(const char* name, int id, int reserved);
 
-  void enable(bool enabled) { m_enabled.store(enabled, std::memory_order_relaxed); }
+  void enable(bool enabled) { m_enabled = enabled; }
   void logEachStop(bool logged) { m_logEachStop.store(logged, std::memory_order_relaxed); }
 
   // Every row that was timed at least once, in order of id.
@@ -71,23 +88,23 @@ class DISKCACHE_EXPORT ThrdPerfCounter {
     std::atomic<uint64_t> maxNs{0};
   };
 
-  std::atomic<bool> m_enabled{false};
+  PerfSwitch m_enabled;
   std::atomic<bool> m_logEachStop{false};
   std::array<Total, NUM_PERF_COUNTERS> m_totals;
 };
 
-extern DISKCACHE_EXPORT std::atomic<bool> g_object_store_enable_perf;
-extern DISKCACHE_EXPORT std::atomic<ThrdPerfCounter*> g_object_store_counter;
+DISKCACHE_EXPORT extern PerfSwitch g_object_store_enable_perf;
+DISKCACHE_EXPORT extern std::atomic<ThrdPerfCounter*> g_object_store_counter;
 
 inline void OBJECT_STORE_START_PERF_COUNTER(const char* name, int id) {
-  if (!g_object_store_enable_perf.load(std::memory_order_relaxed)) return;
+  if (!g_object_store_enable_perf) return;
   if (ThrdPerfCounter* counter = g_object_store_counter.load(std::memory_order_acquire)) {
     counter->StartPerfCounter(name, id);
   }
 }
 
 inline void OBJECT_STORE_STOP_PERF_COUNTER(const char* name, int id) {
-  if (!g_object_store_enable_perf.load(std::memory_order_relaxed)) return;
+  if (!g_object_store_enable_perf) return;
   if (ThrdPerfCounter* counter = g_object_store_counter.load(std::memory_order_acquire)) {
     counter->StopPerfCounter(name, id, 0);
   }

@@ -127,7 +127,7 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
       EXPECT_EQ(cache->disableNewSegments(volumes[1]), 0);
       cache->getStatus(status);
       EXPECT_EQ(cache->enableNewSegments(volumes[1]), 0);
-      cache->updateWatermarks(1000 + i % 3, 1000, 1000);
+      (void)cache->updateWatermarks(1000 + i % 3, 1000, 1000);
       EXPECT_EQ(cache->refreshCacheUtilizationData(), 0);
       EXPECT_EQ(cache->removeVolume(volumes[2]), 0);
     }

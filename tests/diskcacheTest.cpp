@@ -202,7 +202,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     EXPECT_EQ(tryAll("uvwxyz"), unknown);
     ASSERT_EQ(treeOf("."), before);
     EXPECT_EQ(readFile(file), bytes);
-    cache->deleteSegment(ctx, "uvwxyz", false, false, Recycle::No);  // what the creation made
+    (void)cache->deleteSegment(ctx, "uvwxyz", false, false, Recycle::No);  // what the creation made
   }
 }
 

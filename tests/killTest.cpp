@@ -79,7 +79,7 @@ TEST_F(KillTest, AMigrationGoesOnAtTheNextStart) {
   for (int i = 0; i < 24; ++i) {
     const guid_t guid = "ab" + std::to_string(10 + i);
     put(guid, texts[guid] = text('a' + i));
-    if (i % 2 == 0) cache->markDirty(ctx, guid, i % 4 == 0);
+    if (i % 2 == 0) (void)cache->markDirty(ctx, guid, i % 4 == 0);
   }
   cache.reset();
   fs::copy(source + "/ctx", source + "/more", fs::copy_options::recursive);  // one entry for each worker

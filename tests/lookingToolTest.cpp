@@ -132,7 +132,8 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   const std::string first = writeSegment("a", "ctx", "0011x", sound);
   writeSegment("a", "ctx/deep", "0022y", sound + std::string(5000, 'z'));
   writeSegment("b", "ctx", "0033z", "damaged");
-  writeSegment("b", "other", "0044", sound);
+  const std::string hostile = "0044\u009b\u202e\x7f\n";  // as plain text each of them would act on a terminal
+  writeSegment("b", "other", hostile, sound);
   writeFile(dir / "b/ctx/00/33/0033z.temp", "left over");
   writeFile(dir / "root/volume_info", (dir / "a,1\n") + (dir / "b,7\n"));
 
@@ -143,12 +144,14 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   const std::vector<std::vector<std::string>> expected = {{dir / "a", "ctx", "0011x", "222", "[0,3]"},
                                                           {dir / "a", "ctx/deep", "0022y", "5222", "[0,3]"},
                                                           {dir / "b", "ctx", "0033z", "7", "null"},
-                                                          {dir / "b", "other", "0044", "222", "[0,3]"}};
+                                                          {dir / "b", "other", hostile, "222", "[0,3]"}};
   EXPECT_EQ(lines, expected);
+  EXPECT_NE(out.find("\"0044\\u009b\\u202e\\u007f\\n\""), std::string::npos) << out;
   EXPECT_EQ(parsed("ls --context other --volume " + (dir / "a --volume ") + (dir / "b"))["segments"].size(),
             1U);
   ASSERT_EQ(run("ls --volume " + (dir / "b")), 0);
   EXPECT_NE(out.find("damaged     " + (dir / "b") + "  ctx  0033z\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  0044\\xc2\\x9b\\xe2\\x80\\xae\\x7f\\x0a\n"), std::string::npos) << out;
 
   const json used = parsed("du --root " + (dir / "root"))["volumes"];
   struct stat status {};

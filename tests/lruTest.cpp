@@ -112,7 +112,8 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
       {"unregisters", [&](auto&...) { return !cache->unregisterContext(ctx).IsError(); }, "success", "fedcb"},
       {"removes, refuses", [&](auto&, auto&, auto& guid) { return remove(guid), false; }, "success", "fed"},
       {"adds another", [&](auto&...) { return add("g") == "success"; }, "ENOSPC", "aedcb"},
-      {"adds the same", [&](auto&...) { return remove("a"), add("f"), touch("c"); }, "success", "fcedb"},
+      {"adds the same", [&](auto&...) { return remove("a"), add("f") == "success" && touch("c"); }, "success",
+       "fcedb"},
       {"clears", [&](auto&...) { return list().clearLru(), true; }, "success", "f"},
   };
   for (const auto& c : cases) {
@@ -124,7 +125,7 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
   }
 }
 
-TEST_F(LruTest, AnEntryTakesAtMost208Bytes) {
+TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {
   const auto heap = [] {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
@@ -133,14 +134,69 @@ TEST_F(LruTest, AnEntryTakesAtMost208Bytes) {
   if (const std::vector<char> probe(1 << 20); heap() - empty < probe.size()) {
     GTEST_SKIP() << "a sanitizer's allocator does not tell";
   }
-  constexpr size_t COUNT = 100'000;
+  constexpr size_t COUNT = 400'000;
   log.setLevel(LogLevel::Error);
   startWith({});
   list().init(COUNT);
   const std::string rest(36, 'x');
   const size_t before = heap();
-  for (size_t i = 0; i < COUNT; ++i) add(std::to_string(10'000'000 + i) + rest);
-  EXPECT_LE((heap() - before) / COUNT, 208U);
+  for (size_t i = 0; i < COUNT; ++i)
+    ASSERT_EQ(outcome(add(std::to_string(10'000'000 + i) + rest)), "success");
+  EXPECT_LE((heap() - before + Access::mappedBytes(list())) / COUNT, 96U);
+}
+
+// The first block of entries is full, so one more needs memory, which nothing may be given up for in vain.
+TEST_F(LruTest, WithoutMemoryNothingIsDroppedOrAsked) {
+  constexpr size_t FULL = 32'768;
+  log.setLevel(LogLevel::Error);
+  for (const PruningMode mode : {PruningMode::Random, PruningMode::Lru}) {
+    size_t asked = 0;
+    startWith([&](auto&...) { return ++asked; }, mode);
+    list().init(FULL);
+    for (size_t i = 0; i < FULL; ++i) ASSERT_EQ(outcome(add(std::to_string(i))), "success");
+    const std::string before = order();
+    {
+      FaultPlan plan;
+      plan.fail("mmap", 1, ENOMEM);
+      EXPECT_EQ(outcome(add("new")), "ENOMEM");
+    }
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: out of memory"));
+    EXPECT_EQ(order(), before);
+    EXPECT_EQ(asked, 0U);
+    EXPECT_EQ(outcome(add("new")), "success");
+    EXPECT_EQ(asked, mode == PruningMode::Lru ? 1U : 0U);
+    EXPECT_FALSE(list().isInLru("0", false));
+  }
+}
+
+TEST_F(LruTest, GivesUpTheOldestAskedForAndTellsWithoutCounting) {
+  std::string asked;
+  startWith([&](auto&, auto&, auto& guid) {
+    uint64_t none = 0;
+    EXPECT_EQ(outcome(list().giveUpOldest(1, none)), "ENOSPC") << "not while it decides";
+    return asked += guid, guid != "c";
+  });
+  for (const char* guid : {"a", "b", "c", "d"}) EXPECT_EQ(outcome(add(guid)), "success");
+  const uint64_t hits = Access::stats(*cache).lruHits, misses = Access::stats(*cache).lruMisses;
+  VolIndex volume = 9;
+  EXPECT_TRUE(list().touch("a") && !list().touch("x") && !list().findVolume("x", volume));
+  EXPECT_EQ(volume, 9);
+  EXPECT_TRUE(list().findVolume("b", volume));
+  EXPECT_EQ(volume, ctx.volume);
+  EXPECT_EQ(order(), "adcb");
+  EXPECT_EQ(Access::stats(*cache).lruHits - hits + Access::stats(*cache).lruMisses - misses, 0U);
+
+  uint64_t given = 9;
+  log.clear();
+  EXPECT_EQ(outcome(list().giveUpOldest(3, given)), "ENOSPC");
+  EXPECT_EQ(asked + ' ' + order(), "bc cad");
+  EXPECT_EQ(given, 1U);
+  EXPECT_NE(log.take().back().operation.find("giveUpOldest"), std::string::npos);
+  EXPECT_EQ(outcome(list().giveUpOldest(2, given)), "success");
+  EXPECT_EQ(order(), "c");
+  list().clearLru();
+  EXPECT_EQ(outcome(list().giveUpOldest(2, given)), "success");
+  EXPECT_EQ(given, 0U);
 }
 
 TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
@@ -178,7 +234,7 @@ TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
   startWith({});
   std::set<std::string> found;
   ctx.prunerCallback = [&](auto&, auto& path, auto&) { return found.insert(path), false; };
-  for (const char* child : {"a", "recycle", "u"}) ctx.dir = child, cache->registerContext(ctx);
+  for (const char* child : {"a", "recycle", "u"}) ctx.dir = child, (void)cache->registerContext(ctx);
   Texts children;
   readChildren(children, volumes[0]);
   const struct {
@@ -199,7 +255,7 @@ TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
     if (*c.call) plan.fail(c.call, c.nth, EIO);
     EXPECT_EQ(outcome(Access::scanSegmentsIntoLru(*cache)), "success");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
-    for (int i = 0; i < 3; ++i) list().addToLru("new", ctx.volume, ctx.dir);  // asks for each in turn
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(outcome(add("new")), "ENOSPC") << "asks for each in turn";
     std::set<std::string> tagged;
     for (const char* file : {"s", "t", "u"}) tagged.insert(cache->guid2path(file, 1, children[c.tag]));
     EXPECT_EQ(found, tagged);

@@ -70,7 +70,7 @@ class MigrationEndTest : public EngineTest, public ::testing::WithParamInterface
     ctx.useNonPrunableDir = true;
     forEachSegment([this](const Case& one) {
       if (one.name != "absent") put(guid, OLD);
-      if (one.name.starts_with("both")) write(ForceDiskLoc::NonPrunable, "the override");
+      if (one.name.starts_with("both")) (void)write(ForceDiskLoc::NonPrunable, "the override");
     });
     ASSERT_EQ(cache->migrate(1, volumes[0], target), 0);
     ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));

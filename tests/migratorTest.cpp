@@ -82,7 +82,7 @@ TEST_F(MigratorTest, ClearingEndsAMigrationAndLeavesNothingOfEitherSide) {
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
   const std::string text = "the new text";
-  cache->replaceSegment(ctx, "changed", {section(0, text)});
+  (void)cache->replaceSegment(ctx, "changed", {section(0, text)});
   auto cleared = std::async(std::launch::async, [&] { return outcome(cache->clearCache()); });
   while (!Access::isStopping(*cache)) std::this_thread::yield();
   hold.release();

@@ -94,8 +94,8 @@ TEST_F(PrunerTest, AWalkLeavesReplacementsAndNonPrunableDirectoriesAlone) {
   start(options);
   DiskCacheContext other = makeContext("other");
   other.nonprunableDir = "./ctx//keep/";
-  for (int i = 0; i < 2; ++i) cache->registerContext(other);
-  cache->unregisterContext(other);
+  for (int i = 0; i < 2; ++i) (void)cache->registerContext(other);
+  (void)cache->unregisterContext(other);
   const std::string top = volumes[0] + "/ctx";
   for (const char* name : {"/keep/aa/bb/aabb1", "/keeper/aabb2", "/op/en/opened.temp", "/op/en/old.temp"})
     writeFile(top + name, "x");
@@ -105,7 +105,7 @@ TEST_F(PrunerTest, AWalkLeavesReplacementsAndNonPrunableDirectoriesAlone) {
                                 "op/en/opened.temp"}));
   EXPECT_TRUE(log.has(5, "File is opened. cannot prune [" + top + "/op/en/opened.temp]"));
   cache->closeSegment(desc);
-  cache->unregisterContext(other);
+  (void)cache->unregisterContext(other);
   EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
   EXPECT_FALSE(fs::exists(top));
 }
@@ -130,7 +130,7 @@ TEST_F(PrunerTest, LinesNameTheOperationAndNotItsSteps) {
   pruner().deletePrunableSegments();
   cache->addVolume(dir / "vol2");
   cache->removeVolume(dir / "vol2");
-  cache->clearCache();
+  (void)cache->clearCache();
   size_t walked = 0;
   for (const LogLine& line : log.take()) {
     for (const char* step :

@@ -16,7 +16,7 @@ class ReadTest : public EngineTest {
   void SetUp() override {
     start();
     log.setLevel(LogLevel::NoSpace);
-    create(SEGMENT, {section(3, "worlds", 9), section(0, "hello", 7)});  // records at 136 and 158
+    (void)create(SEGMENT, {section(3, "worlds", 9), section(0, "hello", 7)});  // records at 136 and 158
     log.clear();
   }
   // "outcome; level text" and how many descriptors on the volume were left open, which are closed.
@@ -77,7 +77,7 @@ TEST_F(ReadTest, AMissLooksOnceIntoEachPlace) {
     std::string buffer(8, '.');
     std::vector<Section> one = {section(0, buffer)};
     const FaultPlan plan;
-    cache->readSections(ctx, guid, one, false);
+    (void)cache->readSections(ctx, guid, one, false);
     return plan.trace();
   };
   using Calls = std::vector<std::string>;
@@ -121,10 +121,10 @@ TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
       ASSERT_TRUE(error.IsError() || has(s.data));
     }
     ASSERT_LE(allocated, bytes.size());
-    cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)}, false,
+    (void)cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)}, false,
                          ForceDiskLoc::Default);
     renew(bytes);
-    cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
+    (void)cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
     ASSERT_EQ(Access::openSegments(*cache), 0U);
     told({});  // closes what was left open
   };

@@ -26,7 +26,7 @@ class SpaceTest : public EngineTest {
 };
 
 TEST_F(SpaceTest, EachWatermarkIsBytesOrElsePercent) {
-  cache->updateWatermarks(50, 40, 60);
+  (void)cache->updateWatermarks(50, 40, 60);
   const std::tuple<const char*, bool (DiskCache::*)(), uint64_t> watermarks[] = {
       {"DiskCacheHighWMBytes", &DiskCache::isOverHighWatermark, 500},
       {"DiskCacheLowWMBytes", &DiskCache::isOverLowWatermark, 400},
@@ -44,7 +44,7 @@ TEST_F(SpaceTest, EachWatermarkIsBytesOrElsePercent) {
 }
 
 TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
-  cache->updateWatermarks(50, 1, 1);
+  (void)cache->updateWatermarks(50, 1, 1);
   FaultPlan plan;
   plan.skipSleeps();
   for (const uint64_t used : {500U, 1000U, 1001U, 997U, 999U}) {
@@ -61,9 +61,9 @@ TEST_F(SpaceTest, StatusAndCountersAreTold) {
   put("abcdef", "text");
   Access::setSpace(*cache, 123, ~uint64_t{0});
   log.clear();
-  cache->updateWatermarks(10, 90, -5);
+  (void)cache->updateWatermarks(10, 90, -5);
   int high = 0, low = 0, alarm = 0;
-  cache->getCurrentWatermarks(high, low, alarm);
+  (void)cache->getCurrentWatermarks(high, low, alarm);
   EXPECT_EQ((std::vector{high, low, alarm}), (std::vector{10, 90, -5}));
   cache->setOutOfSpace(true);
   EXPECT_EQ(log.takeTexts(), (Texts{"1 New watermarks=[10/90/-5]", "1 Current watermarks=[10/90/-5]",

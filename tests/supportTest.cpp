@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <system_error>
 #include <thread>
 
@@ -70,13 +71,22 @@ TEST(LogTest, ExceptionsBecomeNumbers) {
   }
 }
 
+// The first and the last of each run of characters that act on a terminal, and their neighbours that do not.
+constexpr const char* CONTROLS =
+    "\u0080\u009f\u00a0\u061b\u061c\u200d\u200e\u200f\u2010\u2029\u202a\u202e\u202f\u2065\u2066\u2069\u206a"
+    "\xe2\x80";
+const std::string ESCAPED =
+    "\\xc2\\x80\\xc2\\x9f\u00a0\u061b\\xd8\\x9c\u200d\\xe2\\x80\\x8e\\xe2\\x80\\x8f\u2010\u2029\\xe2\\x80\\xa"
+    "a"
+    "\\xe2\\x80\\xae\u202f\u2065\\xe2\\x81\\xa6\\xe2\\x81\\xa9\u206a\xe2\x80";
+
 TEST(LogTest, DefaultWriterKeepsOneLineALine) {
   const TempDir dir;
   const std::string path = dir / "cache.log";
   {
     FileLogWriter writer(LogLevel::Error, path);
     errno = ENOSPC;
-    writer.write(LogLevel::Error, "void f(int)", 12, 0, 0, "[%s]", "a\nb\x1b\x7f\t\xc3\xa9");
+    writer.write(LogLevel::Error, "void f(int)", 12, 0, 0, "[%s%s]", "a\nb\x1b\x7f\t\xc3\xa9", CONTROLS);
     FaultPlan plan;
     plan.fail("write", 1, EIO);
     writer.write(LogLevel::Error, "void f(int)", 13, 0, 0, "lost");
@@ -85,7 +95,7 @@ TEST(LogTest, DefaultWriterKeepsOneLineALine) {
   FileLogWriter(LogLevel::Error, path).write(9, "g()", 3, 0, 0, "%s", std::string(100000, '\n').c_str());
 
   const std::string text = readFile(path);
-  const std::string first = " -1 void f(int):12 [a\\x0ab\\x1b\\x7f\\x09\xc3\xa9]\n";
+  const std::string first = " -1 void f(int):12 [a\\x0ab\\x1b\\x7f\\x09\xc3\xa9" + ESCAPED + "]\n";
   const size_t second = 27 + first.size();
   EXPECT_EQ(text.substr(27, first.size()), first) << "behind the time";
   EXPECT_EQ(text.substr(second + 27, 14), "  9 g():3 \\x0a");
@@ -177,6 +187,28 @@ TEST(ThreadTest, RunsOneFunctionAtATime) {
   end.set();
   thread.joinThread(60'000, &timedOut);
   EXPECT_FALSE(timedOut);
+}
+
+TEST(CountersTest, NoTimingSpansAChangeOfASwitch) {
+  ThrdPerfCounter perf;
+  perf.enable(true);
+  g_object_store_counter = &perf;
+  const std::function<void(bool)> switches[] = {[](bool isOn) { g_object_store_enable_perf = isOn; },
+                                                [&](bool isOn) { perf.enable(isOn); }};
+  for (const auto& turn : switches) {
+    g_object_store_enable_perf = true;
+    OBJECT_STORE_START_PERF_COUNTER("its stop is ignored", PERF_SYNC);
+    turn(false);
+    OBJECT_STORE_STOP_PERF_COUNTER("while off", PERF_SYNC);
+    OBJECT_STORE_START_PERF_COUNTER("while off", PERF_SYNC);
+    turn(true);
+    OBJECT_STORE_STOP_PERF_COUNTER("its start was ignored", PERF_SYNC);
+    EXPECT_TRUE(perf.table().empty());
+  }
+  { const TimeFunction timer("whole", PERF_SYNC); }
+  EXPECT_EQ(perf.table().size(), 1U);
+  g_object_store_enable_perf = false;
+  g_object_store_counter = nullptr;
 }
 
 TEST(CountersTest, LoseNoUpdate) {

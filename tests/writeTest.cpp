@@ -126,7 +126,7 @@ TEST_F(WriteTest, FilesAreRightByteForByte) {
       "\xdc\xdc\1\0\0\0\0\0\xb4\0\0\0\0\0\0\0"s + std::string(32, '\0') + "\x9d"s + std::string(87, '\0') +
       "\0\0\0\0\7\0\0\0\5\0\0\0\0\0\0\0hello\5\0\0\0\x9\0\0\0\7\0\0\0\0\0\0\0\0\0\0\0xyz"
       "\0\0\0\0\x8\0\0\0\5\0\0\0\0\0\0\0again"s;
-  create(SEGMENT, {section(0, "hello", 7), section(5, "xyz", 9, 4), section(0, "again", 8)});
+  (void)create(SEGMENT, {section(0, "hello", 7), section(5, "xyz", 9, 4), section(0, "again", 8)});
   EXPECT_EQ(bytesOf(SEGMENT), golden);
 }
 

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -189,6 +190,8 @@ WRAP(fwrite, size_t, 0, (const void* from, size_t size, size_t count, std::FILE*
 WRAP(lseek, off_t, -1, (int fd, off_t at, int whence), (fd, at, whence))
 WRAP(lstat, int, -1, (const char* path, struct stat* status), (path, status))
 WRAP(mkdir, int, -1, (const char* path, mode_t mode), (path, mode))
+WRAP(mmap, void*, MAP_FAILED, (void* at, size_t bytes, int protection, int flags, int fd, off_t offset),
+     (at, bytes, protection, flags, fd, offset))
 // Where a caller gives no mode, the system does not look at it.
 WRAP(open, int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode))
 WRAP(opendir, DIR*, nullptr, (const char* path), (path))

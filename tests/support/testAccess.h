@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheMigrator.h"
 
 namespace ObjectStore {
@@ -22,6 +23,10 @@ struct DiskCacheTestAccess {
   }
 
   static DiskcacheLRU& lru(DiskCache& cache) { return *cache.m_lru; }
+  static size_t mappedBytes(DiskcacheLRU& list) {
+    const KxCriticalSectionLock lock(&list.m_lruLock);
+    return list.m_table.mappedBytes();
+  }
   static DiskCachePruner& pruner(DiskCache& cache) { return *cache.m_pruner; }
   static DiskCacheMigrator& migrator(DiskCache& cache) { return *cache.m_migrator; }
 

@@ -63,9 +63,7 @@ std::string joined(const std::vector<int32_t>& types) {
 }
 
 // Whole objects would cost as much as finding the files.
-std::string quoted(const std::string& text) {
-  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
+std::string quoted(const std::string& text) { return jsonText(text, -1); }
 
 class Listing {
  public:

@@ -203,7 +203,8 @@ void create(CacheSession& session, const Options& options, Input& input) {
       check(cache.writeSections(context, options.id, chunk, false, ForceDiskLoc::Default), options.id);
     }
   } catch (...) {
-    if (!isAnothers) cache.deleteSegment(context, options.id, false, false, Recycle::No);
+    // What is under way is the failure to tell of.
+    if (!isAnothers) (void)cache.deleteSegment(context, options.id, false, false, Recycle::No);
     throw;
   }
 }
