@@ -75,18 +75,51 @@ CZuError DiskcacheLRU::pruneFromBack() {
   };
   if (m_pruning) return outOfSpace();  // a callback that adds to the list is not asked again while it decides
   for (uint64_t i = 0; i < m_numEntries.value() && !m_lruList.empty(); ++i) {
-    const LruInfo oldest = m_lruList.back();  // the callback may change the list
-    const bool givenUp = askClient(oldest);
-    const auto entry = m_lruMap.find(Key(oldest.guid));
-    if (givenUp) {
-      DC_LOG(LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
-      if (entry != m_lruMap.end()) erase(entry->second);
-      return {};
-    }
-    if (entry != m_lruMap.end()) moveToFront(entry->second);
+    if (giveUpBack(RM_CODE_LOCATION)) return {};
     if (m_numEntries.value() >= m_maxLruEntries) return outOfSpace();
   }
   return {};
+}
+
+// Asks about the oldest entry: one that is given up leaves the list, one that is refused moves to the front.
+bool DiskcacheLRU::giveUpBack(const RMCodeLocation& where) {
+  const LruInfo oldest = m_lruList.back();  // the callback may change the list
+  const bool givenUp = askClient(oldest);
+  const auto entry = m_lruMap.find(Key(oldest.guid));
+  if (givenUp) {
+    DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+    if (entry != m_lruMap.end()) erase(entry->second);
+  } else if (entry != m_lruMap.end()) {
+    moveToFront(entry->second);
+  }
+  return givenUp;
+}
+
+CZuError DiskcacheLRU::giveUpOldest(uint64_t n, uint64_t& given) {
+  for (given = 0; given < n; ++given) {
+    const KxCriticalSectionLock lock(&m_lruLock);  // anew for each: others get their turn in between
+    if (m_lruList.empty()) break;
+    if (m_pruning || !giveUpBack(RM_CODE_LOCATION)) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOSPC);
+  }
+  return {};
+}
+
+bool DiskcacheLRU::touch(const guid_t& guid) {
+  const Key key(guid);
+  const KxCriticalSectionLock lock(&m_lruLock);
+  const auto found = m_lruMap.find(key);
+  if (found == m_lruMap.end()) return false;
+  moveToFront(found->second);
+  return true;
+}
+
+bool DiskcacheLRU::findVolume(const guid_t& guid, VolIndex& volume) {
+  const Key key(guid);
+  const KxCriticalSectionLock lock(&m_lruLock);
+  const auto found = m_lruMap.find(key);
+  if (found == m_lruMap.end()) return false;
+  volume = found->second->vol;
+  return true;
 }
 
 bool DiskcacheLRU::askClient(const LruInfo& entry) {

@@ -45,6 +45,10 @@ class DiskcacheLRU {
   // Whether a segment is in the list, counted in the engine's lruHits and lruMisses.
   bool isInLru(const guid_t& guid, bool moveToFront);
   void removeFromLru(const guid_t& guid);
+  // See DiskCache: the same without counting, and asking the client about the oldest entries.
+  bool touch(const guid_t& guid);
+  bool findVolume(const guid_t& guid, VolIndex& volume);
+  CZuError giveUpOldest(uint64_t n, uint64_t& given);
   void clearLru();
 
   // Writes sizes and identifiers, newest first, to standard output.
@@ -74,6 +78,7 @@ class DiskcacheLRU {
   };
 
   CZuError pruneFromBack() DC_REQUIRES(m_lruLock);
+  bool giveUpBack(const RMCodeLocation& where) DC_REQUIRES(m_lruLock);
   bool askClient(const LruInfo& entry) DC_REQUIRES(m_lruLock);
   void insertFront(Key key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
   void moveToFront(Position entry) DC_REQUIRES(m_lruLock);
