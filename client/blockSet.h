@@ -1,0 +1,42 @@
+// A few blocks, each with the volume it lies on: those being written, those staged.
+//
+// Any thread may call anything; the lock is a leaf. Asking costs no lock while the set is empty.
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <unordered_map>
+
+#include "client/blockName.h"
+#include "support/lock.h"
+
+namespace ObjectStore {
+
+class BlockSet {
+ public:
+  void insert(const BlockId& block, VolIndex volume) {
+    const KxCriticalSectionLock lock(&m_lock);
+    m_blocks.insert_or_assign(block, volume);
+    m_size.store(m_blocks.size());
+  }
+  void erase(const BlockId& block) {
+    const KxCriticalSectionLock lock(&m_lock);
+    m_blocks.erase(block);
+    m_size.store(m_blocks.size());
+  }
+  std::optional<VolIndex> find(const BlockId& block) {
+    if (m_size.load() == 0) return {};
+    const KxCriticalSectionLock lock(&m_lock);
+    const auto found = m_blocks.find(block);
+    if (found == m_blocks.end()) return {};
+    return found->second;
+  }
+  bool contains(const BlockId& block) { return find(block).has_value(); }
+
+ private:
+  KxCriticalSection m_lock;
+  std::unordered_map<BlockId, VolIndex, HashOfBlock> m_blocks DC_GUARDED_BY(m_lock);
+  std::atomic<size_t> m_size{0};
+};
+
+}  // namespace ObjectStore
