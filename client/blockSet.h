@@ -33,6 +33,19 @@ class BlockSet {
   }
   bool contains(const BlockId& block) { return find(block).has_value(); }
 
+  // Is in a set while it lives, or until somebody takes it out.
+  class Member {
+   public:
+    Member(BlockSet& set, const BlockId& block) : m_set(set), m_block(block) { m_set.insert(block, 0); }
+    ~Member() { m_set.erase(m_block); }
+    Member(const Member&) = delete;
+    Member& operator=(const Member&) = delete;
+
+   private:
+    BlockSet& m_set;
+    const BlockId m_block;
+  };
+
  private:
   KxCriticalSection m_lock;
   std::unordered_map<BlockId, VolIndex, HashOfBlock> m_blocks DC_GUARDED_BY(m_lock);

@@ -167,67 +167,68 @@ int BlockStore::store(const BlockContent& content, Place place) {
   trailer.key = content.key;
   trailer.version = content.version;
   trailer.metadata = content.metadata;
-  std::vector<std::byte> bytes = encodeTrailer(trailer);
+  const std::vector<std::byte> bytes = encodeTrailer(trailer);
   if (bytes.empty()) return EFBIG;
 
   const uint64_t space = spaceFor(content.payload.size() + bytes.size());
-  const ByteAccount::Pending pending(m_account, space);
-  const guid_t name = blockName(content.id);
+  const BlockSet::Member writing(m_room.writing, content.id);
   int rc = ENOSPC;
-  m_room.writing.insert(content.id, 0);
-  for (int attempt = 0; attempt < CREATE_ATTEMPTS && m_room.make(space); ++attempt) {
-    m_account.notePeak();
-    m_engine.forget(name);  // a volume that the list remembers from before would stay
-    DiskCacheContext context = contextOf(place, 0);
-    rc = create(context, content, bytes, place);
-    if (rc == 0) break;
-    m_engine.forget(name);
-    if (rc == EEXIST) {
-      removeEverywhere(name);
-    } else {
-      m_room.discard(name, context.volume, place == Place::Staged ? STAGED_DIR : BLOCKS_DIR);
-    }
-    if (rc == ENOSPC && !m_room.freeBytes(space)) break;
-    if (rc != ENOSPC && rc != EEXIST && rc != ENOENT) break;
+  for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
+    ByteAccount::Grant grant(m_account);
+    if (!m_room.make(grant, space)) break;
+    rc = create(content, bytes, place, grant);
+    const bool isWorthAnother = rc == ENOSPC ? m_room.freeBytes(space) : rc == EEXIST || rc == ENOENT;
+    if (!isWorthAnother) break;
   }
-  m_room.writing.erase(content.id);
   if (rc == 0) m_metrics.add(Count::storedBlocks);
   if (rc != 0) m_metrics.add(rc == ENOSPC ? Count::refusedForRoom : Count::refusedByDisk);
   return rc;
 }
 
-int BlockStore::create(DiskCacheContext& context, const BlockContent& content,
-                       std::vector<std::byte>& trailer, Place place) {
+// One attempt, with nothing left behind when it fails.
+int BlockStore::create(const BlockContent& content, const std::vector<std::byte>& trailer, Place place,
+                       ByteAccount::Grant& grant) {
   const bool isStaging = place == Place::Staged;
   const guid_t name = blockName(content.id);
+  m_engine.forget(name);          // a volume that the list remembers from before would stay
   std::vector<Section> sections;  // none may be empty
   if (!content.payload.empty()) sections.push_back(sectionOf(PAYLOAD_SECTION, content.payload));
   sections.push_back(sectionOf(TRAILER_SECTION, trailer));
+  DiskCacheContext context = contextOf(place, 0);
   const CZuError error = m_engine.createSegment(context, name, sections, isStaging, isStaging, false);
-  if (!error.IsError()) return finish(content, name, context.volume, place);
-  const int rc = RMErrorUtil::GetErrNo(error);
-  return rc != 0 ? rc : ENOSPC;  // the last bytes of a disk took a part
+  int rc = RMErrorUtil::GetErrNo(error);
+  if (error.IsError() && rc == 0) rc = ENOSPC;  // the last bytes of a disk took a part
+  if (rc == 0) rc = finish(content, name, context.volume, place, grant);
+  if (rc == 0) return 0;
+  m_engine.forget(name);
+  if (rc == EEXIST) {
+    removeEverywhere(name);
+  } else {
+    m_room.discard(name, context.volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
+  }
+  return rc;
 }
 
 // Counts what the new file takes and says where it is: in the list, or staged.
-int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place) {
-  const std::string path = m_engine.guid2path(name, volume, place == Place::Staged ? STAGED_DIR : BLOCKS_DIR);
-  if (place == Place::Staged) {
+int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
+                       ByteAccount::Grant& grant) {
+  const bool isStaging = place == Place::Staged;
+  const std::string path = m_engine.guid2path(name, volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
+  if (isStaging) {
     if (const int rc = syncDirectories(path, m_volumes.dirOf(volume)); rc != 0) return rc;
   }
   struct stat status {};
   errno = 0;
   if (lstat(path.c_str(), &status) != 0) return errno != 0 ? errno : EIO;
-  m_account.add(volume, static_cast<uint64_t>(status.st_blocks) * 512);
-  if (place == Place::Staged) {
+  grant.settle(volume, static_cast<uint64_t>(status.st_blocks) * 512);
+  if (isStaging) {
     m_room.staged.insert(content.id, volume);
     m_engine.forget(name);
     return 0;
   }
   // The list may have asked about the block while it was written, and forgotten it then.
   m_room.writing.erase(content.id);
-  const DiskCacheContext context = contextOf(place, volume);
-  m_engine.remember(context, name);
+  m_engine.remember(contextOf(place, volume), name);
   return 0;
 }
 

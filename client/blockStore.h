@@ -69,9 +69,10 @@ class BlockStore {
   bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
   Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,
                 std::string_view version);
-  int create(DiskCacheContext& context, const BlockContent& content, std::vector<std::byte>& trailer,
-             Place place);
-  int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place);
+  int create(const BlockContent& content, const std::vector<std::byte>& trailer, Place place,
+             ByteAccount::Grant& grant);
+  int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
+             ByteAccount::Grant& grant);
   void removeEverywhere(const guid_t& name);
 
   DiskCache& m_engine;

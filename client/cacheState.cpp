@@ -45,7 +45,7 @@ CZuError OpenCache::start(const std::vector<std::string>& dirs) {
   if (const CZuError error = enterStaged(); error.IsError()) return error;
   if (options.mode == PruningMode::Lru) {
     enterBlocks();
-    room.make(0);
+    room.shrinkToBound();
   }
   return {};
 }

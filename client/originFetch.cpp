@@ -92,7 +92,6 @@ void OriginFetch::takeMissingNeighbours(uint64_t offset, size_t bytes) {
 OriginAnswer OriginFetch::ask() {
   m_read.m_result.misses += static_cast<uint32_t>(m_wanted);
   m_cache.metrics.add(Count::misses, m_wanted);
-  m_cache.metrics.add(Count::prefetchedBlocks, m_flights.size() - m_wanted);
   m_cache.metrics.add(Count::originRequests);
   Request request(*this, m_start, {m_buffer.get(), m_bufferSize});
   try {
@@ -129,6 +128,7 @@ void OriginFetch::store(uint64_t objectSize) {
     const BlockId id = m_flights[i]->block();
     const auto payload = payloadOf(i, objectSize);
     const bool isBehindEnd = payload.empty() && id.number > 0;
+    if (i >= m_wanted && !isBehindEnd) m_cache.metrics.add(Count::prefetchedBlocks);
     if (isStored && !isBehindEnd) {
       const int rc =
           m_cache.store.store({id, m_read.m_key, m_read.m_version, objectSize, *m_metadata, payload},

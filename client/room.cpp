@@ -17,14 +17,20 @@ bool Room::giveUpOne() {
   return m_isLru && !m_engine.giveUpOldest(1, given).IsError() && given == 1;
 }
 
-bool Room::make(uint64_t bytes) {
-  while (m_maxBytes != 0 && m_account.usedAndPending() > m_maxBytes) {
+bool Room::make(ByteAccount::Grant& grant, uint64_t bytes) {
+  while (!grant.take(bytes, m_maxBytes)) {
     if (!giveUpOne()) return false;
   }
   while (!m_volumes.hasRoom(bytes)) {
     if (!giveUpOne()) return false;
   }
   return true;
+}
+
+void Room::shrinkToBound() {
+  while (m_account.used() > m_maxBytes) {
+    if (!giveUpOne()) return;
+  }
 }
 
 bool Room::freeBytes(uint64_t bytes) {

@@ -22,12 +22,15 @@ class Room {
         m_account(account),
         m_hot(hot),
         m_metrics(metrics),
-        m_maxBytes(options.mode == PruningMode::Lru ? options.maxBytes : 0),
+        m_maxBytes(options.mode == PruningMode::Lru && options.maxBytes != 0 ? options.maxBytes
+                                                                             : ByteAccount::NO_BOUND),
         m_isLru(options.mode == PruningMode::Lru) {}
 
-  // Gives up the least recently used blocks until what is used and pending is within the bound and a volume takes
-  // `bytes` more. False when that cannot be had. In mode Random it only asks.
-  bool make(uint64_t bytes);
+  // Grants `bytes` and finds a volume that takes them; gives up the least recently used blocks until that is so.
+  // False when it cannot be had. In mode Random it only asks.
+  bool make(ByteAccount::Grant& grant, uint64_t bytes);
+  // Gives blocks up until what is used is within the bound, if that can be had.
+  void shrinkToBound();
   // Gives up blocks until `bytes` more are free on the disks; for a disk that is fuller than it says.
   bool freeBytes(uint64_t bytes);
 

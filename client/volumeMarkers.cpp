@@ -12,7 +12,7 @@
 #include <random>
 #include <sstream>
 
-#include "support/log.h"
+#include "client/failure.h"
 
 namespace ObjectStore {
 
@@ -81,26 +81,25 @@ int writeSmallFile(const std::string& path, const std::string& text) {
 CZuError VolumeMarkers::open(const std::string& root) {
   m_root = root;
   if (const int rc = makeDirectories(root); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", root.c_str(), rc);
+    return DC_CLIENT_FAIL(rc, "Can't create [%s] (%d)", root.c_str(), rc);
   }
   const std::string path = root + LOCK_FILE;
   errno = 0;
   m_lock = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, FILE_MODE);
   if (m_lock < 0) {
     const int rc = lastError();
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't open [%s] (%d)", path.c_str(), rc);
+    return DC_CLIENT_FAIL(rc, "can't open [%s] (%d)", path.c_str(), rc);
   }
   if (flock(m_lock, LOCK_EX | LOCK_NB) != 0) {
     std::string owner;
     readSmallFile(path, owner);
-    return DC_FAIL(LogLevel::Error, EBUSY, "Error: process %s has the cache [%s] open", owner.c_str(),
-                   root.c_str());
+    return DC_CLIENT_FAIL(EBUSY, "process %s has the cache [%s] open", owner.c_str(), root.c_str());
   }
   const std::string self = std::to_string(getpid());
   if (ftruncate(m_lock, 0) == 0) [[maybe_unused]]
     const ssize_t put = pwrite(m_lock, self.data(), self.size(), 0);
   if (std::error_code ignored; fs::exists(root + "/migrate", ignored)) {
-    return DC_FAIL(LogLevel::Error, EBUSY, "Error: a move of a volume of [%s] is not finished", root.c_str());
+    return DC_CLIENT_FAIL(EBUSY, "a move of a volume of [%s] is not finished", root.c_str());
   }
   return load();
 }
@@ -121,13 +120,13 @@ CZuError VolumeMarkers::load() {
     m_id = newIdentity();
     return save();
   }
-  if (rc != 0) return DC_FAIL(LogLevel::Error, rc, "Error: can't read [%s] (%d)", path.c_str(), rc);
+  if (rc != 0) return DC_CLIENT_FAIL(rc, "can't read [%s] (%d)", path.c_str(), rc);
   std::istringstream lines(text);
   std::string word, id, dir;
   lines >> word >> m_id;
   while (lines >> id && lines.get() == ' ' && std::getline(lines, dir)) m_known[id] = dir;
   if (word == "cache" && !m_id.empty()) return {};
-  return DC_FAIL(LogLevel::Error, EINVAL, "Error: [%s] is damaged", path.c_str());
+  return DC_CLIENT_FAIL(EINVAL, "[%s] is damaged", path.c_str());
 }
 
 CZuError VolumeMarkers::save() {
@@ -136,14 +135,14 @@ CZuError VolumeMarkers::save() {
   const std::string path = m_root + VOLUMES_FILE;
   const int rc = writeSmallFile(path, text);
   if (rc == 0) return {};
-  return DC_FAIL(LogLevel::Error, rc, "Error: can't write [%s] (%d)", path.c_str(), rc);
+  return DC_CLIENT_FAIL(rc, "can't write [%s] (%d)", path.c_str(), rc);
 }
 
 CZuError VolumeMarkers::mark(const std::string& volume) {
   const std::string id = newIdentity(), path = volume + '/' + VOLUME_MARKER;
   int rc = makeDirectories(volume + '/' + BLOCKS_DIR);
   if (rc == 0) rc = writeSmallFile(path, m_id + ' ' + id + '\n');
-  if (rc != 0) return DC_FAIL(LogLevel::Error, rc, "Error: can't write [%s] (%d)", path.c_str(), rc);
+  if (rc != 0) return DC_CLIENT_FAIL(rc, "can't write [%s] (%d)", path.c_str(), rc);
   std::erase_if(m_known, [&](const auto& known) { return known.second == volume; });
   m_known[id] = volume;
   m_claimed[id] = volume;
@@ -172,11 +171,10 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   std::string cache, id;
   words >> cache >> id;
   if (cache != m_id || id.empty()) {
-    return DC_FAIL(LogLevel::Error, EBUSY, "Error: volume [%s] belongs to another cache", volume.c_str());
+    return DC_CLIENT_FAIL(EBUSY, "volume [%s] belongs to another cache", volume.c_str());
   }
   if (const auto [entry, added] = m_claimed.try_emplace(id, volume); !added) {
-    return DC_FAIL(LogLevel::Error, EEXIST, "Error: [%s] and [%s] are one volume", volume.c_str(),
-                   entry->second.c_str());
+    return DC_CLIENT_FAIL(EEXIST, "[%s] and [%s] are one volume", volume.c_str(), entry->second.c_str());
   }
   if (m_known[id] == volume) return {};
   m_known[id] = volume;

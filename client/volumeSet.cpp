@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "client/failure.h"
 #include "client/volumeMarkers.h"
 #include "support/log.h"
 
@@ -29,7 +30,7 @@ CZuError VolumeSet::add(const std::vector<std::string>& dirs) {
     volume.inode = marker.st_ino;
     if (rc == 0) rc = m_engine.addVolume(dir);
     if (rc == 0) rc = m_engine.disableNewSegments(dir);
-    if (rc != 0) return DC_FAIL(LogLevel::Error, rc, "Error: can't add volume [%s] (%d)", dir.c_str(), rc);
+    if (rc != 0) return DC_CLIENT_FAIL(rc, "can't add volume [%s] (%d)", dir.c_str(), rc);
     std::vector<Volume> known;
     m_engine.getVolumeStats(known);
     for (const Volume& record : known) {
