@@ -1,5 +1,7 @@
 #include "client/flights.h"
 
+#include "client/waitable.h"
+
 namespace ObjectStore {
 
 std::unique_ptr<Flights::Flight> Flights::startLocked(const BlockId& block) {
@@ -24,15 +26,18 @@ std::unique_ptr<Flights::Flight> Flights::tryStart(const BlockId& block) {
   return m_flights.contains(block) ? nullptr : startLocked(block);
 }
 
-bool Flights::isUnderWay(const BlockId& block) {
+std::unique_ptr<Flights::Flight> Flights::take(const BlockId& block) {
   const KxCriticalSectionLock lock(&m_lock);
-  return m_flights.contains(block);
+  Waitable waitable{m_lock};
+  while (m_flights.contains(block)) m_ended.wait(waitable);
+  return startLocked(block);
 }
 
 void Flights::end(Flight& flight) {
   {
     const KxCriticalSectionLock lock(&m_lock);
     m_flights.erase(flight.m_block);
+    m_ended.notify_all();
   }
   if (flight.m_landed) return;
   static const auto onDisk = std::make_shared<const Landed>(Landed{.error = {}, .isOnDisk = true});

@@ -4,6 +4,7 @@
 // on disk, and ends it; he waits for no other flight meanwhile, unless he takes blocks of one object in order.
 #pragma once
 
+#include <condition_variable>
 #include <future>
 #include <memory>
 #include <unordered_map>
@@ -62,13 +63,15 @@ class Flights {
   Joined join(const BlockId& block);
   // Starts it if nobody has; null otherwise.
   std::unique_ptr<Flight> tryStart(const BlockId& block);
-  bool isUnderWay(const BlockId& block);
+  // Starts it when whoever has it has ended.
+  std::unique_ptr<Flight> take(const BlockId& block);
 
  private:
   std::unique_ptr<Flight> startLocked(const BlockId& block) DC_REQUIRES(m_lock);
   void end(Flight& flight);
 
   KxCriticalSection m_lock;
+  std::condition_variable_any m_ended;
   std::unordered_map<BlockId, Landing, HashOfBlock> m_flights DC_GUARDED_BY(m_lock);
 };
 

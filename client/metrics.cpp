@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 namespace ObjectStore {
@@ -115,7 +117,10 @@ void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
     if (end == text.c_str() || *end != '\0' || key == "DC.LRUPtr") continue;  // a text or an address
-    renderer.value(engineName(key), "", "untyped", "The engine's " + key, value);
+    const bool isMilliseconds = key.ends_with("Ms");  // which Prometheus has no unit for
+    const std::string name =
+        isMilliseconds ? engineName(key.substr(0, key.size() - 2)) + "_seconds" : engineName(key);
+    renderer.value(name, "", "untyped", "The engine's " + key, isMilliseconds ? value / 1000 : value);
   }
   renderer.histogram("hit_seconds", "Time of reads from disk, every 16th", metrics.hitSeconds, 1e-6, 1);
   renderer.histogram("miss_seconds", "Time of reads that needed the origin", metrics.missSeconds, 1e-6, 2);

@@ -127,13 +127,7 @@ void ObjectCache::drop(std::string_view key, std::string_view version, uint64_t 
   const uint64_t blockSize = cache.options.blockSize;
   for (uint64_t number = 0; number == 0 || number * blockSize < objectSize; ++number) {
     const BlockId id{object, static_cast<uint32_t>(number)};
-    // A block on its way from the origin is dropped when it has come.
-    Flights::Joined joined = cache.flights.join(id);
-    while (!joined.mine) {
-      joined.landing.wait();
-      std::this_thread::yield();
-      joined = cache.flights.join(id);
-    }
+    const auto flight = cache.flights.take(id);  // one on its way from the origin is dropped when it has come
     cache.store.drop(id);
   }
 }

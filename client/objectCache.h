@@ -12,7 +12,7 @@
 //
 // Threads: open(), close() and the destructor run alone; anything else may be called by any thread between
 // them. Callbacks run in the thread that called, but for an Upload, which a flush worker runs; they may use the
-// cache, but not open or close it. No lock is held while one runs.
+// cache, but not open or close it, nor read the object that is being fetched. No lock is held while one runs.
 //
 // Errors carry a system error number and name the key. EBADF: not open. EINVAL: an argument that makes no sense.
 #pragma once

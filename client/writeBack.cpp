@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "client/cacheState.h"
+#include "client/waitable.h"
 #include "support/log.h"
 
 namespace ObjectStore {
@@ -11,13 +12,6 @@ namespace ObjectStore {
 namespace {
 
 constexpr std::chrono::seconds FIRST_PAUSE(1), LONGEST_PAUSE(64);
-
-// What a condition variable needs of a lock, whose guard stays where it is.
-struct Waitable {
-  void lock() DC_NO_THREAD_SAFETY_ANALYSIS { section.enter(true); }
-  void unlock() DC_NO_THREAD_SAFETY_ANALYSIS { section.leave(); }
-  KxCriticalSection& section;
-};
 
 }  // namespace
 
@@ -76,16 +70,8 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
   // All blocks are this thread's before it writes the first one: nobody fetches or drops one meanwhile. They are
   // taken in order, so two that stage one object do not wait for each other.
   std::vector<std::unique_ptr<Flights::Flight>> flights;
-  while (flights.size() < object->blocks()) {
-    Flights::Joined joined = m_flights.join({object->id, static_cast<uint32_t>(flights.size())});
-    if (joined.mine) {
-      flights.push_back(std::move(joined.mine));
-    } else {
-      joined.landing.wait();
-      while (m_flights.isUnderWay({object->id, static_cast<uint32_t>(flights.size())}))
-        std::this_thread::yield();
-    }
-  }
+  for (uint32_t number = 0; number < object->blocks(); ++number)
+    flights.push_back(m_flights.take({object->id, number}));
   if (isStaged(object->id)) return {};
   if (const int rc = storeBlocks(*object, bytes); rc != 0) {
     for (uint32_t number = 0; number < object->blocks(); ++number)
