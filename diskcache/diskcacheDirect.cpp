@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheLook.h"
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/segmentFile.h"
@@ -46,11 +47,15 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
   fd = -1;
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: opening sections of [%s] vol=%d", guid.c_str(), ctx.volume);
-  const std::string path = pathInUse(ctx, guid);
+  std::string path;
   SegmentFile file(__func__);
-  if (!file.open(path, OPEN_FLAGS)) {
-    const int level = file.error() == ENOENT ? LogLevel::Segment : LogLevel::Error;
-    return DC_FAIL(level, file.error(), "Error: can't open file [%s] (%d)", path.c_str(), file.error());
+  const int missing = lookUntilCertain(ctx, [&] {
+    path = pathInUse(ctx, guid);
+    return file.open(path, OPEN_FLAGS) ? 0 : file.error();
+  });
+  if (file.fd() < 0) {
+    const int level = missing == ENOENT ? LogLevel::Segment : LogLevel::Error;
+    return DC_FAIL(level, missing, "Error: can't open file [%s] (%d)", path.c_str(), missing);
   }
   uint64_t size = 0;
   if (const int rc = regularSize(file.fd(), size); rc != 0) {
