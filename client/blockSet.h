@@ -14,23 +14,9 @@ namespace ObjectStore {
 
 class BlockSet {
  public:
-  void insert(const BlockId& block, VolIndex volume) {
-    const KxCriticalSectionLock lock(&m_lock);
-    m_blocks.insert_or_assign(block, volume);
-    m_size.store(m_blocks.size());
-  }
-  void erase(const BlockId& block) {
-    const KxCriticalSectionLock lock(&m_lock);
-    m_blocks.erase(block);
-    m_size.store(m_blocks.size());
-  }
-  std::optional<VolIndex> find(const BlockId& block) {
-    if (m_size.load() == 0) return {};
-    const KxCriticalSectionLock lock(&m_lock);
-    const auto found = m_blocks.find(block);
-    if (found == m_blocks.end()) return {};
-    return found->second;
-  }
+  void insert(const BlockId& block, VolIndex volume);
+  void erase(const BlockId& block);
+  std::optional<VolIndex> find(const BlockId& block);
   bool contains(const BlockId& block) { return find(block).has_value(); }
 
   // Is in a set while it lives, or until somebody takes it out.
