@@ -3,6 +3,9 @@
 include(CMakePackageConfigHelpers)
 
 set(publicHeaders
+  client/blockTrailer.h
+  client/objectCache.h
+  client/objectCacheMetrics.h
   diskcache/diskcache.h
   diskcache/diskcacheTypes.h
   diskcache/segmentFormat.h
@@ -21,7 +24,8 @@ foreach(header IN LISTS publicHeaders)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${headerDir}/${folder})
 endforeach()
 
-install(TARGETS diskcache EXPORT diskcacheTargets)
+set_target_properties(diskcache-client PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS diskcache diskcache-client EXPORT diskcacheTargets)
 if(DISKCACHE_BUILD_TOOLS)
   file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(diskcachectl PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
@@ -41,5 +45,7 @@ install(FILES ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake ${PROJECT_BINARY_DIR}/
 
 file(RELATIVE_PATH pkgconfigToPrefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" pkgconfigToPrefix ${pkgconfigToPrefix})
-configure_file(cmake/diskcache.pc.in ${PROJECT_BINARY_DIR}/diskcache.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/diskcache.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(name IN ITEMS diskcache diskcache-client)
+  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

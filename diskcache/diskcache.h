@@ -146,6 +146,34 @@ class DISKCACHE_EXPORT DiskCache {
 
   bool doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid);
 
+  // ---- For clients with a way of their own to the bytes ------------------------------------------------
+  // None of these but giveUpOldest calls the client back, and none but openSection works on a file. They
+  // count neither as lruHits nor as lruMisses.
+
+  // Opens a segment for reading (O_CLOEXEC) and sets each place to where the stored section of its type lies,
+  // for pread, sendfile or mmap. On success the descriptor in `fd` is the caller's to close; on failure it is
+  // -1. The recency list is not touched. A section that is not there gets `found` false and is no error.
+  // Every place lies within the file as long as it was at this moment. ENOENT when the segment is not cached
+  // (no error line: a client may ask so), EINVAL for a damaged file or anything but a regular file, ELOOP for
+  // a link, EIO for a file that is cut within its header or a record's front.
+  CZuError openSection(int& fd, std::vector<SectionPlace>& places, const DiskCacheContext& ctx,
+                       const guid_t& guid);
+
+  // Makes a segment that the recency list knows the most recently used one; false when it knows none.
+  bool touch(const guid_t& guid);
+  // On which volume the recency list knows a segment; false, and `volume` as it was, when it knows none.
+  bool findVolume(const guid_t& guid, VolIndex& volume);
+  // Enters a segment on ctx.volume as the most recently used one, as creating it does: a known one keeps its
+  // volume. For segments that the start-up scan did not see. ENOSPC when a full list could not make room.
+  CZuError remember(const DiskCacheContext& ctx, const guid_t& guid);
+  // Takes a segment out of the recency list; its file stays.
+  void forget(const guid_t& guid);
+  // Asks the callbacks about the `n` least recently used segments, oldest first, as a full list does in mode
+  // Lru: the list's lock is held while one decides. `given` counts those given up, which leave the list. The
+  // first refusal ends it with ENOSPC: that segment becomes the most recently used one, so the next call asks
+  // about the next-oldest. Fewer than `n` are success when the list is empty. ENOSPC within a callback.
+  CZuError giveUpOldest(uint64_t n, uint64_t& given);
+
   // ---- Truncating, syncing, deleting ------------------------------------------------------------------
 
   // Makes the section of `type`, which must be the last of the file (EEXIST), `size` bytes long and gives

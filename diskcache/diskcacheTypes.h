@@ -97,6 +97,15 @@ struct SectionV : SectionDesc {
   std::vector<unsigned char> data;
 };
 
+// Where a section's payload lies in its segment's file.
+struct SectionPlace {
+  int32_t type = 0;     // the one asked for
+  int32_t subType = 0;  // as stored
+  uint64_t offset = 0;  // bytes from the start of the file
+  uint64_t len = 0;     // bytes
+  bool found = false;
+};
+
 // A directory that holds segments, as known to the engine.
 struct Volume {
   std::string dir;  // exactly as the client gave it

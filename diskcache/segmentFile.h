@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 
 #include "support/perfCounters.h"
 
@@ -115,6 +116,9 @@ class SegmentFile {
     m_fd = -1;
     return closed.value == 0 ? 0 : closed.error;
   }
+
+  // Hands the descriptor over to the caller.
+  int release() { return std::exchange(m_fd, -1); }
 
   // Keeps the descriptor open for the life of the process: meant, on a few failure paths. Also for one that
   // somebody else closes from here on.

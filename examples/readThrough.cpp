@@ -1,61 +1,41 @@
-// A read-through client: readThrough CACHE_DIR FILE... reads files, from the cache where it has them.
-#include <cerrno>
+// A read-through client: readThrough CACHE_DIR FILE... reads files with eight threads, from the cache where it has
+// them. A file's version is its time of change: a changed file is another object.
+#include <atomic>
+#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iostream>
-#include <iterator>
-#include <string>
-#include <vector>
+#include <thread>
 
-#include "diskcache/diskcache.h"
+#include "client/objectCache.h"
 
 using namespace ObjectStore;
-using Bytes = std::vector<unsigned char>;
 
-// The bytes of `path`, from the cache or else from the file, which is cached then.
-static CZuError readThrough(DiskCache& cache, DiskCacheContext& context, const std::string& path,
-                            Bytes& bytes) {
-  const guid_t guid = std::to_string(std::hash<std::string>()(path));
-  CZuError error = cache.readCompleteSection(context, guid, 0, bytes);
-  if (!RMErrorUtil::IsErrNo(error, ENOENT)) return error;
-
+// The origin: the bytes of a file from `from` on, as far as it has them, and its size.
+static OriginAnswer fetch(const std::string& path, uint64_t from, std::span<std::byte> to) {
   std::ifstream file(path, std::ios::binary);
-  bytes.assign(std::istreambuf_iterator<char>(file), {});
-  if (bytes.empty()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENODATA, "%s", path.c_str());
-
-  Section section;
-  section.data = bytes.data();
-  section.len = section.bufferSize = bytes.size();
-  error = cache.createSegment(context, guid, {section}, false, false, false);
-  if (!RMErrorUtil::IsErrNo(error, ENOSPC)) return error;
-  // No room to cache it: the caller has its bytes all the same, and nothing half-written may stay.
-  return cache.deleteSegment(context, guid, false, false, Recycle::No);
+  if (!file) return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "%s", path.c_str())};
+  file.seekg(static_cast<std::streamoff>(from)).read(reinterpret_cast<char*>(to.data()), std::ssize(to));
+  return {.objectSize = std::filesystem::file_size(path)};
 }
 
 int main(int argc, char** argv) {
-  if (argc < 3) {
-    std::cerr << "usage: readThrough CACHE_DIR FILE...\n";
-    return 2;
-  }
-  const std::string dir = argv[1];
-  DiskCache cache(PersistentVolumes::Yes);
-  CZuError error = cache.init(dir + "/root", {dir + "/volume"}, 90, 80, 95, 10000, nullptr, PruningMode::Lru);
-
-  // The start-up scan enters segments under either name; the last one registered is the one used.
-  DiskCacheContext context;
-  context.prunerCallback = [&](const std::string&, const std::string&, const std::string& guid) {
-    return !cache.deleteSegment(context, guid, false, false, Recycle::No).IsError();
-  };
-  for (const char* name : {"recycle", "files"}) {
-    context.dir = name;
-    if (!error.IsError()) error = cache.registerContext(context);
-  }
-
-  for (int i = 2; i < argc && !error.IsError(); ++i) {
-    Bytes bytes;
-    error = readThrough(cache, context, argv[i], bytes);
-    if (!error.IsError()) std::cout << argv[i] << ": " << bytes.size() << " bytes\n";
-  }
+  const std::string dir = argc > 1 ? argv[1] : "";
+  ObjectCache cache({.root = dir + "/root", .volumes = {dir + "/volume"}, .maxBytes = 1'000'000'000});
+  const CZuError error = cache.open();
   if (error.IsError()) std::cerr << error.AsString() << '\n';
-  return error.IsError() ? 3 : 0;
+  std::atomic<int> next{2}, failed{0};
+  const auto work = [&] {
+    for (int i; !error.IsError() && (i = next++) < argc;) {
+      const std::string path = argv[i];
+      const auto changed = std::filesystem::last_write_time(path).time_since_epoch().count();
+      std::vector<std::byte> bytes(std::filesystem::file_size(path));
+      const ReadResult got =
+          cache.read(path, std::to_string(changed), 0, bytes,
+                     [&](uint64_t from, std::span<std::byte> to) { return fetch(path, from, to); });
+      if (!got) ++failed;
+    }
+  };
+  for (std::jthread threads[8]; std::jthread & thread : threads) thread = std::jthread(work);
+  std::cout << argc - 2 << " files, " << cache.metrics().originBytes << " bytes from the origin\n";
+  return error.IsError() || failed > 0;
 }

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -197,6 +198,7 @@ WRAP(open, int, -1, (const char* path, int flags, mode_t mode), (path, flags, mo
 WRAP(opendir, DIR*, nullptr, (const char* path), (path))
 WRAP(nanosleep, int, -1, (const timespec* time, timespec* rest), (recordSleep(time), rest))
 WRAP(pread, ssize_t, -1, (int fd, void* to, size_t bytes, off_t at), (fd, to, verdict.limited(bytes), at))
+WRAP(preadv, ssize_t, -1, (int fd, const iovec* parts, int count, off_t at), (fd, parts, count, at))
 WRAP(pwrite, ssize_t, -1, (int fd, const void* from, size_t bytes, off_t at),
      (fd, from, verdict.limited(bytes), at))
 WRAP(read, ssize_t, -1, (int fd, void* to, size_t bytes), (fd, to, verdict.limited(bytes)))

@@ -1,0 +1,269 @@
+#include "client/blockStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <string>
+
+#include "client/descriptor.h"
+#include "client/volumeMarkers.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr int CREATE_ATTEMPTS = 4;
+constexpr uint64_t PAGE = 4096;
+
+DiskCacheContext contextOf(BlockStore::Place place, VolIndex volume) {
+  DiskCacheContext context;
+  context.dir = BLOCKS_DIR;
+  context.volume = volume;
+  if (place == BlockStore::Place::Staged) {
+    context.nonprunableDir = STAGED_DIR;
+    context.useNonPrunableDir = true;
+  }
+  return context;
+}
+
+Section sectionOf(int32_t type, std::span<const std::byte> bytes) {
+  Section section;
+  section.type = type;
+  section.subType = TRAILER_FORMAT;
+  section.len = section.bufferSize = bytes.size();
+  // The writing operations never write to it.
+  section.data = reinterpret_cast<unsigned char*>(const_cast<std::byte*>(bytes.data()));
+  return section;
+}
+
+// What a file of these bytes may take, its file system's own records included.
+uint64_t spaceFor(uint64_t bytes) { return (bytes + PAGE - 1) / PAGE * PAGE + PAGE; }
+
+BlockStore::Found foundBy(int errNo) {
+  switch (errNo) {
+    case ENOENT:
+    case ENOTDIR: return BlockStore::Found::Nothing;
+    case EINVAL:
+    case ELOOP: return BlockStore::Found::Broken;
+    case EIO: return BlockStore::Found::Unfinished;
+    default: return BlockStore::Found::Trouble;
+  }
+}
+
+std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
+  if (!place.found || place.len > MAX_TRAILER_SIZE) return {};
+  std::array<std::byte, 2048> small;
+  std::vector<std::byte> large;
+  std::span<std::byte> bytes(small);
+  if (place.len > bytes.size()) {
+    large.resize(place.len);
+    bytes = large;
+  }
+  bytes = bytes.first(place.len);
+  const ssize_t got = pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
+  if (got != static_cast<ssize_t>(bytes.size())) return {};
+  return decodeTrailer(bytes);
+}
+
+// A file's name is on disk when its directory is, up to the volume.
+int syncDirectories(std::string path, const std::string& root) {
+  while (path.size() > root.size()) {
+    path.resize(path.rfind('/'));
+    errno = 0;
+    const Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.fd < 0 || fsync(dir.fd) != 0) return errno != 0 ? errno : EIO;
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool BlockStore::isKnown(const BlockId& id) {
+  if (isStaged(id) || m_hot.find(id)) return true;
+  VolIndex volume = 0;
+  return m_engine.findVolume(blockName(id), volume);
+}
+
+bool BlockStore::locate(const BlockId& id, const guid_t& name, DiskCacheContext& context) {
+  if (const auto volume = m_room.staged.find(id)) {
+    context = contextOf(Place::Staged, *volume);
+    return true;
+  }
+  context = contextOf(Place::Prunable, 0);
+  return m_engine.findVolume(name, context.volume);
+}
+
+BlockStore::Lookup BlockStore::open(const BlockId& id, std::string_view key, std::string_view version) {
+  const guid_t name = blockName(id);
+  DiskCacheContext context;
+  if (locate(id, name, context)) return openIn(context, name, id, key, version);
+  if (m_options.mode == PruningMode::Lru) return {};
+  // There the list forgets what it has no place for.
+  for (const VolIndex volume : m_volumes.indexes()) {
+    context.volume = volume;
+    Lookup lookup = openIn(context, name, id, key, version);
+    if (lookup.found == Found::Nothing) continue;
+    (void)m_engine.remember(context, name);  // it fails for want of memory: the next start finds the block
+    return lookup;
+  }
+  return {};
+}
+
+struct BlockStore::Opened {
+  Found found = Found::Nothing;
+  Descriptor file;
+  uint64_t offset = 0;  // of the payload
+  uint64_t size = 0;
+  std::optional<BlockTrailer> trailer;  // there when found is Whole
+};
+
+BlockStore::Opened BlockStore::openFile(const DiskCacheContext& context, const guid_t& name) {
+  Opened opened;
+  std::vector<SectionPlace> places{{PAYLOAD_SECTION}, {TRAILER_SECTION}};
+  const CZuError error = m_engine.openSection(opened.file.fd, places, context, name);
+  if (error.IsError()) {
+    opened.found = foundBy(RMErrorUtil::GetErrNo(error));
+    if (opened.found == Found::Trouble) m_metrics.add(Count::diskErrors);
+    return opened;
+  }
+  opened.offset = places[0].offset;
+  opened.size = places[0].len;
+  opened.trailer = readTrailer(opened.file.fd, places[1]);
+  opened.found = opened.trailer ? Found::Whole : places[1].found ? Found::Broken : Found::Unfinished;
+  return opened;
+}
+
+BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id,
+                                      std::string_view key, std::string_view version) {
+  Opened opened = openFile(context, name);
+  if (opened.found != Found::Whole) return {opened.found, nullptr};
+  const BlockTrailer& trailer = *opened.trailer;
+  const bool isIt = trailer.number == id.number && trailer.blockSize == m_options.blockSize &&
+                    trailer.payloadSize == opened.size && trailer.key == key && trailer.version == version;
+  if (!isIt) return {Found::Broken, nullptr};
+  auto block = std::make_shared<OpenBlock>(opened.file.fd, opened.offset, name, std::move(*opened.trailer));
+  opened.file.release();
+  return {Found::Whole, std::move(block)};
+}
+
+std::optional<BlockTrailer> BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
+  m_room.staged.insert(id, volume);
+  return openFile(contextOf(Place::Staged, volume), blockName(id)).trailer;
+}
+
+int BlockStore::store(const BlockContent& content, Place place) {
+  BlockTrailer trailer;
+  trailer.number = content.id.number;
+  trailer.blockSize = m_options.blockSize;
+  trailer.objectSize = content.objectSize;
+  trailer.payloadSize = content.payload.size();
+  trailer.madeAt = static_cast<uint64_t>(time(nullptr));
+  trailer.checksums = checksumsOf(content.payload);
+  trailer.key = content.key;
+  trailer.version = content.version;
+  trailer.metadata = content.metadata;
+  const std::vector<std::byte> bytes = encodeTrailer(trailer);
+  if (bytes.empty()) return EFBIG;
+
+  const uint64_t space = spaceFor(content.payload.size() + bytes.size());
+  const BlockSet::Member writing(m_room.writing, content.id);
+  int rc = ENOSPC;
+  for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
+    ByteAccount::Grant grant(m_account);
+    if (!m_room.make(grant, space)) break;
+    rc = create(content, bytes, place, grant);
+    const bool isWorthAnother = rc == ENOSPC ? m_room.freeBytes(space) : rc == EEXIST || rc == ENOENT;
+    if (!isWorthAnother) break;
+  }
+  if (rc == 0) m_metrics.add(Count::storedBlocks);
+  if (rc != 0) m_metrics.add(rc == ENOSPC ? Count::refusedForRoom : Count::refusedByDisk);
+  return rc;
+}
+
+// One attempt, with nothing left behind when it fails.
+int BlockStore::create(const BlockContent& content, const std::vector<std::byte>& trailer, Place place,
+                       ByteAccount::Grant& grant) {
+  const bool isStaging = place == Place::Staged;
+  const guid_t name = blockName(content.id);
+  m_engine.forget(name);          // a volume that the list remembers from before would stay
+  std::vector<Section> sections;  // none may be empty
+  if (!content.payload.empty()) sections.push_back(sectionOf(PAYLOAD_SECTION, content.payload));
+  sections.push_back(sectionOf(TRAILER_SECTION, trailer));
+  DiskCacheContext context = contextOf(place, 0);
+  const CZuError error = m_engine.createSegment(context, name, sections, isStaging, isStaging, false);
+  int rc = RMErrorUtil::GetErrNo(error);
+  if (error.IsError() && rc == 0) rc = ENOSPC;  // the last bytes of a disk took a part
+  if (rc == 0) rc = finish(content, name, context.volume, place, grant);
+  if (rc == 0) return 0;
+  m_engine.forget(name);
+  if (rc == EEXIST) {
+    removeEverywhere(name);
+  } else {
+    m_room.discard(name, context.volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
+  }
+  return rc;
+}
+
+// Counts what the new file takes and says where it is: in the list, or staged.
+int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
+                       ByteAccount::Grant& grant) {
+  const bool isStaging = place == Place::Staged;
+  const std::string path = m_engine.guid2path(name, volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
+  if (isStaging) {
+    if (const int rc = syncDirectories(path, m_volumes.dirOf(volume)); rc != 0) return rc;
+  }
+  struct stat status {};
+  errno = 0;
+  if (lstat(path.c_str(), &status) != 0) return errno != 0 ? errno : EIO;
+  grant.settle(volume, static_cast<uint64_t>(status.st_blocks) * 512);
+  if (isStaging) {
+    m_room.staged.insert(content.id, volume);
+    m_engine.forget(name);
+    return 0;
+  }
+  // The list may have asked about the block while it was written, and forgotten it then.
+  m_room.writing.erase(content.id);
+  (void)m_engine.remember(contextOf(place, volume),
+                          name);  // it fails for want of memory: the next start finds the block
+  return 0;
+}
+
+void BlockStore::removeEverywhere(const guid_t& name) {
+  for (const VolIndex volume : m_volumes.indexes()) {
+    m_room.remove(name, volume, BLOCKS_DIR);
+    m_room.remove(name, volume, STAGED_DIR);
+  }
+}
+
+void BlockStore::drop(const BlockId& id) {
+  if (isStaged(id)) return;
+  const guid_t name = blockName(id);
+  m_engine.forget(name);  // from here on no callback gives it up beside us
+  m_hot.erase(id);
+  removeEverywhere(name);
+}
+
+int BlockStore::release(const BlockId& id) {
+  const auto volume = m_room.staged.find(id);
+  if (!volume) return 0;
+  const DiskCacheContext context = contextOf(Place::Staged, *volume);
+  const CZuError error = m_engine.moveToPrunable(context, blockName(id));
+  if (error.IsError()) return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : EIO;
+  m_room.staged.erase(id);
+  (void)m_engine.remember(contextOf(Place::Prunable, *volume),
+                          blockName(id));  // it fails for want of memory: the next start finds the block
+  return 0;
+}
+
+void BlockStore::discardStaged(const BlockId& id) {
+  m_hot.erase(id);
+  if (const auto volume = m_room.staged.find(id)) m_room.remove(blockName(id), *volume, STAGED_DIR);
+  m_room.staged.erase(id);
+}
+
+}  // namespace ObjectStore

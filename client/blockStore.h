@@ -1,0 +1,87 @@
+// One block on disk: finding, writing, dropping it; staging it and making it prunable.
+//
+// Any thread may look for any block. A block is changed only by the thread that has its flight.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "client/openBlock.h"
+#include "client/room.h"
+
+namespace ObjectStore {
+
+struct BlockContent {
+  BlockId id;
+  std::string_view key;
+  std::string_view version;
+  uint64_t objectSize;
+  const Metadata& metadata;
+  std::span<const std::byte> payload;
+};
+
+class BlockStore {
+ public:
+  enum class Found {
+    Whole,
+    Nothing,
+    Unfinished,  // a file without a whole trailer, as a kill leaves it
+    Broken,      // a file that contradicts itself, or another object's
+    Trouble,     // it could not be looked at
+  };
+  struct Lookup {
+    Found found = Found::Nothing;
+    std::shared_ptr<OpenBlock> block;
+  };
+  enum class Place { Prunable, Staged };
+
+  BlockStore(DiskCache& engine, VolumeSet& volumes, ByteAccount& account, HotTable& hot, Room& room,
+             Metrics& metrics, const ObjectCacheOptions& options)
+      : m_engine(engine),
+        m_volumes(volumes),
+        m_account(account),
+        m_hot(hot),
+        m_room(room),
+        m_metrics(metrics),
+        m_options(options) {}
+
+  // Opens a block and reads its trailer. The list is not touched.
+  Lookup open(const BlockId& id, std::string_view key, std::string_view version);
+  // Whether the block may be there, from memory alone.
+  bool isKnown(const BlockId& id);
+  bool isStaged(const BlockId& id) { return m_room.staged.contains(id); }
+
+  // Writes a block; 0, or why not, with nothing left behind.
+  int store(const BlockContent& content, Place place);
+  // Removes a block wherever it lies, but not a staged one.
+  void drop(const BlockId& id);
+
+  // A block found in the staging place at the start; what its trailer says, if it has a whole one.
+  std::optional<BlockTrailer> adoptStaged(const BlockId& id, VolIndex volume);
+  // Makes a staged block prunable; 0 or why not.
+  int release(const BlockId& id);
+  void discardStaged(const BlockId& id);
+
+ private:
+  struct Opened;
+  Opened openFile(const DiskCacheContext& context, const guid_t& name);
+  bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
+  Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,
+                std::string_view version);
+  int create(const BlockContent& content, const std::vector<std::byte>& trailer, Place place,
+             ByteAccount::Grant& grant);
+  int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
+             ByteAccount::Grant& grant);
+  void removeEverywhere(const guid_t& name);
+
+  DiskCache& m_engine;
+  VolumeSet& m_volumes;
+  ByteAccount& m_account;
+  HotTable& m_hot;
+  Room& m_room;
+  Metrics& m_metrics;
+  const ObjectCacheOptions& m_options;
+};
+
+}  // namespace ObjectStore

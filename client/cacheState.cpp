@@ -1,0 +1,132 @@
+#include "client/cacheState.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "client/startScan.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+// The list evicts by bytes, never by count; in mode Random it is what the pruner leaves alone.
+constexpr uint64_t NO_BOUND = uint64_t{1} << 40;
+constexpr uint64_t PROTECTED_BLOCKS = 1024;
+// Used space is never ten times the capacity: in mode Lru no watermark delays or stops anything.
+constexpr int NEVER = 1000;
+
+}  // namespace
+
+CZuError keyError(const RMCodeLocation& where, int errNo, std::string_view key, const char* what) {
+  return RMErrorUtil::ErrorErrNo(where, errNo, "[%.*s]: %s", static_cast<int>(key.size()), key.data(), what);
+}
+
+OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters)
+    : options(chosen),
+      metrics(counters),
+      engine(std::make_unique<DiskCache>(PersistentVolumes::Yes)),
+      hot(chosen.hotBlocks),
+      volumes(*engine, account, chosen),
+      room(*engine, volumes, account, hot, counters, chosen),
+      store(*engine, volumes, account, hot, room, counters, chosen),
+      writeBack(store, flights, counters, chosen),
+      uses(chosen.useWindow) {}
+
+OpenCache::~OpenCache() {
+  writeBack.stop();
+  engine.reset();
+}
+
+CZuError OpenCache::start(const std::vector<std::string>& dirs) {
+  if (const CZuError error = startEngine(dirs); error.IsError()) return error;
+  if (const CZuError error = enterStaged(); error.IsError()) return error;
+  if (options.mode == PruningMode::Lru) {
+    enterBlocks();
+    room.shrinkToBound();
+  }
+  return {};
+}
+
+// The engine gets its volumes one by one after its start, so that it scans nothing: its scan would know neither
+// what a block takes on disk nor when it was made. Its file of volumes is written anew for those who look in.
+CZuError OpenCache::startEngine(const std::vector<std::string>& dirs) {
+  unlink((options.root + "/volume_info").c_str());
+  const bool isLru = options.mode == PruningMode::Lru;
+  CZuError error = engine->init(options.root, {}, isLru ? NEVER : options.highWatermark,
+                                isLru ? NEVER : options.lowWatermark, isLru ? NEVER : options.highWatermark,
+                                isLru ? NO_BOUND : PROTECTED_BLOCKS, nullptr, options.mode);
+  if (error.IsError()) return error;
+  DiskCacheContext context;
+  context.dir = BLOCKS_DIR;
+  context.prunerCallback = [this](const std::string&, const std::string& path, const std::string& name) {
+    return room.giveUp(path, name);
+  };
+  error = volumes.add(dirs);
+  return error.IsError() ? error : engine->registerContext(context);
+}
+
+// In the order in which they were made: after a start the oldest go first.
+void OpenCache::enterBlocks() {
+  std::vector<FoundBlock> found;
+  for (const VolIndex volume : volumes.indexes()) {
+    const std::string& dir = volumes.dirOf(volume);
+    findBlocks(dir + '/' + BLOCKS_DIR, volume, found, [&](uint64_t blocks) {
+      if (options.onProgress) options.onProgress({dir, blocks});
+    });
+  }
+  std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.madeAt < b.madeAt; });
+  DiskCacheContext context;
+  context.dir = BLOCKS_DIR;
+  for (const FoundBlock& block : found) {
+    const guid_t name = blockName(block.id);
+    account.add(block.volume, block.bytes);
+    VolIndex other = 0;
+    if (engine->findVolume(name, other)) {  // one copy is enough
+      room.remove(name, block.volume, BLOCKS_DIR);
+      continue;
+    }
+    context.volume = block.volume;
+    (void)engine->remember(context, name);  // it fails for want of memory: the next start finds the block
+  }
+}
+
+// An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. While a
+// volume is missing nothing goes: the first block may lie there.
+CZuError OpenCache::enterStaged() {
+  std::unordered_map<ObjectId, std::vector<FoundBlock>, HashOfObject> objects;
+  std::vector<FoundBlock> found;
+  for (const VolIndex volume : volumes.indexes()) {
+    findBlocks(volumes.dirOf(volume) + '/' + STAGED_DIR, volume, found, {});
+  }
+  for (const FoundBlock& block : found) {
+    account.add(block.volume, block.bytes);
+    objects[block.id.object].push_back(block);
+  }
+  const bool isComplete = volumes.size() == options.volumes.size();
+  for (const auto& [id, blocks] : objects) {
+    std::optional<BlockTrailer> first;
+    size_t whole = 0;
+    for (const FoundBlock& block : blocks) {
+      auto trailer = store.adoptStaged(block.id, block.volume);
+      whole += trailer.has_value();
+      if (trailer && trailer->blockSize != options.blockSize) {
+        return keyError(RM_CODE_LOCATION, EINVAL, trailer->key, "is staged in blocks of another size");
+      }
+      if (block.id.number == 0) first = std::move(trailer);
+    }
+    if (first &&
+        whole == std::max<uint64_t>((first->objectSize + options.blockSize - 1) / options.blockSize, 1)) {
+      writeBack.adopt(*first);
+    } else if (!first && isComplete) {
+      for (const FoundBlock& block : blocks) store.discardStaged(block.id);
+    } else {
+      DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", first ? first->key.c_str() : "?");
+    }
+  }
+  return {};
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,113 @@
+#include "client/openBlock.h"
+
+#include <sys/uio.h>
+#include <unistd.h>
+#define XXH_STATIC_LINKING_ONLY  // for a state of the hash's on the stack
+#include <xxhash.h>
+
+#include <algorithm>
+#include <array>
+
+namespace ObjectStore {
+
+namespace {
+
+// Reads as many bytes as asked for or says why not.
+BytesAre outcomeOf(ssize_t got, size_t wanted) {
+  if (got < 0) return BytesAre::Unreadable;
+  return static_cast<size_t>(got) == wanted ? BytesAre::Right : BytesAre::Damaged;
+}
+
+// Bytes in memory in up to three pieces, taken from the front.
+class Pieces {
+ public:
+  explicit Pieces(std::array<std::span<const std::byte>, 3> pieces) : m_pieces(pieces) {}
+  uint64_t checksumOfNext(size_t size) {
+    while (m_at < m_pieces.size() && m_pieces[m_at].empty()) ++m_at;
+    if (m_at < m_pieces.size() && m_pieces[m_at].size() >= size) return checksumOf(take(size));
+    XXH3_state_t state;
+    XXH3_64bits_reset(&state);
+    while (size > 0 && m_at < m_pieces.size()) {
+      const auto part = take(std::min(size, m_pieces[m_at].size()));
+      XXH3_64bits_update(&state, part.data(), part.size());
+      size -= part.size();
+      if (m_pieces[m_at].empty()) ++m_at;
+    }
+    return XXH3_64bits_digest(&state);
+  }
+
+ private:
+  std::span<const std::byte> take(size_t size) {
+    const auto front = m_pieces[m_at].first(size);
+    m_pieces[m_at] = m_pieces[m_at].subspan(size);
+    return front;
+  }
+
+  std::array<std::span<const std::byte>, 3> m_pieces;
+  size_t m_at = 0;
+};
+
+}  // namespace
+
+OpenBlock::OpenBlock(int fd, uint64_t offset, guid_t name, BlockTrailer trailer)
+    : m_fd(fd),
+      m_offset(offset),
+      m_name(std::move(name)),
+      m_trailer(std::move(trailer)),
+      m_metadata(std::make_shared<const Metadata>(m_trailer.metadata)),
+      m_verified(m_trailer.checksums.size()) {}
+
+OpenBlock::~OpenBlock() { ::close(m_fd); }
+
+BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify) {
+  if (out.empty()) return BytesAre::Right;
+  const uint64_t first = from / CHUNK_SIZE, last = (from + out.size() - 1) / CHUNK_SIZE;
+  if (verify == Verify::Never || (verify == Verify::Once && isVerified(first, last)))
+    return readPlain(from, out);
+  const BytesAre result = readVerified(from, out, first, last);
+  if (verify == Verify::Once && result == BytesAre::Right) {
+    for (uint64_t chunk = first; chunk <= last; ++chunk)
+      m_verified[chunk].store(true, std::memory_order_relaxed);
+  }
+  return result;
+}
+
+bool OpenBlock::isVerified(uint64_t firstChunk, uint64_t lastChunk) const {
+  for (uint64_t chunk = firstChunk; chunk <= lastChunk; ++chunk) {
+    if (!m_verified[chunk].load(std::memory_order_relaxed)) return false;
+  }
+  return true;
+}
+
+BytesAre OpenBlock::readPlain(uint64_t from, std::span<std::byte> out) const {
+  return outcomeOf(pread(m_fd, out.data(), out.size(), static_cast<off_t>(m_offset + from)), out.size());
+}
+
+// What lies before and behind the range in its first and last chunk goes to a buffer beside it.
+BytesAre OpenBlock::readVerified(uint64_t from, std::span<std::byte> out, uint64_t firstChunk,
+                                 uint64_t lastChunk) const {
+  thread_local std::array<std::byte, 2 * CHUNK_SIZE> beside;
+  const uint64_t begin = firstChunk * CHUNK_SIZE;
+  const uint64_t end = std::min((lastChunk + 1) * CHUNK_SIZE, m_trailer.payloadSize);
+  const std::span<std::byte> before(beside.data(), from - begin);
+  const std::span<std::byte> behind(beside.data() + CHUNK_SIZE, end - from - out.size());
+  BytesAre result = BytesAre::Right;
+  if (before.empty() && behind.empty()) {
+    result = readPlain(from, out);
+  } else {
+    const std::array<iovec, 3> parts{
+        {{before.data(), before.size()}, {out.data(), out.size()}, {behind.data(), behind.size()}}};
+    const ssize_t got =
+        preadv(m_fd, parts.data(), static_cast<int>(parts.size()), static_cast<off_t>(m_offset + begin));
+    result = outcomeOf(got, end - begin);
+  }
+  if (result != BytesAre::Right) return result;
+  Pieces pieces({before, out, behind});
+  for (uint64_t chunk = firstChunk; chunk <= lastChunk; ++chunk) {
+    const uint64_t size = std::min(CHUNK_SIZE, end - chunk * CHUNK_SIZE);
+    if (pieces.checksumOfNext(size) != m_trailer.checksums[chunk]) return BytesAre::Damaged;
+  }
+  return result;
+}
+
+}  // namespace ObjectStore

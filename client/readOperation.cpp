@@ -1,0 +1,179 @@
+#include "client/readOperation.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <limits>
+
+#include "client/originFetch.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+ReadResult ReadOperation::read(uint64_t offset, std::span<std::byte> out, const Origin& origin) {
+  const uint64_t last = offset + out.size();
+  if (last < offset || last / blockSize() > std::numeric_limits<uint32_t>::max()) {
+    fail(RM_CODE_LOCATION, EINVAL, "no object is so large");
+    return std::move(m_result);
+  }
+  if (m_cache.options.prefetchBlocks > 0) m_isSequential = m_cache.sequences.isNext(m_object, offset, last);
+  do {
+    const Step step = readSome(offset + m_result.bytes, out.subspan(m_result.bytes), origin);
+    if (step == Step::Failed) break;
+    m_result.bytes += m_got;
+  } while (m_result.bytes < out.size() && offset + m_result.bytes < m_result.objectSize);
+  if (m_missed) m_cache.metrics.misses.add(m_missed->elapsed());
+  return std::move(m_result);
+}
+
+ReadResult ReadOperation::describe() {
+  if (fromCache(blockOf(0), 0, {}, false) != Step::Done) fail(RM_CODE_LOCATION, ENOENT, "not cached");
+  return std::move(m_result);
+}
+
+ReadOperation::Step ReadOperation::readSome(uint64_t offset, std::span<std::byte> out, const Origin& origin) {
+  const BlockId id = blockOf(offset / blockSize());
+  const uint64_t from = offset % blockSize();
+  const auto ofBlock = out.first(std::min<uint64_t>(out.size(), blockSize() - from));
+  for (;;) {
+    if (const Step step = fromCache(id, from, ofBlock, false); step != Step::Miss) return step;
+    if (!m_missed) m_missed.emplace();
+    Flights::Joined joined = m_cache.flights.join(id);
+    if (!joined.mine) {
+      if (const Step step = fromFlight(joined.landing, offset, ofBlock); step != Step::Miss) return step;
+      continue;
+    }
+    // The block may have come between the look and the flight; what is there and not whole goes now.
+    if (const Step step = fromCache(id, from, ofBlock, true); step != Step::Miss) return step;
+    return OriginFetch(*this, origin, std::move(joined.mine)).run(offset, out);
+  }
+}
+
+ReadOperation::Step ReadOperation::fromCache(const BlockId& id, uint64_t from, std::span<std::byte> out,
+                                             bool mayDrop) {
+  const Step step = fromHotTable(id, from, out);
+  return step != Step::Miss ? step : fromDisk(id, from, out, mayDrop);
+}
+
+ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, uint64_t from, std::span<std::byte> out) {
+  const HotTable::Block block = m_cache.hot.find(id);
+  if (!block || !block->isOf(m_key, m_version) || isExpired(*block)) return Step::Miss;
+  const Step step = fromBlock(id, *block, from, out);
+  if (step == Step::Miss) {
+    m_cache.hot.erase(id);  // and look at the file itself
+    return step;
+  }
+  // One that the list does not know was given up while it was read, or is staged.
+  if (!m_cache.engine->touch(block->name()) && !m_cache.store.isStaged(id)) m_cache.hot.erase(id);
+  m_cache.metrics.add(Count::hotHits);
+  return step;
+}
+
+ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, std::span<std::byte> out,
+                                            bool mayDrop) {
+  using Found = BlockStore::Found;
+  const BlockStore::Lookup lookup = m_cache.store.open(id, m_key, m_version);
+  switch (lookup.found) {
+    case Found::Nothing: return Step::Miss;
+    case Found::Trouble: m_mayStore = false; return Step::Miss;
+    case Found::Unfinished:
+      if (mayDrop) dropBroken(id, Count::leftovers);
+      return Step::Miss;
+    case Found::Broken:
+      if (mayDrop) dropBroken(id, Count::damagedBlocks);
+      return Step::Miss;
+    case Found::Whole: break;
+  }
+  if (isExpired(*lookup.block)) {
+    if (mayDrop) dropBroken(id, Count::expiredBlocks);
+    return Step::Miss;
+  }
+  const Step step = fromBlock(id, *lookup.block, from, out);
+  if (step == Step::Miss) {
+    if (mayDrop) dropBroken(id, Count::damagedBlocks);
+    return step;
+  }
+  m_cache.metrics.add(Count::coldHits);
+  m_cache.hot.insert(id, lookup.block);
+  // Given up between its opening and its entering the table: the table must not keep its space.
+  if (!m_cache.engine->touch(lookup.block->name()) && !m_cache.store.isStaged(id)) m_cache.hot.erase(id);
+  return step;
+}
+
+ReadOperation::Step ReadOperation::fromBlock(const BlockId& /*id*/, OpenBlock& block, uint64_t from,
+                                             std::span<std::byte> out) {
+  const BlockTrailer& trailer = block.trailer();
+  const uint64_t size =
+      from >= trailer.payloadSize ? 0 : std::min<uint64_t>(out.size(), trailer.payloadSize - from);
+  switch (block.read(from, out.first(size), m_cache.options.verify)) {
+    case BytesAre::Right: break;
+    case BytesAre::Unreadable: m_cache.metrics.add(Count::diskErrors); return Step::Miss;
+    case BytesAre::Damaged: return Step::Miss;
+  }
+  m_got = size;
+  ++m_result.hits;
+  m_cache.metrics.add(Count::diskBytes, size);
+  return learn(trailer.objectSize, block.metadata());
+}
+
+ReadOperation::Step ReadOperation::fromFlight(const Landing& landing, uint64_t offset,
+                                              std::span<std::byte> out) {
+  using Time = std::chrono::steady_clock::time_point;
+  if (m_options.deadline == Time::max()) {
+    landing.wait();
+  } else if (landing.wait_until(m_options.deadline) != std::future_status::ready) {
+    return fail(RM_CODE_LOCATION, ETIMEDOUT, "another thread is still fetching");
+  }
+  const std::shared_ptr<const Landed> landed = landing.get();
+  if (landed->isOnDisk) return Step::Miss;
+  m_cache.metrics.add(Count::joined);
+  ++m_result.joined;
+  if (landed->error.IsError()) {
+    m_result.error = landed->error;
+    return Step::Failed;
+  }
+  const uint64_t from = offset % blockSize();
+  m_got = from >= landed->payload.size() ? 0 : std::min<uint64_t>(out.size(), landed->payload.size() - from);
+  if (m_got > 0) std::memcpy(out.data(), landed->payload.data() + from, m_got);
+  return learn(landed->objectSize, landed->metadata);
+}
+
+void ReadOperation::dropBroken(const BlockId& id, Count reason) {
+  if (m_cache.store.isStaged(id)) {  // the only copy there is: it stays for whoever can save it
+    m_mayStore = false;
+    return;
+  }
+  m_cache.metrics.add(reason);
+  if (reason == Count::damagedBlocks) {
+    DC_LOG(LogLevel::Error, "Error: block %u of [%.*s] is damaged and dropped", id.number,
+           static_cast<int>(m_key.size()), m_key.data());
+  }
+  m_cache.store.drop(id);
+}
+
+bool ReadOperation::isExpired(const OpenBlock& block) const {
+  const auto maxAge = m_cache.options.maxAge.count();
+  if (maxAge == 0) return false;
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now.tv_sec - static_cast<int64_t>(block.trailer().madeAt) > maxAge;
+}
+
+ReadOperation::Step ReadOperation::learn(uint64_t objectSize,
+                                         const std::shared_ptr<const Metadata>& metadata) {
+  if (m_knowsSize && objectSize != m_result.objectSize) {
+    return fail(RM_CODE_LOCATION, ESTALE, "its size changed under one version");
+  }
+  m_knowsSize = true;
+  m_result.objectSize = objectSize;
+  m_result.metadata = metadata;
+  return Step::Done;
+}
+
+ReadOperation::Step ReadOperation::fail(const RMCodeLocation& where, int errNo, const char* what) {
+  m_result.error = keyError(where, errNo, m_key, what);
+  return Step::Failed;
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,73 @@
+#include "client/startScan.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "diskcache/diskcacheTypes.h"
+#include "support/log.h"
+
+namespace ObjectStore {
+
+namespace {
+
+constexpr uint64_t PROGRESS_EVERY = 4096;
+
+struct StreamCloser {
+  void operator()(DIR* stream) const { closedir(stream); }
+};
+using Stream = std::unique_ptr<DIR, StreamCloser>;
+
+class Walk {
+ public:
+  Walk(VolIndex volume, std::vector<FoundBlock>& out, const std::function<void(uint64_t)>& progress)
+      : m_volume(volume), m_out(out), m_progress(progress) {}
+
+  // Blocks lie `levels` directories below.
+  void visit(int parent, const char* name, int levels) {
+    const Stream stream = openDirectory(parent, name);
+    if (!stream) return;
+    const int fd = dirfd(stream.get());
+    while (const dirent* const entry = readdir(stream.get())) {
+      if (entry->d_name[0] == '.') continue;
+      levels > 0 ? visit(fd, entry->d_name, levels - 1) : enter(fd, entry->d_name);
+    }
+  }
+
+ private:
+  static Stream openDirectory(int parent, const char* name) {
+    const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+      const int rc = errno;
+      const bool isExpected = rc == ENOENT || rc == ENOTDIR;
+      DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't open directory [%s] (%d)", name, rc);
+      return nullptr;
+    }
+    return Stream(fdopendir(fd));
+  }
+  void enter(int dir, const char* name) {
+    const auto id = parseBlockName(name);
+    struct stat status {};
+    if (!id || fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    const int64_t made = int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
+    m_out.push_back({*id, m_volume, made, static_cast<uint64_t>(status.st_blocks) * 512});
+    if (m_progress && m_out.size() % PROGRESS_EVERY == 0) m_progress(m_out.size());
+  }
+
+  const VolIndex m_volume;
+  std::vector<FoundBlock>& m_out;
+  const std::function<void(uint64_t)>& m_progress;
+};
+
+}  // namespace
+
+void findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
+                const std::function<void(uint64_t)>& progress) {
+  Walk(volume, out, progress).visit(AT_FDCWD, dir.c_str(), NUM_DIR_LEVELS);
+}
+
+}  // namespace ObjectStore

@@ -1,0 +1,72 @@
+// Objects that are staged on disk and not uploaded yet, and the workers that upload them.
+//
+// Any thread may call anything but adopt() and stop(). No lock is held over work on files or an upload. An
+// object's first block is staged last and made prunable first: with it the object is staged, without it not.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <set>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "client/blockStore.h"
+#include "client/flights.h"
+#include "client/objectCache.h"
+
+namespace ObjectStore {
+
+class WriteBack {
+ public:
+  WriteBack(BlockStore& store, Flights& flights, Metrics& metrics, const ObjectCacheOptions& options)
+      : m_store(store), m_flights(flights), m_metrics(metrics), m_options(options) {}
+  ~WriteBack() { stop(); }
+  WriteBack(const WriteBack&) = delete;
+  WriteBack& operator=(const WriteBack&) = delete;
+
+  CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
+                 const Metadata& metadata);
+  CZuError flush(Upload upload, unsigned parallel);
+  StagedStatus status();
+  bool drained(std::chrono::steady_clock::time_point deadline);
+  // Ends the workers, each after its upload.
+  void stop();
+
+  // An object found at the start, all of whose blocks the store has adopted, by its first block's trailer.
+  void adopt(const BlockTrailer& first);
+
+ private:
+  using Clock = std::chrono::system_clock;
+  class Object;
+  using ObjectPointer = std::shared_ptr<Object>;
+
+  bool isStaged(const ObjectId& id);
+  int storeBlocks(Object& object, std::span<const std::byte> bytes);
+  void enter(ObjectPointer object);
+  // The next object that is due, waited for unless in a single pass; null when there is none, or at the end.
+  ObjectPointer take(bool isSinglePass, Clock::time_point passBegan);
+  CZuError uploadOne(Object& object, const Upload& upload);
+  void giveBack(const ObjectPointer& object, bool isUploaded);
+  void work(const Upload& upload);
+  int release(const Object& object);
+
+  BlockStore& m_store;
+  Flights& m_flights;
+  Metrics& m_metrics;
+  const ObjectCacheOptions& m_options;
+
+  KxCriticalSection m_lock;
+  std::condition_variable_any m_changed;
+  std::unordered_map<ObjectId, ObjectPointer, HashOfObject> m_objects DC_GUARDED_BY(m_lock);
+  // Those that no worker has, by when they are to be tried: at first when they were staged.
+  std::multimap<Clock::time_point, ObjectPointer> m_due DC_GUARDED_BY(m_lock);
+  std::multiset<Clock::time_point> m_ages DC_GUARDED_BY(m_lock);
+  uint64_t m_bytes DC_GUARDED_BY(m_lock) = 0;
+  bool m_stop DC_GUARDED_BY(m_lock) = false;
+  std::vector<std::thread> m_workers DC_GUARDED_BY(m_lock);
+};
+
+}  // namespace ObjectStore

@@ -1,0 +1,202 @@
+// Disks that fail, files that are damaged, processes that are killed: right bytes or the origin's error.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <set>
+
+#include "tests/support/clientFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ClientFaultTest : public ClientTest {
+ protected:
+  static constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
+  static size_t soaked(size_t count) {
+    const char* const soak = std::getenv("DISKCACHE_SOAK");
+    return count * (soak ? std::strtoul(soak, nullptr, 10) : 1);
+  }
+};
+
+TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
+  ObjectCacheOptions chosen = options(2);
+  chosen.maxBytes = 6 * (SMALL_BLOCK + 8192);
+  const auto script = [&](int run) {
+    const std::string key = "key" + std::to_string(run);
+    EXPECT_EQ(readAll(key, SIZE), "right") << run;
+    EXPECT_EQ(readAll(key, SIZE), "right") << run;
+    EXPECT_EQ(read(key, SIZE, 70000, 1000), "right") << run;
+    EXPECT_EQ(readAll("next" + std::to_string(run), SIZE), "right") << run;  // evicts
+  };
+  start(chosen);
+  std::set<std::string> calls;
+  {
+    FaultPlan plan;
+    script(-1);
+    for (const std::string& call : plan.trace()) calls.insert(call);
+  }
+  EXPECT_GE(calls.size(), 12U);
+  int run = 0;
+  for (const std::string& call : calls) {
+    for (const int errNo : {EIO, ENOSPC, EROFS, EMFILE, ENOENT}) {
+      for (const size_t nth : {size_t{1}, size_t{2}, size_t{0}}) {
+        SCOPED_TRACE(call + ' ' + outcome(errNo) + ' ' + std::to_string(nth));
+        {
+          FaultPlan plan;
+          plan.skipSleeps();
+          nth == 0 ? plan.failAlways(call, errNo) : plan.fail(call, nth, errNo);
+          script(++run);
+          plan.clearFaults();
+        }
+        script(run);
+      }
+    }
+  }
+  EXPECT_GT(cache->metrics().refusedByDisk, 0U);
+  // What the faults left behind is found by the next start, and counted.
+  start(chosen);
+  EXPECT_LE(cache->metrics().usedBytes, chosen.maxBytes);
+  script(0);
+}
+
+TEST_F(ClientFaultTest, AShortTransferIsNotTakenForTheWhole) {
+  start();
+  for (const char* call : {"write", "pwrite", "pread"}) {
+    for (size_t nth = 1; nth <= 4; ++nth) {
+      const std::string key = call + std::to_string(nth);
+      FaultPlan plan;
+      plan.shortTransfer(call, nth, 5);
+      for (int i = 0; i < 4; ++i) EXPECT_EQ(readAll(key, 5000), "right") << key;
+      plan.clearFaults();
+    }
+  }
+}
+
+TEST_F(ClientFaultTest, DamageInAnyByteIsNoticedAndRepaired) {
+  ObjectCacheOptions chosen = options();
+  chosen.hotBlocks = 1;
+  start(chosen);
+  const uint64_t size = 3000;
+  EXPECT_EQ(readAll("key", size), "right");
+  const std::string path = files().at(0), whole = readFile(path);
+  std::minstd_rand random(1);
+  const size_t stride = std::max<size_t>(1, 40 / soaked(1));
+  size_t repaired = 0;
+  for (size_t at = 0; at < whole.size();
+       at += at < 200 || at > whole.size() - 150 ? 1 : 1 + random() % stride) {
+    cache->drop("key", "v", size);
+    EXPECT_EQ(readAll("key", size), "right");
+    asked();
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ (1 << random() % 8));
+    writeFile(path, at % 7 == 0 ? whole.substr(0, at) : damaged);
+    ASSERT_EQ(readAll("key", size), "right") << at;
+    repaired += asked();
+    ASSERT_EQ(readAll("key", size), "right") << at;
+    EXPECT_EQ(asked(), 0U) << at;  // it was stored again
+  }
+  EXPECT_GT(repaired, 200U);
+  EXPECT_EQ(cache->metrics().damagedBlocks + cache->metrics().leftovers, repaired);
+  // Another object's block under this one's name.
+  EXPECT_EQ(readAll("other", size), "right");
+  cache->drop("key", "v", size);
+  fs::copy(files().at(0), path, fs::copy_options::overwrite_existing);
+  start(chosen);
+  EXPECT_EQ(readAll("key", size), "right");
+}
+
+TEST_F(ClientFaultTest, WhateverStandsInABlocksPlace) {
+  start();
+  EXPECT_EQ(readAll("key", 1000), "right");
+  const std::string path = files().at(0);
+  for (const int kind : {0, 1, 2}) {
+    cache->drop("key", "v", 1000);
+    EXPECT_EQ(readAll("key", 1000), "right");
+    fs::remove(path);
+    if (kind == 0) fs::create_symlink("/etc/passwd", path);
+    if (kind == 1) fs::create_symlink("/nowhere", path);
+    if (kind == 2) fs::create_directory(path);
+    ObjectCacheOptions chosen = options();
+    start(chosen);
+    asked();
+    EXPECT_EQ(readAll("key", 1000), "right") << kind;
+    EXPECT_EQ(asked(), 1U);
+  }
+  fs::remove(path);
+}
+
+TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
+  ObjectCacheOptions chosen = options(2);
+  chosen.maxBytes = 20 * SMALL_BLOCK;
+  const std::string bytes = bytesOf("staged", "v", 0, SIZE);
+  const auto stage = [&](const std::string& key) {
+    const std::string content = bytesOf(key, "v", 0, SIZE);
+    return outcome(cache->stage(key, "v", std::as_bytes(std::span(content))));
+  };
+  // The child says by a pipe what has returned.
+  const auto live = [&](int told, unsigned life) {
+    ASSERT_EQ(openWith(chosen), "success");
+    for (unsigned i = 0; i < 4; ++i) {
+      const std::string key = std::to_string(life) + "-" + std::to_string(i);
+      EXPECT_EQ(readAll("object" + std::to_string((life + i) % 8), SIZE), "right");
+      if (stage(key) != "success") continue;
+      EXPECT_EQ(write(told, (key + '\n').data(), key.size() + 1), static_cast<ssize_t>(key.size() + 1));
+    }
+  };
+  std::set<std::string> staged;
+  std::minstd_rand random(7);
+  for (unsigned life = 0; life < soaked(30); ++life) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      FaultPlan plan;
+      if (life > 0) plan.killAt(1 + random() % 1500);
+      live(ends[1], life);
+      plan.clearFaults();
+      _exit(0);
+    }
+    random();
+    close(ends[1]);
+    std::string told;
+    for (char c; ::read(ends[0], &c, 1) == 1;) {
+      if (c != '\n') {
+        told += c;
+      } else {
+        staged.insert(std::exchange(told, ""));
+      }
+    }
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    chosen.maxBytes = (20 + 4 * staged.size()) * SMALL_BLOCK;
+  }
+  EXPECT_GT(staged.size(), 10U);
+  start(chosen);
+  EXPECT_GE(cache->staged().objects, staged.size());
+  asked();
+  for (const std::string& key : staged) EXPECT_EQ(readAll(key, SIZE), "right") << key;
+  EXPECT_EQ(asked(), 0U);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(readAll("object" + std::to_string(i), SIZE), "right");
+  size_t uploaded = 0;
+  EXPECT_EQ(outcome(cache->flush(
+                [&](const StagedObject& object) {
+                  std::string content(object.size, 'x');
+                  const CZuError error = object.read(0, std::as_writable_bytes(std::span(content)));
+                  EXPECT_EQ(content, bytesOf(object.key, "v", 0, SIZE));
+                  uploaded += staged.contains(object.key);
+                  return error;
+                },
+                0)),
+            "success");
+  EXPECT_EQ(uploaded, staged.size());
+  EXPECT_EQ(cache->staged().objects, 0U);
+  EXPECT_TRUE(files("staged").empty());
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,91 @@
+// Eight threads do at random what clients do, beside restarts; every byte is compared with what it must be.
+#include <random>
+#include <thread>
+
+#include "tests/support/clientFixture.h"
+
+namespace ObjectStore {
+namespace {
+
+class ClientModelTest : public ClientTest {
+ protected:
+  static constexpr int KEYS = 40;
+  static uint64_t sizeOf(size_t key) { return key * key * 181 % 300000; }
+
+  void readOne(std::minstd_rand& random) {
+    const size_t number = random() % KEYS;
+    const std::string key = std::to_string(number), version = std::to_string(random() % 2);
+    const uint64_t size = sizeOf(number), from = size == 0 ? 0 : random() % size;
+    std::string buffer(random() % 200000, 'x');
+    const ReadResult got =
+        cache->read(key, version, from, std::as_writable_bytes(std::span(buffer)),
+                    [&](uint64_t at, std::span<std::byte> to) { return answer(key, version, size, at, to); });
+    const size_t expected = std::min<uint64_t>(buffer.size(), size - from);
+    EXPECT_EQ(outcome(got.error), "success") << got.error.AsString();
+    EXPECT_EQ(got.bytes, expected);
+    EXPECT_EQ(got.objectSize, size);
+    EXPECT_TRUE(buffer.starts_with(bytesOf(key, version, from, expected))) << "wrong bytes of " << key;
+  }
+  void stageOne(std::minstd_rand& random) {
+    const size_t number = random() % KEYS;
+    const std::string key = std::to_string(number), version = std::to_string(random() % 2);
+    const std::string bytes = bytesOf(key, version, 0, sizeOf(number));
+    const std::string told = outcome(cache->stage(key, version, std::as_bytes(std::span(bytes))));
+    EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
+  }
+  void work(unsigned seed, size_t operations) {
+    std::minstd_rand random(seed);
+    for (size_t i = 0; i < operations && !HasFailure(); ++i) {
+      const auto choice = random() % 100;
+      if (choice < 90) {
+        readOne(random);
+      } else if (choice < 95) {
+        stageOne(random);
+      } else if (choice < 98) {
+        const size_t number = random() % KEYS;
+        cache->drop(std::to_string(number), "1", sizeOf(number));
+      } else {
+        std::string text;
+        cache->renderMetrics(text);
+      }
+    }
+  }
+};
+
+TEST_F(ClientModelTest, EightThreadsAndRestarts) {
+  const char* const soak = std::getenv("DISKCACHE_SOAK");
+  const size_t operations = 250 * (soak ? std::strtoul(soak, nullptr, 10) : 1);
+  ObjectCacheOptions chosen = options(2);
+  chosen.maxBytes = 3 << 20;
+  chosen.hotBlocks = 20;
+  chosen.prefetchBlocks = 1;
+  for (unsigned life = 0; life < 4; ++life) {
+    chosen.verify = static_cast<Verify>(life % 3);
+    start(chosen);
+    ASSERT_EQ(outcome(cache->flush(
+                  [&](const StagedObject& object) {
+                    std::string bytes(object.size, 'x');
+                    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+                    EXPECT_EQ(bytes, bytesOf(object.key, object.version, 0, object.size));
+                    return error;
+                  },
+                  2)),
+              "success");
+    {
+      std::vector<std::jthread> threads;
+      for (unsigned t = 0; t < 8; ++t)
+        threads.emplace_back([=, this] { work(life * 8 + t + 1, operations); });
+    }
+    EXPECT_TRUE(cache->drained(std::chrono::steady_clock::now() + LONGEST_WAIT));
+    const ObjectCacheMetrics metrics = cache->metrics();
+    EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
+    EXPECT_GT(metrics.evictedBlocks, 50U);
+    EXPECT_EQ(metrics.damagedBlocks, 0U);
+    uint64_t onDisk = 0;
+    for (const std::string& path : files()) onDisk += (std::filesystem::file_size(path) + 4095) / 4096 * 4096;
+    EXPECT_EQ(metrics.usedBytes, onDisk);  // nothing is lost sight of
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore

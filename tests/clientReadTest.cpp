@@ -1,0 +1,209 @@
+// Reading through an ObjectCache: ranges, flights, the table of descriptors, the optional parts.
+#include <barrier>
+#include <future>
+#include <thread>
+
+#include "tests/support/clientFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+using ClientReadTest = ClientTest;
+
+TEST_F(ClientReadTest, AnyRangeOfAnySizeComesFromDiskTheSecondTime) {
+  for (const Verify verify : {Verify::Always, Verify::Once, Verify::Never}) {
+    ObjectCacheOptions chosen = options();
+    chosen.root = dir / "root" + std::to_string(static_cast<int>(verify));
+    chosen.volumes = {dir / "vol" + std::to_string(static_cast<int>(verify))};
+    chosen.verify = verify;
+    chosen.blockSize = 2 * SMALL_BLOCK;
+    start(chosen);
+    const uint64_t block = chosen.blockSize;
+    for (const uint64_t size :
+         {uint64_t{0}, uint64_t{1}, uint64_t{70000}, block - 1, block, block + 1, 3 * block + 5}) {
+      const std::string key = "object of " + std::to_string(size);
+      EXPECT_EQ(readAll(key, size), "right") << size;
+      EXPECT_EQ(read(key, size, 0, 0), "right");
+      EXPECT_EQ(asked(), 1U);
+      for (uint64_t from = 0; from <= size; from += 30011) {
+        for (const size_t count : {size_t{1}, size_t{4096}, size_t{65536}, size_t{200000}})
+          EXPECT_EQ(read(key, size, from, count), "right") << size << ": " << from << ", " << count;
+      }
+      EXPECT_EQ(asked(), 0U) << size;
+      ASSERT_TRUE(result.metadata);
+      EXPECT_EQ(result.metadata->at("etag"), "v");
+    }
+  }
+  EXPECT_EQ(read("key", 1, UINT64_MAX - 5, 100), "EINVAL");
+}
+
+TEST_F(ClientReadTest, AVersionIsAnObjectOfItsOwnAndTheOriginIsNotAskedAboutWhatIsKnown) {
+  start();
+  EXPECT_EQ(readAll("key", 1000, "v1"), "right");
+  EXPECT_EQ(readAll("key", 2000, "v2"), "right");
+  EXPECT_EQ(asked(), 2U);
+  EXPECT_EQ(readAll("key", 1000, "v1"), "right");
+  const ReadResult known = cache->describe("key", "v2");
+  EXPECT_EQ(known.objectSize, 2000U);
+  EXPECT_EQ(known.metadata->at("etag"), "v2");
+  EXPECT_EQ(outcome(cache->describe("key", "v3").error), "ENOENT");
+  cache->drop("key", "v2", 2000);
+  EXPECT_EQ(outcome(cache->describe("key", "v2").error), "ENOENT");
+  EXPECT_EQ(asked(), 0U);
+}
+
+TEST_F(ClientReadTest, AnObjectThatChangesUnderItsVersionIsAnError) {
+  start();
+  EXPECT_EQ(read("key", 3 * SMALL_BLOCK, 0, 10), "right");  // its first block
+  EXPECT_EQ(read("key", 2 * SMALL_BLOCK, 0, 2 * SMALL_BLOCK), "ESTALE");
+  EXPECT_NE(result.error.AsString().find("key"), std::string::npos);
+  EXPECT_EQ(readAll("key", 3 * SMALL_BLOCK), "right");
+}
+
+TEST_F(ClientReadTest, MissingNeighboursAreFetchedInOneRequest) {
+  ObjectCacheOptions chosen = options();
+  chosen.maxFetch = 4 * SMALL_BLOCK;
+  start(chosen);
+  const uint64_t size = 10 * SMALL_BLOCK;
+  EXPECT_EQ(read("key", size, 5 * SMALL_BLOCK, 1), "right");
+  EXPECT_EQ(asked(), 1U);
+  EXPECT_EQ(readAll("key", size), "right");
+  EXPECT_EQ(asked(), 3U);  // 0 to 3, 4, 6 to 9
+  EXPECT_EQ(result.misses, 9U);
+  EXPECT_EQ(result.hits, 1U);
+  EXPECT_EQ(cache->metrics().storedBlocks, 10U);
+}
+
+TEST_F(ClientReadTest, AHundredThreadsOnOneColdKeyCostOneFetch) {
+  start();
+  const uint64_t size = 3 * SMALL_BLOCK + 7;
+  const std::string expected = bytesOf("cold", "v", 0, size);
+  std::atomic<unsigned> right{0};
+  std::barrier together(100);
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 100; ++i) {
+      threads.emplace_back([&] {
+        std::string buffer(size, 'x');
+        together.arrive_and_wait();
+        const ReadResult got = cache->read(
+            "cold", "v", 0, std::as_writable_bytes(std::span(buffer)),
+            [&](uint64_t at, std::span<std::byte> to) { return answer("cold", "v", size, at, to); });
+        right += got && buffer == expected;
+      });
+    }
+  }
+  EXPECT_EQ(right, 100U);
+  EXPECT_EQ(asked(), 1U);
+}
+
+TEST_F(ClientReadTest, WaitersShareBytesAsTheyComeErrorsAndGiveUpByTheirDeadline) {
+  start();
+  const uint64_t size = 2 * SMALL_BLOCK;
+  std::promise<void> firstIsThere, goOn;
+  std::string whole(size, 'x');
+  auto fetching = std::async(std::launch::async, [&] {
+    return cache->read("key", "v", 0, std::as_writable_bytes(std::span(whole)), [&](OriginRequest& request) {
+      const OriginAnswer told = answer("key", "v", size, request.from, request.to);
+      request.arrived(SMALL_BLOCK + 1, size, told.metadata);
+      firstIsThere.set_value();
+      goOn.get_future().wait();
+      originErrNo = ECONNRESET;
+      return answer("key", "v", size, request.from, request.to);
+    });
+  });
+  firstIsThere.get_future().wait();
+  asked();
+  EXPECT_EQ(read("key", size, 5, 100), "right");  // while the other thread is at its second block
+  EXPECT_EQ(result.joined, 1U);
+  std::string buffer(10, 'x');
+  const auto untold = [](OriginRequest&) -> OriginAnswer { throw 1; };
+  const ReadResult late = cache->read("key", "v", SMALL_BLOCK, std::as_writable_bytes(std::span(buffer)),
+                                      untold, {.deadline = std::chrono::steady_clock::now()});
+  EXPECT_EQ(outcome(late.error), "ETIMEDOUT");
+  EXPECT_EQ(asked(), 0U);
+  goOn.set_value();
+  EXPECT_EQ(outcome(fetching.get().error), "ECONNRESET");
+  originErrNo = 0;
+  EXPECT_EQ(outcome(cache->read("thrown", "v", 0, std::as_writable_bytes(std::span(buffer)), untold).error),
+            "EIO");
+  EXPECT_EQ(readAll("key", size), "right");
+}
+
+TEST_F(ClientReadTest, AHotHitIsOnePreadAndNothingElse) {
+  using Calls = std::vector<std::string>;
+  for (const Verify verify : {Verify::Always, Verify::Never}) {
+    ObjectCacheOptions chosen = options();
+    chosen.verify = verify;
+    start(chosen);
+    EXPECT_EQ(readAll("key", 5000), "right");
+    EXPECT_EQ(readAll("key", 5000), "right");  // takes the descriptor into the table
+    FaultPlan plan;
+    EXPECT_EQ(readAll("key", 5000), "right");
+    EXPECT_EQ(plan.takeTrace(), Calls{"pread"});
+    EXPECT_EQ(read("key", 5000, 100, 200), "right");
+    EXPECT_EQ(plan.takeTrace(), Calls{verify == Verify::Always ? "preadv" : "pread"});
+  }
+  EXPECT_EQ(asked(), 1U);
+}
+
+TEST_F(ClientReadTest, TheTableIsBoundedAndGivesSpaceBackAtOnce) {
+  ObjectCacheOptions chosen = options();
+  chosen.hotBlocks = 16;
+  chosen.maxBytes = 64 * (SMALL_BLOCK + 8192);
+  start(chosen);
+  for (int pass = 0; pass < 2; ++pass) {
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(readAll(std::to_string(i), SMALL_BLOCK), "right");
+  }
+  EXPECT_LE(cache->metrics().hotBlocks, 16U);
+  for (int i = 100; i < 200; ++i) EXPECT_EQ(readAll(std::to_string(i), SMALL_BLOCK), "right");
+  EXPECT_EQ(cache->metrics().hotBlocks, 0U);  // all that were open are evicted
+}
+
+TEST_F(ClientReadTest, AdmissionExpiryAndPrefetch) {
+  ObjectCacheOptions chosen = options();
+  chosen.admit = [](const Admission& asked) { return asked.objectSize < 1000 || asked.uses >= 2; };
+  start(chosen);
+  EXPECT_EQ(readAll("small", 999), "right");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(readAll("large", 5000), "right");
+  EXPECT_EQ(asked(), 3U);  // large ones from their second use on
+  EXPECT_EQ(cache->metrics().refusedAdmission, 1U);
+
+  chosen = options();
+  chosen.prefetchBlocks = 2;
+  start(chosen);
+  for (uint64_t at = 0; at < 6 * SMALL_BLOCK; at += SMALL_BLOCK / 2)
+    EXPECT_EQ(read("read on", 6 * SMALL_BLOCK, at, SMALL_BLOCK / 2), "right");
+  EXPECT_EQ(asked(), 3U);  // 0, then 1 to 3, then 4 and 5
+  EXPECT_EQ(cache->metrics().prefetchedBlocks, 3U);
+
+  chosen = options();
+  chosen.maxAge = std::chrono::seconds(1);
+  start(chosen);
+  EXPECT_EQ(readAll("young", 100), "right");
+  EXPECT_EQ(readAll("young", 100), "right");
+  EXPECT_EQ(asked(), 1U);
+  const auto expired = [&] { return readAll("young", 100) != "right" || asked() > 0; };
+  for (const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
+       !expired() && std::chrono::steady_clock::now() < end;) {
+    std::this_thread::yield();
+  }
+  EXPECT_GE(cache->metrics().expiredBlocks, 1U);
+}
+
+TEST_F(ClientReadTest, MetricsAreOneTextThatAddsUp) {
+  start();
+  EXPECT_EQ(readAll("key", 100), "right");
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(readAll("key", 100), "right");
+  std::string text;
+  cache->renderMetrics(text);
+  for (const char* line :
+       {"diskcache_client_hits_total{from=\"table\"} 31\n", "diskcache_client_misses_total 1\n",
+        "# TYPE diskcache_client_hit_seconds histogram\n", "diskcache_client_miss_seconds_count 1\n",
+        "diskcache_client_hit_seconds_count 2\n"})
+    EXPECT_NE(text.find(line), std::string::npos) << line << text;
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,112 @@
+// Write-back: staging, flushing, and what survives.
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "tests/support/clientFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+class ClientStageTest : public ClientTest {
+ protected:
+  std::string stage(const std::string& key, size_t size) {
+    const std::string bytes = bytesOf(key, "v", 0, size);
+    return outcome(cache->stage(key, "v", std::as_bytes(std::span(bytes)), {{"type", "text"}}));
+  }
+  CZuError check(const StagedObject& object) {
+    std::string bytes(object.size, 'x');
+    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+    EXPECT_EQ(bytes, bytesOf(object.key, object.version, 0, object.size));
+    EXPECT_EQ(object.metadata.at("type"), "text");
+    return error;
+  }
+  static auto soon() { return std::chrono::steady_clock::now() + LONGEST_WAIT; }
+};
+
+TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
+  ObjectCacheOptions chosen = options(2);
+  chosen.maxBytes = 40 * SMALL_BLOCK;
+  start(chosen);
+  const std::vector<size_t> sizes = {0, 1, SMALL_BLOCK, 3 * SMALL_BLOCK + 1};
+  EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");  // the prunable copy gives way
+  for (const size_t size : sizes) EXPECT_EQ(stage("size " + std::to_string(size), size), "success");
+  EXPECT_EQ(stage("size 1", 1), "success");  // again
+  asked();
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(cache->staged().objects, 4U);
+    EXPECT_EQ(cache->staged().bytes, 4 * SMALL_BLOCK + 2U);
+    // Pruning leaves them alone.
+    for (int i = 0; i < 60; ++i) EXPECT_EQ(readAll("other" + std::to_string(i), SMALL_BLOCK), "right");
+    asked();
+    for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
+    EXPECT_EQ(asked(), 0U);
+    start(chosen);
+  }
+  std::vector<size_t> uploaded;
+  EXPECT_EQ(outcome(cache->flush(
+                [&](const StagedObject& object) {
+                  uploaded.push_back(object.size);
+                  return check(object);
+                },
+                0)),
+            "success");
+  EXPECT_EQ(std::multiset<size_t>(uploaded.begin(), uploaded.end()),
+            std::multiset<size_t>(sizes.begin(), sizes.end()));
+  EXPECT_TRUE(cache->drained(soon()));
+  EXPECT_TRUE(files("staged").empty());
+  for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
+  EXPECT_EQ(asked(), 0U);  // prunable now, and still there
+  for (int i = 0; i < 60; ++i) EXPECT_EQ(readAll("more" + std::to_string(i), SMALL_BLOCK), "right");
+  EXPECT_LE(cache->metrics().usedBytes, chosen.maxBytes);
+  asked();
+  EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");
+  EXPECT_EQ(asked(), 1U);
+}
+
+TEST_F(ClientStageTest, FailedUploadsAreTriedAgainByWorkersThatCloseEnds) {
+  start();
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(stage(std::to_string(i), 1000), "success");
+  std::mutex mutex;
+  std::set<std::string> failed;
+  const auto upload = [&](const StagedObject& object) {
+    {
+      const std::lock_guard lock(mutex);
+      if (object.key.size() == 1 && failed.insert(object.key).second) throw std::runtime_error("once");
+    }
+    return check(object);
+  };
+  EXPECT_EQ(outcome(cache->flush(upload, 3)), "success");
+  EXPECT_EQ(outcome(cache->flush(upload, 3)), "EALREADY");
+  EXPECT_TRUE(cache->drained(soon()));
+  EXPECT_EQ(cache->metrics().failedUploads, 10U);
+  EXPECT_EQ(cache->metrics().uploadedObjects, 20U);
+  EXPECT_EQ(stage("later", 5), "success");
+  EXPECT_TRUE(cache->drained(soon()));
+  cache->close();
+  EXPECT_EQ(stage("closed", 5), "EBADF");
+}
+
+TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {
+  ObjectCacheOptions chosen = options();
+  chosen.maxBytes = 4 * SMALL_BLOCK;
+  start(chosen);
+  EXPECT_EQ(stage("too large", 5 * SMALL_BLOCK), "ENOSPC");
+  EXPECT_TRUE(files("staged").empty());
+  for (const char* call : {"fsync", "write", "mkdir"}) {
+    FaultPlan plan;
+    plan.failAlways(call, EIO);
+    EXPECT_EQ(stage("key", 2 * SMALL_BLOCK), "EIO") << call;
+    plan.clearFaults();
+    EXPECT_TRUE(files("staged").empty());
+  }
+  EXPECT_EQ(cache->metrics().usedBytes, 0U);
+  EXPECT_EQ(cache->staged().objects, 0U);
+  EXPECT_EQ(stage("key", 2 * SMALL_BLOCK), "success");
+  chosen.blockSize = 2 * SMALL_BLOCK;
+  EXPECT_EQ(openWith(chosen), "EINVAL");  // staged in other blocks
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,121 @@
+// The bytes of a block's trailer.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "client/blockName.h"
+#include "client/blockTrailer.h"
+
+namespace ObjectStore {
+namespace {
+
+BlockTrailer sample() {
+  BlockTrailer trailer;
+  trailer.number = 2;
+  trailer.blockSize = 1 << 17;
+  trailer.objectSize = (2 << 17) + 65537;
+  trailer.payloadSize = 65537;
+  trailer.madeAt = 0x0102030405;
+  trailer.checksums = {0x1111111111111111, 0x2222222222222222};
+  trailer.key = "key";
+  trailer.version = "v";
+  trailer.metadata = {{"a", "xy"}, {"b", ""}};
+  return trailer;
+}
+
+std::string hex(std::span<const std::byte> bytes) {
+  std::string text;
+  for (const std::byte byte : bytes) {
+    for (const unsigned digit : {std::to_integer<unsigned>(byte) >> 4, std::to_integer<unsigned>(byte) & 15})
+      text += "0123456789abcdef"[digit];
+  }
+  return text;
+}
+
+TEST(ClientTrailerTest, GoldenBytes) {
+  EXPECT_EQ(hex(encodeTrailer(sample())),
+            "4f434254"
+            "0100"
+            "0000"
+            "02000000"
+            "00000200"
+            "0100050000000000"
+            "0100010000000000"
+            "0504030201000000"
+            "02000000"
+            "03000000"
+            "01000000"
+            "02000000"
+            "1111111111111111"
+            "2222222222222222"
+            "6b6579"
+            "76"
+            "01000000"
+            "61"
+            "02000000"
+            "7879"
+            "01000000"
+            "62"
+            "00000000"
+            "d116cf49d58ae750");
+  EXPECT_EQ(blockName({objectIdOf("bucket/key", "v1"), 0xabc}), "a3511bf6c4cb8f59c8bc3a62e9391da200000abc");
+}
+
+TEST(ClientTrailerTest, ComesBackAndNoDamageGoesUnnoticed) {
+  const std::vector<std::byte> bytes = encodeTrailer(sample());
+  const auto back = decodeTrailer(bytes);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(encodeTrailer(*back), bytes);
+  for (size_t at = 0; at < bytes.size(); ++at) {
+    EXPECT_FALSE(decodeTrailer(std::span(bytes).first(at))) << at;
+    std::vector<std::byte> damaged = bytes;
+    damaged[at] ^= std::byte{0x10};
+    EXPECT_FALSE(decodeTrailer(damaged)) << at;
+    // The same with a checksum that fits: no length may be believed, whatever comes of it.
+    const uint64_t checksum = checksumOf(std::span(damaged).first(damaged.size() - 8));
+    for (unsigned i = 0; i < 8; ++i)
+      damaged[damaged.size() - 8 + i] = static_cast<std::byte>(checksum >> (8 * i));
+    if (at >= 40 && at < 56) {
+      EXPECT_FALSE(decodeTrailer(damaged)) << at;
+    } else {
+      decodeTrailer(damaged);
+    }
+  }
+}
+
+TEST(ClientTrailerTest, ContradictionsAreRefused) {
+  const auto refused = [](auto change) {
+    BlockTrailer trailer = sample();
+    change(trailer);
+    return !decodeTrailer(encodeTrailer(trailer));
+  };
+  EXPECT_TRUE(refused([](BlockTrailer& t) { t.payloadSize--; }));
+  EXPECT_TRUE(refused([](BlockTrailer& t) { t.number = 3; }));
+  EXPECT_TRUE(refused([](BlockTrailer& t) { t.checksums.pop_back(); }));
+  EXPECT_TRUE(refused([](BlockTrailer& t) { t.blockSize = 1024; }));
+  EXPECT_TRUE(refused([](BlockTrailer& t) { t.metadata["long"] = std::string(MAX_TRAILER_SIZE, 'x'); }));
+}
+
+TEST(ClientTrailerTest, FindsTheDamagedChunk) {
+  std::vector<std::byte> payload(3 * CHUNK_SIZE - 5, std::byte{'p'});
+  BlockTrailer trailer = sample();
+  trailer.payloadSize = payload.size();
+  trailer.checksums = checksumsOf(payload);
+  EXPECT_FALSE(findDamage(trailer, payload));
+  payload[2 * CHUNK_SIZE] ^= std::byte{1};
+  EXPECT_EQ(findDamage(trailer, payload), 2U);
+  EXPECT_EQ(findDamage(trailer, std::span(payload).first(7)), 0U);
+}
+
+TEST(ClientTrailerTest, NamesComeBack) {
+  const BlockId block{objectIdOf("ab", "c"), 7};
+  EXPECT_EQ(parseBlockName(blockName(block)), block);
+  EXPECT_NE(objectIdOf("ab", "c"), objectIdOf("a", "bc"));
+  EXPECT_EQ(objectIdOf(std::string(600, 'k'), "v"), objectIdOf(std::string(600, 'k'), "v"));
+  for (const char* other : {"", "volume.id", "0123456789abcdef0123456789abcdef0000000G",
+                            "0123456789abcdef0123456789abcdef000000000"})
+    EXPECT_FALSE(parseBlockName(other)) << other;
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,188 @@
+// Restarts, volumes that come and go, and the bound in bytes.
+#include <sys/stat.h>
+
+#include <random>
+
+#include "tests/support/clientFixture.h"
+#include "tests/support/smallFileSystem.h"
+
+namespace ObjectStore {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ClientVolumeTest : public ClientTest {
+ protected:
+  void readObjects(int from, int to, size_t size = 1000) {
+    for (int i = from; i < to; ++i) ASSERT_EQ(readAll(std::to_string(i), size), "right") << i;
+  }
+  static uint64_t onDisk(const std::vector<std::string>& paths) {
+    uint64_t bytes = 0;
+    for (const std::string& path : paths) {
+      struct stat status {};
+      if (stat(path.c_str(), &status) == 0) bytes += static_cast<uint64_t>(status.st_blocks) * 512;
+    }
+    return bytes;
+  }
+};
+
+TEST_F(ClientVolumeTest, EverythingIsFoundAgainWhateverTheOrderAndWhateverLiesBeside) {
+  ObjectCacheOptions chosen = options(3);
+  start(chosen);
+  readObjects(0, 60);
+  EXPECT_EQ(asked(), 60U);
+  for (const std::string& volume : chosen.volumes) {
+    EXPECT_GT(std::distance(fs::recursive_directory_iterator(volume + "/blocks"), {}), 20);
+    writeFile(volume + "/lost+found/abc", "x");
+    writeFile(volume + "/recycle/def", "x");
+    writeFile(volume + "/blocks/ab/cd/foreign", "x");
+  }
+  uint64_t told = 0;
+  for (int pass = 0; pass < 3; ++pass) {
+    std::rotate(chosen.volumes.begin(), chosen.volumes.begin() + 1, chosen.volumes.end());
+    chosen.volumes[0] += "//";
+    chosen.onProgress = [&](const StartProgress& progress) { told = progress.blocks; };
+    start(chosen);
+    readObjects(0, 60);
+    EXPECT_EQ(asked(), 0U);
+    EXPECT_EQ(cache->metrics().usedBytes, onDisk(files()));
+  }
+  EXPECT_EQ(told, 0U);  // it is told every 4,096 blocks
+}
+
+TEST_F(ClientVolumeTest, AVolumeThatIsNotThereIsNotFilled) {
+  ObjectCacheOptions chosen = options(2);
+  start(chosen);
+  readObjects(0, 40);
+  cache.reset();
+  asked();
+  fs::rename(dir / "vol2", dir / "away");
+  fs::create_directories(dir / "vol2");  // an empty mount point
+  start(chosen);
+  EXPECT_EQ(cache->metrics().absentVolumes, 1U);
+  readObjects(0, 40);
+  EXPECT_EQ(asked(), 20U);
+  EXPECT_TRUE(fs::is_empty(dir / "vol2"));
+  cache.reset();
+  fs::remove_all(dir / "vol2");
+  fs::rename(dir / "away", dir / "vol2");
+  start(chosen);
+  readObjects(0, 40);
+  EXPECT_EQ(asked(), 0U);
+  EXPECT_EQ(files().size(), 40U);  // the copies made meanwhile are gone
+
+  // Gone while it is in use: misses, and the other volume takes what comes.
+  fs::rename(dir / "vol2", dir / "away");
+  fs::create_directories(dir / "vol2");
+  readObjects(0, 80);
+  EXPECT_TRUE(fs::is_empty(dir / "vol2"));
+  asked();
+  readObjects(0, 80);
+  EXPECT_EQ(asked(), 0U);
+  cache.reset();
+  chosen.replaceVolumes = true;
+  start(chosen);
+  EXPECT_EQ(cache->metrics().absentVolumes, 0U);
+}
+
+TEST_F(ClientVolumeTest, RootsAndVolumesAreNotShared) {
+  start(options(2));
+  ObjectCache second(options(2));
+  const CZuError error = second.open();
+  EXPECT_EQ(outcome(error), "EBUSY");
+  EXPECT_NE(error.AsString().find(std::to_string(getpid())), std::string::npos) << error.AsString();
+  ObjectCacheOptions foreign = options(2);
+  foreign.root = dir / "another root";
+  EXPECT_EQ(outcome(ObjectCache(foreign).open()), "EBUSY");
+  ObjectCacheOptions twice = options(2);
+  fs::create_directory_symlink(dir / "vol1", dir / "link");
+  twice.volumes.push_back(dir / "link");
+  EXPECT_EQ(openWith(twice), "EEXIST");
+  ObjectCacheOptions wrong = options();
+  wrong.blockSize = 65537;
+  EXPECT_EQ(openWith(wrong), "EINVAL");
+  EXPECT_EQ(outcome(cache->read("key", "v", 0, {}, [](OriginRequest&) { return OriginAnswer(); }).error),
+            "EBADF");
+  writeFile(dir / "root/migrate", "1\n/a\n/b\n");
+  EXPECT_EQ(openWith(options()), "EBUSY");
+}
+
+TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAtTheNextStart) {
+  ObjectCacheOptions chosen = options();
+  start(chosen);
+  readObjects(0, 1);
+  const uint64_t each = cache->metrics().usedBytes;
+  chosen.maxBytes = 20 * each + 4096;
+  start(chosen);
+  readObjects(0, 20);
+  for (const std::string& path : files())
+    fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  readObjects(0, 5);  // used again
+  readObjects(20, 30);
+  EXPECT_EQ(cache->metrics().evictedBlocks, 10U);
+  EXPECT_EQ(asked(), 30U);
+  readObjects(0, 5);
+  readObjects(15, 30);
+  EXPECT_EQ(asked(), 0U);
+  chosen.maxBytes = 10 * each;
+  start(chosen);
+  EXPECT_EQ(files().size(), 10U);
+  readObjects(20, 30);  // those made last
+  EXPECT_EQ(asked(), 0U);
+}
+
+TEST_F(ClientVolumeTest, TheBoundHoldsForMixedSizes) {
+  ObjectCacheOptions chosen = options(2);
+  chosen.maxBytes = 1 << 20;
+  start(chosen);
+  const char* const soak = std::getenv("DISKCACHE_SOAK");
+  const int requests = 1500 * (soak ? std::atoi(soak) : 1);
+  std::minstd_rand random(1);
+  for (int i = 0; i < requests; ++i) {
+    const size_t id = random() % 300;
+    ASSERT_EQ(readAll(std::to_string(id), id * 997 % 200000), "right");
+    if (i % 100 == 0) {
+      ASSERT_LE(onDisk(files()), chosen.maxBytes);
+    }
+  }
+  const ObjectCacheMetrics metrics = cache->metrics();
+  EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
+  EXPECT_EQ(metrics.usedBytes, onDisk(files()));
+  EXPECT_GT(metrics.evictedBlocks, 100U);
+  EXPECT_GT(metrics.hotHits + metrics.coldHits, 100U);
+}
+
+TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
+  const SmallFileSystem disk(8);
+  SKIP_WITHOUT(disk);
+  ObjectCacheOptions chosen = options();
+  chosen.volumes = {disk / "volume"};
+  start(chosen);
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(readAll(std::to_string(i), 3 * SMALL_BLOCK), "right");
+  EXPECT_GT(cache->metrics().evictedBlocks, 100U);
+  EXPECT_EQ(cache->metrics().refusedForRoom, 0U);
+  asked();
+  EXPECT_EQ(readAll("99", 3 * SMALL_BLOCK), "right");
+  EXPECT_EQ(asked(), 0U);
+  // More than the disk must stay free: nothing is cached, and everything is served.
+  chosen.reserve = 64 << 20;
+  start(chosen);
+  EXPECT_EQ(readAll("new", SMALL_BLOCK), "right");
+  EXPECT_EQ(cache->metrics().refusedForRoom, 1U);
+  cache.reset();
+}
+
+TEST_F(ClientVolumeTest, ModeRandomFindsItsBlocksAgain) {
+  ObjectCacheOptions chosen = options(2);
+  chosen.mode = PruningMode::Random;
+  chosen.highWatermark = chosen.lowWatermark = 1000;
+  start(chosen);
+  readObjects(0, 40);
+  start(chosen);
+  asked();
+  readObjects(0, 40);
+  EXPECT_EQ(asked(), 0U);
+}
+
+}  // namespace
+}  // namespace ObjectStore

@@ -1,0 +1,32 @@
+// The first example, run as a process: eight threads, then a restart.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "tests/support/tempDir.h"
+
+namespace ObjectStore {
+namespace {
+
+TEST(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {
+  const TempDir dir;
+  std::string arguments;
+  for (int i = 0; i < 40; ++i) {
+    const std::string path = dir / "file" + std::to_string(i % 20);  // each is asked for twice
+    if (i < 20) writeFile(path, std::string(static_cast<size_t>(i) * 1000, 'x'));
+    arguments += ' ' + path;
+  }
+  const auto run = [&] {
+    const std::string command = READ_THROUGH_PATH " " + (dir / "cache") + arguments + " >" + (dir / "out");
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    const std::string out = readFile(dir / "out");
+    return out.substr(out.find("40 files"));
+  };
+  EXPECT_EQ(run(), "40 files, 190000 bytes from the origin\nhash size=20\n");
+  EXPECT_EQ(run(), "40 files, 0 bytes from the origin\nhash size=20\n");
+  writeFile(dir / "file7", std::string(7000, 'y'));
+  EXPECT_EQ(run(), "40 files, 7000 bytes from the origin\nhash size=21\n");
+}
+
+}  // namespace
+}  // namespace ObjectStore
