@@ -5,18 +5,27 @@
 // directory trees and then creates, reads, writes and deletes segments.
 //
 // Threads: init() runs alone. After it, any thread may call any operation; work that changes one segment is
-// serialised by that segment's lock, readers take no lock. Sections are overwritten in place beside each
-// other; who appends, truncates, copies or moves the segment waits for those who came before, and who comes
-// later waits for it. A caller that holds the segment's lock already, however often, has none of its entries
-// during such a wait, and all of them after it. The destructor runs alone again; it stops the
-// pruner and a migration first. Operations that write may make their caller wait up to a second while the
-// cache is over its high watermark (create, write, markDirty, moveToPrunable).
+// serialised by that segment's lock, readers take no lock and see what the file holds at that moment.
+// Sections are overwritten in place beside each other; who appends, truncates, copies or moves the segment
+// waits for those who came before, and who comes later waits for it. A caller that holds the segment's lock
+// already, however often, has none of its entries during such a wait, and all of them after it. The
+// destructor runs alone again; it stops the pruner and a migration first. Operations that write may make
+// their caller wait up to a second while the cache is over its high watermark (create, write, markDirty,
+// moveToPrunable).
 //
 // Errors: segment operations return a CZuError that carries a system error number; volume operations return
 // that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before a
 // failure is undone unless said otherwise. In every segment operation an identifier that could leave its
 // directory is EINVAL (see guid_t), a volume that is not known holds no segment and takes none (ENOENT), and
-// failed memory is ENOMEM.
+// failed memory is ENOMEM. Three failures leave a descriptor open for the life of the process; the
+// operations say which (readSections, readCompleteSection, truncateSection).
+//
+// The recency list: createSegment, writeSections, replaceSegment, truncateSection, syncSegment, markDirty,
+// moveToPrunable, readAllSections and readCompleteSection touch a segment before anything else,
+// readSections on demand; the others never do. A touch enters a segment that the list does not know, so a
+// miss does too and may push another one out; in mode Lru, where the list is full, it asks the client about
+// the oldest and fails with ENOSPC when that is refused. A failure afterwards leaves the entry, and so does
+// deleteSegment.
 //
 // The engine owns its threads, locks and files; buffers, contexts and identifiers stay the caller's.
 #pragma once
@@ -47,6 +56,7 @@ class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
 class SegmentFile;
+struct NewSegment;
 struct SegmentToWrite;
 
 class DISKCACHE_EXPORT DiskCache {
@@ -62,13 +72,15 @@ class DISKCACHE_EXPORT DiskCache {
 
   // Brings the engine into service on a root directory (for its own files, made if missing) and volumes.
   // Watermarks are in percent of all volumes' capacity, in no checked range or order. `maxLruEntries`
-  // bounds the recency list, at least 5. In mode Lru the segments on disk are scanned into the list; in
-  // mode Random the pruner thread is started. A migration left by a killed process is resumed, and
-  // `migrationCallback` (may be null) told its end. Errors: those of the failing step (EINVAL for a volume
-  // name that the volume file cannot hold, for a thread that cannot be had or a "migrate" file that makes
-  // no sense, ENOSPC for no index left, those of the system). Steps done before a failure stay done. The root
-  // directory is locked for other engines (flock) until this one is destroyed; one that finds it locked says
-  // so in the log and goes on.
+  // bounds the recency list, at least 5. Mode Lru gives segments up only when the list is full, never for
+  // bytes; mode Random only for bytes, and never what is in the list: docs/operations.md tells how to
+  // choose the bounds for each. In mode Lru the segments on disk are scanned into the list; in mode Random
+  // the pruner thread is started. A migration left by a killed process is resumed, and `migrationCallback`
+  // (may be null) told its end. Errors: those of the failing step (EINVAL for a volume name that the volume
+  // file cannot hold, for a thread that cannot be had or a "migrate" file that makes no sense, ENOSPC for
+  // no index left, those of the system). Steps done before a failure stay done. The root directory is
+  // locked for other engines (flock) until this one is destroyed; one that finds it locked says so in the
+  // log and goes on.
   CZuError init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM, int lowWM,
                 int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback, PruningMode mode);
 
@@ -78,8 +90,8 @@ class DISKCACHE_EXPORT DiskCache {
 
   // Removes every segment and everything else below the volumes. The volumes' own directories stay, with
   // owner and mode; one that is missing is made. Open segments, the recency list, contexts and the segment
-  // count stay. On an error the volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a
-  // volume for long.
+  // count stay. A migration is ended first, as by the destructor: hold no segment's lock. On an error the
+  // volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a volume for long.
   CZuError clearCache();
 
   // Adds a reference to the directory `ctx.dir`; the first registration's callback is the one that counts.
@@ -88,8 +100,8 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError registerContext(DiskCacheContext& ctx);
   // Takes the reference away; ENOENT when ctx.dir is not registered. When it was the last one, the callback
   // does not run any more on return and is not called until the directory is registered again: one that runs
-  // on another thread is waited for, so hold no lock that it takes. Called from that callback itself, it does
-  // not wait.
+  // on another thread is waited for, so hold no lock that it takes. Called from that callback itself, it
+  // does not wait.
   CZuError unregisterContext(DiskCacheContext& ctx);
   // The callback registered for a directory; ENOENT when there is none.
   CZuError findPrunerCallback(const std::string& dir, PrunerCallback& out);
@@ -99,15 +111,19 @@ class DISKCACHE_EXPORT DiskCache {
   // 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL; above 2,147,479,552, which is what the
   // system writes at once, EFBIG. No room is ENOSPC, whichever write found none; each counts in
   // "DC.errOutOfSpace", and in mode Random the pruner is woken. It gives up segments only when the cache is
-  // over its high watermark: keep that below 95 %, where volumes begin to refuse new segments. A new segment's
-  // identifier: see guid_t (EINVAL, ENAMETOOLONG). A link, FIFO or device in a segment's place is an error,
-  // here and in reading, and is left as it is.
+  // over its high watermark: keep that below 95 %, where volumes begin to refuse new segments. A new
+  // segment's identifier: see guid_t (EINVAL, ENAMETOOLONG). A link, FIFO or device in a segment's place is
+  // an error, here and in reading, and is left as it is; only replaceSegment and deleteSegment put it away.
 
   // Makes a new segment of these sections, on the next volume with room, and stores that volume in
-  // ctx.volume. `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has
-  // one. `spare` is not used. EEXIST when anything is at the segment's path, in either of its places when the
-  // context has two. A failure may leave a partly written file
-  // behind: delete the segment before creating it again.
+  // ctx.volume: give each call that may run beside another a context object of its own, also a callback.
+  // `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has
+  // one. `spare` is not used. EEXIST when anything is at the segment's path, in either of its places when
+  // the context has two. A failure may leave a partly written file behind: delete the segment before
+  // creating it again. So may a kill, and that file can read back with success, sections empty or missing,
+  // because the header points at a record before it is there; doesSegmentExist finds it, and creating it
+  // again is EEXIST. A last section that proves the others (a magic number, a checksum) tells a whole
+  // segment from such a one.
   CZuError createSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
                          bool sync, bool nonPrune, bool spare);
 
@@ -124,11 +140,15 @@ class DISKCACHE_EXPORT DiskCache {
 
   // ---- Reading ----------------------------------------------------------------------------------------
   // ENOENT when the segment is not cached, EINVAL when its file is damaged, EIO when it is cut within its
-  // header, the number 0 when it is cut within a payload.
+  // header, the number 0 when it is cut within a payload. A read beside a createSegment or writeSections of
+  // the same segment may return fewer bytes or sections with success, or some old and some new bytes; one
+  // beside replaceSegment never does.
 
   // Fills each section from `off` of the stored section of its type, at most `bufferSize` bytes, and sets
-  // `len` to the bytes read. A section that is not there gets len 0 and status 2, and is no error.
-  // `updateLru`: the segment counts as used.
+  // `len` to the bytes read. A section that is not there gets len 0 and status 2, and is no error; one whose
+  // record's front cannot be read gets len 0 as well, and no status. `status` is set in no other case:
+  // clear it before each call. `updateLru`: the segment counts as used. The descriptor stays open when the
+  // record found is of another type (EINVAL): a damaged file, to be deleted.
   CZuError readSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<Section>& sections,
                         bool updateLru);
 
@@ -136,7 +156,9 @@ class DISKCACHE_EXPORT DiskCache {
   // its front ends the list early with success; a section of length 0 is an error.
   CZuError readAllSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<SectionV>& sections);
 
-  // Reads one section whole; ENOENT when the segment has none of this type.
+  // Reads one section whole; ENOENT when the segment has none of this type. That leaves the descriptor
+  // open, and so does a type that none can have or a record of another type (EINVAL): ask getSectionSize
+  // first, which closes it always, or use readSections.
   CZuError readCompleteSection(const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
                                std::vector<unsigned char>& data);
 
@@ -177,9 +199,11 @@ class DISKCACHE_EXPORT DiskCache {
   // ---- Truncating, syncing, deleting ------------------------------------------------------------------
 
   // Makes the section of `type`, which must be the last of the file (EEXIST), `size` bytes long and gives
-  // it the sub-type `sub`. A size that is refused (EINVAL, EFBIG) leaves the section as it was. Do not call
-  // it with a size above 0 for a section that is not there: the record front then lands on the header and the
-  // segment is lost to readers.
+  // it the sub-type `sub`. A size that is refused (EINVAL, EFBIG) leaves the section as it was. "Last"
+  // looks at types 0 to 4 only: a section of type 5 behind it is cut off or overwritten, and one of type 5
+  // itself is never the last. EEXIST leaves the descriptor open: know the order of your sections. Do not
+  // call it with a size above 0 for a section that is not there: the record front then lands on the header
+  // and the segment is lost to readers. The space counters do not change.
   CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
                            uint64_t size);
 
@@ -199,11 +223,13 @@ class DISKCACHE_EXPORT DiskCache {
   // A copy in the context's non-prunable directory overrides the one in its own directory, and pruning
   // leaves it alone.
 
-  // Makes sure that the segment has one, by copying or, with `move`, by renaming. Nothing to copy is success.
+  // Makes sure that the segment has one, by copying or, with `move`, by renaming. Nothing to copy is
+  // success.
   CZuError markDirty(const DiskCacheContext& ctx, const guid_t& guid, bool move);
   // Gives the protection up: the copy replaces the one in the context's own directory.
   CZuError moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid);
-  // What markDirty does, for a caller that serialises access to the segment itself.
+  // What markDirty does but for the recency list, for a caller that serialises access to the segment itself:
+  // with the segment's lock (segInfoFromHandle) where its volume may be migrated meanwhile.
   CZuError copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move);
   // The path of the copy to use; "" for an identifier that is refused or a volume that is not known.
   std::string getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid);
@@ -224,6 +250,13 @@ class DISKCACHE_EXPORT DiskCache {
   // ---- Volumes ----------------------------------------------------------------------------------------
   // Directories compare byte for byte. Results: 0 or a system error number. ENOMEM from addVolume,
   // removeVolume and enableNewSegments leaves the volumes and "volume_info" as they were.
+  //
+  // addVolume and removeVolume put the other volumes into the rotation once more and count their space once
+  // more. removeVolume and disableNewSegments take one place of a volume out: where it has several, new
+  // segments go on coming to it. To stop them for good call removeAllVolumes, then addVolume for each that
+  // stays, while nobody works on segments: between the calls all are misses, and without persistent volumes
+  // indexes are given anew, in the order of the calls. Then, and after every addVolume and removeVolume,
+  // call refreshCacheUtilizationData.
 
   int addVolume(const std::string& dir);
   // Stops using a volume; it keeps its index. Every other known volume is enabled, also one that was
@@ -236,11 +269,15 @@ class DISKCACHE_EXPORT DiskCache {
   int enableNewSegments(const std::string& dir);
   // Appends a copy of every volume's record, in order of index.
   void getVolumeStats(std::vector<Volume>& out);
-  // Measures every enabled volume and sets the space counters by it; 0.
+  // Measures every enabled volume and sets the space counters by it; 0. Between two measurements they drift
+  // (docs/operations.md tells by what). The pruner measures whenever it wakes, at least every few minutes;
+  // in mode Lru nobody does: call it now and then if watermarks matter there.
   int refreshCacheUtilizationData();
   // Copies a volume's directories to a new place with four threads and then points the volume there. Returns
-  // when the threads run: 0, EEXIST while a migration runs, EINVAL when the file "migrate" cannot be written,
-  // or the number for a source that cannot be listed. What is left behind is told in docs/operations.md.
+  // when the threads run, which waits for the work on segments that is under way: hold no segment's lock. 0,
+  // EEXIST while a migration runs, EINVAL before init(), for arguments that make no sense or when the file
+  // "migrate" cannot be written, or the number for a source that cannot be listed. What is left behind is
+  // told in docs/operations.md.
   int migrate(VolIndex vol, const std::string& source, const std::string& destination);
 
   // ---- Watching and steering --------------------------------------------------------------------------
@@ -325,6 +362,7 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError askForRoom(CZuError error);
   CZuError makeSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
                        bool sync, bool nonPrune, const RMCodeLocation& where);
+  CZuError claimPlace(NewSegment& place, const RMCodeLocation& where);
   CZuError checkAbsent(const DiskCacheContext& ctx, const guid_t& guid, const std::string& path,
                        const RMCodeLocation& where);
   CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,

@@ -8,13 +8,6 @@ namespace ObjectStore {
 
 namespace {
 
-// A lock as a condition variable wants it.
-struct WaitableLock {
-  KxCriticalSection& section;
-  void lock() DC_NO_THREAD_SAFETY_ANALYSIS { section.enter(true); }
-  void unlock() DC_NO_THREAD_SAFETY_ANALYSIS { section.leave(); }
-};
-
 bool isSameOrBelow(std::string_view dir, std::string_view top) {
   return dir.starts_with(top) && (dir.size() == top.size() || top.empty() || dir[top.size()] == '/');
 }
@@ -86,8 +79,8 @@ void DiskCacheContexts::waitForCallbacks(const std::string& dir) {
   if (isOwn) return;
   // Only for those that run by now: who registers the directory anew may have it called all the time.
   const uint64_t before = m_nextCall;
-  WaitableLock waitable{m_lock};
-  while (isRunning(dir, before)) m_callEnded.wait(waitable);
+  m_lock.waitWithoutAnyEntry(m_callEnded,
+                             [&]() DC_NO_THREAD_SAFETY_ANALYSIS { return !isRunning(dir, before); });
 }
 
 bool DiskCacheContexts::isRunning(const std::string& dir, uint64_t before) {
@@ -97,13 +90,14 @@ bool DiskCacheContexts::isRunning(const std::string& dir, uint64_t before) {
 
 CZuError DiskCacheContexts::find(const std::string& dir, PrunerCallback& out) {
   const KxCriticalSectionLock lock(&m_lock);
-  return findLocked(dir, out);
+  return findLocked(dir, out, RM_CODE_LOCATION);
 }
 
-CZuError DiskCacheContexts::findLocked(const std::string& dir, PrunerCallback& out) {
+CZuError DiskCacheContexts::findLocked(const std::string& dir, PrunerCallback& out,
+                                       const RMCodeLocation& where) {
   const auto found = m_registrations.find(dir);
   if (found == m_registrations.end()) {
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
+    return RMErrorUtil::ErrorErrNo(where, ENOENT, "Can't find [%s]", dir.c_str());
   }
   out = found->second.callback;
   return {};
@@ -113,7 +107,7 @@ CZuError DiskCacheContexts::ask(bool& givenUp, const std::string& dir, const std
                                 const guid_t& guid) {
   PrunerCallback callback;
   KxCriticalSectionLock lock(&m_lock);
-  CZuError error = findLocked(dir, callback);
+  CZuError error = findLocked(dir, callback, RM_CODE_LOCATION);
   if (!error.IsError() && !callback) {
     error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find [%s]", dir.c_str());
   }

@@ -60,7 +60,8 @@ class DiskCacheContexts {
   };
   class RunningCall;
 
-  CZuError findLocked(const std::string& dir, PrunerCallback& out) DC_REQUIRES(m_lock);
+  CZuError findLocked(const std::string& dir, PrunerCallback& out, const RMCodeLocation& where)
+      DC_REQUIRES(m_lock);
   bool isRunning(const std::string& dir, uint64_t before) DC_REQUIRES(m_lock);
 
   KxCriticalSection m_lock;

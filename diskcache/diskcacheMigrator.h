@@ -1,13 +1,13 @@
 // The background copy of a volume to a new directory by four threads, and the places of segments meanwhile.
 //
-// Internal. Any thread may ask for places; the engine alone calls init and terminate. The migrator itself never
-// deletes or changes the source: what clients changed at the destination of a migration that fails is brought
-// back, which is their work arriving late.
+// Internal. Any thread may ask for places; the engine alone calls init and terminate. The migrator itself
+// never deletes or changes the source: what clients changed at the destination of a migration that fails is
+// brought back, which is their work arriving late.
 //
-// While a volume is migrated, a name below its root that lies at the destination counts, and one at the source
-// only where the destination has none. Whoever changes a segment claims it first, under the segment's lock, so
-// that every name at the destination is one of: a copy of what lies at the source, a file that was there before,
-// or a file that clients have changed and m_changes knows.
+// While a volume is migrated, a name below its root that lies at the destination counts, and one at the
+// source only where the destination has none. Whoever changes a segment claims it first, under the
+// segment's lock, so that every name at the destination is one of: a copy of what lies at the source, a
+// file that was there before, or a file that clients have changed and m_changes knows.
 #pragma once
 
 #include <sys/types.h>
@@ -41,8 +41,8 @@ class DiskCacheMigrator {
     std::string home;  // the volume's directory, where it stays when the migration fails
     dev_t device;      // of src
     ino_t inode;
-    bool
-        isReturning;  // has failed: what was changed at the destination goes home, and new files are made there
+    // Has failed: what was changed at the destination goes home, and new files are made there.
+    bool isReturning;
   };
 
  public:
@@ -65,31 +65,31 @@ class DiskCacheMigrator {
   // The root that this path begins with; "" for a volume that is not known. The string has room for the rest
   // of the path.
   std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // The same root for an operation that will change the segment or make it, under the segment's lock. 0, or the
-  // number for a segment that must be brought back from a migration that failed, and cannot be.
+  // The same root for an operation that will change the segment or make it, under the segment's lock. 0, or
+  // the number for a segment that must be brought back from a migration that failed, and cannot be.
   int claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
   // For an operation that makes the file whole, whatever lies at the source: a rename within the source could
   // slip past the worker that lists the directory.
   int claimWhole(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
-  // For an operation that will remove or move the segment at the destination: what the copy was made from goes
-  // first, so that it never comes back. 0 or a system error number.
+  // For an operation that will remove or move the segment at the destination: what the copy was made from
+  // goes first, so that it never comes back. 0 or a system error number.
   int dropSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // Moves a segment's file between two directories, also to the other side of a migration. 0 or a system error
-  // number; ENOENT for a file that is removed meanwhile, which then is at neither place.
+  // Moves a segment's file between two directories, also to the other side of a migration. 0 or a system
+  // error number; ENOENT for a file that is removed meanwhile, which then is at neither place.
   int move(const std::string& source, const std::string& target);
   bool isMigrating(VolIndex vol) { return runningJob(vol) != nullptr; }
   // Changes whenever a root may: at the start and the end of a migration.
   uint32_t generation() const { return m_generation.load(std::memory_order_acquire); }
 
-  // Where a segment lies that is about to be removed. While its volume is migrated no copy of it appears on either
-  // side as long as this lives; its own lock is not needed for that, a removal may come at any time.
+  // Where a segment lies that is about to be removed. While its volume is migrated no copy of it appears on
+  // either side as long as this lives; its own lock is not needed for that, a removal may come at any time.
   class Removal {
    public:
     Removal(DiskCacheMigrator& migrator, const guid_t& guid, VolIndex vol, const std::string& dir);
     // "" on a volume that is not known.
     const std::string& path() const { return m_path; }
-    // Comes before the removal of `path`: what was changed at the destination must not show its old bytes again, not
-    // even after a kill. 0 or a system error number.
+    // Comes before the removal of `path`: what was changed at the destination must not show its old bytes
+    // again, not even after a kill. 0 or a system error number.
     int removeOriginal() const;
     // Where it goes when it is recycled.
     std::string recycleDir(const guid_t& guid) const;
@@ -143,10 +143,11 @@ class DiskCacheMigrator {
   // diskcacheMigratorCopy.cpp: the workers
   static void* threadEntry(void* args);
   void migrationThreadFn(const std::shared_ptr<const Job>& job, int first, int last);
-  int copyEntries(const Job& job, int first, int last);
+  int copyEntries(const Job& job, int first, int last, const RMCodeLocation& where);
   CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
   int copyDir(const std::string& src, const std::string& dst);
   int copyUnlessRemoved(const std::string& source, const std::string& target);
+  int moveOrCopy(const std::string& source, const std::string& target, bool& isCopied);
   int copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                   const RMCodeLocation& where);
   void recordError(int error);
@@ -179,7 +180,8 @@ class DiskCacheMigrator {
   std::atomic<uint64_t> m_numJobs{0};  // its last decrement sees what every worker did
   MigrationChanges m_changes;
 
-  // Held while a copy takes its place and while a removal looks at both sides. A leaf but for m_changes' lock.
+  // Held while a copy takes its place and while a removal looks at both sides. A leaf but for m_changes'
+  // lock.
   KxCriticalSection m_appearLock;
 
   KxCriticalSection m_migrateLock;

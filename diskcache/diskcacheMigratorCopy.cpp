@@ -45,8 +45,8 @@ void* DiskCacheMigrator::threadEntry(void* args) {
   return nullptr;
 }
 
-// Nothing that is thrown here, by a log writer or for want of memory, may end the process or keep the last worker
-// from ending the migration.
+// Nothing that is thrown here, by a log writer or for want of memory, may end the process or keep the last
+// worker from ending the migration.
 void DiskCacheMigrator::migrationThreadFn(const std::shared_ptr<const Job>& job, int first, int last) {
   const RMCodeLocation where = RM_CODE_LOCATION;
   guarded(where, [&] {
@@ -54,7 +54,7 @@ void DiskCacheMigrator::migrationThreadFn(const std::shared_ptr<const Job>& job,
               job->dst.c_str(), first, last);
     return 0;
   });
-  if (const int rc = guarded(where, [&] { return copyEntries(*job, first, last); }); rc != 0) {
+  if (const int rc = guarded(where, [&] { return copyEntries(*job, first, last, where); }); rc != 0) {
     recordError(rc);
     guarded(where, [&] {
       DC_LOG_AT(where, LogLevel::Error, "Error: Migration error detected (%d), migration aborted",
@@ -70,12 +70,12 @@ void DiskCacheMigrator::migrationThreadFn(const std::shared_ptr<const Job>& job,
   });
 }
 
-int DiskCacheMigrator::copyEntries(const Job& job, int first, int last) {
+int DiskCacheMigrator::copyEntries(const Job& job, int first, int last, const RMCodeLocation& where) {
   for (int i = first; i <= last; ++i) {
     if (m_stop) return EINTR;
     const std::string& entry = m_entries[static_cast<size_t>(i)];
     const std::string target = join(job.dst, entry, '/');
-    if (const int rc = makeDirectory(target, RM_CODE_LOCATION); rc != 0) return rc;  // also of an empty one
+    if (const int rc = makeDirectory(target, where); rc != 0) return rc;  // also of an empty one
     if (const int rc = copyDir(join(job.src, entry, '/'), target); rc != 0) return rc;
   }
   return 0;
@@ -107,7 +107,8 @@ CZuError DiskCacheMigrator::getDirEntries(std::vector<std::string>& out, const s
   return listed(entries, dir, RM_CODE_LOCATION);
 }
 
-// What clients delete, move or prune between the listing and the copy is not there any more: that is no failure.
+// What clients delete, move or prune between the listing and the copy is not there any more: that is no
+// failure.
 int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
   DC_LOG(LogLevel::Copy, "copying directory [%s] [%s]", src.c_str(), dst.c_str());
   Directory entries(src);
@@ -145,7 +146,8 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
   return RMErrorUtil::GetErrNo(listed(entries, src, RM_CODE_LOCATION));
 }
 
-// ENOENT for a file that is removed meanwhile: removals take no segment's lock, and what they remove must not come back.
+// ENOENT for a file that is removed meanwhile: removals take no segment's lock, and what they remove must
+// not come back.
 int DiskCacheMigrator::copyUnlessRemoved(const std::string& source, const std::string& target) {
   return copyFile(source, target, [&](const std::string& temporary) {
     const KxCriticalSectionLock lock(&m_appearLock);
@@ -154,6 +156,14 @@ int DiskCacheMigrator::copyUnlessRemoved(const std::string& source, const std::s
 }
 
 int DiskCacheMigrator::move(const std::string& source, const std::string& target) {
+  bool isCopied = false;
+  const int rc = moveOrCopy(source, target, isCopied);
+  if (isCopied) unlink(target.c_str());
+  return rc;
+}
+
+// `isCopied`: the bytes are at the target, but the source cannot be removed; its number is the result.
+int DiskCacheMigrator::moveOrCopy(const std::string& source, const std::string& target, bool& isCopied) {
   {
     const KxCriticalSectionLock lock(m_inProgress ? &m_appearLock : nullptr);
     const int rc = renameFile(source, target);
@@ -162,18 +172,18 @@ int DiskCacheMigrator::move(const std::string& source, const std::string& target
   if (const int rc = copyUnlessRemoved(source, target); rc != 0) return rc;
   errno = 0;
   if (unlink(source.c_str()) == 0 || errno == ENOENT) return 0;
-  const int rc = errno;
-  unlink(target.c_str());
-  return rc;
+  isCopied = true;
+  return errno;
 }
 
-// Under the segment's lock from the existence test to the end of the copy: whoever changes the segment meanwhile
-// waits, and then finds it at the destination.
+// Under the segment's lock from the existence test to the end of the copy: whoever changes the segment
+// meanwhile waits, and then finds it at the destination.
 int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                                    const RMCodeLocation& where) {
   if (isUnfinishedCopy(guid)) return 0;  // what a crash left of a copy
   const QuietSegment segment(m_diskCache, guid);
-  // What a failed replacement left is written over by the next one, under the lock of the segment that it replaces.
+  // What a failed replacement left is written over by the next one, under the lock of the segment that it
+  // replaces.
   std::optional<QuietSegment> replaced;
   if (guid.ends_with(REPLACEMENT_SUFFIX))
     replaced.emplace(m_diskCache, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));

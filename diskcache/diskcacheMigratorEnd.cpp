@@ -140,15 +140,22 @@ int DiskCacheMigrator::bringBackLocked(const Job& job, const std::string& name, 
   return segment.error() != 0 ? segment.error() : bringBack(job, name, where);
 }
 
-// A segment that is not there was deleted, or is back already.
+// A segment that is not there was deleted, or is back already. One that a destination gone read-only does
+// not let go is back as well, but nobody may change it before the end: until then what lies at the
+// destination counts.
 int DiskCacheMigrator::bringBack(const Job& job, const std::string& name, const RMCodeLocation& where) {
   const std::string from = join(job.dst, name, '/');
   const std::string to = join(job.home, name, '/');
   if (!doesFileExist(from)) return 0;
   int rc = createDir(to.substr(0, to.rfind('/')));
-  if (rc == 0) rc = move(from, to);
+  bool isCopied = false;
+  if (rc == 0) rc = moveOrCopy(from, to, isCopied);
   if (rc == 0 || (rc == ENOENT && !doesFileExist(from))) return 0;
-  logAt(where, LogLevel::Error, "Error: can't bring [%s] back to [%s] (%d)", from.c_str(), to.c_str(), rc);
+  if (isCopied) {
+    logAt(where, LogLevel::Error, "Error: can't unlink file [%s] (%d)", from.c_str(), rc);
+  } else {
+    logAt(where, LogLevel::Error, "Error: can't bring [%s] back to [%s] (%d)", from.c_str(), to.c_str(), rc);
+  }
   return rc;
 }
 

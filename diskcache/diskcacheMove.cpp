@@ -68,18 +68,18 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
       error.IsError())
-    return error;
+    return askForRoom(error);
   const int rc = findFile(target);
   if (rc == 0) {
     DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
     return {};
   }
   if (rc != ENOENT) return cannotLookAt(target, rc, RM_CODE_LOCATION);
-  if (move) return moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION);
+  if (move) return askForRoom(moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION));
 
   if (const CZuError error = RMFile::KXCopyFile(source, target, 0); error.IsError()) {
-    return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't copy file [%s] from [%s] to [%s]", guid.c_str(),
-                      source.c_str(), target.c_str());
+    return askForRoom(pushAndLog(error, RM_CODE_LOCATION, "Error: Can't copy file [%s] from [%s] to [%s]",
+                                 guid.c_str(), source.c_str(), target.c_str()));
   }
   long long size = 0;
   if (const CZuError error = RMFile::KXGetFileSize(target, size); error.IsError()) {
@@ -120,7 +120,7 @@ CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, b
   waitForInPlaceWriters(segment);
   const CZuError error = copyOverrideSegment(ctx, guid, move);
   if (!error.IsError()) return {};
-  return askForRoom(pushAndLog(error, RM_CODE_LOCATION, "Error: can't copy override"));
+  return pushAndLog(error, RM_CODE_LOCATION, "Error: can't copy override");
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -152,12 +152,12 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   if (const int rc = m_migrator->claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
-    return error;
+    return askForRoom(error);
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
     unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
   }
-  return moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION);
+  return askForRoom(moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

@@ -13,6 +13,7 @@
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcachePaths.h"
 #include "support/config.h"
 #include "support/directory.h"
 #include "support/file.h"
@@ -52,21 +53,21 @@ void DiskCachePruner::shutdown() {
 }
 
 void* DiskCachePruner::threadEntry(void* pruner) {
-  static_cast<DiskCachePruner*>(pruner)->run();
+  static_cast<DiskCachePruner*>(pruner)->run(RM_CODE_LOCATION);
   return nullptr;
 }
 
-void DiskCachePruner::run() {
-  DC_LOG(LogLevel::Info, "cache: entering pruner thread");
+void DiskCachePruner::run(const RMCodeLocation& where) {
+  DC_LOG_AT(where, LogLevel::Info, "cache: entering pruner thread");
   while (!m_stop) {
     unsigned long minutes = getRegistryValue<unsigned long>(TIMEOUT_KEY, DEFAULT_TIMEOUT, 0,
                                                             std::numeric_limits<unsigned long>::max());
     minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
-    DC_LOG(LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
+    DC_LOG_AT(where, LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
     m_wakeup.wait(minutes * 60000);
     if (m_stop) break;
     if (const int rc = m_diskCache.refreshCacheUtilizationData(); rc != 0) {
-      DC_LOG(LogLevel::Error, "Error %d getting current cache utilization", rc);
+      DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
     }
     if (!m_diskCache.isOverHighWatermark()) continue;
     PrunerError result = PrunerError::GoOn;
@@ -74,14 +75,14 @@ void DiskCachePruner::run() {
       try {
         result = deletePrunableSegments();
       } catch (...) {  // memory ran out in mid-walk: the next wake-up tries again
-        (void)failWithException(RM_CODE_LOCATION);  // logged
+        (void)failWithException(where);  // logged
         break;
       }
-      if (result == PrunerError::Exhausted) DC_LOG(LogLevel::Segment, "no more pruning candidates");
-      if (result == PrunerError::Done) DC_LOG(LogLevel::Segment, "pruning success");
+      if (result == PrunerError::Exhausted) DC_LOG_AT(where, LogLevel::Segment, "no more pruning candidates");
+      if (result == PrunerError::Done) DC_LOG_AT(where, LogLevel::Segment, "pruning success");
     }
   }
-  DC_LOG(LogLevel::Info, "cache: exiting pruner thread");
+  DC_LOG_AT(where, LogLevel::Info, "cache: exiting pruner thread");
 }
 
 PrunerError DiskCachePruner::deletePrunableSegments() {
@@ -171,7 +172,7 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
 // Open as a segment, or the unfinished file of one that is: taking that would make a replacement fail.
 bool DiskCachePruner::isInUse(const guid_t& name, const RMCodeLocation& where) {
   if (m_diskCache.isInOpenTable(name, where)) return true;
-  for (const std::string_view suffix : {std::string_view(".temp"), RMFile::COPY_SUFFIX}) {
+  for (const std::string_view suffix : {REPLACEMENT_SUFFIX, RMFile::COPY_SUFFIX}) {
     if (name.ends_with(suffix) &&
         m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
       return true;

@@ -63,7 +63,7 @@ class DiskCachePruner {
                            const Walk& walk);
   bool isInUse(const guid_t& name, const RMCodeLocation& where);
   static void* threadEntry(void* pruner);
-  void run();
+  void run(const RMCodeLocation& where);
 
   DiskCache& m_diskCache;
   std::time_t m_startTime = 0;  // kept, not read

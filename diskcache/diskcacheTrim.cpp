@@ -155,8 +155,8 @@ CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& gui
   if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
     return DC_FAIL(LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
   }
-  // No lock is taken, so that a segment may be deleted at any time. One with two places may be moved from the one to
-  // the other meanwhile: then it is looked for again.
+  // No lock is taken, so that a segment may be deleted at any time. One with two places may be moved from
+  // the one to the other meanwhile: then it is looked for again.
   const bool mayMove = ctx.useNonPrunableDir && !nonPrun && !prun;
   for (int look = 1;; ++look) {
     if (ctx.useNonPrunableDir && !prun) {

@@ -62,7 +62,8 @@ enum class Recycle : int32_t {
 // Asked with (context directory, segment path, identifier); gives the segment up, normally by
 // DiskCache::deleteSegment, and returns whether it did. Called from the pruner's thread, or from any thread
 // that adds to a full recency list, then with the list's lock held: it must not wait for another thread
-// that uses the cache. It must not throw (a throw counts as false) and must not destroy the engine.
+// that uses the cache (clearCache and migrate may). Its context is an object of its own, with the segment's volume set. It must not
+// throw (a throw counts as false) and must not destroy the engine.
 using PrunerCallback =
     std::function<bool(const std::string& dir, const std::string& path, const std::string& guid)>;
 
@@ -70,11 +71,11 @@ using PrunerCallback =
 // migration thread; must not throw and must not destroy the engine.
 using MigrationCB = void (*)(int error, const std::string& source, const std::string& destination);
 
-// One directory tree of a client. The client fills it in, registers it and passes it to every operation.
+// One directory tree of a client. The client fills it in, registers it and passes it to every operation:
+// the same values, but to createSegment an object that no other thread uses meanwhile.
 struct DiskCacheContext {
-  std::string dir;  // relative to a volume's root; prunable segments; the key of registration
-  std::string
-      nonprunableDir;  // relative to a volume's root; segments that pruning leaves alone; may be empty
+  std::string dir;             // relative to a volume's root; prunable segments; the key of registration
+  std::string nonprunableDir;  // likewise; segments that pruning leaves alone; may be empty
   bool useNonPrunableDir = false;
   bool moveOnWrite = false;       // writes go to a non-prunable copy, made first
   PrunerCallback prunerCallback;  // may be empty
@@ -89,7 +90,8 @@ struct Section : SectionDesc {
   uint64_t off = 0;               // position in the payload at which the data belongs, or reading starts
   unsigned char* data = nullptr;  // never written to by the writing operations
   uint64_t bufferSize = 0;        // bytes at `data`
-  uint32_t status = 0;            // set to 2 (ENOENT) by a read of a section that is not there
+  // Set to 2 (ENOENT) by a read of a section that is not there, and by nothing else: also not back to 0.
+  uint32_t status = 0;
 };
 
 // One section with its own payload.

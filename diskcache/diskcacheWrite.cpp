@@ -48,6 +48,39 @@ bool appendsAny(const std::vector<Section>& sections, const SegmentHeader& heade
 
 }  // namespace
 
+// Where a segment is about to be made.
+struct NewSegment {
+  const guid_t& guid;
+  VolIndex volume;
+  const std::string* dir;  // below the root
+  std::string path;        // begins with the root
+  size_t rootLength = path.size();
+
+  // Makes the directory that the segment goes to, and completes the path.
+  CZuError make(const RMCodeLocation& where) {
+    path.resize(rootLength);
+    return makeSegmentPath(path, *dir, guid, where);
+  }
+};
+
+namespace {
+
+CZuError openNewFile(SegmentFile& file, NewSegment& place, const RMCodeLocation& where) {
+  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOATIME;
+  if (file.open(place.path, flags, SEGMENT_MODE)) return {};
+  if (file.error() != EEXIST) {
+    // The pruner may have removed the directory while it was empty.
+    if (const CZuError error = place.make(where); error.IsError()) return error;
+    if (file.open(place.path, flags, SEGMENT_MODE)) return {};
+  }
+  const char* const path = place.path.c_str();
+  if (file.error() == EEXIST) return alreadyThere(place.path, where);  // and was not seen: a dangling link
+  return failAt(where, LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path,
+                file.error());
+}
+
+}  // namespace
+
 // An open segment as a write found it.
 struct SegmentToWrite {
   std::string path;
@@ -104,53 +137,41 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
     return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
   }
 
-  const std::string* dir = &ctx.dir;
   const uint32_t generation = m_migrator->generation();
-  std::string path = m_migrator->rootFor(guid, vol, *dir);
-  size_t rootLength = path.size();
-  if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
+  NewSegment place{guid, vol, &ctx.dir, m_migrator->rootFor(guid, vol, ctx.dir)};
+  if (const CZuError error = place.make(where); error.IsError()) return error;
 
   AutoOpenSegment open(*this, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
     // Under the lock the answer stays right.
-    if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
-      return RMErrorUtil::ErrorErrNo(where, rc);
-    rootLength = path.size();
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
+    if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
   }
-  if (const CZuError error = checkAbsent(ctx, guid, path, where); error.IsError()) return error;
+  if (const CZuError error = checkAbsent(ctx, guid, place.path, where); error.IsError()) return error;
   if (m_outOfSpace) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
 
   if (nonPrune && hasSecondPlace(ctx)) {
-    dir = &ctx.nonprunableDir;
-    if (const int rc = m_migrator->claim(path, guid, vol, *dir); rc != 0)
-      return RMErrorUtil::ErrorErrNo(where, rc);
-    rootLength = path.size();
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
+    place.dir = &ctx.nonprunableDir;
+    if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
   }
-  DC_LOG_AT(where, LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, path.c_str());
-
-  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOATIME;
+  DC_LOG_AT(where, LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, place.path.c_str());
   SegmentFile file("createSegment");
-  if (!file.open(path, flags, SEGMENT_MODE) && file.error() != EEXIST) {
-    // The pruner may have removed the directory while it was empty.
-    path.resize(rootLength);
-    if (const CZuError error = makeSegmentPath(path, *dir, guid, where); error.IsError()) return error;
-    file.open(path, flags, SEGMENT_MODE);
-  }
-  if (file.fd() < 0) {
-    if (file.error() == EEXIST) return alreadyThere(path, where);  // and was not seen: a dangling link
-    return failAt(where, LogLevel::Error, file.error(), "Error: can't create file [%s] (%d)", path.c_str(),
-                  file.error());
-  }
-  if (const CZuError error = fillNewSegment(file.fd(), path, vol, sections, sync, where); error.IsError())
+  if (const CZuError error = openNewFile(file, place, where); error.IsError()) return error;
+  if (const CZuError error = fillNewSegment(file.fd(), place.path, vol, sections, sync, where);
+      error.IsError())
     return error;
   file.closeTimed();
   if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
   m_segmentsInCache++;
   return {};
+}
+
+CZuError DiskCache::claimPlace(NewSegment& place, const RMCodeLocation& where) {
+  if (const int rc = m_migrator->claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(where, rc);
+  place.rootLength = place.path.size();
+  return place.make(where);
 }
 
 // A segment is in neither of its places, whichever it is to be made in: an override copy would hide it, or
@@ -324,7 +345,7 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   std::string path;
   if (const int rc = m_migrator->claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+    return askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);
   if (!known) {

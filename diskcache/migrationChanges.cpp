@@ -49,6 +49,7 @@ int MigrationChanges::resume(const std::string& path) {
 
 int MigrationChanges::add(const std::string& name) {
   const KxCriticalSectionLock lock(&m_lock);
+  if (m_path.empty()) return 0;  // ended
   return m_names.insert(name).second ? append(name) : 0;
 }
 
@@ -76,10 +77,8 @@ std::vector<std::string> MigrationChanges::names() {
 
 void MigrationChanges::end() {
   const KxCriticalSectionLock lock(&m_lock);
-  closeFile();
-  m_names.clear();
   if (m_hasFile) unlink(m_path.c_str());
-  m_hasFile = false;
+  reset("");
 }
 
 void MigrationChanges::reset(const std::string& path) {

@@ -1,8 +1,8 @@
 // What clients changed at a migration's destination while it ran.
 //
-// Internal. Names are paths below a volume's root. They are kept in memory and, so that a killed process's are
-// known to the next one, in a file: each name with a NUL behind it, in the order in which they were added. Any
-// thread may call any operation.
+// Internal. Names are paths below a volume's root. They are kept in memory and, so that a killed process's
+// are known to the next one, in a file: each name with a NUL behind it, in the order in which they were
+// added. Any thread may call any operation.
 #pragma once
 
 #include <sys/types.h>
@@ -26,11 +26,11 @@ class MigrationChanges {
   void begin(const std::string& path);
   // Begins with the names in the file, if there is one: 0, or why it cannot be read.
   int resume(const std::string& path);
-  // Remembers a name, also when the file cannot: that is then told by the system error number. It is told before
-  // the change is made, so that a kill in between leaves a name too many and never one too few.
+  // Remembers a name, also when the file cannot: that is then told by the system error number. It is told
+  // before the change is made, so that a kill in between leaves a name too many and never one too few.
   int add(const std::string& name);
   std::vector<std::string> names();
-  // Forgets all names and removes the file.
+  // Forgets all names and removes the file; what is added until the next begin is of no use to anybody.
   void end();
 
  private:

@@ -64,8 +64,8 @@ inline Transfer readAt(const char* operation, int fd, void* to, uint64_t length,
 inline constexpr uint64_t MAX_TRANSFER = 0x7ffff000;
 
 // A write that fails unless it moves all of `length` bytes; `write(done)` is asked for those behind the first
-// `done`. A write that is cut short does not tell why, so the rest is asked for once, for its number alone. When
-// the rest then goes well there was no room a moment ago.
+// `done`. A write that is cut short does not tell why, so the rest is asked for once, for its number alone.
+// When the rest then goes well there was no room a moment ago.
 template <typename Write>
 Transfer timedWrite(const char* operation, uint64_t length, Write&& write) {
   const auto first = timedCall(operation, PERF_DISK_WRITE, [&] { return write(uint64_t{0}); });

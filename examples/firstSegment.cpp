@@ -6,7 +6,7 @@ using namespace ObjectStore;
 
 int main() {
   DiskCache cache(PersistentVolumes::Yes);
-  CZuError e = cache.init("/tmp/dc/root", {"/tmp/dc/a"}, 90, 70, 95, 100'000, nullptr, PruningMode::Lru);
+  CZuError e = cache.init("/tmp/dc/root", {"/tmp/dc/a"}, 100, 100, 100, 1'000, nullptr, PruningMode::Lru);
   DiskCacheContext ctx;
   ctx.dir = "images";
   ctx.prunerCallback = [&](auto& /*dir*/, auto& /*path*/, auto& guid) {  // a full list: may this one go?

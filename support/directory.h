@@ -24,8 +24,8 @@ class Directory {
   bool next();
   // The entry's name; valid until the next call of next().
   const char* name() const { return m_entry->d_name; }
-  // The entry's status, looked up in the open directory; that of a link itself or, with `follow`, of what it leads
-  // to. 0 or a system error number.
+  // The entry's status, looked up in the open directory; that of a link itself or, with `follow`, of what
+  // it leads to. 0 or a system error number.
   int status(struct stat& out, bool follow = false) const;
   // The status of the directory itself.
   int ownStatus(struct stat& out) const;

@@ -30,15 +30,15 @@ std::string join(std::string_view a, std::string_view b, char separator);
 // else in its place is ENOTDIR or EEXIST. One system call when the directory is there.
 int createDir(const std::string& path);
 
-// 0 when something can be reached at `path`; ENOENT when there is nothing, to which a dangling link and a name
-// that no file can have lead too; any other number when the system does not tell.
+// 0 when something can be reached at `path`; ENOENT when there is nothing, to which a dangling link and a
+// name that no file can have lead too; any other number when the system does not tell.
 int findFile(const std::string& path);
 
 // Whether something is at `path`, or may be: what the system does not tell is left to the open that follows.
 bool doesFileExist(const std::string& path);
 
-// A name beside `path` for a file that is to take its place: `path` and `suffix`, or, where that is longer than
-// a name may be, one that is made from the name and ends with `suffix` too.
+// A name beside `path` for a file that is to take its place: `path` and `suffix`, or, where that is longer
+// than a name may be, one that is made from the name and ends with `suffix` too.
 std::string temporaryName(const std::string& path, std::string_view suffix);
 
 // The length of an open regular file (anything else is EINVAL) and the bytes it occupies on disk (blocks of
@@ -58,8 +58,9 @@ int rmTree(const std::string& dir);
 // Renames a file, replacing what is at `target`.
 int renameFile(const std::string& source, const std::string& target);
 
-// Copies as KXCopyFile does, with the source's time of modification. `appear` puts the finished copy, which it is
-// given by its temporary name, in its place; when it does not (another number than 0) nothing is left.
+// Copies as KXCopyFile does, with the source's time of modification. `appear` puts the finished copy, which
+// it is given by its temporary name, in its place; when it does not (another number than 0) nothing is
+// left.
 int copyFile(const std::string& source, const std::string& target,
              const std::function<int(const std::string& temporary)>& appear);
 

@@ -143,6 +143,10 @@ TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
         for (int i = 0; told == "success"; ++i) told = outcome(create("abcd" + std::to_string(i), {}));
         return told;
       },
+      [&] {  // nor one for a directory
+        ctx.useNonPrunableDir = true;
+        return outcome(cache->copyOverrideSegment(ctx, "abcd0", true));
+      },
       [&] {  // the volume's reserve is reached
         Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 1 << 30; });
         return outcome(create("abcdx", {}));

@@ -7,6 +7,7 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
 namespace {
@@ -171,6 +172,28 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
                    "told EIO: mkdir opendir readdir fstatat access open fstat open copy_file_range close",
                    "told success: close access", "told EIO: rename readdir stat",
                    "told success: mkdir open write close unlink"}));
+}
+
+// As when the destination's disk turns read-only: its files cannot be removed, but read.
+TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
+  const SmallFileSystem otherDisk{16};
+  SKIP_WITHOUT(otherDisk);
+  startWithFour();
+  writeFile(source + "/ctx/odd/placeholder", "");
+  fs::remove(source + "/ctx/odd/placeholder");
+  ASSERT_EQ(::mkfifo((source + "/ctx/odd/fifo").c_str(), 0600), 0);  // cannot be copied
+  FaultPlan plan;
+  HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
+  ASSERT_EQ(cache->migrate(1, source, otherDisk / "new"), 0);
+  ASSERT_TRUE(hold.reached());
+  put("made", "the text");
+  EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, "the new text")})), "success");
+  plan.failAlways("unlink", EROFS);
+  hold.release();
+  EXPECT_EQ(ends(), ended("EINVAL", otherDisk / "new"));
+  plan.clearFaults();
+  EXPECT_EQ(get("made"), "the text");
+  EXPECT_EQ(get("kept"), "the new text");
 }
 
 TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
