@@ -69,7 +69,7 @@ TEST_F(RecencyTableTest, BehavesAsItsModelWhileItGrowsAndShrinks) {
       // Around the length up to which identifiers lie in place, and far beyond; and the empty one.
       const std::string number = std::to_string(random() % 400'000);
       const std::string guid =
-          number == "7" ? "" : number + std::string(random() % 8 == 0 ? 40 + number[0] % 8 : 9, 'x');
+          number == "7" ? "" : number + std::string(random() % 8 == 0 ? 40 + number.size() : 9, 'x');
       const auto place = places.find(guid);
       const RecencyTable::Position found = table.find(key(guid));
       ASSERT_EQ(found != RecencyTable::NONE, place != places.end()) << guid;

@@ -67,7 +67,7 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
     plan.hold("pwrite", 1);
     auto first = async([this] { return write(section(0, "ab", 0, 0)); });
     EXPECT_TRUE(plan.held());
-    auto waiting = async([this, waiter = waiter] {
+    auto waiting = async([this, waiter = waiter]() DC_NO_THREAD_SAFETY_ANALYSIS {
       AutoOpenSegment open(*cache, GUID);
       KxCriticalSection& lock = open.getSegInfo()->lock;
       const KxCriticalSectionLock once(&lock), twice(&lock);
