@@ -17,7 +17,7 @@
 // that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before a
 // failure is undone unless said otherwise. In every segment operation an identifier that could leave its
 // directory is EINVAL (see guid_t), a volume that is not known holds no segment and takes none (ENOENT), and
-// failed memory is ENOMEM. Three failures leave a descriptor open for the life of the process; the
+// failed memory is ENOMEM. A few failures leave a descriptor open for the life of the process; the
 // operations say which (readSections, readCompleteSection, truncateSection).
 //
 // The recency list: createSegment, writeSections, replaceSegment, truncateSection, syncSegment, markDirty,

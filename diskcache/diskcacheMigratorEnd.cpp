@@ -64,16 +64,20 @@ void DiskCacheMigrator::workerEnded(const std::shared_ptr<const Job>& job, const
     });
   };
   step([&] { DC_LOG_AT(where, LogLevel::Info, "cache: migration finished"); });
+  // A change that cannot be noted is an error too, and after the switch none that matters.
+  bool isSwitched = false;
   if (m_error == 0) {
-    if (const int rc = guarded(where, [&] { return switchVolume(*job, where); }); rc != 0) recordError(rc);
+    const int rc = guarded(where, [&] { return switchVolume(*job, where); });
+    isSwitched = rc == 0;
+    if (!isSwitched) recordError(rc);
   }
-  if (m_error != 0 && runningJob()) {
+  if (!isSwitched && runningJob()) {
     // Doing it again does no harm, and memory may be there by then.
     for (int attempt = 0; attempt < UNDO_ATTEMPTS; ++attempt) {
       if (guarded(where, [&] { return undo(*job, where); }) != ENOMEM) break;
     }
   }
-  step([&] { callCallback(m_error, job->src, job->dst); });
+  step([&] { callCallback(isSwitched ? 0 : m_error.load(), job->src, job->dst); });
   step([&] {
     if (unlink(pathInRoot(MIGRATE_FILE).c_str()) != 0) {
       DC_LOG_AT(where, LogLevel::Error, "Error: can't unlink migrate file");

@@ -174,7 +174,7 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
                    "told success: mkdir open write close unlink"}));
 }
 
-// As when the destination's disk turns read-only: its files cannot be removed, but read.
+// As when the destination's disk turns read-only: its files can be read, but not removed.
 TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
   const SmallFileSystem otherDisk{16};
   SKIP_WITHOUT(otherDisk);
@@ -187,12 +187,34 @@ TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
   ASSERT_EQ(cache->migrate(1, source, otherDisk / "new"), 0);
   ASSERT_TRUE(hold.reached());
   put("made", "the text");
-  EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, "the new text")})), "success");
-  plan.failAlways("unlink", EROFS);
+  const std::string text = "the new text";
+  EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, text)})), "success");
+  plan.fail("unlink", 1, EROFS);  // of what has been copied home
   hold.release();
   EXPECT_EQ(ends(), ended("EINVAL", otherDisk / "new"));
   plan.clearFaults();
   EXPECT_EQ(get("made"), "the text");
+  EXPECT_EQ(get("kept"), "the new text");
+}
+
+TEST_F(MigratorTest, AChangeThatCannotBeNotedAfterTheSwitchFailsNothing) {
+  startWithFour();
+  FaultPlan plan;
+  {
+    HoldAtLine hold(log, "cache: migration finished");
+    ASSERT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached());
+    plan.hold("write", 1);  // of "volume_info"
+  }
+  ASSERT_TRUE(plan.held());
+  plan.fail("open", 1, ENOSPC);  // of the names of what is changed
+  const std::string text = "the new text";
+  const CZuError written =
+      cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::Default);
+  EXPECT_EQ(outcome(written), "success");
+  plan.release();
+  EXPECT_EQ(ends(), ended("success", target));
+  EXPECT_TRUE(isSwitched());
   EXPECT_EQ(get("kept"), "the new text");
 }
 
