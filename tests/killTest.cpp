@@ -11,6 +11,7 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/inMemory.h"
 
 namespace ObjectStore {
 namespace {
@@ -26,13 +27,6 @@ struct Step {
   How how;
   guid_t guid;
   std::function<CZuError()> run;
-};
-
-// A kill takes nothing from the page cache, so there is no need to wait for a disk.
-struct InMemory {
-  InMemory() { setenv("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : usual.c_str(), 1); }
-  ~InMemory() { setenv("TMPDIR", usual.c_str(), 1); }
-  const std::string usual = fs::temp_directory_path();
 };
 
 struct KillTest : InMemory, EngineTest {

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <future>
-#include <optional>
 #include <random>
 #include <thread>
 
@@ -13,6 +12,7 @@
 #include "diskcache/diskcachePruner.h"
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
+#include "tests/support/segmentWork.h"
 
 namespace ObjectStore {
 namespace {
@@ -21,13 +21,6 @@ namespace fs = std::filesystem;
 
 constexpr size_t THREADS = 3;
 constexpr size_t SEGMENTS = 20;  // of each thread
-constexpr size_t FULL = 3000;    // bytes of a payload
-
-// What the cache must hold of one segment: its regular copy and its override.
-struct Copies {
-  std::optional<std::string> regular, override;
-  std::optional<std::string>& inUse() { return override ? override : regular; }
-};
 
 class MigrationStressTest : public EngineTest {
  protected:
@@ -46,73 +39,19 @@ class MigrationStressTest : public EngineTest {
 
   // One random operation on a segment that no other thread changes: what it tells and leaves is known.
   void work(const guid_t& guid, Copies& now, std::minstd_rand& random) {
-    DiskCacheContext own = ctx;
-    const std::string text = std::string(FULL, static_cast<char>('a' + random() % 26));
-    const std::vector<Section> whole{section(0, text)};
-    Copies then = now;
-    std::string expected = "success";
-    CZuError error;
-    const auto operation = static_cast<unsigned>(random() % 11);
-    switch (operation) {
-      case 0:
-        if (now.inUse())
-          expected = "EEXIST";
-        else
-          (text[0] % 2 == 0 ? then.override : then.regular) = text;
-        error = cache->createSegment(own, guid, whole, false, text[0] % 2 == 0, false);
-        break;
-      case 1:
-      case 2:
-      case 3: {
-        const auto force = static_cast<ForceDiskLoc>(operation - 1);
-        if (force == ForceDiskLoc::NonPrunable && !then.override) then.override = then.regular;
-        auto& place = force == ForceDiskLoc::Default       ? then.inUse()
-                      : force == ForceDiskLoc::NonPrunable ? then.override
-                                                           : then.regular;
-        if (place)
-          place = text;
-        else
-          expected = "ENOENT";
-        error = cache->writeSections(own, guid, whole, false, force);
-        break;
-      }
-      case 4:
-        then.regular = text;
-        error = cache->replaceSegment(own, guid, whole);
-        break;
-      case 5:
-        if (then.inUse())
-          then.inUse()->resize(FULL / 2);
-        else
-          expected = "ENOENT";
-        error = cache->truncateSection(own, guid, 0, 0, FULL / 2);
-        break;
-      case 6:
-      case 7:
-        if (!then.override) {
-          then.override = then.regular;
-          if (operation == 7) then.regular.reset();
-        }
-        error = cache->markDirty(own, guid, operation == 7);
-        break;
-      case 8:
-        if (then.override) then = {then.override, {}};
-        error = cache->moveToPrunable(own, guid);
-        break;
-      default:
-        then = {};
-        error = cache->deleteSegment(own, guid, false, false, static_cast<Recycle>(operation - 9));
-    }
+    const SegmentWork change = SegmentWork::any(random);
+    const std::string expected = change.result(now);
+    const CZuError error = change.perform(*cache, ctx, guid);
     // An empty directory may go while a file is being put there.
-    const bool hadNoPlace = outcome(error) == "ENOENT" && operation != 5;
+    const bool hadNoPlace = outcome(error) == "ENOENT" && change.operation != SegmentWork::TRUNCATE;
     EXPECT_TRUE(outcome(error) == expected || hadNoPlace)
-        << "operation " << operation << ": " << error.AsString();
-    if (!error.IsError()) now = then;
-    expectLeft(guid, now, operation);
+        << "operation " << change.operation << ": " << error.AsString();
+    if (!error.IsError()) now = change.leaves(now);
+    expectLeft(guid, now, change.operation);
     ++operations;
   }
-  void expectLeft(const guid_t& guid, Copies& copies, unsigned operation) {
-    EXPECT_EQ(get(guid), copies.inUse().value_or("[ENOENT]")) << guid << " after operation " << operation;
+  void expectLeft(const guid_t& guid, const Copies& copies, unsigned operation) {
+    EXPECT_EQ(get(guid), copies.inUse().shown()) << guid << " after operation " << operation;
   }
 
   static inline std::promise<int> s_ended;

@@ -44,6 +44,8 @@ struct Fault {
   size_t nth;  // or EVERY_CALL
   Verdict verdict;
   size_t seen = 0;
+  bool stays = false;
+  bool strikes() { return ++seen == nth || nth == EVERY_CALL || (stays && seen > nth); }
 };
 
 struct Record {
@@ -79,7 +81,7 @@ Verdict verdictOn(const char* call) {
     r->trace.emplace_back(call);
     for (Fault& fault : r->faults) {
       if (fault.call != call && fault.call != FaultPlan::ANY) continue;
-      if (++fault.seen == fault.nth || fault.nth == EVERY_CALL) verdict = fault.verdict;
+      if (fault.strikes()) verdict = fault.verdict;
     }
     if (verdict.holds && r->hold == Record::NotHeld) {
       r->hold = Record::Held;
@@ -124,6 +126,10 @@ FaultPlan& FaultPlan::fail(std::string_view call, size_t nth, int errNo) {
 FaultPlan& FaultPlan::failAlways(std::string_view call, int errNo) { return fail(call, EVERY_CALL, errNo); }
 FaultPlan& FaultPlan::shortTransfer(std::string_view call, size_t nth, size_t bytes) {
   return add(*this, call, nth, {0, bytes});
+}
+FaultPlan& FaultPlan::forGood() {
+  recorded()->faults.back().stays = true;
+  return *this;
 }
 FaultPlan& FaultPlan::killAt(size_t nth) { return add(*this, ANY, nth, {0, NO_LIMIT, true}); }
 FaultPlan& FaultPlan::hold(std::string_view call, size_t nth) {

@@ -24,6 +24,8 @@ class FaultPlan {
   FaultPlan& failAlways(std::string_view call, int errNo);
   // The nth call from now on moves at most `bytes` bytes, reports that and leaves errno alone.
   FaultPlan& shortTransfer(std::string_view call, size_t nth, size_t bytes);
+  // The fault planned last stays from its call on.
+  FaultPlan& forGood();
   // The nth call from now on, whichever it is, is not made: the process dies of SIGKILL in its place.
   FaultPlan& killAt(size_t nth);
   // The nth call from now on, one at most at a time, is made only after release() or the plan's end.
