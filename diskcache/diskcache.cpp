@@ -178,6 +178,13 @@ std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const st
   return path;
 }
 
+bool DiskCache::isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir) {
+  std::optional<bool> seen;
+  path = m_migrator->rootFor(guid, volume, dir, &seen);
+  if (!path.empty()) appendSegmentPath(path, dir, guid);
+  return seen ? *seen : doesFileExist(path);
+}
+
 std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
   std::string root;
   const KxCriticalSectionLock lock(&m_volumeLock);

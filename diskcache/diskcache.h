@@ -309,6 +309,8 @@ class DISKCACHE_EXPORT DiskCache {
   // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp). segmentPath is guid2path for the operations: "",
   // which no file can have, on a volume that is not known, so that none looks into the working directory.
   std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
+  // Sets `path` to the same; whether a copy is there, or cannot be looked at.
+  bool isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir);
   std::string volumeRoot(VolIndex volume, size_t room);
   // getOverriddenSegment for an identifier that was checked before.
   std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);

@@ -241,12 +241,15 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob(VolI
   return job && job->vol == vol ? job : nullptr;
 }
 
-std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir) {
+std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,
+                                       std::optional<bool>* seen) {
   const auto job = runningJob(vol);
   if (!job) return m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
   const std::string name = nameOf(guid, dir);
-  if (isThere(job->dst, name)) return job->dst;
-  if (isThere(job->src, name)) return job->src;
+  const bool isAtDestination = isThere(job->dst, name);
+  const bool isFound = isAtDestination || isThere(job->src, name);
+  if (seen) *seen = isFound;
+  if (isFound) return isAtDestination ? job->dst : job->src;
   return job->isReturning ? job->home : job->dst;
 }
 
@@ -273,7 +276,14 @@ int DiskCacheMigrator::claimWhole(std::string& root, const guid_t& guid, VolInde
 
 int DiskCacheMigrator::claimName(std::string& root, const Job& job, const std::string& name, bool isWhole,
                                  const RMCodeLocation& where) {
-  const bool isOnlyAtSource = !isThere(job.dst, name) && isThere(job.src, name);
+  const int atDestination = findFile(join(job.dst, name, '/'));
+  const int atSource = atDestination == ENOENT ? findFile(join(job.src, name, '/')) : 0;
+  for (const int rc : {atDestination, atSource}) {
+    if (rc == 0 || rc == ENOENT) continue;
+    DC_LOG_AT(where, LogLevel::Error, "Error: can't look for [%s] (%d)", name.c_str(), rc);
+    return rc;
+  }
+  const bool isOnlyAtSource = atDestination == ENOENT && atSource == 0;
   if (job.isReturning) {
     root = isOnlyAtSource ? job.src : job.home;
     return bringBack(job, name, where);
@@ -304,13 +314,15 @@ DiskCacheMigrator::Removal::Removal(DiskCacheMigrator& migrator, const guid_t& g
   if (m_job) {
     const std::string name = nameOf(guid, dir);
     const bool isAtDestination = isThere(m_job->dst, name);
-    m_root = isAtDestination ? m_job->dst : isThere(m_job->src, name) ? m_job->src : m_job->home;
+    m_isFound = isAtDestination || isThere(m_job->src, name);
+    m_root = isAtDestination ? m_job->dst : m_isFound ? m_job->src : m_job->home;
     if (isAtDestination) m_original = join(m_job->src, name, '/');
   } else {
     m_root = migrator.m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
   }
   m_path = m_root;
   if (!m_path.empty()) appendSegmentPath(m_path, dir, guid);
+  if (!m_job) m_isFound = doesFileExist(m_path);
 }
 
 int DiskCacheMigrator::Removal::removeOriginal() const {

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,10 +64,13 @@ class DiskCacheMigrator {
   // it is there, else where new ones are made.
   std::string guidToPath(const guid_t& guid, VolIndex vol, const std::string& dir);
   // The root that this path begins with; "" for a volume that is not known. The string has room for the rest
-  // of the path.
-  std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir);
+  // of the path. While the volume is migrated, `seen` is told whether the segment is there or cannot be looked
+  // at: to ask again could find nothing where the look failed, though it lies on the other side.
+  std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,
+                      std::optional<bool>* seen = nullptr);
   // The same root for an operation that will change the segment or make it, under the segment's lock. 0, or
-  // the number for a segment that must be brought back from a migration that failed, and cannot be.
+  // the number for a segment that must be brought back from a migration that failed, and cannot be, or for one
+  // that cannot be looked for.
   int claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
   // For an operation that makes the file whole, whatever lies at the source: a rename within the source could
   // slip past the worker that lists the directory.
@@ -88,6 +92,8 @@ class DiskCacheMigrator {
     Removal(DiskCacheMigrator& migrator, const guid_t& guid, VolIndex vol, const std::string& dir);
     // "" on a volume that is not known.
     const std::string& path() const { return m_path; }
+    // Also of what cannot be looked at.
+    bool isFound() const { return m_isFound; }
     // Comes before the removal of `path`: what was changed at the destination must not show its old bytes
     // again, not even after a kill. 0 or a system error number.
     int removeOriginal() const;
@@ -100,6 +106,7 @@ class DiskCacheMigrator {
     const KxCriticalSectionLock m_noneAppears;
     std::string m_root;
     std::string m_path;
+    bool m_isFound;
     std::string m_original;  // at the source, of what lies at the destination
   };
 

@@ -42,8 +42,8 @@ std::string DiskCache::getOverriddenSegment(const DiskCacheContext& ctx, const g
 // Only the flag is asked, not whether nonprunableDir is empty: this is meant.
 std::string DiskCache::pathInUse(const DiskCacheContext& ctx, const guid_t& guid) {
   if (ctx.useNonPrunableDir) {
-    std::string path = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
-    if (doesFileExist(path)) return path;
+    std::string path;
+    if (isCopyThere(path, guid, ctx.volume, ctx.nonprunableDir)) return path;
   }
   return segmentPath(guid, ctx.volume, ctx.dir);
 }

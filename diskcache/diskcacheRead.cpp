@@ -305,10 +305,7 @@ CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, 
 bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (checkGuid(guid, RM_CODE_LOCATION).IsError()) return false;
   std::string path;
-  const auto isIn = [&](const std::string& dir) {
-    path = segmentPath(guid, ctx.volume, dir);
-    return doesFileExist(path);
-  };
+  const auto isIn = [&](const std::string& dir) { return isCopyThere(path, guid, ctx.volume, dir); };
   const bool exists = lookUntilCertain(ctx, [&] {
                         if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty() && isIn(ctx.nonprunableDir))
                           return 0;

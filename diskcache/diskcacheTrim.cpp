@@ -176,7 +176,8 @@ CZuError DiskCache::deleteSegment(const DiskCacheContext& ctx, const guid_t& gui
 bool DiskCache::isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid) {
   for (int round = 0; round < 2; ++round) {
     for (const std::string* dir : {&ctx.nonprunableDir, &ctx.dir}) {
-      if (doesFileExist(segmentPath(guid, ctx.volume, *dir))) return true;
+      std::string path;
+      if (isCopyThere(path, guid, ctx.volume, *dir)) return true;
     }
   }
   return false;
@@ -190,7 +191,7 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
     const uint32_t generation = m_migrator->generation();
     const DiskCacheMigrator::Removal removal(*m_migrator, guid, ctx.volume, dir);
     const std::string& path = removal.path();
-    if (doesFileExist(path)) {
+    if (removal.isFound()) {
       if (const int rc = removal.removeOriginal(); rc != 0)
         return failAt(where, LogLevel::Error, rc, "Error: can't unlink file [%s] (%d)", path.c_str(), rc);
       if (isRemoved) {

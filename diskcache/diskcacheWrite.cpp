@@ -180,8 +180,9 @@ CZuError DiskCache::checkAbsent(const DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
   if (doesFileExist(path)) return alreadyThere(path, where);
   if (!hasSecondPlace(ctx)) return {};
-  const std::string other = segmentPath(guid, ctx.volume, ctx.nonprunableDir);
-  return doesFileExist(other) ? alreadyThere(other, where) : CZuError();
+  std::string other;
+  const bool isThere = isCopyThere(other, guid, ctx.volume, ctx.nonprunableDir);
+  return isThere ? alreadyThere(other, where) : CZuError();
 }
 
 CZuError DiskCache::fillNewSegment(int fd, const std::string& path, VolIndex volume,
@@ -264,7 +265,7 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
     }
     dir = &ctx.nonprunableDir;
   } else if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
-    if (doesFileExist(segmentPath(guid, ctx.volume, ctx.nonprunableDir))) dir = &ctx.nonprunableDir;
+    if (isCopyThere(path, guid, ctx.volume, ctx.nonprunableDir)) dir = &ctx.nonprunableDir;
   }
   return claimPath(path, guid, ctx.volume, *dir, where);
 }
