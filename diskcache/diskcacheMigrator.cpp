@@ -342,8 +342,13 @@ int DiskCacheMigrator::dropSourceCopy(const guid_t& guid, VolIndex vol, const st
   const auto job = runningJob(vol);
   if (!job || job->isReturning) return 0;
   const std::string name = nameOf(guid, dir);
-  if (!isThere(job->dst, name)) return 0;
+  const int found = findFile(join(job->dst, name, '/'));
+  if (found == ENOENT) return 0;
   const std::string path = join(job->src, name, '/');
+  if (found != 0) {  // this may be the only copy
+    DC_LOG(LogLevel::Error, "Error: can't look for [%s] (%d)", name.c_str(), found);
+    return found;
+  }
   errno = 0;
   if (unlink(path.c_str()) == 0 || errno == ENOENT || errno == ENOTDIR) return 0;
   const int rc = errno;
