@@ -169,12 +169,15 @@ struct MigrationKillTest : InMemory, EngineTest {
       std::swap(ctx, regular);
     }
   }
+  std::string migrationSource() {
+    const std::string text = readFile(dir / "root/migrate");
+    const bool isFirst = text.find("\n" + sides[0] + '\n') < text.find("\n" + sides[1] + '\n');
+    return isFirst ? sides[0] : sides[1];
+  }
+  void plant(const std::string& side) { ASSERT_EQ(mknod(oddOf(side).c_str(), S_IFIFO | 0600, 0), 0); }
   // Starts the next engine, which goes on with the migration.
   void resume(bool mustFail) {
-    const std::string text = readFile(dir / "root/migrate");
-    const std::string source =
-        text.find("\n" + sides[0] + '\n') < text.find("\n" + sides[1] + '\n') ? sides[0] : sides[1];
-    ASSERT_TRUE(!mustFail || mknod(oddOf(source).c_str(), S_IFIFO | 0600, 0) == 0);
+    if (mustFail) plant(migrationSource());
     s_ended = {};
     std::future<int> ended = s_ended.get_future();
     {
@@ -185,6 +188,24 @@ struct MigrationKillTest : InMemory, EngineTest {
     }
     EXPECT_EQ(awaitEnd(ended), mustFail ? "EINVAL" : "success");
     expectModel("after the resumed migration");
+  }
+  // A child that goes on with the migration and dies at that system call of it, if it makes so many.
+  void killResuming(size_t call) {
+    const pid_t child = fork();
+    if (child == 0) {
+      FaultPlan plan;
+      plan.killAt(call);
+      s_ended = {};
+      std::future<int> ended = s_ended.get_future();
+      startOn(sideInUse());
+      if (awaitEnd(ended) == "never") tell("a resumed migration does not end");
+      plan.clearFaults();
+      _exit(EXIT_SUCCESS);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) << status;
+    EXPECT_STREQ(model->problem.data(), "");
   }
   // What was under way may have been left in a state that the model does not know.
   void forgetWhatWasUnderWay() {
@@ -207,14 +228,21 @@ TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
   const char* const soak = std::getenv("DISKCACHE_SOAK");
   const unsigned wanted = std::min(20 * (soak ? static_cast<unsigned>(std::atoi(soak)) : 1), 1000U);
   std::mt19937 random{11};
-  unsigned resumed = 0;
+  unsigned resumed = 0, resumptionsKilled = 0;
   for (unsigned kills = 0; kills < wanted && !HasFailure(); ++kills) {
     SCOPED_TRACE("kill " + std::to_string(kills));
     killOne(kills, random);
     model->isMigrating = false;
     log.take();
     for (const std::string& side : sides) fs::remove(oddOf(side));
-    if (fs::exists(dir / "root/migrate")) {
+    const auto isLeft = [this] { return fs::exists(dir / "root/migrate"); };
+    while (isLeft() && random() % 3 > 0) {
+      ++resumptionsKilled;
+      if (random() % 2 == 0) plant(migrationSource());
+      killResuming(1 + random() % 1000);
+      for (const std::string& side : sides) fs::remove(oddOf(side));
+    }
+    if (isLeft()) {
       resume(++resumed % 2 == 0);
       for (const std::string& side : sides) fs::remove(oddOf(side));
     }
@@ -224,8 +252,9 @@ TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
     cache.reset();
     fs::remove_all(sides[1 - sideInUse()]);
   }
-  EXPECT_GE(resumed, wanted / 3);
-  RecordProperty("kills while migrating", static_cast<int>(resumed));
+  EXPECT_GE(resumed + resumptionsKilled, wanted / 3);
+  RecordProperty("resumed", static_cast<int>(resumed));
+  RecordProperty("killed again while resuming", static_cast<int>(resumptionsKilled));
 }
 
 }  // namespace
