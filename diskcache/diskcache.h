@@ -22,7 +22,7 @@
 //
 // The recency list: createSegment, writeSections, replaceSegment, truncateSection, syncSegment, markDirty,
 // moveToPrunable, readAllSections and readCompleteSection touch a segment before anything else,
-// readSections on demand; the others never do. A touch enters a segment that the list does not know, so a
+// readSections on demand; no other does unasked. A touch enters a segment that the list does not know, so a
 // miss does too and may push another one out; in mode Lru, where the list is full, it asks the client about
 // the oldest and fails with ENOSPC when that is refused. A failure afterwards leaves the entry, and so does
 // deleteSegment.
