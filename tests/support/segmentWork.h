@@ -20,14 +20,14 @@ struct Copy {
 };
 
 // What the cache holds of one segment. Fits into an atomic without a lock, so that a process's death tears none.
-struct Copies {
+struct alignas(8) Copies {
   Copy regular, override;
   const Copy& inUse() const { return override.letter ? override : regular; }
   Copy& inUse() { return override.letter ? override : regular; }
 };
 
 // One change of a segment with a context that has two places, or one: then `Copies::override` stays empty.
-struct SegmentWork {
+struct alignas(8) SegmentWork {
   enum Operation : uint32_t {
     CREATE,
     WRITE,
