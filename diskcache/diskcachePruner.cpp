@@ -74,7 +74,7 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
     while (result == PrunerError::GoOn) {
       try {
         result = deletePrunableSegments();
-      } catch (...) {  // memory ran out in mid-walk: the next wake-up tries again
+      } catch (...) {                    // memory ran out in mid-walk: the next wake-up tries again
         (void)failWithException(where);  // logged
         break;
       }

@@ -121,8 +121,8 @@ TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
       ASSERT_TRUE(error.IsError() || has(s.data));
     }
     ASSERT_LE(allocated, bytes.size());
-    (void)cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)}, false,
-                         ForceDiskLoc::Default);
+    (void)cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)},
+                               false, ForceDiskLoc::Default);
     renew(bytes);
     (void)cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
     ASSERT_EQ(Access::openSegments(*cache), 0U);
