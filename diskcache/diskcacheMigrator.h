@@ -64,13 +64,13 @@ class DiskCacheMigrator {
   // it is there, else where new ones are made.
   std::string guidToPath(const guid_t& guid, VolIndex vol, const std::string& dir);
   // The root that this path begins with; "" for a volume that is not known. The string has room for the rest
-  // of the path. While the volume is migrated, `seen` is told whether the segment is there or cannot be looked
-  // at: to ask again could find nothing where the look failed, though it lies on the other side.
+  // of the path. While the volume is migrated, `seen` is told whether the segment is there or cannot be
+  // looked at: to ask again could find nothing where the look failed, though it lies on the other side.
   std::string rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,
                       std::optional<bool>* seen = nullptr);
   // The same root for an operation that will change the segment or make it, under the segment's lock. 0, or
-  // the number for a segment that must be brought back from a migration that failed, and cannot be, or for one
-  // that cannot be looked for.
+  // the number for a segment that must be brought back from a migration that failed, and cannot be, or for
+  // one that cannot be looked for.
   int claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir);
   // For an operation that makes the file whole, whatever lies at the source: a rename within the source could
   // slip past the worker that lists the directory.
