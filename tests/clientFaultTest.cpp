@@ -8,6 +8,7 @@
 
 #include "tests/support/clientFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -17,10 +18,6 @@ namespace fs = std::filesystem;
 class ClientFaultTest : public ClientTest {
  protected:
   static constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
-  static size_t soaked(size_t count) {
-    const char* const soak = std::getenv("DISKCACHE_SOAK");
-    return count * (soak ? std::strtoul(soak, nullptr, 10) : 1);
-  }
 };
 
 TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {

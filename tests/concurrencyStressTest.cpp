@@ -13,17 +13,13 @@
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/smallFileSystem.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
 
 constexpr size_t THREADS = 4;
 constexpr size_t FULL = 3000;  // bytes of a payload; a truncated one has half of them
-
-size_t soaked(size_t operations) {
-  const char* const factor = std::getenv("DISKCACHE_SOAK");
-  return operations * (factor ? std::strtoul(factor, nullptr, 10) : 1);
-}
 
 // Five bits of each byte tell the segment and the position, three who wrote it.
 std::string written(size_t id, size_t writer) {

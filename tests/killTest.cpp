@@ -12,6 +12,7 @@
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/inMemory.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -77,8 +78,7 @@ TEST_F(KillTest, AMigrationGoesOnAtTheNextStart) {
   }
   cache.reset();
   fs::copy(source + "/ctx", source + "/more", fs::copy_options::recursive);  // one entry for each worker
-  const char* const soak = std::getenv("DISKCACHE_SOAK");
-  const int wanted = 50 * (soak && std::atoi(soak) > 1 ? std::atoi(soak) : 1);
+  const int wanted = static_cast<int>(soaked(50));
   size_t calls = 0;
   for (int kills = 0; kills < wanted && !HasFailure();) {
     for (const char* name : {"root", "new"}) fs::remove_all(dir / name);

@@ -19,6 +19,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -225,8 +226,7 @@ struct MigrationKillTest : InMemory, EngineTest {
 };
 
 TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
-  const char* const soak = std::getenv("DISKCACHE_SOAK");
-  const unsigned wanted = std::min(20 * (soak ? static_cast<unsigned>(std::atoi(soak)) : 1), 1000U);
+  const auto wanted = static_cast<unsigned>(std::min<size_t>(soaked(20), 1000));
   std::mt19937 random{11};
   unsigned resumed = 0, resumptionsKilled = 0;
   for (unsigned kills = 0; kills < wanted && !HasFailure(); ++kills) {

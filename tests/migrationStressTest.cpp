@@ -13,6 +13,7 @@
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/segmentWork.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -60,8 +61,7 @@ class MigrationStressTest : public EngineTest {
 };
 
 TEST_F(MigrationStressTest, NoOperationIsLostAndNoMigrationFails) {
-  const char* const factor = std::getenv("DISKCACHE_SOAK");
-  const int migrations = 12 * (factor ? std::atoi(factor) : 1);
+  const int migrations = static_cast<int>(soaked(12));
   std::atomic<bool> done{false};
   std::vector<std::jthread> clients;
   std::vector<std::vector<Copies>> copies(THREADS, std::vector<Copies>(SEGMENTS));

@@ -10,6 +10,7 @@
 #include "tests/support/faults.h"
 #include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -171,10 +172,7 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
   static inline size_t s_combinations = 0, s_runs = 0;
   const Place place = std::get<0>(GetParam());
   const bool isCold = std::get<1>(GetParam());
-  const unsigned share = [] {
-    const char* const soak = std::getenv("DISKCACHE_SOAK");
-    return soak ? static_cast<unsigned>(std::atoi(soak)) : 1;
-  }();
+  const unsigned share = static_cast<unsigned>(soaked(1));
   const std::array<std::string, 2> sides{dir / "a/vol1", dir / "b/vol1"};
   size_t side = 0;
   EngineOptions options;
