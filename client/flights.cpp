@@ -17,8 +17,13 @@ std::unique_ptr<Flights::Flight> Flights::startLocked(const BlockId& block) {
 
 Flights::Joined Flights::join(const BlockId& block) {
   const KxCriticalSectionLock lock(&m_lock);
-  if (const auto found = m_flights.find(block); found != m_flights.end()) return {nullptr, found->second};
-  return {startLocked(block), {}};
+  Joined joined;
+  if (const auto found = m_flights.find(block); found != m_flights.end()) {
+    joined.landing = found->second;
+  } else {
+    joined.mine = startLocked(block);
+  }
+  return joined;
 }
 
 std::unique_ptr<Flights::Flight> Flights::tryStart(const BlockId& block) {

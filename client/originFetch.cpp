@@ -12,6 +12,9 @@ class OriginFetch::Request final : public OriginRequest {
  public:
   Request(OriginFetch& fetch, uint64_t start, std::span<std::byte> buffer)
       : OriginRequest(start, buffer), m_fetch(fetch) {}
+  virtual ~Request() = default;
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
   void arrived(uint64_t bytes, uint64_t objectSize, const Metadata& metadata) override {
     if (!m_fetch.m_metadata) {
       m_fetch.m_metadata = std::make_shared<const Metadata>(metadata);

@@ -125,7 +125,7 @@ ReadOperation::Step ReadOperation::fromFlight(const Landing& landing, uint64_t o
   } else if (landing.wait_until(m_options.deadline) != std::future_status::ready) {
     return fail(RM_CODE_LOCATION, ETIMEDOUT, "another thread is still fetching");
   }
-  const std::shared_ptr<const Landed> landed = landing.get();
+  const std::shared_ptr<const Landed>& landed = landing.get();
   if (landed->isOnDisk) return Step::Miss;
   m_cache.metrics.add(Count::joined);
   ++m_result.joined;

@@ -131,7 +131,7 @@ CZuError VolumeMarkers::load() {
 
 CZuError VolumeMarkers::save() {
   std::string text = "cache " + m_id + '\n';
-  for (const auto& [id, dir] : m_known) text += id + ' ' + dir + '\n';
+  for (const auto& [id, dir] : m_known) text.append(id).append(" ").append(dir).append("\n");
   const std::string path = m_root + VOLUMES_FILE;
   const int rc = writeSmallFile(path, text);
   if (rc == 0) return {};

@@ -26,6 +26,9 @@ class WriteBack::Object final : public StagedObject {
     metadata = itsMetadata;
     stagedAt = itsAge;
   }
+  virtual ~Object() = default;
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
 
   CZuError read(uint64_t offset, std::span<std::byte> out) const override;
 

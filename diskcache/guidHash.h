@@ -24,7 +24,7 @@ class GuidHash {
   }
 
  private:
-  __extension__ typedef unsigned __int128 Sum;
+  using Sum [[gnu::mode(TI)]] = unsigned;  // of 128 bits
   static constexpr size_t CHUNK = 48;
 
   static uint64_t word(const char* at) noexcept {
