@@ -220,7 +220,7 @@ TEST_P(SweepTest, AFailureLosesNothingAndNoneIsTakenForSuccess) {
        [](const std::string& told, const Copy&) { return told == "[success]" || told == "[ENOENT]"; }}};
   for (const Copies& state : states) {
     for (uint32_t operation = 0; operation < SegmentWork::NUM_OPERATIONS; ++operation) {
-      for (const uint16_t letter : {'x', 'y'}) {
+      for (const uint16_t letter : {uint16_t{'x'}, uint16_t{'y'}}) {
         if (letter == 'y' && operation != SegmentWork::CREATE) continue;
         const SegmentWork work{static_cast<SegmentWork::Operation>(operation), letter};
         SCOPED_TRACE("operation " + std::to_string(operation) + " on " + state.regular.shown().substr(0, 1) +
