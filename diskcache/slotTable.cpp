@@ -60,11 +60,6 @@ void SlotTable::forEach(Visit&& visit) const noexcept {
   }
 }
 
-const void* SlotTable::place(uint32_t hash) const noexcept {
-  const Slots& slots = slotsOf(hash);
-  return slots.capacity == 0 ? nullptr : &slots.at(slots.home(hash));
-}
-
 void SlotTable::reserve() {
   if (size() < fullest(m_current.capacity)) return;
   while (isMoving()) moveSome();  // only a table that shrank and grows again at once is still at it

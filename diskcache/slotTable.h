@@ -31,8 +31,6 @@ class SlotTable {
       if (slots.distance(at) < distance) return NONE;
     }
   }
-  // Where the search for a hash begins, for prefetching.
-  const void* place(uint32_t hash) const noexcept;
 
   // Makes sure that one more insertion needs no memory. Throws std::bad_alloc.
   void reserve();
