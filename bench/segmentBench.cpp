@@ -12,7 +12,7 @@
 #include "arena.h"
 #include "batch.h"
 #include "oneOperation.h"
-#include "tools/diskcachectl/zipf.h"
+#include "workload/zipf.h"
 
 using namespace bench;
 
@@ -62,7 +62,7 @@ size_t segmentsFor(const Work& work, size_t bytes, const Effort& effort) {
 std::vector<size_t> orderOf(Kind kind, size_t segments, uint64_t round) {
   std::vector<size_t> order(segments);
   if (kind == Kind::ReadZipf) {
-    const diskcachectl::ZipfDraw zipf(static_cast<uint32_t>(segments), ZIPF_EXPONENT, 1);
+    const workload::ZipfDraw zipf(static_cast<uint32_t>(segments), ZIPF_EXPONENT, 1);
     std::generate(order.begin(), order.end(), [&, n = round * segments]() mutable { return zipf.draw(n++); });
   } else {
     std::iota(order.begin(), order.end(), size_t{0});

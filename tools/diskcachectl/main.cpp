@@ -12,9 +12,9 @@
 #include <string>
 #include <string_view>
 
-#include "commands.h"
-#include "failure.h"
-#include "output.h"
+#include "commands/commands.h"
+#include "common/failure.h"
+#include "common/output.h"
 
 namespace diskcachectl {
 namespace {

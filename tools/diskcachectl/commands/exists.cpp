@@ -1,0 +1,54 @@
+// diskcachectl exists: whether a segment is cached, and where.
+#include <fmt/core.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "commands/commands.h"
+#include "common/output.h"
+#include "replay/cacheSession.h"
+
+namespace diskcachectl {
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr const char* HELP =
+    R"(Prints the path of the file that readers get. A server may be running on the root.
+Exit status: 0 it is there, 1 it is not, 2 bad input, 3 an error of the cache or the system.
+
+Example:
+  diskcachectl exists --root /var/cache/root --volume /var/cache/a --context data 0123abcd)";
+
+void run(const SegmentOptions& options) {
+  CacheSession session(options, CacheSession::Use::Look);
+  const std::vector<Copy> copies = session.find(options);
+  if (!options.isJson) {
+    fmt::print("{}\n", printable(session.require(options).front().path));
+    return;
+  }
+  ordered_json answer = {
+      {"exists", !copies.empty()}, {"volume", nullptr}, {"directory", nullptr}, {"path", nullptr}};
+  if (!copies.empty()) {
+    answer["volume"] = copies.front().volume;
+    answer["directory"] = copies.front().directory;
+    answer["path"] = copies.front().path;
+  }
+  printJson(answer);
+  if (copies.empty()) throw Failure(ExitStatus::CheckFailed);
+}
+
+}  // namespace
+
+void addExists(CLI::App& program) {
+  const auto options = std::make_shared<SegmentOptions>();
+  CLI::App* command = program.add_subcommand("exists", "Tells whether a segment is cached, and where");
+  command->footer(HELP);
+  addSegmentOptions(*command, *options);
+  command->callback([options] { run(*options); });
+}
+
+}  // namespace diskcachectl

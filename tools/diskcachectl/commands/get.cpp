@@ -1,0 +1,185 @@
+// diskcachectl get: reads a section of a segment.
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <unistd.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <cerrno>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "commands/commands.h"
+#include "common/output.h"
+#include "replay/cacheSession.h"
+
+namespace diskcachectl {
+namespace {
+
+using namespace ObjectStore;
+namespace fs = std::filesystem;
+
+constexpr uint64_t CHUNK = uint64_t{256} << 20;
+
+constexpr const char* HELP =
+    R"(Writes one section's bytes to FILE, which appears whole or not at all, or to standard output. A server
+may be running on the root; access times stay as they are.
+Exit status: 0 success, 1 there is no such segment or section, or it is damaged, 2 bad input, 3 an error of
+the cache or the system.
+
+Example:
+  diskcachectl get --root /var/cache/root --volume /var/cache/a --context data 0123abcd /tmp/section)";
+
+struct Options : SegmentOptions {
+  int32_t type = 0;
+  std::string file = "-";
+
+  bool isStdout() const { return file == "-"; }
+};
+
+// Where the bytes go. A file is built under another name beside it; FIFOs and devices are written to as they
+// are.
+class Target {
+ public:
+  explicit Target(const Options& options) : m_name(options.isStdout() ? "standard output" : options.file) {
+    if (options.isStdout()) {
+      m_fd = STDOUT_FILENO;
+      return;
+    }
+    std::error_code error;
+    const fs::file_status status = fs::status(m_name, error);
+    if (fs::is_directory(status)) fail(m_name, EISDIR);
+    if (fs::exists(status) && !fs::is_regular_file(status)) {
+      open(m_name, 0);
+      return;
+    }
+    m_path = fs::weakly_canonical(m_name);  // what a link points at, rather than the link, is replaced
+    m_temporary = m_path.parent_path() / fmt::format(".{}.part", getpid());
+    open(m_temporary, O_CREAT | O_EXCL);
+  }
+  ~Target() {
+    if (m_fd > STDERR_FILENO) close(m_fd);
+    if (!m_temporary.empty()) unlink(m_temporary.c_str());
+  }
+  Target(const Target&) = delete;
+  Target& operator=(const Target&) = delete;
+
+  void write(const std::vector<Section>& sections) {
+    const int rc = writeFully(m_fd, sections.front().data, sections.front().len);
+    if (rc != 0) fail(m_name, rc);
+  }
+  void finish() {
+    // Some file systems only now know that they are full.
+    if (m_fd != STDOUT_FILENO && close(std::exchange(m_fd, -1)) != 0) fail(m_name, errno);
+    if (m_temporary.empty()) return;
+    if (rename(m_temporary.c_str(), m_path.c_str()) != 0) fail(m_name, errno);
+    m_temporary.clear();
+  }
+
+ private:
+  void open(const fs::path& path, int flags) {
+    m_fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, 0666);
+    if (m_fd < 0) fail(m_name, errno);
+  }
+
+  const std::string m_name;
+  fs::path m_path;
+  fs::path m_temporary;
+  int m_fd = -1;
+};
+
+// Reading a section from one end to the other.
+class Reader {
+ public:
+  Reader(DiskCache& cache, const Copy& copy, const Options& options)
+      : m_cache(cache),
+        m_copy(copy),
+        m_options(options),
+        m_buffer(std::make_unique_for_overwrite<unsigned char[]>(CHUNK)) {}
+
+  // The bytes from `offset` on, as many as there are up to a chunk.
+  std::vector<Section> read(uint64_t offset) {
+    std::vector<Section> sections(1);
+    Section& section = sections.front();
+    section.type = m_options.type;
+    section.off = offset;
+    section.data = m_buffer.get();
+    section.bufferSize = CHUNK;
+    check(m_cache.readSections(m_copy.context, m_options.id, sections, false));
+    if (section.status == ENOENT) {
+      throw Failure(ExitStatus::CheckFailed,
+                    fmt::format("{}: there is no section {}", m_copy.path, m_options.type));
+    }
+    if (section.len == 0 && offset == 0) {
+      // An empty section, or one whose front cannot be read.
+      uint64_t size = 0;
+      check(m_cache.getSectionSize(size, m_copy.context, m_options.id, m_options.type, 0));
+    }
+    return sections;
+  }
+
+ private:
+  void check(const CZuError& error) {
+    if (!error.IsError()) return;
+    switch (RMErrorUtil::GetErrNo(error)) {
+      case ENOENT: throw Failure(ExitStatus::CheckFailed, m_options.id + ": not in the cache");
+      case 0:
+      case EINVAL:
+      case EIO:
+        throw Failure(ExitStatus::CheckFailed, fmt::format("{}: damaged: {}", m_copy.path, error.AsString()));
+      default: fail(m_copy.path, error);
+    }
+  }
+
+  DiskCache& m_cache;
+  const Copy& m_copy;
+  const Options& m_options;
+  const std::unique_ptr<unsigned char[]> m_buffer;
+};
+
+void run(const Options& options) {
+  if (options.isJson && options.isStdout()) {
+    throw Failure(ExitStatus::BadInput, "get: --json needs FILE (see --help)");
+  }
+  CacheSession session(options, CacheSession::Use::Look);
+  const Copy copy = session.require(options).front();
+  Reader reader(session.cache(), copy, options);
+  std::vector<Section> sections = reader.read(0);
+  uint64_t bytes = sections.front().len;
+  Target target(options);
+  target.write(sections);
+  while (sections.front().len == CHUNK) {
+    sections = reader.read(bytes);
+    target.write(sections);
+    bytes += sections.front().len;
+  }
+  target.finish();
+  if (!options.isJson) return;
+  printJson({{"identifier", options.id},
+             {"volume", copy.volume},
+             {"path", copy.path},
+             {"type", options.type},
+             {"bytes", bytes}});
+}
+
+}  // namespace
+
+void addGet(CLI::App& program) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* command = program.add_subcommand("get", "Reads a section of a segment");
+  command->footer(HELP);
+  addSegmentOptions(*command, *options);
+  addSectionType(*command, options->type);
+  command->add_option("FILE", options->file, "Where it goes; - for standard output, as without it")
+      ->type_name("");
+  command->callback([options] { run(*options); });
+}
+
+}  // namespace diskcachectl

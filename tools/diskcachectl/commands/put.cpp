@@ -1,0 +1,256 @@
+// diskcachectl put: stores a section of a segment.
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "commands/commands.h"
+#include "common/output.h"
+#include "look/segmentDecoder.h"
+#include "replay/cacheSession.h"
+#include "support/file.h"
+
+namespace diskcachectl {
+namespace {
+
+using namespace ObjectStore;
+
+// What is held in memory, and written at once.
+constexpr uint64_t CHUNK = uint64_t{256} << 20;
+constexpr size_t SPOOL_BLOCK = size_t{1} << 20;
+
+constexpr const char* HELP =
+    R"(Stores FILE, or standard input, as one section: of a new segment, or in place of that section in one
+that is there, whose other sections stay. Only a segment's last section can change its length; one of
+type 5 cannot become shorter. Prints the file's path. Makes the root and the volumes that are missing.
+No server may be running on the root. A put of more than 256 MiB that is killed leaves the front of it.
+Exit status: 0 success, 1 the segment that is there is damaged, 2 bad input, 3 an error of the cache or the
+system.
+
+Example:
+  diskcachectl put --root /var/cache/root --volume /var/cache/a --context data 0123abcd /tmp/section)";
+
+struct Options : SegmentOptions {
+  int32_t type = 0;
+  bool isSynced = false;
+  std::string file = "-";
+};
+
+// The bytes to store, a chunk at a time, and how many there will be. What a pipe gives beyond the first chunk
+// goes to a temporary file, since the length decides whether anything is written at all.
+class Input {
+ public:
+  explicit Input(const std::string& file)
+      : m_name(file == "-" ? "standard input" : file),
+        m_fd(file == "-" ? dup(STDIN_FILENO) : open(file.c_str(), O_RDONLY | O_CLOEXEC)),
+        m_buffer(std::make_unique_for_overwrite<unsigned char[]>(CHUNK)) {
+    struct stat status {};
+    if (m_fd < 0 || fstat(m_fd, &status) != 0) fail(m_name, errno);
+    m_filled = fill(m_buffer.get(), CHUNK);
+    m_length = m_filled;
+    if (m_filled < CHUNK) return;
+    m_length += S_ISREG(status.st_mode) ? restOf(status) : spool();
+  }
+  ~Input() {
+    if (m_fd >= 0) close(m_fd);
+  }
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+
+  uint64_t length() const { return m_length; }
+  // The chunk at hand; the first one to begin with.
+  std::vector<Section> chunk(int32_t type, int32_t subType) const {
+    std::vector<Section> sections(1);
+    Section& section = sections.front();
+    section.type = type;
+    section.subType = subType;
+    section.off = m_offset;
+    section.len = section.bufferSize = m_filled;
+    section.data = m_buffer.get();
+    return sections;
+  }
+  // False at the end.
+  bool next() {
+    m_offset += m_filled;
+    const uint64_t wanted = std::min(CHUNK, m_length - m_offset);
+    m_filled = fill(m_buffer.get(), wanted);
+    if (m_filled == wanted) return wanted > 0;
+    throw Failure(ExitStatus::Error, m_name + ": became shorter while it was read");
+  }
+
+ private:
+  uint64_t fill(unsigned char* buffer, uint64_t wanted) const {
+    uint64_t filled = 0;
+    while (filled < wanted) {
+      const ssize_t got = read(m_fd, buffer + filled, wanted - filled);
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) fail(m_name, errno);
+      if (got == 0) break;
+      filled += static_cast<uint64_t>(got);
+    }
+    return filled;
+  }
+
+  uint64_t restOf(const struct stat& status) const {
+    const off_t at = lseek(m_fd, 0, SEEK_CUR);
+    return status.st_size > at ? static_cast<uint64_t>(status.st_size - at) : 0;
+  }
+
+  uint64_t spool() {
+    std::string path = std::filesystem::temp_directory_path() / "diskcachectl.XXXXXX";
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd < 0) fail(path, errno);
+    unlink(path.c_str());
+    uint64_t length = 0;
+    std::vector<unsigned char> block(SPOOL_BLOCK);
+    while (const uint64_t got = fill(block.data(), block.size())) {
+      if (const int rc = writeFully(fd, block.data(), got); rc != 0) fail(path, rc);
+      length += got;
+    }
+    lseek(fd, 0, SEEK_SET);
+    close(std::exchange(m_fd, fd));
+    return length;
+  }
+
+  const std::string m_name;
+  int m_fd;
+  const std::unique_ptr<unsigned char[]> m_buffer;
+  uint64_t m_filled = 0;
+  uint64_t m_offset = 0;  // of the chunk at hand
+  uint64_t m_length = 0;
+};
+
+void check(const CZuError& error, const std::string& what) {
+  if (!error.IsError()) return;
+  // The system reports nothing when the last bytes of a disk took a part.
+  if (RMErrorUtil::IsErrNo(error, 0)) fail(what, ENOSPC);
+  fail(what, error);
+}
+
+// A section in the middle would grow over those behind it, and cutting it would cut them off.
+void refuseUnfit(const SegmentLayout& layout, const Record& old, uint64_t length, const std::string& path) {
+  if (length == old.front.len) return;
+  const bool isLast = old.end() == layout.bytes;
+  const bool canChange = length > old.front.len || layout.lastSection == old.front.type;
+  if (isLast && canChange) return;
+  throw Failure(
+      ExitStatus::BadInput,
+      fmt::format("{}: section {} has {} bytes and cannot get {}: {}", path, old.front.type, old.front.len,
+                  length, isLast ? "this type never becomes shorter" : "others lie behind it"));
+}
+
+// A write that fails half-way would leave neither the old bytes nor the new.
+void refuseWithoutRoom(uint64_t growth, const std::string& path) {
+  if (std::filesystem::space(path).available < growth) fail(path, ENOSPC);
+}
+
+SegmentLayout layoutOf(const std::string& path) {
+  SegmentLayout layout;
+  if (const int rc = decodeSegment(path, layout); rc != 0) fail(path, rc);
+  if (layout.problems.empty()) return layout;
+  throw Failure(ExitStatus::CheckFailed, fmt::format("{}: damaged: {}", path, layout.problems.front()));
+}
+
+void overwrite(CacheSession& session, const Copy& copy, const Options& options, Input& input) {
+  DiskCache& cache = session.cache();
+  const SegmentLayout layout = layoutOf(copy.path);
+  const Record* old = layout.find(options.type);
+  if (old != nullptr) {
+    refuseUnfit(layout, *old, input.length(), copy.path);
+  } else {
+    cache.addVolume(copy.directory);  // it may be known only: the engine appends where it knows of room
+  }
+  const uint64_t oldLength = old != nullptr ? old->front.len : 0;
+  if (input.length() > oldLength) refuseWithoutRoom(input.length() - oldLength, copy.path);
+  const int32_t subType = old != nullptr ? old->front.subType : 0;
+  do {
+    const auto chunk = input.chunk(options.type, subType);
+    check(cache.writeSections(copy.context, options.id, chunk, false, ForceDiskLoc::Default), copy.path);
+  } while (input.next());
+  if (oldLength <= input.length()) return;
+  check(cache.truncateSection(copy.context, options.id, options.type, subType, input.length()), copy.path);
+}
+
+// What cannot be written whole is deleted again.
+void create(CacheSession& session, const Options& options, Input& input) {
+  DiskCache& cache = session.cache();
+  DiskCacheContext context;
+  context.dir = options.context;
+  context.nonprunableDir = options.nonprunable;
+  context.useNonPrunableDir = !options.nonprunable.empty();
+  CZuError error = cache.createSegment(context, options.id, input.chunk(options.type, 0), false,
+                                       context.useNonPrunableDir, false);
+  const bool isAnothers = RMErrorUtil::IsErrNo(error, EEXIST);
+  try {
+    check(error, options.id);
+    while (input.next()) {
+      const auto chunk = input.chunk(options.type, 0);
+      check(cache.writeSections(context, options.id, chunk, false, ForceDiskLoc::Default), options.id);
+    }
+  } catch (...) {
+    // What is under way is the failure to tell of.
+    if (!isAnothers) (void)cache.deleteSegment(context, options.id, false, false, Recycle::No);
+    throw;
+  }
+}
+
+void run(const Options& options) {
+  if (options.id.ends_with(RMFile::COPY_SUFFIX) || options.id.ends_with(".temp")) {
+    throw Failure(ExitStatus::BadInput,
+                  fmt::format("{}: ends like the cache's own unfinished files", options.id));
+  }
+  Input input(options.file);
+  if (input.length() == 0) {
+    throw Failure(ExitStatus::BadInput, options.file + ": empty; a section has at least 1 byte");
+  }
+  CacheSession session(options, CacheSession::Use::Fill);
+  const std::vector<Copy> copies = session.find(options);
+  if (copies.empty()) {
+    create(session, options, input);
+  } else {
+    overwrite(session, copies.front(), options, input);
+  }
+  const Copy copy = session.require(options).front();
+  if (options.isSynced) check(session.cache().syncSegment(copy.context, options.id), copy.path);
+  if (!options.isJson) {
+    fmt::print("{}\n", printable(copy.path));
+    return;
+  }
+  printJson({{"identifier", options.id},
+             {"volume", copy.volume},
+             {"path", copy.path},
+             {"type", options.type},
+             {"bytes", input.length()},
+             {"created", copies.empty()}});
+}
+
+}  // namespace
+
+void addPut(CLI::App& program) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* command = program.add_subcommand("put", "Stores a section of a segment");
+  command->footer(HELP);
+  addSegmentOptions(*command, *options);
+  addSectionType(*command, options->type);
+  command->add_flag("--sync", options->isSynced, "Return when it is on disk for good");
+  command->add_option("FILE", options->file, "Where it comes from; - for standard input, as without it")
+      ->type_name("");
+  command->callback([options] { run(*options); });
+}
+
+}  // namespace diskcachectl

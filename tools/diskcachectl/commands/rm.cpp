@@ -1,0 +1,59 @@
+// diskcachectl rm: deletes a segment.
+#include <fmt/core.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "commands/commands.h"
+#include "common/output.h"
+#include "replay/cacheSession.h"
+
+namespace diskcachectl {
+namespace {
+
+using nlohmann::ordered_json;
+using ObjectStore::Recycle;
+
+constexpr const char* HELP =
+    R"(Deletes the segment's files on every volume and prints their paths. No server may be running on the
+root.
+Exit status: 0 success, 1 there is no such segment, 2 bad input, 3 an error of the cache or the system.
+
+Example:
+  diskcachectl rm --root /var/cache/root --volume /var/cache/a --context data 0123abcd)";
+
+struct Options : SegmentOptions {
+  Recycle recycle = Recycle::No;
+};
+
+void run(const Options& options) {
+  CacheSession session(options, CacheSession::Use::Change);
+  ordered_json deleted = ordered_json::array();
+  for (const Copy& copy : session.require(options)) {
+    const auto error = session.cache().deleteSegment(copy.context, options.id, false, false, options.recycle);
+    if (error.IsError()) fail(copy.path, error);
+    deleted.push_back({{"volume", copy.volume}, {"directory", copy.directory}, {"path", copy.path}});
+    if (!options.isJson) fmt::print("{}\n", printable(copy.path));
+  }
+  if (!options.isJson) return;
+  const bool isRecycled = options.recycle == Recycle::Yes;
+  printJson({{"identifier", options.id}, {"recycled", isRecycled}, {"deleted", deleted}});
+}
+
+}  // namespace
+
+void addRm(CLI::App& program) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* command = program.add_subcommand("rm", "Deletes a segment");
+  command->footer(HELP);
+  addSegmentOptions(*command, *options);
+  command->add_flag_callback(
+      "--recycle", [options] { options->recycle = Recycle::Yes; },
+      "Move the files to the volume's directory \"recycle\" instead");
+  command->callback([options] { run(*options); });
+}
+
+}  // namespace diskcachectl

@@ -1,0 +1,24 @@
+#include "common/options.h"
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+
+namespace diskcachectl {
+
+CLI::Option* addRoot(CLI::App& command, std::string& dir) {
+  return command.add_option("--root", dir, "Directory of the cache's own files")->type_name("DIR");
+}
+
+CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool many) {
+  return command.add_option("--volume", dirs, "Directory of segments; give one or several")
+      ->type_name("DIR")
+      ->expected(1, many ? CLI::detail::expected_max_vector_size : 1)
+      ->take_all();
+}
+
+void addJson(CLI::App& command, bool& isJson) {
+  command.add_flag("--json", isJson, "Print the result as one JSON object");
+}
+
+}  // namespace diskcachectl

@@ -1,0 +1,109 @@
+// A recorded row of requests, and made-up bytes for them.
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "common/failure.h"
+#include "common/identifier.h"
+#include "replay/workload.h"
+#include "workload/mixing.h"
+
+namespace diskcachectl {
+namespace {
+
+class TraceWorkload : public Workload {
+ public:
+  explicit TraceWorkload(const std::string& path) {
+    std::ifstream file(path);
+    if (!file) throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", path, std::strerror(errno)));
+    errno = 0;
+    uint64_t number = 0;
+    for (std::string line; std::getline(file, line);) {
+      ++number;
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      if (line.starts_with('#')) continue;
+      const std::string why = take(line);
+      if (!why.empty()) throw Failure(ExitStatus::BadInput, fmt::format("{}:{}: {}", path, number, why));
+    }
+    if (file.bad()) throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", path, std::strerror(errno)));
+    if (m_requests.empty()) throw Failure(ExitStatus::BadInput, path + ": holds no request");
+  }
+
+  uint64_t defaultLength() const override { return m_requests.size(); }
+  Request request(uint64_t n) const override { return m_requests[n % m_requests.size()]; }
+  std::string identifier(uint32_t object) const override { return m_ids[object]; }
+
+  void fetch(const Request& request, std::vector<unsigned char>& bytes) const override {
+    uint64_t state = workload::mix(m_ids[request.object], request.size);
+    bytes.resize(request.size);
+    for (size_t at = 0; at < bytes.size(); at += sizeof(state)) {
+      state = workload::mix(state);
+      std::memcpy(bytes.data() + at, &state, std::min(sizeof(state), bytes.size() - at));
+    }
+  }
+
+ private:
+  // Adds a line's request; returns why it cannot.
+  std::string take(std::string_view line) {
+    const size_t comma = line.find(',');
+    if (comma == std::string_view::npos) return "there is no comma (expected: id,size)";
+    const std::string_view id = line.substr(0, comma);
+    const std::string_view text = line.substr(comma + 1, line.find(',', comma + 1) - comma - 1);
+
+    uint64_t size = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), size);
+    if (error == std::errc::invalid_argument || end != text.data() + text.size()) {
+      return fmt::format("the size \"{}\" is no number of bytes", text);
+    }
+    if (error != std::errc() || size > MAX_OBJECT_SIZE) {
+      return fmt::format("the size is over {} bytes", MAX_OBJECT_SIZE);
+    }
+    if (size == 0) return "the size is 0";
+
+    auto known = m_objectOfId.find(id);
+    if (known == m_objectOfId.end()) {
+      if (const std::string_view why = whyRefused(id); !why.empty()) return std::string(why);
+      if (std::string why = whyInTheWay(id); !why.empty()) return why;
+      m_ids.emplace_back(id);
+      known = m_objectOfId.emplace(m_ids.back(), static_cast<uint32_t>(m_ids.size() - 1)).first;
+    }
+    m_requests.push_back({known->second, static_cast<uint32_t>(size)});
+    return "";
+  }
+
+  // The file of "ab" is ab/ab, which is also the directory of "abab" and all that begins so: a cache holds
+  // only one of them at a time.
+  std::string whyInTheWay(std::string_view id) {
+    const std::string_view pair = id.substr(0, 2);
+    bool isTaken = false;
+    if (id.size() == 2) {
+      isTaken = m_doubledPairs.contains(std::string(pair));
+    } else if (id.size() >= 4 && id.substr(2, 2) == pair) {
+      m_doubledPairs.emplace(pair);
+      isTaken = m_objectOfId.contains(pair);
+    }
+    if (!isTaken) return "";
+    return fmt::format("the identifiers \"{0}\" and \"{0}{0}...\" need the same path in a cache", pair);
+  }
+
+  std::vector<Request> m_requests;
+  std::deque<std::string> m_ids;  // by object; never moved, so that the map below can view them
+  std::unordered_map<std::string_view, uint32_t> m_objectOfId;
+  std::unordered_set<std::string> m_doubledPairs;
+};
+
+}  // namespace
+
+std::unique_ptr<Workload> makeTraceWorkload(const std::string& path) {
+  return std::make_unique<TraceWorkload>(path);
+}
+
+}  // namespace diskcachectl
