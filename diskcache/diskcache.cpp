@@ -10,8 +10,8 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/diskcacheVolume.h"
-#include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -25,8 +25,7 @@ constexpr size_t MAX_SPARE_ENTRIES = 16;  // about as many segments as threads c
 }  // namespace
 
 DiskCache::DiskCache(PersistentVolumes persistent)
-    : m_persistentVolumes(persistent),
-      m_rootLock(std::make_unique<DirectoryLock>()),
+    : m_state(std::make_unique<DiskCacheState>(persistent)),
       m_contexts(std::make_unique<DiskCacheContexts>()),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
       m_lru(std::make_unique<DiskcacheLRU>(*this)),
@@ -46,17 +45,15 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
                          int lowWM, int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback,
                          PruningMode mode) try {
   DC_LOG(LogLevel::Setup, "watermarks=[%d/%d/%d] maxLruEntries=[%lu]", highWM, lowWM, alarmWM, maxLruEntries);
-  m_rootDir = rootDir;
-  m_highWM = highWM;
-  m_lowWM = lowWM;
-  m_alarmWM = alarmWM;
-  m_pruningMode = mode;
+  m_state->settings.rootDir = rootDir;
+  m_state->settings.pruningMode = mode;
+  m_state->space.setWatermarks(highWM, lowWM, alarmWM);
 
   if (const int rc = createDir(rootDir); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", rootDir.c_str(), rc);
   }
-  m_rootShared = m_rootLock->take(rootDir) == EWOULDBLOCK;
-  if (m_rootShared) {
+  m_state->isRootShared = m_state->rootLock.take(rootDir) == EWOULDBLOCK;
+  if (m_state->isRootShared) {
     DC_LOG(LogLevel::Error, "Error: another engine uses the root directory [%s]", rootDir.c_str());
   }
   if (const int rc = initVolumes(volumeDirs); rc != 0) {
@@ -90,7 +87,7 @@ CZuError DiskCache::clearCache() try {
   // A copy that is being made must not bring back what is cleared.
   const DiskCacheMigrator::Pause pause(*m_migrator);
   const KxCriticalSectionLock lock(&m_volumeLock);
-  m_totalCacheUsed = 0;
+  m_state->space.setUsed(0);
   for (auto& [index, volume] : m_volumes) {
     if (volume.dir.empty()) continue;
     // A directory that is missing holds nothing. It is made again below, as one that lost its content is not.
@@ -105,7 +102,7 @@ CZuError DiskCache::clearCache() try {
     if (getFreeBytes(&freeBytes, nullptr, volume.dir) == 0) volume.free = static_cast<int64_t>(freeBytes);
     refreshCacheUtilizationData();
     DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ClearCache",
-           static_cast<unsigned long long>(m_totalCacheUsed.value()));
+           static_cast<unsigned long long>(m_state->space.used()));
     if (!volume.listPos && volume.free.value() >= volume.reserved) appendToRotation(volume);
   }
   return {};
@@ -151,7 +148,7 @@ CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& o
   return failWithException(RM_CODE_LOCATION);
 }
 
-bool DiskCache::isRootShared() const { return m_rootShared; }
+bool DiskCache::isRootShared() const { return m_state->isRootShared; }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
   return m_migrator->migrate(vol, source, destination);

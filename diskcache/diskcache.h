@@ -50,12 +50,12 @@
 namespace ObjectStore {
 
 class Directory;
-class DirectoryLock;
 class DiskCacheContexts;
 class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
 class SegmentFile;
+struct DiskCacheState;
 struct NewSegment;
 struct SegmentToWrite;
 
@@ -333,18 +333,12 @@ class DISKCACHE_EXPORT DiskCache {
   void appendToRotation(Volume& volume) DC_REQUIRES(m_volumeLock);
   VolIndex getNextVolWithSpace();
 
-  // Space (diskcacheSpace.cpp)
-  bool isOverWatermark(const char* key, int percent);
-  void delayWriteToSegment();
-
   // The bytes of a segment file (diskcacheFormat.cpp)
   CZuError writeSegmentHeader(int fd);
   CZuError writeSegmentHeader(std::FILE* stream);
   CZuError readSegmentHeader(SegmentHeader& header, int fd);
   CZuError readSegmentHeader(SegmentHeader& header, std::FILE* stream);
   CZuError appendSection(int fd, VolIndex volume, const Section& section);
-  int countRefusal(int error);
-  int writeFailureLevel(int error);
   bool waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where);
   CZuError checkLength(const Section& section, const RMCodeLocation& where);
   uint64_t freeBytesOf(VolIndex volume);
@@ -361,7 +355,6 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
-  CZuError askForRoom(CZuError error);
   CZuError makeSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
                        bool sync, bool nonPrune, const RMCodeLocation& where);
   CZuError claimPlace(NewSegment& place, const RMCodeLocation& where);
@@ -406,21 +399,7 @@ class DISKCACHE_EXPORT DiskCache {
   int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level);
   CZuError scanSegmentsIntoLru();
 
-  // Constant after init()
-  std::string m_rootDir;
-  bool m_rootShared = false;
-  const PersistentVolumes m_persistentVolumes;
-  PruningMode m_pruningMode = PruningMode::Random;
-  const std::unique_ptr<DirectoryLock> m_rootLock;
-
-  // Read and changed by any thread without a lock: a reader may see some watermarks new and some old
-  RelaxedAtomic<int32_t> m_highWM{0};
-  RelaxedAtomic<int32_t> m_lowWM{0};
-  RelaxedAtomic<int32_t> m_alarmWM{0};
-  Stats m_stats;
-  KxAtomicU64_t m_totalCacheUsed;  // bytes
-  KxAtomicU64_t m_totalCache;      // bytes
-  KxAtomicU64_t m_segmentsInCache;
+  const std::unique_ptr<DiskCacheState> m_state;
 
   KxCriticalSection m_openSegmentsLock;
   using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
@@ -437,8 +416,6 @@ class DISKCACHE_EXPORT DiskCache {
   // Where the next search begins; end() while the list is empty and before the first search.
   std::list<Volume*>::iterator m_nextVolume DC_GUARDED_BY(m_volumeLock) = m_freeSpaceList.end();
 
-  RelaxedAtomic<bool> m_outOfSpace{false};
-
   // Segments' moves between two places, begun and done: while they differ, one is under way.
   std::atomic<uint64_t> m_movesBegun{0};
   std::atomic<uint64_t> m_movesDone{0};
@@ -449,12 +426,6 @@ class DISKCACHE_EXPORT DiskCache {
   const std::unique_ptr<DiskcacheLRU> m_lru;
   const std::unique_ptr<DiskCacheMigrator> m_migrator;
 };
-
-// Sets the map's entry under prefix + key to the decimal text of a value, or to a text.
-DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
-                               uint64_t value, const std::string& prefix);
-DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
-                               const std::string& value, const std::string& prefix);
 
 // Flushes one file to disk; a missing one is ENOENT and logged at level 5 only.
 DISKCACHE_EXPORT CZuError syncFname(const std::string& path);

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
 #include "support/log.h"
 
@@ -38,24 +38,13 @@ uint64_t printable(ssize_t count) { return static_cast<uint64_t>(count); }
 
 }  // namespace
 
-// Counts a failed write that found no room; gives its number back.
-int DiskCache::countRefusal(int error) {
-  if (error == ENOSPC) m_stats.errOutOfSpace++;
-  return error;
-}
-
-// A full file system is an expected state of a cache: it is counted, and its line is not an error line.
-int DiskCache::writeFailureLevel(int error) {
-  return countRefusal(error) == ENOSPC ? LogLevel::NoSpace : LogLevel::Error;
-}
-
 CZuError DiskCache::writeSegmentHeader(int fd) {
   const SegmentHeader header = freshHeader();
   const Transfer written = timedWrite(__func__, sizeof(header), [&](uint64_t done) {
     return ::write(fd, reinterpret_cast<const char*>(&header) + done, sizeof(header) - done);
   });
   if (written.moved(sizeof(header))) return {};
-  countRefusal(written.error);
+  m_state->space.countRefusal(written.error);
   return DC_FAIL(LogLevel::Error, written.error, "Error: Can't write header (%d)", written.error);
 }
 
@@ -100,8 +89,8 @@ uint64_t DiskCache::freeBytesOf(VolIndex volume) {
 // In mode Random the pruner gets one second to make room.
 bool DiskCache::waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where) {
   if (freeBytesOf(volume) >= bytes) return true;
-  if (m_pruningMode == PruningMode::Random) {
-    m_pruner->wakeupPrunerThread();
+  if (m_state->settings.pruningMode == PruningMode::Random) {
+    m_state->space.wakePruner();
     DC_LOG_AT(where, LogLevel::Notice, "Out of space, trying to free more");
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
@@ -122,7 +111,7 @@ CZuError DiskCache::appendSection(int fd, VolIndex volume, const Section& s) {
   if (!isSectionType(s.type))
     return DC_FAIL(LogLevel::Error, EINVAL, "Error: invalid section type (%d)", s.type);
   if (!waitForRoom(volume, s.len, RM_CODE_LOCATION)) {
-    m_stats.errOutOfSpace++;
+    m_state->space.countRefusal(ENOSPC);
     return DC_FAIL(LogLevel::NoSpace, ENOSPC, "Error: out of space");
   }
 
@@ -133,20 +122,20 @@ CZuError DiskCache::appendSection(int fd, VolIndex volume, const Section& s) {
   // The header points at the record before the record is there: a caller throws the file away on failure.
   const Transfer slot = writeAt(__func__, fd, &pos, sizeof(pos), sectionSlotOffset(s.type));
   if (!slot.moved(sizeof(pos))) {
-    const int level = writeFailureLevel(slot.error);
+    const int level = m_state->space.writeFailureLevel(slot.error);
     return DC_FAIL(level, slot.error, "Error: can't write to file %d (%lu,%d)", fd, printable(slot.count),
                    slot.error);
   }
   const uint64_t payload = offsetSum(offsetSum(pos, SECTION_DESC_SIZE), s.off);
   const Transfer data = writeAt(__func__, fd, s.data, s.len, payload);
   if (!data.moved(s.len)) {
-    const int level = writeFailureLevel(data.error);
+    const int level = m_state->space.writeFailureLevel(data.error);
     return DC_FAIL(level, data.error, "Error: can't write to file %d (%lu,%d) len=%lu", fd,
                    printable(data.count), data.error, s.len);
   }
   const Transfer desc = writeAt(__func__, fd, &front, sizeof(front), pos);
   if (!desc.moved(sizeof(front))) {
-    const int level = writeFailureLevel(desc.error);
+    const int level = m_state->space.writeFailureLevel(desc.error);
     return DC_FAIL(level, desc.error, "Error: can't write to file %d (%lu,%d) len=%lu", fd,
                    printable(desc.count), desc.error, sizeof(front));
   }
@@ -162,7 +151,7 @@ CZuError DiskCache::modifySection(int fd, const Section& s, uint64_t secOff, KxC
                    offsetSum(offsetSum(secOff, SECTION_DESC_SIZE), s.off));
   }();
   if (!data.moved(s.len)) {
-    countRefusal(data.error);
+    m_state->space.countRefusal(data.error);
     return DC_FAIL(LogLevel::Error, data.error, "Error: can't write to file %d (%d), [%lu]", fd, data.error,
                    s.off);
   }
@@ -182,7 +171,7 @@ CZuError DiskCache::modifySection(int fd, const Section& s, uint64_t secOff, KxC
   const Transfer written =
       writeAt(__func__, fd, &length, sizeof(length), offsetSum(secOff, offsetof(SectionDesc, len)));
   if (!written.moved(sizeof(length))) {
-    const int level = writeFailureLevel(written.error);
+    const int level = m_state->space.writeFailureLevel(written.error);
     return DC_FAIL(level, written.error, "Error: can't write to file %d (%d)", fd, written.error);
   }
   return {};

@@ -6,6 +6,7 @@
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheContexts.h"
+#include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -46,7 +47,7 @@ CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::str
 CZuError DiskcacheLRU::insert(const Key& key, VolIndex vol, const std::string& dir) {
   m_table.reserve(key.guid, dir);
   if (m_numEntries.value() >= m_maxLruEntries) {
-    if (m_diskCache.m_pruningMode != PruningMode::Random) {
+    if (m_diskCache.m_state->settings.pruningMode != PruningMode::Random) {
       if (const CZuError error = pruneFromBack(); error.IsError()) return error;
       // The callback may have put the segment in itself, or used the memory for another.
       if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
@@ -120,11 +121,11 @@ bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
   const KxCriticalSectionLock lock(&m_lruLock);
   const Position found = m_table.find(key);
   if (found == RecencyTable::NONE) {
-    ++m_diskCache.m_stats.lruMisses;
+    ++m_diskCache.m_state->space.stats().lruMisses;
     return false;
   }
   if (moveToFrontIfFound) m_table.moveToFront(found);
-  ++m_diskCache.m_stats.lruHits;
+  ++m_diskCache.m_state->space.stats().lruHits;
   return true;
 }
 

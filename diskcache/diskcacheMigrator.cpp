@@ -15,6 +15,7 @@
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/diskcacheVolume.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -62,7 +63,7 @@ bool isThere(const std::string& root, const std::string& name) {
 }  // namespace
 
 std::string DiskCacheMigrator::pathInRoot(const char* file) const {
-  return join(m_diskCache.m_rootDir, file, '/');
+  return join(m_diskCache.m_state->settings.rootDir, file, '/');
 }
 
 int DiskCacheMigrator::init(MigrationCB callback) {
@@ -133,7 +134,7 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
 // Checks what is asked for and forgets the migration before. 0, or why this one cannot be.
 int DiskCacheMigrator::prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
                                const RMCodeLocation& where) {
-  const bool persistent = m_diskCache.m_persistentVolumes == PersistentVolumes::Yes;
+  const bool persistent = m_diskCache.m_state->settings.persistentVolumes == PersistentVolumes::Yes;
   if (!m_isReady || vol == 0 || src.empty() || dst.empty() || !isStorableLine(src) || !isStorableLine(dst) ||
       (persistent && !isStorableVolume(dst))) {
     DC_LOG_AT(where, LogLevel::Error, "Error: can't migrate volume %d from [%s] to [%s]", vol, src.c_str(),

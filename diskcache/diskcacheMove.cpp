@@ -9,6 +9,7 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -68,25 +69,27 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
       error.IsError())
-    return askForRoom(error);
+    return m_state->space.askForRoom(error);
   const int rc = findFile(target);
   if (rc == 0) {
     DC_LOG(LogLevel::Segment, "override file already exists [%s]", guid.c_str());
     return {};
   }
   if (rc != ENOENT) return cannotLookAt(target, rc, RM_CODE_LOCATION);
-  if (move) return askForRoom(moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION));
+  if (move)
+    return m_state->space.askForRoom(moveSegment(ctx, guid, ctx.dir, source, target, RM_CODE_LOCATION));
 
   if (const CZuError error = RMFile::KXCopyFile(source, target, 0); error.IsError()) {
-    return askForRoom(pushAndLog(error, RM_CODE_LOCATION, "Error: Can't copy file [%s] from [%s] to [%s]",
-                                 guid.c_str(), source.c_str(), target.c_str()));
+    return m_state->space.askForRoom(pushAndLog(error, RM_CODE_LOCATION,
+                                                "Error: Can't copy file [%s] from [%s] to [%s]", guid.c_str(),
+                                                source.c_str(), target.c_str()));
   }
   long long size = 0;
   if (const CZuError error = RMFile::KXGetFileSize(target, size); error.IsError()) {
     return pushAndLog(error, RM_CODE_LOCATION, "Error: can't get file size for [%s]: [%s]", target.c_str(),
                       error.AsString().c_str());
   }
-  m_totalCacheUsed += size;  // the length, where deletion subtracts allocated bytes: both are meant
+  m_state->space.addUsed(size);  // the length, where deletion subtracts allocated bytes: both are meant
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
@@ -108,7 +111,7 @@ CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid,
 
 CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, bool move) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
+  m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: marking dirty [%s]", guid.c_str());
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
@@ -127,7 +130,7 @@ CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, b
 
 CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
+  m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "moving [%s] from [%s] to [%s]", guid.c_str(), ctx.nonprunableDir.c_str(),
          ctx.dir.c_str());
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
@@ -152,12 +155,13 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   if (const int rc = m_migrator->claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
-    return askForRoom(error);
+    return m_state->space.askForRoom(error);
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
     unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
   }
-  return askForRoom(moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION));
+  return m_state->space.askForRoom(
+      moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

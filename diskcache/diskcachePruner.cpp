@@ -14,6 +14,7 @@
 #include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "support/config.h"
 #include "support/directory.h"
 #include "support/file.h"
@@ -48,9 +49,11 @@ int DiskCachePruner::init() {
 void DiskCachePruner::shutdown() {
   if (!m_thread.threadInProgress()) return;
   m_stop = true;
-  m_wakeup.set();
+  m_diskCache.m_state->space.wakePruner();
   m_thread.joinThread(KXThread::WAIT_FOREVER, nullptr);
 }
+
+void DiskCachePruner::wakeupPrunerThread() { m_diskCache.m_state->space.wakePruner(); }
 
 void* DiskCachePruner::threadEntry(void* pruner) {
   static_cast<DiskCachePruner*>(pruner)->run(RM_CODE_LOCATION);
@@ -64,12 +67,12 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
                                                             std::numeric_limits<unsigned long>::max());
     minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
     DC_LOG_AT(where, LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
-    m_wakeup.wait(minutes * 60000);
+    m_diskCache.m_state->space.waitForWakeup(minutes * 60000);
     if (m_stop) break;
     if (const int rc = m_diskCache.refreshCacheUtilizationData(); rc != 0) {
       DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
     }
-    if (!m_diskCache.isOverHighWatermark()) continue;
+    if (!m_diskCache.m_state->space.isOverHighWatermark()) continue;
     PrunerError result = PrunerError::GoOn;
     while (result == PrunerError::GoOn) {
       try {
@@ -184,7 +187,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
                                           const std::string& dir, const PrunerCallback& callback) {
   DC_LOG(LogLevel::Segment, "pruning [%s] [%s] [%s]", path.c_str(), guid.c_str(), dir.c_str());
   if (m_stop) return PrunerError::Done;
-  if (!m_diskCache.isOverLowWatermark()) {
+  if (!m_diskCache.m_state->space.isOverLowWatermark()) {
     DC_LOG(LogLevel::Segment, "reached low watermark");
     return PrunerError::Done;
   }
@@ -202,7 +205,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
   } catch (...) {
     DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
   }
-  m_diskCache.m_stats.numPruned++;  // also without a callback
+  m_diskCache.m_state->space.stats().numPruned++;  // also without a callback
   return PrunerError::GoOn;
 }
 

@@ -16,7 +16,6 @@
 #include "diskcache/diskcacheTypes.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
-#include "support/event.h"
 #include "support/thread.h"
 
 namespace ObjectStore {
@@ -44,7 +43,7 @@ class DiskCachePruner {
   // Stops the thread and waits for its end, which a running callback may put off.
   void shutdown();
   // Any thread.
-  void wakeupPrunerThread() { m_wakeup.set(); }
+  void wakeupPrunerThread();
 
   // One walk, on the calling thread.
   PrunerError deletePrunableSegments();
@@ -68,7 +67,6 @@ class DiskCachePruner {
   DiskCache& m_diskCache;
   std::time_t m_startTime = 0;  // kept, not read
   KXThread m_thread;
-  KxEvent m_wakeup{false};
   RelaxedAtomic<bool> m_stop{false};
 };
 

@@ -7,6 +7,7 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/diskcacheVolume.h"
 #include "diskcache/segmentFile.h"
 #include "support/file.h"
@@ -35,7 +36,7 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
   std::string path;
   if (const CZuError error = resolveForWrite(path, ctx, guid, ForceDiskLoc::Default, RM_CODE_LOCATION);
       error.IsError()) {
-    return askForRoom(error);
+    return m_state->space.askForRoom(error);
   }
   SegmentFile file(__func__);
   if (!file.open(path, O_RDWR | O_NOATIME)) {
@@ -43,7 +44,7 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
                    file.error());
   }
   const CZuError error = truncateFile(file, path, ctx.volume, {type, sub, size}, RM_CODE_LOCATION);
-  if (error.IsError()) return askForRoom(error);
+  if (error.IsError()) return m_state->space.askForRoom(error);
   file.closeTimed();
   return {};
 } catch (...) {
@@ -107,7 +108,7 @@ CZuError DiskCache::cutAt(int fd, const std::string& path, uint64_t off, const S
   const Transfer front = writeAt(operation, fd, &wanted, sizeof(wanted), off);
   if (!front.moved(sizeof(wanted))) {
     putBack();
-    countRefusal(front.error);
+    m_state->space.countRefusal(front.error);
     return failAt(where, LogLevel::Error, front.error, "Error: can't write to [%s] (%d)", path.c_str(),
                   front.error);
   }
@@ -232,11 +233,10 @@ CZuError DiskCache::deleteSegmentInternal(const std::string& path) {
     return DC_FAIL(LogLevel::Error, error, "Error: can't unlink file [%s] (%d)", path.c_str(), error);
   }
   const auto allocated = static_cast<int64_t>(status.st_blocks) << 9;
-  m_totalCacheUsed -= allocated;
+  m_state->space.addUsed(-allocated);
   DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) subtract: s.st_blocks_x_512 [%llu]",
-         static_cast<unsigned long long>(m_totalCacheUsed.value()),
-         static_cast<unsigned long long>(allocated));
-  m_segmentsInCache--;
+         static_cast<unsigned long long>(m_state->space.used()), static_cast<unsigned long long>(allocated));
+  m_state->space.segmentGone();
   return {};
 }
 

@@ -15,6 +15,7 @@
 #include "diskcache/segmentFormat.h"
 #include "diskcache/segmentGate.h"
 #include "support/atomicCounter.h"
+#include "support/export.h"
 #include "support/lock.h"
 
 namespace ObjectStore {
@@ -130,6 +131,12 @@ struct Stats {
 
   void clear() { *this = Stats(); }
 };
+
+// Sets the map's entry under prefix + key to the decimal text of a value, or to a text.
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               uint64_t value, const std::string& prefix);
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               const std::string& value, const std::string& prefix);
 
 // One open segment, shared by all who work on it.
 struct OpenSegmentInfo {

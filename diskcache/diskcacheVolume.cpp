@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "diskcache/diskcache.h"
+#include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -128,8 +129,8 @@ int DiskCache::initVolumes(const std::vector<std::string>& dirs) try {
   if (rc == ENOMEM) {
     putBack(before);
   } else {
-    m_totalCacheUsed += gain.used;
-    m_totalCache += gain.capacity;
+    m_state->space.addUsed(gain.used);
+    m_state->space.addCapacity(gain.capacity);
   }
   return rc;
 } catch (...) {
@@ -138,7 +139,7 @@ int DiskCache::initVolumes(const std::vector<std::string>& dirs) try {
 
 int DiskCache::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain,
                             const RMCodeLocation& where) {
-  const bool persistent = m_persistentVolumes == PersistentVolumes::Yes;
+  const bool persistent = m_state->settings.persistentVolumes == PersistentVolumes::Yes;
   if (persistent && !std::all_of(dirs.begin(), dirs.end(), isStorableVolume)) {
     DC_LOG_AT(where, LogLevel::Error, "Error: volume name with ',' or a line feed can't be stored");
     return EINVAL;
@@ -239,8 +240,8 @@ int DiskCache::removeAllVolumes() {
   m_volumes.clear();
   m_freeSpaceList.clear();
   m_nextVolume = m_freeSpaceList.end();
-  m_totalCacheUsed = 0;
-  m_segmentsInCache = 0;
+  m_state->space.setUsed(0);
+  m_state->space.forgetSegments();
   return 0;
 }
 
@@ -283,7 +284,7 @@ void DiskCache::getVolumeStats(std::vector<Volume>& out) {
 }
 
 int DiskCache::loadVolumeInfo() {
-  const std::string path = join(m_rootDir, VOLUME_INFO_FNAME, '/');
+  const std::string path = join(m_state->settings.rootDir, VOLUME_INFO_FNAME, '/');
   std::string content;
   const int rc = readWholeFile(path, content);
   if (rc == ENOENT) {
@@ -314,7 +315,7 @@ int DiskCache::loadVolumeInfo() {
 }
 
 int DiskCache::saveVolumeInfo() {
-  const std::string path = join(m_rootDir, VOLUME_INFO_FNAME, '/');
+  const std::string path = join(m_state->settings.rootDir, VOLUME_INFO_FNAME, '/');
   std::string text;
   for (const auto& [index, volume] : m_volumes) {
     if (!volume.dir.empty()) text += volume.dir + ',' + std::to_string(volume.index) + '\n';
@@ -402,11 +403,11 @@ int DiskCache::refreshCacheUtilizationData() {
     used += volume.total - volume.free.value();
     capacity += volume.total;
   }
-  DC_LOG(LogLevel::Info, "Old m_totalCacheUsed %llu m_totalCache %llu", llu(m_totalCacheUsed.value()),
-         llu(m_totalCache.value()));
+  DC_LOG(LogLevel::Info, "Old m_totalCacheUsed %llu m_totalCache %llu", llu(m_state->space.used()),
+         llu(m_state->space.capacity()));
   DC_LOG(LogLevel::Info, "New m_totalCacheUsed %llu m_totalCache %llu", llu(used), llu(capacity));
-  m_totalCacheUsed = static_cast<int64_t>(used);
-  m_totalCache = static_cast<int64_t>(capacity);
+  m_state->space.setUsed(used);
+  m_state->space.setCapacity(capacity);
   return 0;
 }
 

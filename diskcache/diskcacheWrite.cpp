@@ -7,7 +7,7 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -90,14 +90,6 @@ struct SegmentToWrite {
   SegmentHeader header;
 };
 
-// In mode Random a client that was told of no room finds some when it comes again.
-CZuError DiskCache::askForRoom(CZuError error) {
-  if (m_pruningMode == PruningMode::Random && RMErrorUtil::IsErrNo(error, ENOSPC)) {
-    m_pruner->wakeupPrunerThread();
-  }
-  return error;
-}
-
 CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                  const RMCodeLocation& where) {
   CZuError error = m_lru->addToLru(guid, ctx.volume, ctx.dir);
@@ -117,10 +109,10 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
                                   const std::vector<Section>& sections, bool sync, bool nonPrune,
                                   bool /*spare*/) try {
   if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
+  m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
          sections.size(), sync, nonPrune);
-  return askForRoom(makeSegment(ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
+  return m_state->space.askForRoom(makeSegment(ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -130,7 +122,8 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
   const VolIndex vol = getNextVolWithSpace();
   if (vol == 0) {
-    return failAt(where, LogLevel::NoSpace, countRefusal(ENOSPC), "Error: Can't find volume with free space");
+    return failAt(where, LogLevel::NoSpace, m_state->space.countRefusal(ENOSPC),
+                  "Error: Can't find volume with free space");
   }
   ctx.volume = vol;
   if (const CZuError error = m_lru->addToLru(guid, vol, ctx.dir); error.IsError()) {
@@ -149,7 +142,8 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
     if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
   }
   if (const CZuError error = checkAbsent(ctx, guid, place.path, where); error.IsError()) return error;
-  if (m_outOfSpace) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
+  if (m_state->space.isOutOfSpace())
+    return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
 
   if (nonPrune && hasSecondPlace(ctx)) {
     place.dir = &ctx.nonprunableDir;
@@ -162,8 +156,8 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
       error.IsError())
     return error;
   file.closeTimed();
-  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
-  m_segmentsInCache++;
+  m_state->space.wakePrunerWhenFull();
+  m_state->space.segmentMade();
   return {};
 }
 
@@ -203,9 +197,9 @@ CZuError DiskCache::fillNewSegment(int fd, const std::string& path, VolIndex vol
   if (const int rc = getFileSize(nullptr, &allocated, fd); rc != 0) {
     return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
   }
-  m_totalCacheUsed += static_cast<int64_t>(allocated);
+  m_state->space.addUsed(static_cast<int64_t>(allocated));
   DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
-            static_cast<unsigned long long>(m_totalCacheUsed.value()),
+            static_cast<unsigned long long>(m_state->space.used()),
             static_cast<unsigned long long>(allocated));
   return sync ? syncDescriptor(fd, path, where) : CZuError();
 }
@@ -220,7 +214,7 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
                                   const std::vector<Section>& sections, bool sync, ForceDiskLoc force) try {
   const TimeFunction timer(__func__, PERF_DISK_WRITE_OP);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
+  m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: writing segment [%s] vol=%d secs=%lu sync=%d moveOnWrite=%d, force=%d",
          guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
@@ -229,7 +223,7 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
-  return askForRoom(writeInTurn(ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
+  return m_state->space.askForRoom(writeInTurn(ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -252,7 +246,7 @@ CZuError DiskCache::writeInTurn(const DiskCacheContext& ctx, const guid_t& guid,
       return error;
   }
   target.file.closeTimed();
-  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
+  m_state->space.wakePrunerWhenFull();
   return {};
 }
 
@@ -327,10 +321,10 @@ CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
   if (const int rc = getFileSize(nullptr, &newSize, fd); rc != 0) {
     return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path, rc);
   }
-  m_totalCacheUsed += static_cast<int64_t>(newSize - target.oldSize);
+  m_state->space.addUsed(static_cast<int64_t>(newSize - target.oldSize));
   DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD newSize: [%llu] oldSize: [%llu]",
-            static_cast<unsigned long long>(m_totalCacheUsed.value()),
-            static_cast<unsigned long long>(newSize), static_cast<unsigned long long>(target.oldSize));
+            static_cast<unsigned long long>(m_state->space.used()), static_cast<unsigned long long>(newSize),
+            static_cast<unsigned long long>(target.oldSize));
   return {};
 }
 
@@ -346,7 +340,7 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   std::string path;
   if (const int rc = m_migrator->claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
-    return askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
+    return m_state->space.askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);
   if (!known) {
@@ -355,10 +349,10 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   const std::string temporary = temporaryName(path, REPLACEMENT_SUFFIX);
   if (const CZuError error = makeReplacement(temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
       error.IsError())
-    return askForRoom(error);
+    return m_state->space.askForRoom(error);
   const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
   if (!error.IsError()) return {};
-  return askForRoom(
+  return m_state->space.askForRoom(
       pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str()));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);

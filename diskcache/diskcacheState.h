@@ -1,0 +1,22 @@
+// What one engine consists of, in the order in which it is built.
+//
+// Internal.
+#pragma once
+
+#include "diskcache/diskcacheSettings.h"
+#include "diskcache/diskcacheSpace.h"
+#include "diskcache/diskcacheTypes.h"
+#include "support/directory.h"
+
+namespace ObjectStore {
+
+struct DiskCacheState {
+  explicit DiskCacheState(PersistentVolumes persistent) : settings{persistent} {}
+
+  DiskCacheSettings settings;
+  DirectoryLock rootLock;     // keeps other engines off the root directory
+  bool isRootShared = false;  // constant after init()
+  DiskCacheSpace space{settings};
+};
+
+}  // namespace ObjectStore

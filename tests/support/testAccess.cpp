@@ -1,0 +1,79 @@
+#include "tests/support/testAccess.h"
+
+#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheState.h"
+
+namespace ObjectStore {
+
+using Access = DiskCacheTestAccess;
+
+uint64_t Access::used(const DiskCache& cache) { return cache.m_state->space.used(); }
+uint64_t Access::total(const DiskCache& cache) { return cache.m_state->space.capacity(); }
+uint64_t Access::segments(const DiskCache& cache) { return cache.m_state->space.segments(); }
+const Stats& Access::stats(const DiskCache& cache) { return cache.m_state->space.stats(); }
+void Access::setSpace(DiskCache& cache, uint64_t used, uint64_t total) {
+  cache.m_state->space.setUsed(used);
+  cache.m_state->space.setCapacity(total);
+}
+
+DiskcacheLRU& Access::lru(DiskCache& cache) { return *cache.m_lru; }
+size_t Access::mappedBytes(DiskcacheLRU& list) {
+  const KxCriticalSectionLock lock(&list.m_lruLock);
+  return list.m_table.mappedBytes();
+}
+DiskCachePruner& Access::pruner(DiskCache& cache) { return *cache.m_pruner; }
+DiskCacheMigrator& Access::migrator(DiskCache& cache) { return *cache.m_migrator; }
+
+bool Access::isStopping(DiskCache& cache) { return cache.m_migrator->m_stop; }
+
+size_t Access::openSegments(DiskCache& cache) {
+  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
+  return cache.m_openSegments.size();
+}
+size_t Access::openHandles(DiskCache& cache) {
+  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
+  return cache.m_handles.size();
+}
+void Access::setNextHandle(DiskCache& cache, uint32_t handle) {
+  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
+  cache.m_nextHandle = handle;
+}
+
+std::vector<VolIndex> Access::rotation(DiskCache& cache) {
+  const KxCriticalSectionLock lock(&cache.m_volumeLock);
+  std::vector<VolIndex> indexes;
+  for (const Volume* volume : cache.m_freeSpaceList) indexes.push_back(volume->index);
+  return indexes;
+}
+bool Access::changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change) {
+  const KxCriticalSectionLock lock(&cache.m_volumeLock);
+  const auto found = cache.m_volumes.find(index);
+  if (found == cache.m_volumes.end()) return false;
+  change(found->second);
+  return true;
+}
+
+void Access::delayWriteToSegment(DiskCache& cache) { cache.m_state->space.delayWriteToSegment(); }
+CZuError Access::appendSection(DiskCache& cache, int fd, VolIndex volume, const Section& section) {
+  return cache.appendSection(fd, volume, section);
+}
+CZuError Access::findLastSection(DiskCache& cache, int* type, uint64_t* offset, const SegmentHeader& header) {
+  return cache.findLastSection(type, offset, header);
+}
+int Access::initVolumes(DiskCache& cache, const std::vector<std::string>& dirs) {
+  return cache.initVolumes(dirs);
+}
+VolIndex Access::getNextVolWithSpace(DiskCache& cache) { return cache.getNextVolWithSpace(); }
+CZuError Access::scanSegmentsIntoLru(DiskCache& cache) { return cache.scanSegmentsIntoLru(); }
+int Access::loadVolumeInfo(DiskCache& cache) {
+  const KxCriticalSectionLock lock(&cache.m_volumeLock);
+  return cache.loadVolumeInfo();
+}
+int Access::saveVolumeInfo(DiskCache& cache) {
+  const KxCriticalSectionLock lock(&cache.m_volumeLock);
+  return cache.saveVolumeInfo();
+}
+
+}  // namespace ObjectStore
