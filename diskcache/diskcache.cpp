@@ -20,7 +20,6 @@ namespace ObjectStore {
 namespace {
 
 constexpr uint64_t MIN_LRU_ENTRIES = 5;
-constexpr size_t MAX_SPARE_ENTRIES = 16;  // about as many segments as threads change at once
 
 }  // namespace
 
@@ -29,16 +28,12 @@ DiskCache::DiskCache(PersistentVolumes persistent)
       m_contexts(std::make_unique<DiskCacheContexts>()),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
       m_lru(std::make_unique<DiskcacheLRU>(*this)),
-      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {
-  m_spareEntries.reserve(MAX_SPARE_ENTRIES);
-}
+      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {}
 
-// Threads end while every member is still alive. Records of segments still open are not freed, on purpose:
-// whoever kept one open may yet look at it.
+// Threads end while every member is still alive.
 DiskCache::~DiskCache() {
   m_migrator->terminate();
   m_pruner->shutdown();
-  for (const OpenTable::node_type& entry : m_spareEntries) delete entry.mapped();
 }
 
 CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM,
@@ -153,6 +148,24 @@ bool DiskCache::isRootShared() const { return m_state->isRootShared; }
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
   return m_migrator->migrate(vol, source, destination);
 }
+
+unsigned DiskCache::openSegment(guid_t guid) {
+  return m_state->openTable.openSegment(guid, RM_CODE_LOCATION);
+}
+
+void DiskCache::closeSegment(unsigned desc) { m_state->openTable.closeSegment(desc, RM_CODE_LOCATION); }
+
+bool DiskCache::IsSegmentOpened(guid_t guid) {
+  return m_state->openTable.isSegmentOpened(guid, RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) {
+  return m_state->openTable.openSegment(handle, guid, RM_CODE_LOCATION);
+}
+
+void DiskCache::closeSegment(SegmentHandle handle) { m_state->openTable.closeSegment(handle); }
+
+OpenSegmentInfo* DiskCache::segInfoFromHandle(const SegmentHandle& handle) { return handle->second; }
 
 bool DiskCache::checkAccess(const DiskCacheContext& /*ctx*/, const guid_t& /*guid*/,
                             const unsigned int& /*mode*/, void* const& /*arg*/) {

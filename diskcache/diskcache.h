@@ -300,7 +300,6 @@ class DISKCACHE_EXPORT DiskCache {
   std::string guid2path(const guid_t& guid, VolIndex volume, const std::string& dir);
 
  private:
-  friend class AutoOpenSegment;
   friend class DiskcacheLRU;
   friend class DiskCacheMigrator;
   friend class DiskCachePruner;
@@ -347,10 +346,6 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
   CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
 
-  // openSegment and IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
-  CZuError openInTable(SegmentHandle& handle, const guid_t& guid, const RMCodeLocation& where);
-  bool isInOpenTable(const guid_t& guid, const RMCodeLocation& where);
-
   // Steps of the segment operations; `where` is the operation that their log lines speak for
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
@@ -389,7 +384,6 @@ class DISKCACHE_EXPORT DiskCache {
                        const RMCodeLocation& where);
   bool isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid);
   CZuError deleteSegmentInternal(const std::string& path);
-  void waitForSegmentWork();
   CZuError moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                        const std::string& source, const std::string& target, const RMCodeLocation& where);
 
@@ -400,14 +394,6 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError scanSegmentsIntoLru();
 
   const std::unique_ptr<DiskCacheState> m_state;
-
-  KxCriticalSection m_openSegmentsLock;
-  using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
-  OpenTable m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
-  // Entries of closed segments with their records, for the next ones: opening then allocates nothing.
-  std::vector<OpenTable::node_type> m_spareEntries DC_GUARDED_BY(m_openSegmentsLock);
-  std::map<uint32_t, SegmentHandle> m_handles DC_GUARDED_BY(m_openSegmentsLock);
-  uint32_t m_nextHandle DC_GUARDED_BY(m_openSegmentsLock) = 1;
 
   KxCriticalSection m_volumeLock;
   std::map<VolIndex, Volume> m_volumes DC_GUARDED_BY(m_volumeLock);

@@ -188,7 +188,7 @@ void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, bool
   try {
     // Work that began under the old paths ends before the first file is copied, and what it has made is
     // listed, so that none of it is missed.
-    m_diskCache.waitForSegmentWork();
+    m_diskCache.m_state->openTable.waitForSegmentWork();
     m_entries.clear();
     const CZuError error = getDirEntries(m_entries, job->src);
     if (error.IsError()) recordError(RMErrorUtil::GetErrNo(error));

@@ -9,6 +9,7 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/diskcacheVolume.h"
 #include "support/directory.h"
 #include "support/file.h"
@@ -127,7 +128,8 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
   Job returning = job;
   returning.isReturning = true;
   publish(std::make_shared<const Job>(returning), true);
-  m_diskCache.waitForSegmentWork();  // afterwards nobody changes anything at the destination
+  m_diskCache.m_state->openTable
+      .waitForSegmentWork();  // afterwards nobody changes anything at the destination
   int result = 0;
   for (const std::string& name : m_changes.names()) {
     const int rc = guarded(where, [&] { return bringBackLocked(returning, name, where); });
@@ -140,7 +142,7 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
 }
 
 int DiskCacheMigrator::bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where) {
-  const QuietSegment segment(m_diskCache, name.substr(name.rfind('/') + 1));
+  const QuietSegment segment(m_diskCache.m_state->openTable, name.substr(name.rfind('/') + 1));
   return segment.error() != 0 ? segment.error() : bringBack(job, name, where);
 }
 

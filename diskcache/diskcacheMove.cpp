@@ -115,7 +115,7 @@ CZuError DiskCache::markDirty(const DiskCacheContext& ctx, const guid_t& guid, b
   DC_LOG(LogLevel::Segment, "cache: marking dirty [%s]", guid.c_str());
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
@@ -136,7 +136,7 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
   if (!ctx.useNonPrunableDir) return {};
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);

@@ -174,10 +174,10 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
 
 // Open as a segment, or the unfinished file of one that is: taking that would make a replacement fail.
 bool DiskCachePruner::isInUse(const guid_t& name, const RMCodeLocation& where) {
-  if (m_diskCache.isInOpenTable(name, where)) return true;
+  if (m_diskCache.m_state->openTable.isSegmentOpened(name, where)) return true;
   for (const std::string_view suffix : {REPLACEMENT_SUFFIX, RMFile::COPY_SUFFIX}) {
     if (name.ends_with(suffix) &&
-        m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
+        m_diskCache.m_state->openTable.isSegmentOpened(name.substr(0, name.size() - suffix.size()), where))
       return true;
   }
   return false;

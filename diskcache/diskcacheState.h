@@ -3,6 +3,7 @@
 // Internal.
 #pragma once
 
+#include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
@@ -17,6 +18,7 @@ struct DiskCacheState {
   DirectoryLock rootLock;     // keeps other engines off the root directory
   bool isRootShared = false;  // constant after init()
   DiskCacheSpace space{settings};
+  DiskCacheOpenTable openTable;
 };
 
 }  // namespace ObjectStore

@@ -28,7 +28,7 @@ CZuError DiskCache::truncateSection(const DiskCacheContext& ctx, guid_t guid, in
   DC_LOG(LogLevel::Segment, "cache: truncate segment [%s] vol=%d size=%lu", guid.c_str(), ctx.volume, size);
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);

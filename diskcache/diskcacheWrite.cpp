@@ -134,7 +134,7 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
   NewSegment place{guid, vol, &ctx.dir, m_migrator->rootFor(guid, vol, ctx.dir)};
   if (const CZuError error = place.make(where); error.IsError()) return error;
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
@@ -219,7 +219,7 @@ CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& gui
          guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
   if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
@@ -335,7 +335,7 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
          sections.size());
   if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
 
-  AutoOpenSegment open(*this, guid);
+  AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   std::string path;

@@ -11,6 +11,8 @@
 
 namespace ObjectStore::engineStep {
 
+inline constexpr const char* autoOpenSegment =
+    "ObjectStore::AutoOpenSegment::AutoOpenSegment(ObjectStore::DiskCache&, const ObjectStore::guid_t&)";
 inline constexpr const char* delayWriteToSegment = "void ObjectStore::DiskCache::delayWriteToSegment()";
 
 }  // namespace ObjectStore::engineStep

@@ -28,17 +28,21 @@ DiskCacheMigrator& Access::migrator(DiskCache& cache) { return *cache.m_migrator
 
 bool Access::isStopping(DiskCache& cache) { return cache.m_migrator->m_stop; }
 
+DiskCacheOpenTable& Access::openTable(DiskCache& cache) { return cache.m_state->openTable; }
 size_t Access::openSegments(DiskCache& cache) {
-  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
-  return cache.m_openSegments.size();
+  DiskCacheOpenTable& table = openTable(cache);
+  const KxCriticalSectionLock lock(&table.m_openSegmentsLock);
+  return table.m_openSegments.size();
 }
 size_t Access::openHandles(DiskCache& cache) {
-  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
-  return cache.m_handles.size();
+  DiskCacheOpenTable& table = openTable(cache);
+  const KxCriticalSectionLock lock(&table.m_openSegmentsLock);
+  return table.m_handles.size();
 }
 void Access::setNextHandle(DiskCache& cache, uint32_t handle) {
-  const KxCriticalSectionLock lock(&cache.m_openSegmentsLock);
-  cache.m_nextHandle = handle;
+  DiskCacheOpenTable& table = openTable(cache);
+  const KxCriticalSectionLock lock(&table.m_openSegmentsLock);
+  table.m_nextHandle = handle;
 }
 
 std::vector<VolIndex> Access::rotation(DiskCache& cache) {

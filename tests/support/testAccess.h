@@ -10,6 +10,7 @@
 
 namespace ObjectStore {
 
+class DiskCacheOpenTable;
 class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
@@ -28,6 +29,7 @@ struct DiskCacheTestAccess {
 
   static bool isStopping(DiskCache& cache);
 
+  static DiskCacheOpenTable& openTable(DiskCache& cache);
   static size_t openSegments(DiskCache& cache);
   static size_t openHandles(DiskCache& cache);
   static void setNextHandle(DiskCache& cache, uint32_t handle);
