@@ -1,7 +1,6 @@
 // The engine's life: construction, init, clearCache, destruction; its clients' contexts and its paths.
 #include "diskcache/diskcache.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <optional>
 
@@ -11,7 +10,6 @@
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcachePruner.h"
 #include "diskcache/diskcacheState.h"
-#include "diskcache/diskcacheVolume.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -51,7 +49,7 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
   if (m_state->isRootShared) {
     DC_LOG(LogLevel::Error, "Error: another engine uses the root directory [%s]", rootDir.c_str());
   }
-  if (const int rc = initVolumes(volumeDirs); rc != 0) {
+  if (const int rc = m_state->volumes.initVolumes(volumeDirs); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init volumes (%d)", rc);
   }
   if (mode == PruningMode::Random) {
@@ -81,26 +79,7 @@ CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
   // A copy that is being made must not bring back what is cleared.
   const DiskCacheMigrator::Pause pause(*m_migrator);
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  m_state->space.setUsed(0);
-  for (auto& [index, volume] : m_volumes) {
-    if (volume.dir.empty()) continue;
-    // A directory that is missing holds nothing. It is made again below, as one that lost its content is not.
-    if (const int rc = emptyTree(volume.dir); rc != 0 && rc != ENOENT) {
-      return DC_FAIL(LogLevel::Error, rc, "Error: can't remove tree [%s] (%d)", volume.dir.c_str(), rc);
-    }
-    const std::string recycleDir = join(volume.dir, RECYCLE_DIR, '/');
-    if (const int rc = createDir(recycleDir); rc != 0) {
-      return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", recycleDir.c_str(), rc);
-    }
-    uint64_t freeBytes = 0;
-    if (getFreeBytes(&freeBytes, nullptr, volume.dir) == 0) volume.free = static_cast<int64_t>(freeBytes);
-    refreshCacheUtilizationData();
-    DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ClearCache",
-           static_cast<unsigned long long>(m_state->space.used()));
-    if (!volume.listPos && volume.free.value() >= volume.reserved) appendToRotation(volume);
-  }
-  return {};
+  return m_state->volumes.clearCache();
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -113,7 +92,7 @@ CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   } else {  // the first registration's callback stays: this is meant
     DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(), refCount);
   }
-  if (const std::optional<VolIndex> volume = onlyVolume()) {
+  if (const std::optional<VolIndex> volume = m_state->volumes.onlyVolume()) {
     ctx.volume = *volume;
     DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
   }
@@ -144,6 +123,14 @@ CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& o
 }
 
 bool DiskCache::isRootShared() const { return m_state->isRootShared; }
+
+int DiskCache::addVolume(const std::string& dir) { return m_state->volumes.addVolume(dir); }
+int DiskCache::removeVolume(const std::string& dir) { return m_state->volumes.removeVolume(dir); }
+int DiskCache::removeAllVolumes() { return m_state->volumes.removeAllVolumes(); }
+int DiskCache::disableNewSegments(const std::string& dir) { return m_state->volumes.disableNewSegments(dir); }
+int DiskCache::enableNewSegments(const std::string& dir) { return m_state->volumes.enableNewSegments(dir); }
+void DiskCache::getVolumeStats(std::vector<Volume>& out) { m_state->volumes.getVolumeStats(out); }
+int DiskCache::refreshCacheUtilizationData() { return m_state->volumes.refreshCacheUtilizationData(); }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
   return m_migrator->migrate(vol, source, destination);
@@ -193,23 +180,6 @@ bool DiskCache::isCopyThere(std::string& path, const guid_t& guid, VolIndex volu
   path = m_migrator->rootFor(guid, volume, dir, &seen);
   if (!path.empty()) appendSegmentPath(path, dir, guid);
   return seen ? *seen : doesFileExist(path);
-}
-
-std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
-  std::string root;
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  const auto found = m_volumes.find(volume);
-  if (found == m_volumes.end()) return root;  // looking makes no volume
-  const std::string& dir = found->second.dir;
-  root.reserve(dir.size() + room);
-  root = dir;
-  return root;
-}
-
-Volume& DiskCache::volumeRecord(VolIndex volume) {
-  const auto [entry, added] = m_volumes.try_emplace(volume);
-  if (added) entry->second.index = volume;
-  return entry->second;
 }
 
 }  // namespace ObjectStore

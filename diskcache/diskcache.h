@@ -310,27 +310,8 @@ class DISKCACHE_EXPORT DiskCache {
   std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
   // Sets `path` to the same; whether a copy is there, or cannot be looked at.
   bool isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir);
-  std::string volumeRoot(VolIndex volume, size_t room);
   // getOverriddenSegment for an identifier that was checked before.
   std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
-  Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
-  std::optional<VolIndex> onlyVolume();
-  int initVolumes(const std::vector<std::string>& dirs);
-  struct VolumeSet;
-  struct VolumeGain;
-  int setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain, const RMCodeLocation& where)
-      DC_REQUIRES(m_volumeLock);
-  bool enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where)
-      DC_REQUIRES(m_volumeLock);
-  VolumeSet copyOfVolumes() DC_REQUIRES(m_volumeLock);
-  void putBack(VolumeSet& before) noexcept DC_REQUIRES(m_volumeLock);
-  int loadVolumeInfo() DC_REQUIRES(m_volumeLock);
-  int saveVolumeInfo() DC_REQUIRES(m_volumeLock);
-  Volume* findDirInVolumes(const std::string& dir) DC_REQUIRES(m_volumeLock);
-  std::list<VolIndex> getUsedVolIndex() DC_REQUIRES(m_volumeLock);
-  VolIndex getFirstVolume() DC_REQUIRES(m_volumeLock);
-  void appendToRotation(Volume& volume) DC_REQUIRES(m_volumeLock);
-  VolIndex getNextVolWithSpace();
 
   // The bytes of a segment file (diskcacheFormat.cpp)
   CZuError writeSegmentHeader(int fd);
@@ -340,7 +321,6 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError appendSection(int fd, VolIndex volume, const Section& section);
   bool waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where);
   CZuError checkLength(const Section& section, const RMCodeLocation& where);
-  uint64_t freeBytesOf(VolIndex volume);
   CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
       DC_REQUIRES(lock);
   CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
@@ -394,13 +374,6 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError scanSegmentsIntoLru();
 
   const std::unique_ptr<DiskCacheState> m_state;
-
-  KxCriticalSection m_volumeLock;
-  std::map<VolIndex, Volume> m_volumes DC_GUARDED_BY(m_volumeLock);
-  // The volumes that take new segments, in turn; entries point into m_volumes.
-  std::list<Volume*> m_freeSpaceList DC_GUARDED_BY(m_volumeLock);
-  // Where the next search begins; end() while the list is empty and before the first search.
-  std::list<Volume*>::iterator m_nextVolume DC_GUARDED_BY(m_volumeLock) = m_freeSpaceList.end();
 
   // Segments' moves between two places, begun and done: while they differ, one is under way.
   std::atomic<uint64_t> m_movesBegun{0};

@@ -80,21 +80,15 @@ CZuError DiskCache::readSegmentHeader(SegmentHeader& header, std::FILE* stream) 
   return checkHeader(header, RM_CODE_LOCATION);
 }
 
-uint64_t DiskCache::freeBytesOf(VolIndex volume) {
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  const auto found = m_volumes.find(volume);
-  return found == m_volumes.end() ? 0 : found->second.free.value();
-}
-
 // In mode Random the pruner gets one second to make room.
 bool DiskCache::waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where) {
-  if (freeBytesOf(volume) >= bytes) return true;
+  if (m_state->volumes.freeBytesOf(volume) >= bytes) return true;
   if (m_state->settings.pruningMode == PruningMode::Random) {
     m_state->space.wakePruner();
     DC_LOG_AT(where, LogLevel::Notice, "Out of space, trying to free more");
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
-  return freeBytesOf(volume) >= bytes;
+  return m_state->volumes.freeBytesOf(volume) >= bytes;
 }
 
 CZuError DiskCache::checkLength(const Section& s, const RMCodeLocation& where) {

@@ -62,7 +62,6 @@ class DiskcacheLRU {
   bool CheckInvariants();
 
  private:
-  friend class DiskCache;  // takes m_lruLock for the start-up scan
   friend struct DiskCacheTestAccess;
 
   using Key = RecencyTable::Key;

@@ -116,7 +116,7 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
     return RMErrorUtil::GetErrNo(error);
   }
-  const std::string home = m_diskCache.volumeRoot(vol, 0);
+  const std::string home = m_diskCache.m_state->volumes.volumeRoot(vol, 0);
   const auto job = std::make_shared<const Job>(
       Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
   const bool isRefused = containEachOther(dst, src);
@@ -245,7 +245,7 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob(VolI
 std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,
                                        std::optional<bool>* seen) {
   const auto job = runningJob(vol);
-  if (!job) return m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  if (!job) return m_diskCache.m_state->volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   const std::string name = nameOf(guid, dir);
   const bool isAtDestination = isThere(job->dst, name);
   const bool isFound = isAtDestination || isThere(job->src, name);
@@ -263,7 +263,7 @@ std::string DiskCacheMigrator::guidToPath(const guid_t& guid, VolIndex vol, cons
 int DiskCacheMigrator::claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir) {
   if (const auto job = runningJob(vol))
     return claimName(root, *job, nameOf(guid, dir), false, RM_CODE_LOCATION);
-  root = m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  root = m_diskCache.m_state->volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   return 0;
 }
 
@@ -271,7 +271,7 @@ int DiskCacheMigrator::claimWhole(std::string& root, const guid_t& guid, VolInde
                                   const std::string& dir) {
   if (const auto job = runningJob(vol))
     return claimName(root, *job, nameOf(guid, dir), true, RM_CODE_LOCATION);
-  root = m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  root = m_diskCache.m_state->volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   return 0;
 }
 
@@ -319,7 +319,7 @@ DiskCacheMigrator::Removal::Removal(DiskCacheMigrator& migrator, const guid_t& g
     m_root = isAtDestination ? m_job->dst : m_isFound ? m_job->src : m_job->home;
     if (isAtDestination) m_original = join(m_job->src, name, '/');
   } else {
-    m_root = migrator.m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+    m_root = migrator.m_diskCache.m_state->volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   }
   m_path = m_root;
   if (!m_path.empty()) appendSegmentPath(m_path, dir, guid);

@@ -99,12 +99,8 @@ int DiskCacheMigrator::switchVolume(const Job& job, const RMCodeLocation& where)
     return rc;
   }
   createDir(join(job.dst, RECYCLE_DIR, '/'));  // every volume has one; it may be among what was left behind
-  std::string destination = job.dst;
-  const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-  m_diskCache.volumeRecord(job.vol).dir.swap(destination);
+  m_diskCache.m_state->volumes.moveVolume(job.vol, job.dst, where);
   m_generation.fetch_add(1, std::memory_order_release);
-  // Also when volumes are not persistent, and whatever comes of it: meant.
-  guarded(where, [this]() DC_NO_THREAD_SAFETY_ANALYSIS { return m_diskCache.saveVolumeInfo(); });
   return 0;
 }
 

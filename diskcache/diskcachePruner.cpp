@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
+#include <optional>
 #include <utility>
 
 #include "diskcache/diskcache.h"
@@ -69,7 +70,7 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
     DC_LOG_AT(where, LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
     m_diskCache.m_state->space.waitForWakeup(minutes * 60000);
     if (m_stop) break;
-    if (const int rc = m_diskCache.refreshCacheUtilizationData(); rc != 0) {
+    if (const int rc = m_diskCache.m_state->volumes.refreshCacheUtilizationData(); rc != 0) {
       DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
     }
     if (!m_diskCache.m_state->space.isOverHighWatermark()) continue;
@@ -91,10 +92,7 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
 PrunerError DiskCachePruner::deletePrunableSegments() {
   DC_LOG(LogLevel::Segment, "deleting prunable segments");
   std::vector<VolIndex> volumes;
-  {
-    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-    for (const auto& [index, volume] : m_diskCache.m_volumes) volumes.push_back(index);
-  }
+  for (const auto& [index, dir] : m_diskCache.m_state->volumes.directories()) volumes.push_back(index);
   shuffle(volumes);
   for (const VolIndex volume : volumes) {
     if (deletePrunableSegsInVol(volume) == PrunerError::Done) return PrunerError::Done;
@@ -104,21 +102,16 @@ PrunerError DiskCachePruner::deletePrunableSegments() {
 
 PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
   DC_LOG(LogLevel::Segment, "pruning in vol %d", volume);
-  std::string root;
-  {
-    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-    const auto found = m_diskCache.m_volumes.find(volume);
-    if (found == m_diskCache.m_volumes.end()) {
-      DC_LOG(LogLevel::Error, "Error: can't find volume %d", volume);
-      return PrunerError::BranchFailed;
-    }
-    root = found->second.dir;
+  const std::optional<std::string> root = m_diskCache.m_state->volumes.findDirectory(volume);
+  if (!root) {
+    DC_LOG(LogLevel::Error, "Error: can't find volume %d", volume);
+    return PrunerError::BranchFailed;
   }
-  if (root.empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
+  if (root->empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
   auto contexts = m_diskCache.m_contexts->callbacks();
   shuffle(contexts);
   for (const auto& [dir, callback] : contexts) {
-    if (deletePrunableSegsInDir(join(root, dir, '/'), dir, callback) == PrunerError::Done)
+    if (deletePrunableSegsInDir(join(*root, dir, '/'), dir, callback) == PrunerError::Done)
       return PrunerError::Done;
   }
   return PrunerError::Exhausted;

@@ -5,6 +5,7 @@
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheState.h"
 #include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -96,19 +97,17 @@ int DiskCache::scanEntries(Directory& entries, const std::string& dir, const Sca
 
 CZuError DiskCache::scanSegmentsIntoLru() {
   DC_LOG(LogLevel::Notice, "scanning segments");
-  const KxCriticalSectionLock lruLock(&m_lru->m_lruLock);
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  for (const auto& [index, volume] : m_volumes) {
-    if (volume.dir.empty()) continue;
+  for (const auto& [index, volumeDir] : m_state->volumes.directories()) {
+    if (volumeDir.empty()) continue;
     std::vector<std::string> children;
-    if (const int rc = readChildren(children, volume.dir); rc != 0) {
+    if (const int rc = readChildren(children, volumeDir); rc != 0) {
       return DC_FAIL(LogLevel::Error, rc, "Error: Can't read root directories");
     }
     // The whole volume is scanned for each child, on purpose: a segment keeps the tag of the first child in
     // whose pass it was found, and later passes move it to the front.
     for (const std::string& child : children) {
       DC_LOG(LogLevel::Segment, "scanning root [%s]", child.c_str());
-      scanDirForSegments(volume.dir, index, child);
+      scanDirForSegments(volumeDir, index, child);
     }
   }
   DC_LOG(LogLevel::Segment, "Finished scanning segments");

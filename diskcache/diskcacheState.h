@@ -7,6 +7,7 @@
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/diskcacheVolume.h"
 #include "support/directory.h"
 
 namespace ObjectStore {
@@ -19,6 +20,7 @@ struct DiskCacheState {
   bool isRootShared = false;  // constant after init()
   DiskCacheSpace space{settings};
   DiskCacheOpenTable openTable;
+  DiskCacheVolumes volumes{settings, space};
 };
 
 }  // namespace ObjectStore

@@ -120,7 +120,7 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
 CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
                                 const std::vector<Section>& sections, bool sync, bool nonPrune,
                                 const RMCodeLocation& where) {
-  const VolIndex vol = getNextVolWithSpace();
+  const VolIndex vol = m_state->volumes.getNextVolWithSpace();
   if (vol == 0) {
     return failAt(where, LogLevel::NoSpace, m_state->space.countRefusal(ENOSPC),
                   "Error: Can't find volume with free space");

@@ -14,5 +14,21 @@ namespace ObjectStore::engineStep {
 inline constexpr const char* autoOpenSegment =
     "ObjectStore::AutoOpenSegment::AutoOpenSegment(ObjectStore::DiskCache&, const ObjectStore::guid_t&)";
 inline constexpr const char* delayWriteToSegment = "void ObjectStore::DiskCache::delayWriteToSegment()";
+inline constexpr const char* addVolume = "int ObjectStore::DiskCache::addVolume(const std::string&)";
+inline constexpr const char* clearCache = "ObjectStore::CZuError ObjectStore::DiskCache::clearCache()";
+inline constexpr const char* disableNewSegments =
+    "int ObjectStore::DiskCache::disableNewSegments(const std::string&)";
+inline constexpr const char* enableNewSegments =
+    "int ObjectStore::DiskCache::enableNewSegments(const std::string&)";
+inline constexpr const char* getNextVolWithSpace =
+    "ObjectStore::VolIndex ObjectStore::DiskCache::getNextVolWithSpace()";
+inline constexpr const char* initVolumes =
+    "int ObjectStore::DiskCache::initVolumes(const std::vector<std::__cxx11::basic_string<char> >&)";
+inline constexpr const char* loadVolumeInfo = "int ObjectStore::DiskCache::loadVolumeInfo()";
+inline constexpr const char* refreshCacheUtilizationData =
+    "int ObjectStore::DiskCache::refreshCacheUtilizationData()";
+inline constexpr const char* removeAllVolumes = "int ObjectStore::DiskCache::removeAllVolumes()";
+inline constexpr const char* removeVolume = "int ObjectStore::DiskCache::removeVolume(const std::string&)";
+inline constexpr const char* saveVolumeInfo = "int ObjectStore::DiskCache::saveVolumeInfo()";
 
 }  // namespace ObjectStore::engineStep

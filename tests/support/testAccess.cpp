@@ -45,16 +45,19 @@ void Access::setNextHandle(DiskCache& cache, uint32_t handle) {
   table.m_nextHandle = handle;
 }
 
+DiskCacheVolumes& Access::volumes(DiskCache& cache) { return cache.m_state->volumes; }
 std::vector<VolIndex> Access::rotation(DiskCache& cache) {
-  const KxCriticalSectionLock lock(&cache.m_volumeLock);
+  DiskCacheVolumes& set = volumes(cache);
+  const KxCriticalSectionLock lock(&set.m_volumeLock);
   std::vector<VolIndex> indexes;
-  for (const Volume* volume : cache.m_freeSpaceList) indexes.push_back(volume->index);
+  for (const Volume* volume : set.m_freeSpaceList) indexes.push_back(volume->index);
   return indexes;
 }
 bool Access::changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change) {
-  const KxCriticalSectionLock lock(&cache.m_volumeLock);
-  const auto found = cache.m_volumes.find(index);
-  if (found == cache.m_volumes.end()) return false;
+  DiskCacheVolumes& set = volumes(cache);
+  const KxCriticalSectionLock lock(&set.m_volumeLock);
+  const auto found = set.m_volumes.find(index);
+  if (found == set.m_volumes.end()) return false;
   change(found->second);
   return true;
 }
@@ -67,17 +70,17 @@ CZuError Access::findLastSection(DiskCache& cache, int* type, uint64_t* offset, 
   return cache.findLastSection(type, offset, header);
 }
 int Access::initVolumes(DiskCache& cache, const std::vector<std::string>& dirs) {
-  return cache.initVolumes(dirs);
+  return volumes(cache).initVolumes(dirs);
 }
-VolIndex Access::getNextVolWithSpace(DiskCache& cache) { return cache.getNextVolWithSpace(); }
+VolIndex Access::getNextVolWithSpace(DiskCache& cache) { return volumes(cache).getNextVolWithSpace(); }
 CZuError Access::scanSegmentsIntoLru(DiskCache& cache) { return cache.scanSegmentsIntoLru(); }
-int Access::loadVolumeInfo(DiskCache& cache) {
-  const KxCriticalSectionLock lock(&cache.m_volumeLock);
-  return cache.loadVolumeInfo();
+int Access::loadVolumeInfo(DiskCache& cache) DC_NO_THREAD_SAFETY_ANALYSIS {
+  const KxCriticalSectionLock lock(&volumes(cache).m_volumeLock);
+  return volumes(cache).loadVolumeInfo();
 }
-int Access::saveVolumeInfo(DiskCache& cache) {
-  const KxCriticalSectionLock lock(&cache.m_volumeLock);
-  return cache.saveVolumeInfo();
+int Access::saveVolumeInfo(DiskCache& cache) DC_NO_THREAD_SAFETY_ANALYSIS {
+  const KxCriticalSectionLock lock(&volumes(cache).m_volumeLock);
+  return volumes(cache).saveVolumeInfo();
 }
 
 }  // namespace ObjectStore

@@ -12,6 +12,7 @@ namespace ObjectStore {
 
 class DiskCacheOpenTable;
 class DiskcacheLRU;
+class DiskCacheVolumes;
 class DiskCacheMigrator;
 class DiskCachePruner;
 
@@ -34,6 +35,7 @@ struct DiskCacheTestAccess {
   static size_t openHandles(DiskCache& cache);
   static void setNextHandle(DiskCache& cache, uint32_t handle);
 
+  static DiskCacheVolumes& volumes(DiskCache& cache);
   static std::vector<VolIndex> rotation(DiskCache& cache);
   // Calls change(Volume&) on a volume's record under the lock; false when there is no such volume.
   static bool changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change);
