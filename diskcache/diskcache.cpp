@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <optional>
 
-#include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
@@ -23,7 +22,6 @@ constexpr uint64_t MIN_LRU_ENTRIES = 5;
 
 DiskCache::DiskCache(PersistentVolumes persistent)
     : m_state(std::make_unique<DiskCacheState>(persistent)),
-      m_contexts(std::make_unique<DiskCacheContexts>()),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
       m_lru(std::make_unique<DiskcacheLRU>(*this)),
       m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {}
@@ -86,7 +84,7 @@ CZuError DiskCache::clearCache() try {
 
 CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
-  const auto refCount = static_cast<int>(m_contexts->add(ctx));
+  const auto refCount = static_cast<int>(m_state->contexts.add(ctx));
   if (refCount == 1) {
     DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), refCount);
   } else {  // the first registration's callback stays: this is meant
@@ -105,19 +103,19 @@ CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
 CZuError DiskCache::unregisterContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "unregistering context: [%s]", ctx.dir.c_str());
   uint32_t left = 0;
-  if (!m_contexts->remove(ctx, left)) {
+  if (!m_state->contexts.remove(ctx, left)) {
     return DC_FAIL(LogLevel::Error, ENOENT, "Error: dir [%s] is not registered", ctx.dir.c_str());
   }
   DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), static_cast<int>(left));
   ctx.registered = false;
-  if (left == 0) m_contexts->waitForCallbacks(ctx.dir);
+  if (left == 0) m_state->contexts.waitForCallbacks(ctx.dir);
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
 CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& out) try {
-  return m_contexts->find(dir, out);
+  return m_state->contexts.find(dir, out);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

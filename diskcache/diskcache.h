@@ -50,7 +50,6 @@
 namespace ObjectStore {
 
 class Directory;
-class DiskCacheContexts;
 class DiskcacheLRU;
 class DiskCacheMigrator;
 class DiskCachePruner;
@@ -313,19 +312,6 @@ class DISKCACHE_EXPORT DiskCache {
   // getOverriddenSegment for an identifier that was checked before.
   std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
 
-  // The bytes of a segment file (diskcacheFormat.cpp)
-  CZuError writeSegmentHeader(int fd);
-  CZuError writeSegmentHeader(std::FILE* stream);
-  CZuError readSegmentHeader(SegmentHeader& header, int fd);
-  CZuError readSegmentHeader(SegmentHeader& header, std::FILE* stream);
-  CZuError appendSection(int fd, VolIndex volume, const Section& section);
-  bool waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where);
-  CZuError checkLength(const Section& section, const RMCodeLocation& where);
-  CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
-      DC_REQUIRES(lock);
-  CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
-  CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
-
   // Steps of the segment operations; `where` is the operation that their log lines speak for
   CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
@@ -379,7 +365,6 @@ class DISKCACHE_EXPORT DiskCache {
   std::atomic<uint64_t> m_movesBegun{0};
   std::atomic<uint64_t> m_movesDone{0};
 
-  const std::unique_ptr<DiskCacheContexts> m_contexts;
   // Destroyed first, in reverse order; the destructor has stopped their threads before.
   const std::unique_ptr<DiskCachePruner> m_pruner;
   const std::unique_ptr<DiskcacheLRU> m_lru;

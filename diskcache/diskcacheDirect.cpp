@@ -9,6 +9,7 @@
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/segmentFile.h"
+#include "diskcache/segmentRecords.h"
 #include "support/log.h"
 
 namespace ObjectStore {

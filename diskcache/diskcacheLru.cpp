@@ -5,7 +5,6 @@
 #include <new>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -107,7 +106,7 @@ bool DiskcacheLRU::askClient(const RMCodeLocation& where, const LruInfo& entry) 
   m_pruning = true;
   bool givenUp = false;
   try {
-    const CZuError error = m_diskCache.m_contexts->ask(givenUp, entry.dir, path, entry.guid);
+    const CZuError error = m_diskCache.m_state->contexts.ask(givenUp, entry.dir, path, entry.guid);
     if (error.IsError()) DC_LOG_AT(where, LogLevel::Error, "Error: %s", error.AsString().c_str());
   } catch (...) {
     DC_LOG_AT(where, LogLevel::Error, "Error: pruning callback of [%s] threw", entry.dir.c_str());

@@ -108,7 +108,7 @@ PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
     return PrunerError::BranchFailed;
   }
   if (root->empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
-  auto contexts = m_diskCache.m_contexts->callbacks();
+  auto contexts = m_diskCache.m_state->contexts.callbacks();
   shuffle(contexts);
   for (const auto& [dir, callback] : contexts) {
     if (deletePrunableSegsInDir(join(*root, dir, '/'), dir, callback) == PrunerError::Done)
@@ -132,7 +132,7 @@ PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, co
 
 PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string& path,
                                           const std::string& inVolume, const Walk& walk) {
-  if (m_diskCache.m_contexts->isNonPrunable(inVolume)) return PrunerError::GoOn;
+  if (m_diskCache.m_state->contexts.isNonPrunable(inVolume)) return PrunerError::GoOn;
   DC_LOG_AT(walk.where, LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), walk.dir.c_str());
   if (entries.error() != 0) {
     DC_LOG_AT(walk.where, LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());

@@ -10,6 +10,7 @@
 #include "diskcache/diskcacheLook.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/segmentFile.h"
+#include "diskcache/segmentRecords.h"
 #include "support/file.h"
 #include "support/log.h"
 

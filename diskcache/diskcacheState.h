@@ -3,11 +3,13 @@
 // Internal.
 #pragma once
 
+#include "diskcache/diskcacheContexts.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/diskcacheVolume.h"
+#include "diskcache/segmentRecords.h"
 #include "support/directory.h"
 
 namespace ObjectStore {
@@ -19,8 +21,10 @@ struct DiskCacheState {
   DirectoryLock rootLock;     // keeps other engines off the root directory
   bool isRootShared = false;  // constant after init()
   DiskCacheSpace space{settings};
+  DiskCacheContexts contexts;
   DiskCacheOpenTable openTable;
   DiskCacheVolumes volumes{settings, space};
+  SegmentRecords records{settings, space, volumes};
 };
 
 }  // namespace ObjectStore

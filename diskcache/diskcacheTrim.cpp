@@ -83,7 +83,7 @@ CZuError DiskCache::truncateFile(SegmentFile& file, const std::string& path, Vol
               wanted.subType, path.c_str());
     Section empty;
     empty.type = wanted.type;
-    if (const CZuError error = appendSection(file.fd(), volume, empty); error.IsError()) {
+    if (const CZuError error = m_state->records.appendSection(file.fd(), volume, empty); error.IsError()) {
       const int level = RMErrorUtil::IsErrNo(error, ENOSPC) ? LogLevel::NoSpace : LogLevel::Error;
       DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
     }

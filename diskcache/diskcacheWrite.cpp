@@ -182,12 +182,12 @@ CZuError DiskCache::checkAbsent(const DiskCacheContext& ctx, const guid_t& guid,
 CZuError DiskCache::fillNewSegment(int fd, const std::string& path, VolIndex volume,
                                    const std::vector<Section>& sections, bool sync,
                                    const RMCodeLocation& where) {
-  if (const CZuError error = writeSegmentHeader(fd); error.IsError()) {
+  if (const CZuError error = m_state->records.writeSegmentHeader(fd); error.IsError()) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't write header for [%s]", path.c_str());
     return error;
   }
   for (const Section& section : sections) {
-    if (const CZuError error = appendSection(fd, volume, section); error.IsError()) {
+    if (const CZuError error = m_state->records.appendSection(fd, volume, section); error.IsError()) {
       const int level = levelOf(error);
       DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
       return error;
@@ -308,8 +308,8 @@ CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
                 static_cast<ssize_t>(i), path);
       return error;
     }
-    error =
-        found ? modifySection(fd, sections[i], offset, segment.lock) : appendSection(fd, volume, sections[i]);
+    error = found ? m_state->records.modifySection(fd, sections[i], offset, segment.lock)
+                  : m_state->records.appendSection(fd, volume, sections[i]);
     if (error.IsError()) {
       const int level = levelOf(error);
       DC_LOG_AT(where, level,
@@ -368,12 +368,12 @@ CZuError DiskCache::makeReplacement(const std::string& temporary, const std::str
   if (const int rc = opened ? getFileSize(nullptr, nullptr, file.fd()) : file.error(); rc != 0) {
     return failAt(where, LogLevel::Error, rc, "Error: can't open file [%s] (%d)", path.c_str(), rc);
   }
-  if (const CZuError error = writeSegmentHeader(file.fd()); error.IsError()) {
+  if (const CZuError error = m_state->records.writeSegmentHeader(file.fd()); error.IsError()) {
     DC_LOG_AT(where, LogLevel::Error, "Error: can't write segment header for [%s]", path.c_str());
     return error;
   }
   for (const Section& section : sections) {
-    if (const CZuError error = appendSection(file.fd(), volume, section); error.IsError()) {
+    if (const CZuError error = m_state->records.appendSection(file.fd(), volume, section); error.IsError()) {
       const int level = levelOf(error);
       DC_LOG_AT(where, level, "Error: can't append section to %s", path.c_str());
       return error;

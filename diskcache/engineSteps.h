@@ -30,5 +30,22 @@ inline constexpr const char* refreshCacheUtilizationData =
 inline constexpr const char* removeAllVolumes = "int ObjectStore::DiskCache::removeAllVolumes()";
 inline constexpr const char* removeVolume = "int ObjectStore::DiskCache::removeVolume(const std::string&)";
 inline constexpr const char* saveVolumeInfo = "int ObjectStore::DiskCache::saveVolumeInfo()";
+inline constexpr const char* appendSection =
+    "ObjectStore::CZuError ObjectStore::DiskCache::appendSection(int, ObjectStore::VolIndex, const "
+    "ObjectStore::Section&)";
+inline constexpr const char* findSection =
+    "ObjectStore::CZuError ObjectStore::DiskCache::findSection(bool*, uint64_t*, int, const "
+    "ObjectStore::SegmentHeader&)";
+inline constexpr const char* modifySection =
+    "ObjectStore::CZuError ObjectStore::DiskCache::modifySection(int, const ObjectStore::Section&, "
+    "uint64_t, ObjectStore::KxCriticalSection&)";
+inline constexpr const char* readSegmentHeader =
+    "ObjectStore::CZuError ObjectStore::DiskCache::readSegmentHeader(ObjectStore::SegmentHeader&, int)";
+inline constexpr const char* readSegmentHeaderFromStream =
+    "ObjectStore::CZuError ObjectStore::DiskCache::readSegmentHeader(ObjectStore::SegmentHeader&, FILE*)";
+inline constexpr const char* writeSegmentHeader =
+    "ObjectStore::CZuError ObjectStore::DiskCache::writeSegmentHeader(int)";
+inline constexpr const char* writeSegmentHeaderToStream =
+    "ObjectStore::CZuError ObjectStore::DiskCache::writeSegmentHeader(FILE*)";
 
 }  // namespace ObjectStore::engineStep

@@ -64,10 +64,11 @@ bool Access::changeVolume(DiskCache& cache, VolIndex index, const std::function<
 
 void Access::delayWriteToSegment(DiskCache& cache) { cache.m_state->space.delayWriteToSegment(); }
 CZuError Access::appendSection(DiskCache& cache, int fd, VolIndex volume, const Section& section) {
-  return cache.appendSection(fd, volume, section);
+  return cache.m_state->records.appendSection(fd, volume, section);
 }
-CZuError Access::findLastSection(DiskCache& cache, int* type, uint64_t* offset, const SegmentHeader& header) {
-  return cache.findLastSection(type, offset, header);
+CZuError Access::findLastSection(DiskCache& /*cache*/, int* type, uint64_t* offset,
+                                 const SegmentHeader& header) {
+  return ObjectStore::findLastSection(type, offset, header);
 }
 int Access::initVolumes(DiskCache& cache, const std::vector<std::string>& dirs) {
   return volumes(cache).initVolumes(dirs);
