@@ -5,7 +5,6 @@
 #include <optional>
 
 #include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcachePruner.h"
 #include "diskcache/diskcacheState.h"
@@ -23,12 +22,11 @@ constexpr uint64_t MIN_LRU_ENTRIES = 5;
 DiskCache::DiskCache(PersistentVolumes persistent)
     : m_state(std::make_unique<DiskCacheState>(persistent)),
       m_pruner(std::make_unique<DiskCachePruner>(*this)),
-      m_lru(std::make_unique<DiskcacheLRU>(*this)),
-      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {}
+      m_lru(std::make_unique<DiskcacheLRU>(*this)) {}
 
 // Threads end while every member is still alive.
 DiskCache::~DiskCache() {
-  m_migrator->terminate();
+  m_state->migrator.terminate();
   m_pruner->shutdown();
 }
 
@@ -65,7 +63,7 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
       return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't scan segments");
     }
   }
-  if (const int rc = m_migrator->init(migrationCallback); rc != 0) {
+  if (const int rc = m_state->migrator.init(migrationCallback); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
   }
   return {};
@@ -76,7 +74,7 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
 CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
   // A copy that is being made must not bring back what is cleared.
-  const DiskCacheMigrator::Pause pause(*m_migrator);
+  const DiskCacheMigrator::Pause pause(m_state->migrator);
   return m_state->volumes.clearCache();
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
@@ -131,7 +129,7 @@ void DiskCache::getVolumeStats(std::vector<Volume>& out) { m_state->volumes.getV
 int DiskCache::refreshCacheUtilizationData() { return m_state->volumes.refreshCacheUtilizationData(); }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
-  return m_migrator->migrate(vol, source, destination);
+  return m_state->migrator.migrate(vol, source, destination);
 }
 
 unsigned DiskCache::openSegment(guid_t guid) {
@@ -164,18 +162,18 @@ std::string DiskCache::guid2dir(const guid_t& guid) {
 }
 
 std::string DiskCache::guid2path(const guid_t& guid, VolIndex volume, const std::string& dir) {
-  return m_migrator->guidToPath(guid, volume, dir);
+  return m_state->migrator.guidToPath(guid, volume, dir);
 }
 
 std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir) {
-  std::string path = m_migrator->rootFor(guid, volume, dir);
+  std::string path = m_state->migrator.rootFor(guid, volume, dir);
   if (!path.empty()) appendSegmentPath(path, dir, guid);
   return path;
 }
 
 bool DiskCache::isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir) {
   std::optional<bool> seen;
-  path = m_migrator->rootFor(guid, volume, dir, &seen);
+  path = m_state->migrator.rootFor(guid, volume, dir, &seen);
   if (!path.empty()) appendSegmentPath(path, dir, guid);
   return seen ? *seen : doesFileExist(path);
 }

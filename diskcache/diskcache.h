@@ -51,7 +51,6 @@ namespace ObjectStore {
 
 class Directory;
 class DiskcacheLRU;
-class DiskCacheMigrator;
 class DiskCachePruner;
 class SegmentFile;
 struct DiskCacheState;
@@ -300,7 +299,6 @@ class DISKCACHE_EXPORT DiskCache {
 
  private:
   friend class DiskcacheLRU;
-  friend class DiskCacheMigrator;
   friend class DiskCachePruner;
   friend struct DiskCacheTestAccess;
 
@@ -368,7 +366,6 @@ class DISKCACHE_EXPORT DiskCache {
   // Destroyed first, in reverse order; the destructor has stopped their threads before.
   const std::unique_ptr<DiskCachePruner> m_pruner;
   const std::unique_ptr<DiskcacheLRU> m_lru;
-  const std::unique_ptr<DiskCacheMigrator> m_migrator;
 };
 
 // Flushes one file to disk; a missing one is ENOENT and logged at level 5 only.

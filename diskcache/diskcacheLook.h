@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcacheState.h"
 
 namespace ObjectStore {
 
@@ -19,12 +19,12 @@ int DiskCache::lookUntilCertain(const DiskCacheContext& ctx, Look look) {
   constexpr int MAX_LOOKS = 50;  // moves of other segments must not keep an honest miss for ever
   for (int looks = 1;; ++looks) {
     const uint64_t done = m_movesDone.load();
-    const uint32_t generation = m_migrator->generation();
+    const uint32_t generation = m_state->migrator.generation();
     const int error = look();
     if (error != ENOENT || looks == MAX_LOOKS) return error;
     const bool mayHaveMoved = ctx.useNonPrunableDir && m_movesBegun.load() != done;
-    const bool mayHaveMigrated =
-        m_migrator->generation() != generation || (looks == 1 && m_migrator->isMigrating(ctx.volume));
+    const bool mayHaveMigrated = m_state->migrator.generation() != generation ||
+                                 (looks == 1 && m_state->migrator.isMigrating(ctx.volume));
     if (!mayHaveMoved && !mayHaveMigrated) return error;
   }
 }

@@ -5,12 +5,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "diskcache/diskcache.h"
 #include "diskcache/diskcacheMigrator.h"
-#include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcacheState.h"
-#include "diskcache/diskcacheVolume.h"
 #include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -99,7 +95,7 @@ int DiskCacheMigrator::switchVolume(const Job& job, const RMCodeLocation& where)
     return rc;
   }
   createDir(join(job.dst, RECYCLE_DIR, '/'));  // every volume has one; it may be among what was left behind
-  m_diskCache.m_state->volumes.moveVolume(job.vol, job.dst, where);
+  m_volumes.moveVolume(job.vol, job.dst, where);
   m_generation.fetch_add(1, std::memory_order_release);
   return 0;
 }
@@ -124,8 +120,7 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
   Job returning = job;
   returning.isReturning = true;
   publish(std::make_shared<const Job>(returning), true);
-  m_diskCache.m_state->openTable
-      .waitForSegmentWork();  // afterwards nobody changes anything at the destination
+  m_openTable.waitForSegmentWork();  // afterwards nobody changes anything at the destination
   int result = 0;
   for (const std::string& name : m_changes.names()) {
     const int rc = guarded(where, [&] { return bringBackLocked(returning, name, where); });
@@ -138,7 +133,7 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
 }
 
 int DiskCacheMigrator::bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where) {
-  const QuietSegment segment(m_diskCache.m_state->openTable, name.substr(name.rfind('/') + 1));
+  const QuietSegment segment(m_openTable, name.substr(name.rfind('/') + 1));
   return segment.error() != 0 ? segment.error() : bringBack(job, name, where);
 }
 

@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcacheState.h"
@@ -65,7 +64,7 @@ CZuError DiskCache::copyOverrideSegment(const DiskCacheContext& ctx, const guid_
     return {};
   }
   std::string target;
-  if (const int rc = m_migrator->claim(target, guid, ctx.volume, ctx.nonprunableDir); rc != 0)
+  if (const int rc = m_state->migrator.claim(target, guid, ctx.volume, ctx.nonprunableDir); rc != 0)
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, RM_CODE_LOCATION);
       error.IsError())
@@ -101,9 +100,9 @@ CZuError DiskCache::moveSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                 const std::string& source, const std::string& target,
                                 const RMCodeLocation& where) {
   const AnnouncedMove announced(m_movesBegun, m_movesDone);
-  if (const int rc = m_migrator->dropSourceCopy(guid, ctx.volume, dir); rc != 0)
+  if (const int rc = m_state->migrator.dropSourceCopy(guid, ctx.volume, dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(where, rc);
-  const int rc = m_migrator->move(source, target);
+  const int rc = m_state->migrator.move(source, target);
   if (rc == 0) return {};
   return failAt(where, LogLevel::Error, rc, "Error: can't rename [%s] to [%s]", source.c_str(),
                 target.c_str());
@@ -152,7 +151,7 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   }
   if (found != 0) return cannotLookAt(source, found, RM_CODE_LOCATION);  // before the older copy is removed
   std::string target;
-  if (const int rc = m_migrator->claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
+  if (const int rc = m_state->migrator.claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
   if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
     return m_state->space.askForRoom(error);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "diskcache/diskcacheContexts.h"
+#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
@@ -25,6 +26,7 @@ struct DiskCacheState {
   DiskCacheOpenTable openTable;
   DiskCacheVolumes volumes{settings, space};
   SegmentRecords records{settings, space, volumes};
+  DiskCacheMigrator migrator{settings, volumes, openTable};
 };
 
 }  // namespace ObjectStore

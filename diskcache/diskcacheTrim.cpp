@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcacheState.h"
@@ -189,8 +188,8 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
                                Recycle recycle, bool mayMove, const RMCodeLocation& where) {
   bool isRemoved = false;
   for (int look = 0; look < MAX_LOOKS; ++look) {
-    const uint32_t generation = m_migrator->generation();
-    const DiskCacheMigrator::Removal removal(*m_migrator, guid, ctx.volume, dir);
+    const uint32_t generation = m_state->migrator.generation();
+    const DiskCacheMigrator::Removal removal(m_state->migrator, guid, ctx.volume, dir);
     const std::string& path = removal.path();
     if (removal.isFound()) {
       if (const int rc = removal.removeOriginal(); rc != 0)
@@ -206,7 +205,7 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
         isRemoved = !error.IsError();
       }
     }
-    if (generation == m_migrator->generation()) break;
+    if (generation == m_state->migrator.generation()) break;
   }
   return {};
 }
@@ -214,9 +213,9 @@ CZuError DiskCache::removeCopy(const DiskCacheContext& ctx, const guid_t& guid, 
 CZuError DiskCache::recycleFile(const std::string& path, const std::string& recycleDir, const guid_t& guid,
                                 const RMCodeLocation& where) {
   const std::string target = join(recycleDir, guid, '/');
-  int rc = m_migrator->move(path, target);
+  int rc = m_state->migrator.move(path, target);
   // A migration may have left the directory behind.
-  if (rc == ENOENT && createDir(recycleDir) == 0) rc = m_migrator->move(path, target);
+  if (rc == ENOENT && createDir(recycleDir) == 0) rc = m_state->migrator.move(path, target);
   return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(where, rc);
 }
 

@@ -4,7 +4,6 @@
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcacheState.h"
@@ -130,14 +129,14 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
     return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
   }
 
-  const uint32_t generation = m_migrator->generation();
-  NewSegment place{guid, vol, &ctx.dir, m_migrator->rootFor(guid, vol, ctx.dir)};
+  const uint32_t generation = m_state->migrator.generation();
+  NewSegment place{guid, vol, &ctx.dir, m_state->migrator.rootFor(guid, vol, ctx.dir)};
   if (const CZuError error = place.make(where); error.IsError()) return error;
 
   AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
+  if (generation != m_state->migrator.generation() || m_state->migrator.isMigrating(vol)) {
     // Under the lock the answer stays right.
     if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
   }
@@ -162,7 +161,7 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
 }
 
 CZuError DiskCache::claimPlace(NewSegment& place, const RMCodeLocation& where) {
-  if (const int rc = m_migrator->claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
+  if (const int rc = m_state->migrator.claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(where, rc);
   place.rootLength = place.path.size();
   return place.make(where);
@@ -267,7 +266,7 @@ CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& c
 // segmentPath of a segment that is going to be changed or made, under its lock.
 CZuError DiskCache::claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
                               const RMCodeLocation& where) {
-  if (const int rc = m_migrator->claim(path, guid, volume, dir); rc != 0)
+  if (const int rc = m_state->migrator.claim(path, guid, volume, dir); rc != 0)
     return RMErrorUtil::ErrorErrNo(where, rc);
   if (!path.empty()) appendSegmentPath(path, dir, guid);
   return {};
@@ -339,7 +338,7 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   std::string path;
-  if (const int rc = m_migrator->claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
+  if (const int rc = m_state->migrator.claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
     return m_state->space.askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);

@@ -24,9 +24,9 @@ size_t Access::mappedBytes(DiskcacheLRU& list) {
   return list.m_table.mappedBytes();
 }
 DiskCachePruner& Access::pruner(DiskCache& cache) { return *cache.m_pruner; }
-DiskCacheMigrator& Access::migrator(DiskCache& cache) { return *cache.m_migrator; }
+DiskCacheMigrator& Access::migrator(DiskCache& cache) { return cache.m_state->migrator; }
 
-bool Access::isStopping(DiskCache& cache) { return cache.m_migrator->m_stop; }
+bool Access::isStopping(DiskCache& cache) { return cache.m_state->migrator.m_stop; }
 
 DiskCacheOpenTable& Access::openTable(DiskCache& cache) { return cache.m_state->openTable; }
 size_t Access::openSegments(DiskCache& cache) {
