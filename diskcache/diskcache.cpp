@@ -4,9 +4,8 @@
 #include <cerrno>
 #include <optional>
 
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheScan.h"
 #include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -19,15 +18,12 @@ constexpr uint64_t MIN_LRU_ENTRIES = 5;
 
 }  // namespace
 
-DiskCache::DiskCache(PersistentVolumes persistent)
-    : m_state(std::make_unique<DiskCacheState>(persistent)),
-      m_pruner(std::make_unique<DiskCachePruner>(*this)),
-      m_lru(std::make_unique<DiskcacheLRU>(*this)) {}
+DiskCache::DiskCache(PersistentVolumes persistent) : m_state(std::make_unique<DiskCacheState>(persistent)) {}
 
 // Threads end while every member is still alive.
 DiskCache::~DiskCache() {
   m_state->migrator.terminate();
-  m_pruner->shutdown();
+  m_state->pruner.shutdown();
 }
 
 CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM,
@@ -49,7 +45,7 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init volumes (%d)", rc);
   }
   if (mode == PruningMode::Random) {
-    if (const int rc = m_pruner->init(); rc != 0) {
+    if (const int rc = m_state->pruner.init(); rc != 0) {
       return DC_FAIL(LogLevel::Error, rc, "Error: Can't init pruner (%d)", rc);
     }
   }
@@ -57,9 +53,9 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
     DC_LOG(LogLevel::Setup, "maxLruEntries set too low, setting to 5");
     maxLruEntries = MIN_LRU_ENTRIES;
   }
-  m_lru->init(maxLruEntries);
+  m_state->lru.init(maxLruEntries);
   if (mode == PruningMode::Lru) {
-    if (const CZuError error = scanSegmentsIntoLru(); error.IsError()) {
+    if (const CZuError error = scanSegmentsIntoLru(m_state->lru, m_state->volumes); error.IsError()) {
       return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't scan segments");
     }
   }

@@ -49,9 +49,6 @@
 
 namespace ObjectStore {
 
-class Directory;
-class DiskcacheLRU;
-class DiskCachePruner;
 class SegmentFile;
 struct DiskCacheState;
 struct NewSegment;
@@ -298,8 +295,6 @@ class DISKCACHE_EXPORT DiskCache {
   std::string guid2path(const guid_t& guid, VolIndex volume, const std::string& dir);
 
  private:
-  friend class DiskcacheLRU;
-  friend class DiskCachePruner;
   friend struct DiskCacheTestAccess;
 
   // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp). segmentPath is guid2path for the operations: "",
@@ -311,7 +306,6 @@ class DISKCACHE_EXPORT DiskCache {
   std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
 
   // Steps of the segment operations; `where` is the operation that their log lines speak for
-  CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
   CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
   CZuError makeSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
@@ -351,21 +345,11 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
                        const std::string& source, const std::string& target, const RMCodeLocation& where);
 
-  // The start-up scan (diskcacheScan.cpp)
-  int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);
-  struct ScanLevel;
-  int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level);
-  CZuError scanSegmentsIntoLru();
-
   const std::unique_ptr<DiskCacheState> m_state;
 
   // Segments' moves between two places, begun and done: while they differ, one is under way.
   std::atomic<uint64_t> m_movesBegun{0};
   std::atomic<uint64_t> m_movesDone{0};
-
-  // Destroyed first, in reverse order; the destructor has stopped their threads before.
-  const std::unique_ptr<DiskCachePruner> m_pruner;
-  const std::unique_ptr<DiskcacheLRU> m_lru;
 };
 
 // Flushes one file to disk; a missing one is ENOENT and logged at level 5 only.

@@ -6,7 +6,6 @@
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheLook.h"
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/segmentFile.h"
 #include "diskcache/segmentRecords.h"
@@ -85,19 +84,21 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
   return failWithException(RM_CODE_LOCATION);
 }
 
-bool DiskCache::touch(const guid_t& guid) { return m_lru->touch(guid); }
+bool DiskCache::touch(const guid_t& guid) { return m_state->lru.touch(guid); }
 
-bool DiskCache::findVolume(const guid_t& guid, VolIndex& volume) { return m_lru->findVolume(guid, volume); }
+bool DiskCache::findVolume(const guid_t& guid, VolIndex& volume) {
+  return m_state->lru.findVolume(guid, volume);
+}
 
 CZuError DiskCache::remember(const DiskCacheContext& ctx, const guid_t& guid) {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  return m_lru->addToLru(guid, ctx.volume, ctx.dir);
+  return m_state->lru.addToLru(guid, ctx.volume, ctx.dir);
 }
 
-void DiskCache::forget(const guid_t& guid) { m_lru->removeFromLru(guid); }
+void DiskCache::forget(const guid_t& guid) { m_state->lru.removeFromLru(guid); }
 
 CZuError DiskCache::giveUpOldest(uint64_t n, uint64_t& given) try {
-  return m_lru->giveUpOldest(n, given);
+  return m_state->lru.giveUpOldest(n, given);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

@@ -93,7 +93,9 @@ CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid
   DC_LOG(LogLevel::Segment, "cache: reading segment [%s] vol=%d secs=%lu", guid.c_str(), ctx.volume,
          sections.size());
   if (updateLru) {
-    if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+    if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+        error.IsError())
+      return error;
   }
   SegmentFile file(__func__);
   SegmentHeader header;
@@ -152,7 +154,9 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: readall segment [%s] vol=%d", guid.c_str(), ctx.volume);
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
   if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
 
   std::string path;
@@ -228,7 +232,9 @@ CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: read segment [%s] vol=%d section %d", guid.c_str(), ctx.volume, type);
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
 
   SegmentFile file(__func__);
   SegmentHeader header;

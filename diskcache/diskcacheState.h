@@ -4,8 +4,10 @@
 #pragma once
 
 #include "diskcache/diskcacheContexts.h"
+#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
+#include "diskcache/diskcachePruner.h"
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
@@ -27,6 +29,8 @@ struct DiskCacheState {
   DiskCacheVolumes volumes{settings, space};
   SegmentRecords records{settings, space, volumes};
   DiskCacheMigrator migrator{settings, volumes, openTable};
+  DiskcacheLRU lru{settings, space, contexts, migrator};
+  DiskCachePruner pruner{space, contexts, openTable, volumes, lru};
 };
 
 }  // namespace ObjectStore

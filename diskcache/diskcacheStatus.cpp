@@ -1,6 +1,5 @@
 // Watching and steering an engine: watermarks, the out-of-space switch, status and counters.
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheState.h"
 #include "support/log.h"
 
@@ -29,7 +28,7 @@ void DiskCache::setOutOfSpace(bool flag) {
 
 void DiskCache::getStatus(std::map<std::string, std::string>& out) {
   m_state->space.getStatus(out);
-  m_lru->getStatus(out);
+  m_state->lru.getStatus(out);
 }
 
 void DiskCache::getCounters(std::map<std::string, std::string>& out) { m_state->space.getCounters(out); }

@@ -134,7 +134,9 @@ CZuError syncFname(const std::string& path) {
 CZuError DiskCache::syncSegment(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: sync segment [%s] vol=%d", guid.c_str(), ctx.volume);
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
   const CZuError regular = syncFname(segmentPath(guid, ctx.volume, ctx.dir));
   CZuError override;  // without a second place it counts as synced
   if (ctx.useNonPrunableDir) override = syncFname(segmentPath(guid, ctx.volume, ctx.nonprunableDir));

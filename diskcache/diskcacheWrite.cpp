@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
 #include "diskcache/diskcacheState.h"
@@ -89,19 +88,12 @@ struct SegmentToWrite {
   SegmentHeader header;
 };
 
-CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid,
-                                 const RMCodeLocation& where) {
-  CZuError error = m_lru->addToLru(guid, ctx.volume, ctx.dir);
-  if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
-  return error;
-}
-
 CZuError DiskCache::beginChange(const DiskCacheContext& ctx, const guid_t& guid,
                                 const RMCodeLocation& where) {
   if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
     return failAt(where, LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
   }
-  return touchSegment(ctx, guid, where);
+  return m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, where);
 }
 
 CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
@@ -125,7 +117,7 @@ CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
                   "Error: Can't find volume with free space");
   }
   ctx.volume = vol;
-  if (const CZuError error = m_lru->addToLru(guid, vol, ctx.dir); error.IsError()) {
+  if (const CZuError error = m_state->lru.addToLru(guid, vol, ctx.dir); error.IsError()) {
     return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
   }
 
@@ -332,7 +324,9 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: writing segment %s vol=%d secs=%lu", guid.c_str(), ctx.volume,
          sections.size());
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
 
   AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);

@@ -47,5 +47,10 @@ inline constexpr const char* writeSegmentHeader =
     "ObjectStore::CZuError ObjectStore::DiskCache::writeSegmentHeader(int)";
 inline constexpr const char* writeSegmentHeaderToStream =
     "ObjectStore::CZuError ObjectStore::DiskCache::writeSegmentHeader(FILE*)";
+inline constexpr const char* scanDirForSegments =
+    "int ObjectStore::DiskCache::scanDirForSegments(const std::string&, ObjectStore::VolIndex, "
+    "const std::string&)";
+inline constexpr const char* scanSegmentsIntoLru =
+    "ObjectStore::CZuError ObjectStore::DiskCache::scanSegmentsIntoLru()";
 
 }  // namespace ObjectStore::engineStep

@@ -3,6 +3,7 @@
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheScan.h"
 #include "diskcache/diskcacheState.h"
 
 namespace ObjectStore {
@@ -18,12 +19,8 @@ void Access::setSpace(DiskCache& cache, uint64_t used, uint64_t total) {
   cache.m_state->space.setCapacity(total);
 }
 
-DiskcacheLRU& Access::lru(DiskCache& cache) { return *cache.m_lru; }
-size_t Access::mappedBytes(DiskcacheLRU& list) {
-  const KxCriticalSectionLock lock(&list.m_lruLock);
-  return list.m_table.mappedBytes();
-}
-DiskCachePruner& Access::pruner(DiskCache& cache) { return *cache.m_pruner; }
+DiskcacheLRU& Access::lru(DiskCache& cache) { return cache.m_state->lru; }
+DiskCachePruner& Access::pruner(DiskCache& cache) { return cache.m_state->pruner; }
 DiskCacheMigrator& Access::migrator(DiskCache& cache) { return cache.m_state->migrator; }
 
 bool Access::isStopping(DiskCache& cache) { return cache.m_state->migrator.m_stop; }
@@ -74,7 +71,9 @@ int Access::initVolumes(DiskCache& cache, const std::vector<std::string>& dirs) 
   return volumes(cache).initVolumes(dirs);
 }
 VolIndex Access::getNextVolWithSpace(DiskCache& cache) { return volumes(cache).getNextVolWithSpace(); }
-CZuError Access::scanSegmentsIntoLru(DiskCache& cache) { return cache.scanSegmentsIntoLru(); }
+CZuError Access::scanSegmentsIntoLru(DiskCache& cache) {
+  return ObjectStore::scanSegmentsIntoLru(cache.m_state->lru, cache.m_state->volumes);
+}
 int Access::loadVolumeInfo(DiskCache& cache) DC_NO_THREAD_SAFETY_ANALYSIS {
   const KxCriticalSectionLock lock(&volumes(cache).m_volumeLock);
   return volumes(cache).loadVolumeInfo();

@@ -24,7 +24,6 @@ struct DiskCacheTestAccess {
   static void setSpace(DiskCache& cache, uint64_t used, uint64_t total);
 
   static DiskcacheLRU& lru(DiskCache& cache);
-  static size_t mappedBytes(DiskcacheLRU& list);
   static DiskCachePruner& pruner(DiskCache& cache);
   static DiskCacheMigrator& migrator(DiskCache& cache);
 
