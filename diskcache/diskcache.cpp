@@ -161,17 +161,4 @@ std::string DiskCache::guid2path(const guid_t& guid, VolIndex volume, const std:
   return m_state->migrator.guidToPath(guid, volume, dir);
 }
 
-std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir) {
-  std::string path = m_state->migrator.rootFor(guid, volume, dir);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return path;
-}
-
-bool DiskCache::isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir) {
-  std::optional<bool> seen;
-  path = m_state->migrator.rootFor(guid, volume, dir, &seen);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return seen ? *seen : doesFileExist(path);
-}
-
 }  // namespace ObjectStore

@@ -5,8 +5,8 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLook.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
 #include "diskcache/segmentRecords.h"
 #include "support/log.h"
@@ -49,8 +49,8 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
   DC_LOG(LogLevel::Segment, "cache: opening sections of [%s] vol=%d", guid.c_str(), ctx.volume);
   std::string path;
   SegmentFile file(__func__);
-  const int missing = lookUntilCertain(ctx, [&] {
-    path = pathInUse(ctx, guid);
+  const int missing = m_state->places.lookUntilCertain(ctx, [&] {
+    path = m_state->places.pathInUse(ctx, guid);
     return file.open(path, OPEN_FLAGS) ? 0 : file.error();
   });
   if (file.fd() < 0) {

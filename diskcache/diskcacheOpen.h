@@ -1,7 +1,7 @@
 // The segments that are open: one shared record with a lock for each that is in use.
 //
-// Internal. Any thread may call the operations. The table's lock is a leaf; the records' locks are taken by whoever
-// works on a segment, and never within it.
+// Internal. Any thread may call the operations. The table's lock is a leaf; the records' locks are taken by
+// whoever works on a segment, and never within it.
 #pragma once
 
 #include <cstdint>
@@ -46,8 +46,8 @@ class DiskCacheOpenTable {
   uint32_t m_nextHandle DC_GUARDED_BY(m_openSegmentsLock) = 1;
 };
 
-// Keeps a segment open. Usual use: guard, test of opened(), then a KxCriticalSectionLock on the record's lock, so
-// that the lock goes first at the end of the scope.
+// Keeps a segment open. Usual use: guard, test of opened(), then a KxCriticalSectionLock on the record's
+// lock, so that the lock goes first at the end of the scope.
 class AutoOpenSegment {
  public:
   AutoOpenSegment(DiskCacheOpenTable& table, const guid_t& guid) : m_table(table) {

@@ -1,6 +1,7 @@
 // The start-up scan that fills the recency list from the volumes' directory trees.
 //
-// Internal. Used on one thread, before others know of the engine. Every file counts as a segment, whatever its name.
+// Internal. Used on one thread, before others know of the engine. Every file counts as a segment, whatever
+// its name.
 #pragma once
 
 #include <string>
@@ -16,8 +17,8 @@ namespace ObjectStore {
 // scanned.
 CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes);
 
-// Enters the files below `dir` as those of a volume and a context's directory; 0 or a system error number, which
-// is logged.
+// Enters the files below `dir` as those of a volume and a context's directory; 0 or a system error number,
+// which is logged.
 int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume,
                        const std::string& ctxDir);
 

@@ -1,7 +1,7 @@
 // How full the cache is, who waits because of it, and what is counted.
 //
-// Internal. Any thread may call the operations; none takes a lock. Sizes are in bytes, watermarks in percent of
-// the capacity. The counters drift from what the volumes hold until these are measured again.
+// Internal. Any thread may call the operations; none takes a lock. Sizes are in bytes, watermarks in percent
+// of the capacity. The counters drift from what the volumes hold until these are measured again.
 #pragma once
 
 #include <cstdint>
@@ -46,8 +46,8 @@ class DiskCacheSpace {
   void wakePruner() { m_wakeup.set(); }
   void wakePrunerWhenFull();
   void waitForWakeup(unsigned long ms) { m_wakeup.wait(ms); }
-  // Gives an operation's error back. In mode Random a client that was told of no room finds some when it comes
-  // again.
+  // Gives an operation's error back. In mode Random a client that was told of no room finds some when it
+  // comes again.
   CZuError askForRoom(CZuError error);
 
   // Counts a failed write that found no room; gives its number back.

@@ -12,6 +12,7 @@
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/diskcacheVolume.h"
+#include "diskcache/segmentPlaces.h"
 #include "diskcache/segmentRecords.h"
 #include "support/directory.h"
 
@@ -29,6 +30,7 @@ struct DiskCacheState {
   DiskCacheVolumes volumes{settings, space};
   SegmentRecords records{settings, space, volumes};
   DiskCacheMigrator migrator{settings, volumes, openTable};
+  SegmentPlaces places{migrator};
   DiskcacheLRU lru{settings, space, contexts, migrator};
   DiskCachePruner pruner{space, contexts, openTable, volumes, lru};
 };

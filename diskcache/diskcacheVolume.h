@@ -1,8 +1,8 @@
 // The set of volumes, the file that persists it, and the choice of a volume for a new segment.
 //
-// Internal. Any thread may call the operations of DiskCacheVolumes, which names those of DiskCache alike. Its lock
-// guards the records; it is held while volumes are measured, emptied and written to the file, and none is taken
-// within it.
+// Internal. Any thread may call the operations of DiskCacheVolumes, which names those of DiskCache alike. Its
+// lock guards the records; it is held while volumes are measured, emptied and written to the file, and none
+// is taken within it.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +24,8 @@ namespace ObjectStore {
 
 inline constexpr const char* VOLUME_INFO_FNAME = "volume_info";
 inline constexpr const char* RECYCLE_DIR = "recycle";
-// Share of a volume's file system that stays free. Single precision on purpose: the reserve of a large
-// volume is a rounded figure.
+// Share of a volume's file system that stays free. Single precision on purpose: the reserve of a large volume
+// is a rounded figure.
 inline constexpr float RESERVE_PERCENTAGE = 5.0F;
 
 class DiskCacheVolumes {
@@ -59,8 +59,8 @@ class DiskCacheVolumes {
   // Every record's index and directory, also those without one.
   std::vector<std::pair<VolIndex, std::string>> directories();
   std::optional<std::string> findDirectory(VolIndex volume);
-  // Points a volume at another directory and writes that to the file, also when volumes are not persistent and
-  // whatever comes of it: meant. `where` is the operation that a failure's line speaks for.
+  // Points a volume at another directory and writes that to the file, also when volumes are not persistent
+  // and whatever comes of it: meant. `where` is the operation that a failure's line speaks for.
   void moveVolume(VolIndex volume, std::string dir, const RMCodeLocation& where);
 
  private:

@@ -52,5 +52,10 @@ inline constexpr const char* scanDirForSegments =
     "const std::string&)";
 inline constexpr const char* scanSegmentsIntoLru =
     "ObjectStore::CZuError ObjectStore::DiskCache::scanSegmentsIntoLru()";
+inline constexpr const char* copyOverrideSegment =
+    "ObjectStore::CZuError ObjectStore::DiskCache::copyOverrideSegment(const "
+    "ObjectStore::DiskCacheContext&, const ObjectStore::guid_t&, bool)";
+inline constexpr const char* deleteSegmentInternal =
+    "ObjectStore::CZuError ObjectStore::DiskCache::deleteSegmentInternal(const std::string&)";
 
 }  // namespace ObjectStore::engineStep

@@ -1,7 +1,7 @@
 // The bytes of a segment file: its header, and appending, changing and finding section records.
 //
-// Internal. Used by one thread a descriptor; no lock is taken but the volumes' for a moment. Every failure is logged
-// here; one for want of room is counted.
+// Internal. Used by one thread a descriptor; no lock is taken but the volumes' for a moment. Every failure is
+// logged here; one for want of room is counted.
 #pragma once
 
 #include <cstdint>
@@ -34,11 +34,11 @@ class SegmentRecords {
       : m_settings(settings), m_space(space), m_volumes(volumes) {}
 
   CZuError writeSegmentHeader(int fd);
-  // Writes a section behind all others. ENOSPC when the volume has no room; in mode Random the pruner first gets
-  // a second to make some.
+  // Writes a section behind all others. ENOSPC when the volume has no room; in mode Random the pruner first
+  // gets a second to make some.
   CZuError appendSection(int fd, VolIndex volume, const Section& section);
-  // Writes into the record at an offset. The segment's lock, which the caller holds, is given up while the bytes
-  // move.
+  // Writes into the record at an offset. The segment's lock, which the caller holds, is given up while the
+  // bytes move.
   CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
       DC_REQUIRES(lock);
 
