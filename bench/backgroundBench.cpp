@@ -14,25 +14,13 @@
 #include <mutex>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheScan.h"
+#include "diskcache/diskcacheState.h"
 #include "frame.h"
 
 using namespace ObjectStore;
 using namespace bench;
 namespace fs = std::filesystem;
-
-// The scan is the engine's own business; this asks for one pass of it.
-namespace ObjectStore {
-
-struct DiskCacheTestAccess {
-  static int scan(DiskCache& cache, const std::string& dir) {
-    cache.m_lru->clearLru();
-    return cache.scanDirForSegments(dir, 1, "ctx");
-  }
-};
-
-}  // namespace ObjectStore
 
 namespace {
 
@@ -137,9 +125,12 @@ void compareWalk(Figures& figures, DiskCachePruner& pruner, const std::string& t
   figures["floor/ms"] = bare * 1e3;
 }
 
-void compareScan(Figures& figures, DiskCache& cache, const std::string& top) {
+void compareScan(Figures& figures, DiskcacheLRU& list, const std::string& top) {
   const double bare = secondsOf([&] { require(walkByPath(top, stat) == FILES, "files"); });
-  const double scanned = secondsOf([&] { require(DiskCacheTestAccess::scan(cache, top) == 0, "scan"); });
+  const double scanned = secondsOf([&] {
+    list.clearLru();
+    require(scanDirForSegments(list, top, 1, "ctx") == 0, "scan");
+  });
   figures["diskcache/speed"] = bare / scanned;
   figures["diskcache/ms"] = scanned * 1e3;
   figures["floor/ms"] = bare * 1e3;
@@ -154,15 +145,19 @@ int main(int argc, char** argv) {
   const std::string& dir = work.path();
   makeVolume(dir + "/volume");
 
-  // Over the low watermark whatever the disk holds, so that the walk goes through every file. Migrating
-  // empties no source, and the engine is on another volume than the scan and the walk look at.
+  // Over the low watermark, so that the walk goes through every file.
+  DiskCacheState parts(PersistentVolumes::No);
+  parts.space.setUsed(1);
+  parts.lru.init(LIST_ENTRIES);
+  // Migrating empties no source.
   DiskCache cache(PersistentVolumes::No);
   const auto error =
-      cache.init(dir + "/root", {dir + "/empty"}, 1000, 0, 1000, LIST_ENTRIES, onEnd, PruningMode::Lru);
+      cache.init(dir + "/root", {dir + "/empty"}, 1000, 1000, 1000, 5, onEnd, PruningMode::Lru);
   require(!error.IsError(), "init");
-  DiskCachePruner pruner(cache);
-  addRounds("scan/20000", rounds, [&](Figures& figures) { compareScan(figures, cache, dir + "/volume"); });
-  addRounds("walk/20000", rounds, [&](Figures& figures) { compareWalk(figures, pruner, dir + "/volume"); });
+  addRounds("scan/20000", rounds,
+            [&](Figures& figures) { compareScan(figures, parts.lru, dir + "/volume"); });
+  addRounds("walk/20000", rounds,
+            [&](Figures& figures) { compareWalk(figures, parts.pruner, dir + "/volume"); });
   addRounds("migration/20000", rounds, [&](Figures& figures) { compareMigration(figures, cache, dir); });
   return runRounds(argc, argv);
 }

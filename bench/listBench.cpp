@@ -10,21 +10,9 @@
 #include <random>
 
 #include "bareList.h"
-#include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheState.h"
 #include "flatList.h"
 #include "frame.h"
-
-namespace ObjectStore {
-
-struct DiskCacheTestAccess {
-  static size_t mappedBytes(DiskcacheLRU& list) {
-    const KxCriticalSectionLock lock(&list.m_lruLock);
-    return list.m_table.mappedBytes();
-  }
-};
-
-}  // namespace ObjectStore
 
 using namespace ObjectStore;
 using namespace bench;
@@ -65,7 +53,7 @@ class Lists {
       for (size_t i = 0; i < m_entries; ++i) add(list, guidOf(i));
       return static_cast<double>(heapBytes() - before);
     };
-    m_engineBytes = fill(ENGINE) + static_cast<double>(DiskCacheTestAccess::mappedBytes(m_engine));
+    m_engineBytes = fill(ENGINE) + static_cast<double>(m_engine.mappedBytes());
     m_bareBytes = fill(BARE);
     fill(LEAN);
   }
@@ -73,7 +61,7 @@ class Lists {
   void add(int list, const std::string& guid) {
     switch (list) {
       case ENGINE:
-        // In the engine's pruning mode before init(), Random, a full list forgets its oldest entry.
+        // In the pruning mode of an engine before init(), Random, a full list forgets its oldest entry.
         return require(!m_engine.addToLru(guid, 1, DIR).IsError(), "addToLru");
       case BARE: return m_bare.touch(guid, 1, DIR, m_entries);
       default: return m_lean.touch(guid, 1, DIR);
@@ -101,8 +89,8 @@ class Lists {
 
   const size_t m_entries;
   uint64_t m_next;
-  DiskCache m_cache{PersistentVolumes::No};
-  DiskcacheLRU m_engine{m_cache};
+  DiskCacheState m_parts{PersistentVolumes::No};
+  DiskcacheLRU& m_engine = m_parts.lru;
   BareList m_bare;
   FlatList m_lean;
   double m_engineBytes = 0;
@@ -152,8 +140,8 @@ double processorSeconds() {
 // time: what others do on the machine is not in it.
 void addPauses(size_t entries) {
   addRounds("listGrow/" + std::to_string(entries), 1, [entries](Figures& figures) {
-    DiskCache cache(PersistentVolumes::No);
-    DiskcacheLRU list(cache);
+    DiskCacheState parts(PersistentVolumes::No);
+    DiskcacheLRU& list = parts.lru;
     list.init(~0UL);
     std::vector<float> us(entries);
     double mostOfProcessor = 0;

@@ -1,17 +1,12 @@
 // The engine's life: construction, init, clearCache, destruction; its clients' contexts and its paths.
 #include "diskcache/diskcache.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <optional>
 
-#include "diskcache/diskcacheContexts.h"
-#include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcachePruner.h"
-#include "diskcache/diskcacheVolume.h"
-#include "support/directory.h"
+#include "diskcache/diskcacheScan.h"
+#include "diskcache/diskcacheState.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -20,50 +15,37 @@ namespace ObjectStore {
 namespace {
 
 constexpr uint64_t MIN_LRU_ENTRIES = 5;
-constexpr size_t MAX_SPARE_ENTRIES = 16;  // about as many segments as threads change at once
 
 }  // namespace
 
-DiskCache::DiskCache(PersistentVolumes persistent)
-    : m_persistentVolumes(persistent),
-      m_rootLock(std::make_unique<DirectoryLock>()),
-      m_contexts(std::make_unique<DiskCacheContexts>()),
-      m_pruner(std::make_unique<DiskCachePruner>(*this)),
-      m_lru(std::make_unique<DiskcacheLRU>(*this)),
-      m_migrator(std::make_unique<DiskCacheMigrator>(*this)) {
-  m_spareEntries.reserve(MAX_SPARE_ENTRIES);
-}
+DiskCache::DiskCache(PersistentVolumes persistent) : m_state(std::make_unique<DiskCacheState>(persistent)) {}
 
-// Threads end while every member is still alive. Records of segments still open are not freed, on purpose:
-// whoever kept one open may yet look at it.
+// Threads end while every member is still alive.
 DiskCache::~DiskCache() {
-  m_migrator->terminate();
-  m_pruner->shutdown();
-  for (const OpenTable::node_type& entry : m_spareEntries) delete entry.mapped();
+  m_state->migrator.terminate();
+  m_state->pruner.shutdown();
 }
 
 CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM,
                          int lowWM, int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback,
                          PruningMode mode) try {
   DC_LOG(LogLevel::Setup, "watermarks=[%d/%d/%d] maxLruEntries=[%lu]", highWM, lowWM, alarmWM, maxLruEntries);
-  m_rootDir = rootDir;
-  m_highWM = highWM;
-  m_lowWM = lowWM;
-  m_alarmWM = alarmWM;
-  m_pruningMode = mode;
+  m_state->settings.rootDir = rootDir;
+  m_state->settings.pruningMode = mode;
+  m_state->space.setWatermarks(highWM, lowWM, alarmWM);
 
   if (const int rc = createDir(rootDir); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", rootDir.c_str(), rc);
   }
-  m_rootShared = m_rootLock->take(rootDir) == EWOULDBLOCK;
-  if (m_rootShared) {
+  m_state->isRootShared = m_state->rootLock.take(rootDir) == EWOULDBLOCK;
+  if (m_state->isRootShared) {
     DC_LOG(LogLevel::Error, "Error: another engine uses the root directory [%s]", rootDir.c_str());
   }
-  if (const int rc = initVolumes(volumeDirs); rc != 0) {
+  if (const int rc = m_state->volumes.initVolumes(volumeDirs); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init volumes (%d)", rc);
   }
   if (mode == PruningMode::Random) {
-    if (const int rc = m_pruner->init(); rc != 0) {
+    if (const int rc = m_state->pruner.init(); rc != 0) {
       return DC_FAIL(LogLevel::Error, rc, "Error: Can't init pruner (%d)", rc);
     }
   }
@@ -71,13 +53,13 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
     DC_LOG(LogLevel::Setup, "maxLruEntries set too low, setting to 5");
     maxLruEntries = MIN_LRU_ENTRIES;
   }
-  m_lru->init(maxLruEntries);
+  m_state->lru.init(maxLruEntries);
   if (mode == PruningMode::Lru) {
-    if (const CZuError error = scanSegmentsIntoLru(); error.IsError()) {
+    if (const CZuError error = scanSegmentsIntoLru(m_state->lru, m_state->volumes); error.IsError()) {
       return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't scan segments");
     }
   }
-  if (const int rc = m_migrator->init(migrationCallback); rc != 0) {
+  if (const int rc = m_state->migrator.init(migrationCallback); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
   }
   return {};
@@ -88,40 +70,21 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
 CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
   // A copy that is being made must not bring back what is cleared.
-  const DiskCacheMigrator::Pause pause(*m_migrator);
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  m_totalCacheUsed = 0;
-  for (auto& [index, volume] : m_volumes) {
-    if (volume.dir.empty()) continue;
-    // A directory that is missing holds nothing. It is made again below, as one that lost its content is not.
-    if (const int rc = emptyTree(volume.dir); rc != 0 && rc != ENOENT) {
-      return DC_FAIL(LogLevel::Error, rc, "Error: can't remove tree [%s] (%d)", volume.dir.c_str(), rc);
-    }
-    const std::string recycleDir = join(volume.dir, RECYCLE_DIR, '/');
-    if (const int rc = createDir(recycleDir); rc != 0) {
-      return DC_FAIL(LogLevel::Error, rc, "Error: Can't create [%s] (%d)", recycleDir.c_str(), rc);
-    }
-    uint64_t freeBytes = 0;
-    if (getFreeBytes(&freeBytes, nullptr, volume.dir) == 0) volume.free = static_cast<int64_t>(freeBytes);
-    refreshCacheUtilizationData();
-    DC_LOG(LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ClearCache",
-           static_cast<unsigned long long>(m_totalCacheUsed.value()));
-    if (!volume.listPos && volume.free.value() >= volume.reserved) appendToRotation(volume);
-  }
-  return {};
+  const DiskCacheMigrator::Pause pause(m_state->migrator);
+  return m_state->volumes.clearCache();
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
 CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
-  const auto refCount = static_cast<int>(m_contexts->add(ctx));
+  const auto refCount = static_cast<int>(m_state->contexts.add(ctx));
   if (refCount == 1) {
     DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), refCount);
   } else {  // the first registration's callback stays: this is meant
     DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(), refCount);
   }
-  if (const std::optional<VolIndex> volume = onlyVolume()) {
+  if (const std::optional<VolIndex> volume = m_state->volumes.onlyVolume()) {
     ctx.volume = *volume;
     DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
   }
@@ -134,28 +97,54 @@ CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
 CZuError DiskCache::unregisterContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "unregistering context: [%s]", ctx.dir.c_str());
   uint32_t left = 0;
-  if (!m_contexts->remove(ctx, left)) {
+  if (!m_state->contexts.remove(ctx, left)) {
     return DC_FAIL(LogLevel::Error, ENOENT, "Error: dir [%s] is not registered", ctx.dir.c_str());
   }
   DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), static_cast<int>(left));
   ctx.registered = false;
-  if (left == 0) m_contexts->waitForCallbacks(ctx.dir);
+  if (left == 0) m_state->contexts.waitForCallbacks(ctx.dir);
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
 CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& out) try {
-  return m_contexts->find(dir, out);
+  return m_state->contexts.find(dir, out);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
-bool DiskCache::isRootShared() const { return m_rootShared; }
+bool DiskCache::isRootShared() const { return m_state->isRootShared; }
+
+int DiskCache::addVolume(const std::string& dir) { return m_state->volumes.addVolume(dir); }
+int DiskCache::removeVolume(const std::string& dir) { return m_state->volumes.removeVolume(dir); }
+int DiskCache::removeAllVolumes() { return m_state->volumes.removeAllVolumes(); }
+int DiskCache::disableNewSegments(const std::string& dir) { return m_state->volumes.disableNewSegments(dir); }
+int DiskCache::enableNewSegments(const std::string& dir) { return m_state->volumes.enableNewSegments(dir); }
+void DiskCache::getVolumeStats(std::vector<Volume>& out) { m_state->volumes.getVolumeStats(out); }
+int DiskCache::refreshCacheUtilizationData() { return m_state->volumes.refreshCacheUtilizationData(); }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
-  return m_migrator->migrate(vol, source, destination);
+  return m_state->migrator.migrate(vol, source, destination);
 }
+
+unsigned DiskCache::openSegment(guid_t guid) {
+  return m_state->openTable.openSegment(guid, RM_CODE_LOCATION);
+}
+
+void DiskCache::closeSegment(unsigned desc) { m_state->openTable.closeSegment(desc, RM_CODE_LOCATION); }
+
+bool DiskCache::IsSegmentOpened(guid_t guid) {
+  return m_state->openTable.isSegmentOpened(guid, RM_CODE_LOCATION);
+}
+
+CZuError DiskCache::openSegment(SegmentHandle& handle, guid_t guid) {
+  return m_state->openTable.openSegment(handle, guid, RM_CODE_LOCATION);
+}
+
+void DiskCache::closeSegment(SegmentHandle handle) { m_state->openTable.closeSegment(handle); }
+
+OpenSegmentInfo* DiskCache::segInfoFromHandle(const SegmentHandle& handle) { return handle->second; }
 
 bool DiskCache::checkAccess(const DiskCacheContext& /*ctx*/, const guid_t& /*guid*/,
                             const unsigned int& /*mode*/, void* const& /*arg*/) {
@@ -169,37 +158,7 @@ std::string DiskCache::guid2dir(const guid_t& guid) {
 }
 
 std::string DiskCache::guid2path(const guid_t& guid, VolIndex volume, const std::string& dir) {
-  return m_migrator->guidToPath(guid, volume, dir);
-}
-
-std::string DiskCache::segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir) {
-  std::string path = m_migrator->rootFor(guid, volume, dir);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return path;
-}
-
-bool DiskCache::isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir) {
-  std::optional<bool> seen;
-  path = m_migrator->rootFor(guid, volume, dir, &seen);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return seen ? *seen : doesFileExist(path);
-}
-
-std::string DiskCache::volumeRoot(VolIndex volume, size_t room) {
-  std::string root;
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  const auto found = m_volumes.find(volume);
-  if (found == m_volumes.end()) return root;  // looking makes no volume
-  const std::string& dir = found->second.dir;
-  root.reserve(dir.size() + room);
-  root = dir;
-  return root;
-}
-
-Volume& DiskCache::volumeRecord(VolIndex volume) {
-  const auto [entry, added] = m_volumes.try_emplace(volume);
-  if (added) entry->second.index = volume;
-  return entry->second;
+  return m_state->migrator.guidToPath(guid, volume, dir);
 }
 
 }  // namespace ObjectStore

@@ -1,63 +1,43 @@
 // A local, size-bounded disk cache of an object store's segments.
 //
-// A segment is a file of typed sections, named by its identifier, on one of several directories
-// ("volumes"). A client makes one DiskCache, calls init() once, registers a DiskCacheContext for each of its
-// directory trees and then creates, reads, writes and deletes segments.
+// A segment is a file of typed sections, named by its identifier, on one of several directories ("volumes").
+// A client makes one DiskCache, calls init() once, registers a DiskCacheContext for each of its directory
+// trees and then creates, reads, writes and deletes segments. The engine owns its threads, locks and files;
+// buffers, contexts and identifiers stay the caller's.
 //
-// Threads: init() runs alone. After it, any thread may call any operation; work that changes one segment is
-// serialised by that segment's lock, readers take no lock and see what the file holds at that moment.
-// Sections are overwritten in place beside each other; who appends, truncates, copies or moves the segment
-// waits for those who came before, and who comes later waits for it. A caller that holds the segment's lock
-// already, however often, has none of its entries during such a wait, and all of them after it. The
-// destructor runs alone again; it stops the pruner and a migration first. Operations that write may make
-// their caller wait up to a second while the cache is over its high watermark (create, write, markDirty,
-// moveToPrunable).
+// Threads: init() and the destructor run alone; in between any thread may call any operation. Work that
+// changes one segment is serialised by that segment's lock; readers take none and see what the file holds at
+// that moment. Sections are overwritten in place beside each other; who appends, truncates, copies or moves
+// waits for those who came before, and who comes later waits for it. OpenSegmentInfo tells what becomes of a
+// lock that the caller holds meanwhile. Operations that write may make their caller wait up to a second while
+// the cache is over its high watermark (create, write, markDirty, moveToPrunable).
 //
 // Errors: segment operations return a CZuError that carries a system error number; volume operations return
-// that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before a
-// failure is undone unless said otherwise. In every segment operation an identifier that could leave its
-// directory is EINVAL (see guid_t), a volume that is not known holds no segment and takes none (ENOENT), and
-// failed memory is ENOMEM. A few failures leave a descriptor open for the life of the process; the
-// operations say which (readSections, readCompleteSection, truncateSection).
+// that number as an int, 0 for success. Every failure is logged where it is found. Nothing done before one is
+// undone unless said otherwise. In every segment operation an identifier that could leave its directory is
+// EINVAL (see guid_t), a volume that is not known holds no segment and takes none (ENOENT), and failed memory
+// is ENOMEM. An operation says where one leaves a descriptor open for the life of the process.
 //
 // The recency list: createSegment, writeSections, replaceSegment, truncateSection, syncSegment, markDirty,
-// moveToPrunable, readAllSections and readCompleteSection touch a segment before anything else,
-// readSections on demand; no other does unasked. A touch enters a segment that the list does not know, so a
-// miss does too and may push another one out; in mode Lru, where the list is full, it asks the client about
-// the oldest and fails with ENOSPC when that is refused. A failure afterwards leaves the entry, and so does
-// deleteSegment.
-//
-// The engine owns its threads, locks and files; buffers, contexts and identifiers stay the caller's.
+// moveToPrunable, readAllSections and readCompleteSection touch a segment before anything else, readSections
+// on demand; no other does unasked. A touch enters a segment that the list does not know, so a miss does too
+// and may push another one out; in mode Lru, where the list is full, it asks the client about the oldest and
+// fails with ENOSPC when that is refused. A failure afterwards leaves the entry, and so does deleteSegment.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <list>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "diskcache/diskcacheTypes.h"
-#include "support/atomicCounter.h"
 #include "support/error.h"
 #include "support/export.h"
-#include "support/lock.h"
-#include "support/threadAnnotations.h"
 
 namespace ObjectStore {
 
-class Directory;
-class DirectoryLock;
-class DiskCacheContexts;
-class DiskcacheLRU;
-class DiskCacheMigrator;
-class DiskCachePruner;
-class SegmentFile;
-struct NewSegment;
-struct SegmentToWrite;
+struct DiskCacheState;
 
 class DISKCACHE_EXPORT DiskCache {
  public:
@@ -65,78 +45,81 @@ class DISKCACHE_EXPORT DiskCache {
   // Stops and joins the migrator's and the pruner's threads; a migration cut short ends as failed (EINTR).
   // Segments still open are not closed.
   ~DiskCache();
-  DiskCache(const DiskCache&) = delete;
-  DiskCache& operator=(const DiskCache&) = delete;
+  DiskCache(DiskCache&&) = delete;
 
   // ---- Set-up -----------------------------------------------------------------------------------------
-
   // Brings the engine into service on a root directory (for its own files, made if missing) and volumes.
-  // Watermarks are in percent of all volumes' capacity, in no checked range or order. `maxLruEntries`
-  // bounds the recency list, at least 5. Mode Lru gives segments up only when the list is full, never for
-  // bytes; mode Random only for bytes, and never what is in the list: docs/operations.md tells how to
-  // choose the bounds for each. In mode Lru the segments on disk are scanned into the list; in mode Random
-  // the pruner thread is started. A migration left by a killed process is resumed, and `migrationCallback`
-  // (may be null) told its end. Errors: those of the failing step (EINVAL for a volume name that the volume
-  // file cannot hold, for a thread that cannot be had or a "migrate" file that makes no sense, ENOSPC for
-  // no index left, those of the system). Steps done before a failure stay done. The root directory is
-  // locked for other engines (flock) until this one is destroyed; one that finds it locked says so in the
-  // log and goes on.
+  // Watermarks are in percent of all volumes' capacity, in no checked range or order. `maxLruEntries` bounds
+  // the recency list, at least 5. PruningMode tells what is started and given up; docs/operations.md how to
+  // choose the bounds. A migration left by a killed process is resumed, and `migrationCallback` (may be null)
+  // told its end. Errors: those of the failing step (EINVAL for a volume name that the volume file cannot
+  // hold, for a thread that cannot be had or a "migrate" file that makes no sense, ENOSPC for no index left,
+  // those of the system). Steps done before a failure stay done. The root directory is locked for other
+  // engines (flock) until this one is destroyed; one that finds it locked says so in the log and goes on.
   CZuError init(const std::string& rootDir, const std::vector<std::string>& volumeDirs, int highWM, int lowWM,
                 int alarmWM, uint64_t maxLruEntries, MigrationCB migrationCallback, PruningMode mode);
-
-  // Whether another engine, of this process or another, held the root directory at init(): two that write
-  // the same volumes account for space wrongly and undo each other's work.
+  // Whether another engine, of this process or another, held the root directory at init(): two on the same
+  // volumes account for space wrongly and undo each other's work.
   bool isRootShared() const;
-
   // Removes every segment and everything else below the volumes. The volumes' own directories stay, with
   // owner and mode; one that is missing is made. Open segments, the recency list, contexts and the segment
   // count stay. A migration is ended first, as by the destructor: hold no segment's lock. On an error the
   // volumes of higher index are untouched; ENOTEMPTY when other threads go on filling a volume for long.
   CZuError clearCache();
-
   // Adds a reference to the directory `ctx.dir`; the first registration's callback is the one that counts.
   // With one volume, sets ctx.volume. While registered, ctx.nonprunableDir is left alone by the pruner also
   // where it lies in a registered directory. Always succeeds but for memory.
   CZuError registerContext(DiskCacheContext& ctx);
   // Takes the reference away; ENOENT when ctx.dir is not registered. When it was the last one, the callback
   // does not run any more on return and is not called until the directory is registered again: one that runs
-  // on another thread is waited for, so hold no lock that it takes. Called from that callback itself, it
-  // does not wait.
+  // on another thread is waited for, so hold no lock that it takes; on its own thread it is not.
   CZuError unregisterContext(DiskCacheContext& ctx);
   // The callback registered for a directory; ENOENT when there is none.
   CZuError findPrunerCallback(const std::string& dir, PrunerCallback& out);
 
-  // ---- Creating and writing ---------------------------------------------------------------------------
-  // A section is written from its `len` bytes at `data`, to position `off` of its payload; `len` is at least
-  // 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL; above 2,147,479,552, which is what the
-  // system writes at once, EFBIG. No room is ENOSPC, whichever write found none; each counts in
-  // "DC.errOutOfSpace", and in mode Random the pruner is woken. It gives up segments only when the cache is
-  // over its high watermark: keep that below 95 %, where volumes begin to refuse new segments. A new
-  // segment's identifier: see guid_t (EINVAL, ENAMETOOLONG). A link, FIFO or device in a segment's place is
-  // an error, here and in reading, and is left as it is; only replaceSegment and deleteSegment put it away.
+  // ---- Creating, writing, deleting --------------------------------------------------------------------
+  // Section tells what may be written (EINVAL, EFBIG), guid_t how a new segment may be named (EINVAL,
+  // ENAMETOOLONG). No room is ENOSPC, whichever write found none; each counts in "DC.errOutOfSpace", and in
+  // mode Random the pruner is woken. It gives up segments only when the cache is over its high watermark:
+  // keep that below 95 %, where volumes begin to refuse new segments. A link, FIFO or device in a segment's
+  // place is an error, here and in reading, and is left as it is, but by replaceSegment and deleteSegment.
 
   // Makes a new segment of these sections, on the next volume with room, and stores that volume in
   // ctx.volume: give each call that may run beside another a context object of its own, also a callback.
-  // `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has
-  // one. `spare` is not used. EEXIST when anything is at the segment's path, in either of its places when
-  // the context has two. A failure may leave a partly written file behind: delete the segment before
-  // creating it again. So may a kill, and that file can read back with success, sections empty or missing,
-  // because the header points at a record before it is there; doesSegmentExist finds it, and creating it
-  // again is EEXIST. A last section that proves the others (a magic number, a checksum) tells a whole
-  // segment from such a one.
+  // `sync`: on disk on return. `nonPrune`: in the non-prunable directory, when the context has one. `spare`
+  // is not used. EEXIST when anything is at the segment's path, in either of its places when the context has
+  // two. A failure may leave a partly written file behind: delete the segment before creating it again. So
+  // may a kill, and that file reads back with success, sections empty or missing, as the header points at a
+  // record before it is there; doesSegmentExist finds it. A last section that proves the others (a magic
+  // number, a checksum) tells a whole segment from such a one.
   CZuError createSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
                          bool sync, bool nonPrune, bool spare);
-
   // Writes into a segment that is there (else ENOENT): in place where it has the section, appended where it
   // has not. A section grows when written beyond its end, which overwrites a record behind it: extend only
   // the last one. EINVAL when the stored sub-type differs, with the data already written.
   CZuError writeSections(const DiskCacheContext& ctx, const guid_t& guid,
                          const std::vector<Section>& sections, bool sync, ForceDiskLoc force);
-
   // Replaces a segment whole by way of a temporary file: a reader sees the old or the new. Not synced, and
   // the space counters do not change.
   CZuError replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
                           const std::vector<Section>& sections);
+  // Makes the section of `type`, the last of the file (else EEXIST), `size` bytes long and of sub-type `sub`.
+  // A size that is refused (EINVAL, EFBIG) leaves the section as it was. "Last" looks at types 0 to 4 only: a
+  // section of type 5 behind it is cut off or overwritten, and one of type 5 itself is never the last. EEXIST
+  // leaves the descriptor open: know the order of your sections. Do not call it with a size above 0 for a
+  // section that is not there: the record front then lands on the header and the segment is lost to readers.
+  // The space counters do not change.
+  CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
+                           uint64_t size);
+  // Flushes the segment's copies to disk; ENOENT only when the context has two places and neither is there.
+  CZuError syncSegment(const DiskCacheContext& ctx, const guid_t& guid);
+  // Removes the segment's copies, or moves them to the volume's directory "recycle". `nonPrun` leaves the
+  // regular copy alone, `prun` the non-prunable one. A missing copy is success.
+  CZuError deleteSegment(const DiskCacheContext& ctx, const guid_t& guid, bool nonPrun, bool prun,
+                         Recycle recycle);
+  // Grants every request.
+  bool checkAccess(const DiskCacheContext& ctx, const guid_t& guid, const unsigned int& mode,
+                   void* const& arg);
 
   // ---- Reading ----------------------------------------------------------------------------------------
   // ENOENT when the segment is not cached, EINVAL when its file is damaged, EIO when it is cut within its
@@ -146,41 +129,35 @@ class DISKCACHE_EXPORT DiskCache {
 
   // Fills each section from `off` of the stored section of its type, at most `bufferSize` bytes, and sets
   // `len` to the bytes read. A section that is not there gets len 0 and status 2, and is no error; one whose
-  // record's front cannot be read gets len 0 as well, and no status. `status` is set in no other case:
-  // clear it before each call. `updateLru`: the segment counts as used. The descriptor stays open when the
-  // record found is of another type (EINVAL): a damaged file, to be deleted.
+  // record's front cannot be read gets len 0 as well, and no status: clear `status` before each call.
+  // `updateLru`: the segment counts as used. The descriptor stays open when the record found is of another
+  // type (EINVAL): a damaged file, to be deleted.
   CZuError readSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<Section>& sections,
                         bool updateLru);
-
   // Reads every section, in file order, into `sections`, which must be empty (EINVAL). A section cut within
   // its front ends the list early with success; a section of length 0 is an error.
   CZuError readAllSections(const DiskCacheContext& ctx, const guid_t& guid, std::vector<SectionV>& sections);
-
-  // Reads one section whole; ENOENT when the segment has none of this type. That leaves the descriptor
-  // open, and so does a type that none can have or a record of another type (EINVAL): ask getSectionSize
-  // first, which closes it always, or use readSections.
+  // Reads one section whole; ENOENT when the segment has none of this type. That leaves the descriptor open,
+  // and so does a type that none can have or a record of another type (EINVAL): ask getSectionSize first,
+  // which closes it always, or use readSections.
   CZuError readCompleteSection(const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
                                std::vector<unsigned char>& data);
-
   // The stored length of a section in bytes; ENOENT when there is none of this type.
   CZuError getSectionSize(uint64_t& size, const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
                           int32_t sub);
-
   bool doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid);
 
   // ---- For clients with a way of their own to the bytes ------------------------------------------------
-  // None of these but giveUpOldest calls the client back, and none but openSection works on a file. They
-  // count neither as lruHits nor as lruMisses.
+  // Only giveUpOldest calls the client back, only openSection works on a file; none counts in lruHits or
+  // lruMisses.
 
   // Opens a segment for reading (O_CLOEXEC) and sets each place to where the stored section of its type lies,
   // for pread, sendfile or mmap. On success the descriptor in `fd` is the caller's to close; on failure it is
   // -1. The recency list is not touched. A section that is not there gets `found` false and is no error.
-  // Every place lies within the file as long as it was at this moment. ENOENT when the segment is not cached
-  // (no error line: a client may ask so), EINVAL for a damaged file or anything but a regular file, ELOOP for
-  // a link, EIO for a file that is cut within its header or a record's front.
+  // ENOENT when the segment is not cached (no error line: a client may ask so), EINVAL for a damaged file or
+  // none that is regular, ELOOP for a link, EIO for one cut within its header or a record's front.
   CZuError openSection(int& fd, std::vector<SectionPlace>& places, const DiskCacheContext& ctx,
                        const guid_t& guid);
-
   // Makes a segment that the recency list knows the most recently used one; false when it knows none.
   bool touch(const guid_t& guid);
   // On which volume the recency list knows a segment; false, and `volume` as it was, when it knows none.
@@ -196,35 +173,10 @@ class DISKCACHE_EXPORT DiskCache {
   // about the next-oldest. Fewer than `n` are success when the list is empty. ENOSPC within a callback.
   CZuError giveUpOldest(uint64_t n, uint64_t& given);
 
-  // ---- Truncating, syncing, deleting ------------------------------------------------------------------
-
-  // Makes the section of `type`, which must be the last of the file (EEXIST), `size` bytes long and gives
-  // it the sub-type `sub`. A size that is refused (EINVAL, EFBIG) leaves the section as it was. "Last"
-  // looks at types 0 to 4 only: a section of type 5 behind it is cut off or overwritten, and one of type 5
-  // itself is never the last. EEXIST leaves the descriptor open: know the order of your sections. Do not
-  // call it with a size above 0 for a section that is not there: the record front then lands on the header
-  // and the segment is lost to readers. The space counters do not change.
-  CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
-                           uint64_t size);
-
-  // Flushes the segment's copies to disk; ENOENT only when the context has two places and neither is there.
-  CZuError syncSegment(const DiskCacheContext& ctx, const guid_t& guid);
-
-  // Removes the segment's copies, or moves them to the volume's directory "recycle". `nonPrun` leaves the
-  // regular copy alone, `prun` the non-prunable one. A missing copy is success.
-  CZuError deleteSegment(const DiskCacheContext& ctx, const guid_t& guid, bool nonPrun, bool prun,
-                         Recycle recycle);
-
-  // Grants every request.
-  bool checkAccess(const DiskCacheContext& ctx, const guid_t& guid, const unsigned int& mode,
-                   void* const& arg);
-
   // ---- Override copies --------------------------------------------------------------------------------
-  // A copy in the context's non-prunable directory overrides the one in its own directory, and pruning
-  // leaves it alone.
+  // A copy in the context's non-prunable directory overrides the one in its own, and pruning leaves it alone.
 
-  // Makes sure that the segment has one, by copying or, with `move`, by renaming. Nothing to copy is
-  // success.
+  // Makes sure that the segment has one, by copying or, with `move`, by renaming. Nothing to copy is success.
   CZuError markDirty(const DiskCacheContext& ctx, const guid_t& guid, bool move);
   // Gives the protection up: the copy replaces the one in the context's own directory.
   CZuError moveToPrunable(const DiskCacheContext& ctx, const guid_t& guid);
@@ -238,7 +190,6 @@ class DISKCACHE_EXPORT DiskCache {
 
   // ---- Keeping a segment open -------------------------------------------------------------------------
   // An open segment is left alone by the pruner. A descriptor is 1 to 4294967294; 0 means failure.
-
   unsigned openSegment(guid_t guid);
   void closeSegment(unsigned desc);
   bool IsSegmentOpened(guid_t guid);
@@ -251,13 +202,10 @@ class DISKCACHE_EXPORT DiskCache {
   // Directories compare byte for byte. Results: 0 or a system error number. ENOMEM from addVolume,
   // removeVolume and enableNewSegments leaves the volumes and "volume_info" as they were.
   //
-  // addVolume and removeVolume put the other volumes into the rotation once more and count their space once
-  // more. removeVolume and disableNewSegments take one place of a volume out: where it has several, new
-  // segments go on coming to it. To stop them for good call removeAllVolumes, then addVolume for each that
-  // stays, while nobody works on segments: between the calls all are misses, and without persistent volumes
-  // indexes are given anew, in the order of the calls. Then, and after every addVolume and removeVolume,
-  // call refreshCacheUtilizationData.
-
+  // addVolume and removeVolume put the other volumes into the rotation, and count their space, once more:
+  // call refreshCacheUtilizationData after each. removeVolume and disableNewSegments take one place of a
+  // volume out: where it has several, new segments go on coming to it. docs/operations.md tells how to stop
+  // that.
   int addVolume(const std::string& dir);
   // Stops using a volume; it keeps its index. Every other known volume is enabled, also one that was
   // disabled. ENOENT for a directory that is not known.
@@ -270,18 +218,17 @@ class DISKCACHE_EXPORT DiskCache {
   // Appends a copy of every volume's record, in order of index.
   void getVolumeStats(std::vector<Volume>& out);
   // Measures every enabled volume and sets the space counters by it; 0. Between two measurements they drift
-  // (docs/operations.md tells by what). The pruner measures whenever it wakes, at least every few minutes;
-  // in mode Lru nobody does: call it now and then if watermarks matter there.
+  // (docs/operations.md tells by what). The pruner measures whenever it wakes, at least every few minutes; in
+  // mode Lru nobody does: call it now and then if watermarks matter there.
   int refreshCacheUtilizationData();
   // Copies a volume's directories to a new place with four threads and then points the volume there. Returns
   // when the threads run, which waits for the work on segments that is under way: hold no segment's lock. 0,
   // EEXIST while a migration runs, EINVAL before init(), for arguments that make no sense or when the file
-  // "migrate" cannot be written, or the number for a source that cannot be listed. What is left behind is
-  // told in docs/operations.md.
+  // "migrate" cannot be written, or the number for a source that cannot be listed. docs/operations.md tells
+  // what is left behind.
   int migrate(VolIndex vol, const std::string& source, const std::string& destination);
 
   // ---- Watching and steering --------------------------------------------------------------------------
-
   bool isOverLowWatermark();
   bool isOverHighWatermark();
   bool isOverAlarmWatermark();
@@ -294,167 +241,15 @@ class DISKCACHE_EXPORT DiskCache {
   void getStatus(std::map<std::string, std::string>& out);
   // Sets "DC.numPruned", "DC.delayMs" and "DC.errOutOfSpace"; reading resets nothing.
   void getCounters(std::map<std::string, std::string>& out);
-
   // The directory part of an identifier ("abcdef" gives "ab/cd") and a segment's full path.
   static std::string guid2dir(const guid_t& guid);
   std::string guid2path(const guid_t& guid, VolIndex volume, const std::string& dir);
 
  private:
-  friend class AutoOpenSegment;
-  friend class DiskcacheLRU;
-  friend class DiskCacheMigrator;
-  friend class DiskCachePruner;
   friend struct DiskCacheTestAccess;
 
-  // Paths and volumes (diskcache.cpp, diskcacheVolume.cpp). segmentPath is guid2path for the operations: "",
-  // which no file can have, on a volume that is not known, so that none looks into the working directory.
-  std::string segmentPath(const guid_t& guid, VolIndex volume, const std::string& dir);
-  // Sets `path` to the same; whether a copy is there, or cannot be looked at.
-  bool isCopyThere(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir);
-  std::string volumeRoot(VolIndex volume, size_t room);
-  // getOverriddenSegment for an identifier that was checked before.
-  std::string pathInUse(const DiskCacheContext& ctx, const guid_t& guid);
-  Volume& volumeRecord(VolIndex volume) DC_REQUIRES(m_volumeLock);
-  std::optional<VolIndex> onlyVolume();
-  int initVolumes(const std::vector<std::string>& dirs);
-  struct VolumeSet;
-  struct VolumeGain;
-  int setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain, const RMCodeLocation& where)
-      DC_REQUIRES(m_volumeLock);
-  bool enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where)
-      DC_REQUIRES(m_volumeLock);
-  VolumeSet copyOfVolumes() DC_REQUIRES(m_volumeLock);
-  void putBack(VolumeSet& before) noexcept DC_REQUIRES(m_volumeLock);
-  int loadVolumeInfo() DC_REQUIRES(m_volumeLock);
-  int saveVolumeInfo() DC_REQUIRES(m_volumeLock);
-  Volume* findDirInVolumes(const std::string& dir) DC_REQUIRES(m_volumeLock);
-  std::list<VolIndex> getUsedVolIndex() DC_REQUIRES(m_volumeLock);
-  VolIndex getFirstVolume() DC_REQUIRES(m_volumeLock);
-  void appendToRotation(Volume& volume) DC_REQUIRES(m_volumeLock);
-  VolIndex getNextVolWithSpace();
-
-  // Space (diskcacheSpace.cpp)
-  bool isOverWatermark(const char* key, int percent);
-  void delayWriteToSegment();
-
-  // The bytes of a segment file (diskcacheFormat.cpp)
-  CZuError writeSegmentHeader(int fd);
-  CZuError writeSegmentHeader(std::FILE* stream);
-  CZuError readSegmentHeader(SegmentHeader& header, int fd);
-  CZuError readSegmentHeader(SegmentHeader& header, std::FILE* stream);
-  CZuError appendSection(int fd, VolIndex volume, const Section& section);
-  int countRefusal(int error);
-  int writeFailureLevel(int error);
-  bool waitForRoom(VolIndex volume, uint64_t bytes, const RMCodeLocation& where);
-  CZuError checkLength(const Section& section, const RMCodeLocation& where);
-  uint64_t freeBytesOf(VolIndex volume);
-  CZuError modifySection(int fd, const Section& section, uint64_t recordOffset, KxCriticalSection& lock)
-      DC_REQUIRES(lock);
-  CZuError findSection(bool* found, uint64_t* offset, int type, const SegmentHeader& header);
-  CZuError findLastSection(int* type, uint64_t* offset, const SegmentHeader& header);
-
-  // openSegment and IsSegmentOpened without a copy of the identifier (diskcacheOpen.cpp)
-  CZuError openInTable(SegmentHandle& handle, const guid_t& guid, const RMCodeLocation& where);
-  bool isInOpenTable(const guid_t& guid, const RMCodeLocation& where);
-
-  // Steps of the segment operations; `where` is the operation that their log lines speak for
-  CZuError touchSegment(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
-  CZuError beginChange(const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
-  CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where);
-  CZuError askForRoom(CZuError error);
-  CZuError makeSegment(DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
-                       bool sync, bool nonPrune, const RMCodeLocation& where);
-  CZuError claimPlace(NewSegment& place, const RMCodeLocation& where);
-  CZuError checkAbsent(const DiskCacheContext& ctx, const guid_t& guid, const std::string& path,
-                       const RMCodeLocation& where);
-  CZuError fillNewSegment(int fd, const std::string& path, VolIndex volume,
-                          const std::vector<Section>& sections, bool sync, const RMCodeLocation& where);
-  CZuError resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                           ForceDiskLoc force, const RMCodeLocation& where);
-  CZuError claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
-                     const RMCodeLocation& where);
-  CZuError openForWrite(SegmentToWrite& target, const DiskCacheContext& ctx, const guid_t& guid,
-                        ForceDiskLoc force, const RMCodeLocation& where);
-  CZuError writeInTurn(const DiskCacheContext& ctx, const guid_t& guid, const std::vector<Section>& sections,
-                       bool sync, ForceDiskLoc force, OpenSegmentInfo& segment, const RMCodeLocation& where)
-      DC_REQUIRES(segment.lock);
-  CZuError updateSegment(SegmentToWrite& target, VolIndex volume, const std::vector<Section>& sections,
-                         OpenSegmentInfo& segment, const RMCodeLocation& where) DC_REQUIRES(segment.lock);
-  CZuError makeReplacement(const std::string& temporary, const std::string& path, VolIndex volume,
-                           const std::vector<Section>& sections, const RMCodeLocation& where);
-  template <typename Look>
-  int lookUntilCertain(const DiskCacheContext& ctx, Look look);
-  CZuError openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
-                       const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where);
-  CZuError truncateFile(SegmentFile& file, const std::string& path, VolIndex volume,
-                        const SectionDesc& wanted, const RMCodeLocation& where);
-  CZuError cutAt(int fd, const std::string& path, uint64_t recordOffset, const SectionDesc& wanted,
-                 const RMCodeLocation& where);
-  CZuError removeCopy(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                      Recycle recycle, bool mayMove, const RMCodeLocation& where);
-  CZuError recycleFile(const std::string& path, const std::string& recycleDir, const guid_t& guid,
-                       const RMCodeLocation& where);
-  bool isInEitherPlace(const DiskCacheContext& ctx, const guid_t& guid);
-  CZuError deleteSegmentInternal(const std::string& path);
-  void waitForSegmentWork();
-  CZuError moveSegment(const DiskCacheContext& ctx, const guid_t& guid, const std::string& dir,
-                       const std::string& source, const std::string& target, const RMCodeLocation& where);
-
-  // The start-up scan (diskcacheScan.cpp)
-  int scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir);
-  struct ScanLevel;
-  int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level);
-  CZuError scanSegmentsIntoLru();
-
-  // Constant after init()
-  std::string m_rootDir;
-  bool m_rootShared = false;
-  const PersistentVolumes m_persistentVolumes;
-  PruningMode m_pruningMode = PruningMode::Random;
-  const std::unique_ptr<DirectoryLock> m_rootLock;
-
-  // Read and changed by any thread without a lock: a reader may see some watermarks new and some old
-  RelaxedAtomic<int32_t> m_highWM{0};
-  RelaxedAtomic<int32_t> m_lowWM{0};
-  RelaxedAtomic<int32_t> m_alarmWM{0};
-  Stats m_stats;
-  KxAtomicU64_t m_totalCacheUsed;  // bytes
-  KxAtomicU64_t m_totalCache;      // bytes
-  KxAtomicU64_t m_segmentsInCache;
-
-  KxCriticalSection m_openSegmentsLock;
-  using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
-  OpenTable m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
-  // Entries of closed segments with their records, for the next ones: opening then allocates nothing.
-  std::vector<OpenTable::node_type> m_spareEntries DC_GUARDED_BY(m_openSegmentsLock);
-  std::map<uint32_t, SegmentHandle> m_handles DC_GUARDED_BY(m_openSegmentsLock);
-  uint32_t m_nextHandle DC_GUARDED_BY(m_openSegmentsLock) = 1;
-
-  KxCriticalSection m_volumeLock;
-  std::map<VolIndex, Volume> m_volumes DC_GUARDED_BY(m_volumeLock);
-  // The volumes that take new segments, in turn; entries point into m_volumes.
-  std::list<Volume*> m_freeSpaceList DC_GUARDED_BY(m_volumeLock);
-  // Where the next search begins; end() while the list is empty and before the first search.
-  std::list<Volume*>::iterator m_nextVolume DC_GUARDED_BY(m_volumeLock) = m_freeSpaceList.end();
-
-  RelaxedAtomic<bool> m_outOfSpace{false};
-
-  // Segments' moves between two places, begun and done: while they differ, one is under way.
-  std::atomic<uint64_t> m_movesBegun{0};
-  std::atomic<uint64_t> m_movesDone{0};
-
-  const std::unique_ptr<DiskCacheContexts> m_contexts;
-  // Destroyed first, in reverse order; the destructor has stopped their threads before.
-  const std::unique_ptr<DiskCachePruner> m_pruner;
-  const std::unique_ptr<DiskcacheLRU> m_lru;
-  const std::unique_ptr<DiskCacheMigrator> m_migrator;
+  const std::unique_ptr<DiskCacheState> m_state;
 };
-
-// Sets the map's entry under prefix + key to the decimal text of a value, or to a text.
-DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
-                               uint64_t value, const std::string& prefix);
-DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
-                               const std::string& value, const std::string& prefix);
 
 // Flushes one file to disk; a missing one is ENOENT and logged at level 5 only.
 DISKCACHE_EXPORT CZuError syncFname(const std::string& path);

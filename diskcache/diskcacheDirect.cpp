@@ -5,10 +5,10 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLook.h"
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
+#include "diskcache/segmentRecords.h"
 #include "support/log.h"
 
 namespace ObjectStore {
@@ -49,8 +49,8 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
   DC_LOG(LogLevel::Segment, "cache: opening sections of [%s] vol=%d", guid.c_str(), ctx.volume);
   std::string path;
   SegmentFile file(__func__);
-  const int missing = lookUntilCertain(ctx, [&] {
-    path = pathInUse(ctx, guid);
+  const int missing = m_state->places.lookUntilCertain(ctx, [&] {
+    path = m_state->places.pathInUse(ctx, guid);
     return file.open(path, OPEN_FLAGS) ? 0 : file.error();
   });
   if (file.fd() < 0) {
@@ -84,19 +84,21 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
   return failWithException(RM_CODE_LOCATION);
 }
 
-bool DiskCache::touch(const guid_t& guid) { return m_lru->touch(guid); }
+bool DiskCache::touch(const guid_t& guid) { return m_state->lru.touch(guid); }
 
-bool DiskCache::findVolume(const guid_t& guid, VolIndex& volume) { return m_lru->findVolume(guid, volume); }
+bool DiskCache::findVolume(const guid_t& guid, VolIndex& volume) {
+  return m_state->lru.findVolume(guid, volume);
+}
 
 CZuError DiskCache::remember(const DiskCacheContext& ctx, const guid_t& guid) {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  return m_lru->addToLru(guid, ctx.volume, ctx.dir);
+  return m_state->lru.addToLru(guid, ctx.volume, ctx.dir);
 }
 
-void DiskCache::forget(const guid_t& guid) { m_lru->removeFromLru(guid); }
+void DiskCache::forget(const guid_t& guid) { m_state->lru.removeFromLru(guid); }
 
 CZuError DiskCache::giveUpOldest(uint64_t n, uint64_t& given) try {
-  return m_lru->giveUpOldest(n, given);
+  return m_state->lru.giveUpOldest(n, given);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

@@ -4,8 +4,6 @@
 #include <iostream>
 #include <new>
 
-#include "diskcache/diskcache.h"
-#include "diskcache/diskcacheContexts.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -42,11 +40,18 @@ CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::str
   }
 }
 
+CZuError DiskcacheLRU::touchSegment(const guid_t& guid, VolIndex vol, const std::string& dir,
+                                    const RMCodeLocation& where) {
+  CZuError error = addToLru(guid, vol, dir);
+  if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
+  return error;
+}
+
 // Nothing is dropped, and nobody asked, before there is memory for the new entry.
 CZuError DiskcacheLRU::insert(const Key& key, VolIndex vol, const std::string& dir) {
   m_table.reserve(key.guid, dir);
   if (m_numEntries.value() >= m_maxLruEntries) {
-    if (m_diskCache.m_pruningMode != PruningMode::Random) {
+    if (m_settings.pruningMode != PruningMode::Random) {
       if (const CZuError error = pruneFromBack(); error.IsError()) return error;
       // The callback may have put the segment in itself, or used the memory for another.
       if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
@@ -102,11 +107,11 @@ bool DiskcacheLRU::giveUpOldestOne(const RMCodeLocation& where) {
 }
 
 bool DiskcacheLRU::askClient(const RMCodeLocation& where, const LruInfo& entry) {
-  const std::string path = m_diskCache.guid2path(entry.guid, entry.vol, entry.dir);
+  const std::string path = m_migrator.guidToPath(entry.guid, entry.vol, entry.dir);
   m_pruning = true;
   bool givenUp = false;
   try {
-    const CZuError error = m_diskCache.m_contexts->ask(givenUp, entry.dir, path, entry.guid);
+    const CZuError error = m_contexts.ask(givenUp, entry.dir, path, entry.guid);
     if (error.IsError()) DC_LOG_AT(where, LogLevel::Error, "Error: %s", error.AsString().c_str());
   } catch (...) {
     DC_LOG_AT(where, LogLevel::Error, "Error: pruning callback of [%s] threw", entry.dir.c_str());
@@ -120,11 +125,11 @@ bool DiskcacheLRU::isInLru(const guid_t& guid, bool moveToFrontIfFound) {
   const KxCriticalSectionLock lock(&m_lruLock);
   const Position found = m_table.find(key);
   if (found == RecencyTable::NONE) {
-    ++m_diskCache.m_stats.lruMisses;
+    ++m_space.stats().lruMisses;
     return false;
   }
   if (moveToFrontIfFound) m_table.moveToFront(found);
-  ++m_diskCache.m_stats.lruHits;
+  ++m_space.stats().lruHits;
   return true;
 }
 
@@ -193,6 +198,11 @@ bool DiskcacheLRU::testLru() {
 bool DiskcacheLRU::CheckInvariants() {
   const KxCriticalSectionLock lock(&m_lruLock);
   return m_table.CheckInvariants();
+}
+
+size_t DiskcacheLRU::mappedBytes() {
+  const KxCriticalSectionLock lock(&m_lruLock);
+  return m_table.mappedBytes();
 }
 
 }  // namespace ObjectStore

@@ -9,6 +9,10 @@
 #include <map>
 #include <string>
 
+#include "diskcache/diskcacheContexts.h"
+#include "diskcache/diskcacheMigrator.h"
+#include "diskcache/diskcacheSettings.h"
+#include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/guidHash.h"
 #include "diskcache/recencyTable.h"
@@ -18,8 +22,6 @@
 
 namespace ObjectStore {
 
-class DiskCache;
-
 struct LruInfo {
   guid_t guid;
   VolIndex vol;
@@ -28,7 +30,9 @@ struct LruInfo {
 
 class DiskcacheLRU {
  public:
-  explicit DiskcacheLRU(DiskCache& cache) : m_diskCache(cache) {}
+  DiskcacheLRU(const DiskCacheSettings& settings, DiskCacheSpace& space, DiskCacheContexts& contexts,
+               DiskCacheMigrator& migrator)
+      : m_settings(settings), m_space(space), m_contexts(contexts), m_migrator(migrator) {}
   ~DiskcacheLRU();
   DiskcacheLRU(const DiskcacheLRU&) = delete;
   DiskcacheLRU& operator=(const DiskcacheLRU&) = delete;
@@ -40,7 +44,10 @@ class DiskcacheLRU {
   // full list makes room first: in mode Lru by asking the client about the least recently used segment
   // (ENOSPC when it may not go), in mode Random by forgetting it. ENOMEM leaves the list as it was.
   CZuError addToLru(const guid_t& guid, VolIndex vol, const std::string& dir);
-  // Whether a segment is in the list, counted in the engine's lruHits and lruMisses.
+  // The same on behalf of an operation, whose message is put on top of a failure's.
+  CZuError touchSegment(const guid_t& guid, VolIndex vol, const std::string& dir,
+                        const RMCodeLocation& where);
+  // Whether a segment is in the list, counted in lruHits and lruMisses.
   bool isInLru(const guid_t& guid, bool moveToFront);
   void removeFromLru(const guid_t& guid);
   void clearLru();
@@ -60,11 +67,10 @@ class DiskcacheLRU {
   bool testLru();
   // Whether order and search hold the same entries, each once.
   bool CheckInvariants();
+  // Of memory that is not the heap's.
+  size_t mappedBytes();
 
  private:
-  friend class DiskCache;  // takes m_lruLock for the start-up scan
-  friend struct DiskCacheTestAccess;
-
   using Key = RecencyTable::Key;
   using Position = RecencyTable::Position;
 
@@ -75,7 +81,10 @@ class DiskcacheLRU {
   bool askClient(const RMCodeLocation& where, const LruInfo& entry) DC_REQUIRES(m_lruLock);
   void erase(Position entry) DC_REQUIRES(m_lruLock);
 
-  DiskCache& m_diskCache;
+  const DiskCacheSettings& m_settings;
+  DiskCacheSpace& m_space;
+  DiskCacheContexts& m_contexts;  // who decides on a directory
+  DiskCacheMigrator& m_migrator;  // where it lies
   const GuidHash m_hash;
   RelaxedAtomic<uint64_t> m_maxLruEntries{0};
   // The list's length, but for mode Random: there it goes on rising by one for each insertion into a full

@@ -13,9 +13,7 @@
 #include <tuple>
 #include <utility>
 
-#include "diskcache/diskcache.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcacheVolume.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -62,7 +60,7 @@ bool isThere(const std::string& root, const std::string& name) {
 }  // namespace
 
 std::string DiskCacheMigrator::pathInRoot(const char* file) const {
-  return join(m_diskCache.m_rootDir, file, '/');
+  return join(m_settings.rootDir, file, '/');
 }
 
 int DiskCacheMigrator::init(MigrationCB callback) {
@@ -115,7 +113,7 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
     return RMErrorUtil::GetErrNo(error);
   }
-  const std::string home = m_diskCache.volumeRoot(vol, 0);
+  const std::string home = m_volumes.volumeRoot(vol, 0);
   const auto job = std::make_shared<const Job>(
       Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
   const bool isRefused = containEachOther(dst, src);
@@ -133,7 +131,7 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
 // Checks what is asked for and forgets the migration before. 0, or why this one cannot be.
 int DiskCacheMigrator::prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
                                const RMCodeLocation& where) {
-  const bool persistent = m_diskCache.m_persistentVolumes == PersistentVolumes::Yes;
+  const bool persistent = m_settings.persistentVolumes == PersistentVolumes::Yes;
   if (!m_isReady || vol == 0 || src.empty() || dst.empty() || !isStorableLine(src) || !isStorableLine(dst) ||
       (persistent && !isStorableVolume(dst))) {
     DC_LOG_AT(where, LogLevel::Error, "Error: can't migrate volume %d from [%s] to [%s]", vol, src.c_str(),
@@ -187,7 +185,7 @@ void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, bool
   try {
     // Work that began under the old paths ends before the first file is copied, and what it has made is
     // listed, so that none of it is missed.
-    m_diskCache.waitForSegmentWork();
+    m_openTable.waitForSegmentWork();
     m_entries.clear();
     const CZuError error = getDirEntries(m_entries, job->src);
     if (error.IsError()) recordError(RMErrorUtil::GetErrNo(error));
@@ -244,7 +242,7 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob(VolI
 std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,
                                        std::optional<bool>* seen) {
   const auto job = runningJob(vol);
-  if (!job) return m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  if (!job) return m_volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   const std::string name = nameOf(guid, dir);
   const bool isAtDestination = isThere(job->dst, name);
   const bool isFound = isAtDestination || isThere(job->src, name);
@@ -262,7 +260,7 @@ std::string DiskCacheMigrator::guidToPath(const guid_t& guid, VolIndex vol, cons
 int DiskCacheMigrator::claim(std::string& root, const guid_t& guid, VolIndex vol, const std::string& dir) {
   if (const auto job = runningJob(vol))
     return claimName(root, *job, nameOf(guid, dir), false, RM_CODE_LOCATION);
-  root = m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  root = m_volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   return 0;
 }
 
@@ -270,7 +268,7 @@ int DiskCacheMigrator::claimWhole(std::string& root, const guid_t& guid, VolInde
                                   const std::string& dir) {
   if (const auto job = runningJob(vol))
     return claimName(root, *job, nameOf(guid, dir), true, RM_CODE_LOCATION);
-  root = m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+  root = m_volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   return 0;
 }
 
@@ -318,7 +316,7 @@ DiskCacheMigrator::Removal::Removal(DiskCacheMigrator& migrator, const guid_t& g
     m_root = isAtDestination ? m_job->dst : m_isFound ? m_job->src : m_job->home;
     if (isAtDestination) m_original = join(m_job->src, name, '/');
   } else {
-    m_root = migrator.m_diskCache.volumeRoot(vol, segmentPathRoom(dir, guid));
+    m_root = migrator.m_volumes.volumeRoot(vol, segmentPathRoom(dir, guid));
   }
   m_path = m_root;
   if (!m_path.empty()) appendSegmentPath(m_path, dir, guid);

@@ -18,7 +18,10 @@
 #include <string>
 #include <vector>
 
+#include "diskcache/diskcacheOpen.h"
+#include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/diskcacheVolume.h"
 #include "diskcache/migrationChanges.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
@@ -26,8 +29,6 @@
 #include "support/thread.h"
 
 namespace ObjectStore {
-
-class DiskCache;
 
 inline constexpr const char* MIGRATE_FILE = "migrate";
 inline constexpr const char* CHANGES_FILE = "migrate.changed";
@@ -47,7 +48,9 @@ class DiskCacheMigrator {
   };
 
  public:
-  explicit DiskCacheMigrator(DiskCache& cache) : m_diskCache(cache) {}
+  DiskCacheMigrator(const DiskCacheSettings& settings, DiskCacheVolumes& volumes,
+                    DiskCacheOpenTable& openTable)
+      : m_settings(settings), m_volumes(volumes), m_openTable(openTable) {}
   ~DiskCacheMigrator() { terminate(); }
   DiskCacheMigrator(const DiskCacheMigrator&) = delete;
   DiskCacheMigrator& operator=(const DiskCacheMigrator&) = delete;
@@ -168,7 +171,9 @@ class DiskCacheMigrator {
   int bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where);
   int bringBack(const Job& job, const std::string& name, const RMCodeLocation& where);
 
-  DiskCache& m_diskCache;
+  const DiskCacheSettings& m_settings;
+  DiskCacheVolumes& m_volumes;
+  DiskCacheOpenTable& m_openTable;
   MigrationCB m_callback = nullptr;  // constant after init()
 
   // Held while a migration is being started, so that two cannot be. Before a segment's lock.

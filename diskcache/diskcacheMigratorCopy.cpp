@@ -6,9 +6,7 @@
 #include <optional>
 #include <string_view>
 
-#include "diskcache/diskcache.h"
 #include "diskcache/diskcacheMigrator.h"
-#include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
 #include "support/directory.h"
 #include "support/file.h"
@@ -181,12 +179,12 @@ int DiskCacheMigrator::moveOrCopy(const std::string& source, const std::string& 
 int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                                    const RMCodeLocation& where) {
   if (isUnfinishedCopy(guid)) return 0;  // what a crash left of a copy
-  const QuietSegment segment(m_diskCache, guid);
+  const QuietSegment segment(m_openTable, guid);
   // What a failed replacement left is written over by the next one, under the lock of the segment that it
   // replaces.
   std::optional<QuietSegment> replaced;
   if (guid.ends_with(REPLACEMENT_SUFFIX))
-    replaced.emplace(m_diskCache, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));
+    replaced.emplace(m_openTable, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));
   if (const int rc = replaced && replaced->error() != 0 ? replaced->error() : segment.error(); rc != 0) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't open segment [%s] (%d)", guid.c_str(), 0);
     return rc;

@@ -5,11 +5,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "diskcache/diskcache.h"
 #include "diskcache/diskcacheMigrator.h"
-#include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcacheVolume.h"
 #include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
@@ -98,12 +95,8 @@ int DiskCacheMigrator::switchVolume(const Job& job, const RMCodeLocation& where)
     return rc;
   }
   createDir(join(job.dst, RECYCLE_DIR, '/'));  // every volume has one; it may be among what was left behind
-  std::string destination = job.dst;
-  const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-  m_diskCache.volumeRecord(job.vol).dir.swap(destination);
+  m_volumes.moveVolume(job.vol, job.dst, where);
   m_generation.fetch_add(1, std::memory_order_release);
-  // Also when volumes are not persistent, and whatever comes of it: meant.
-  guarded(where, [this]() DC_NO_THREAD_SAFETY_ANALYSIS { return m_diskCache.saveVolumeInfo(); });
   return 0;
 }
 
@@ -127,7 +120,7 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
   Job returning = job;
   returning.isReturning = true;
   publish(std::make_shared<const Job>(returning), true);
-  m_diskCache.waitForSegmentWork();  // afterwards nobody changes anything at the destination
+  m_openTable.waitForSegmentWork();  // afterwards nobody changes anything at the destination
   int result = 0;
   for (const std::string& name : m_changes.names()) {
     const int rc = guarded(where, [&] { return bringBackLocked(returning, name, where); });
@@ -140,7 +133,7 @@ int DiskCacheMigrator::undo(const Job& job, const RMCodeLocation& where) {
 }
 
 int DiskCacheMigrator::bringBackLocked(const Job& job, const std::string& name, const RMCodeLocation& where) {
-  const QuietSegment segment(m_diskCache, name.substr(name.rfind('/') + 1));
+  const QuietSegment segment(m_openTable, name.substr(name.rfind('/') + 1));
   return segment.error() != 0 ? segment.error() : bringBack(job, name, where);
 }
 

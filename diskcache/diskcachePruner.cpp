@@ -8,11 +8,9 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
+#include <optional>
 #include <utility>
 
-#include "diskcache/diskcache.h"
-#include "diskcache/diskcacheContexts.h"
-#include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcachePaths.h"
 #include "support/config.h"
 #include "support/directory.h"
@@ -48,7 +46,7 @@ int DiskCachePruner::init() {
 void DiskCachePruner::shutdown() {
   if (!m_thread.threadInProgress()) return;
   m_stop = true;
-  m_wakeup.set();
+  m_space.wakePruner();
   m_thread.joinThread(KXThread::WAIT_FOREVER, nullptr);
 }
 
@@ -64,12 +62,12 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
                                                             std::numeric_limits<unsigned long>::max());
     minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
     DC_LOG_AT(where, LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
-    m_wakeup.wait(minutes * 60000);
+    m_space.waitForWakeup(minutes * 60000);
     if (m_stop) break;
-    if (const int rc = m_diskCache.refreshCacheUtilizationData(); rc != 0) {
+    if (const int rc = m_volumes.refreshCacheUtilizationData(); rc != 0) {
       DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
     }
-    if (!m_diskCache.isOverHighWatermark()) continue;
+    if (!m_space.isOverHighWatermark()) continue;
     PrunerError result = PrunerError::GoOn;
     while (result == PrunerError::GoOn) {
       try {
@@ -88,10 +86,7 @@ void DiskCachePruner::run(const RMCodeLocation& where) {
 PrunerError DiskCachePruner::deletePrunableSegments() {
   DC_LOG(LogLevel::Segment, "deleting prunable segments");
   std::vector<VolIndex> volumes;
-  {
-    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-    for (const auto& [index, volume] : m_diskCache.m_volumes) volumes.push_back(index);
-  }
+  for (const auto& [index, dir] : m_volumes.directories()) volumes.push_back(index);
   shuffle(volumes);
   for (const VolIndex volume : volumes) {
     if (deletePrunableSegsInVol(volume) == PrunerError::Done) return PrunerError::Done;
@@ -101,21 +96,16 @@ PrunerError DiskCachePruner::deletePrunableSegments() {
 
 PrunerError DiskCachePruner::deletePrunableSegsInVol(VolIndex volume) {
   DC_LOG(LogLevel::Segment, "pruning in vol %d", volume);
-  std::string root;
-  {
-    const KxCriticalSectionLock lock(&m_diskCache.m_volumeLock);
-    const auto found = m_diskCache.m_volumes.find(volume);
-    if (found == m_diskCache.m_volumes.end()) {
-      DC_LOG(LogLevel::Error, "Error: can't find volume %d", volume);
-      return PrunerError::BranchFailed;
-    }
-    root = found->second.dir;
+  const std::optional<std::string> root = m_volumes.findDirectory(volume);
+  if (!root) {
+    DC_LOG(LogLevel::Error, "Error: can't find volume %d", volume);
+    return PrunerError::BranchFailed;
   }
-  if (root.empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
-  auto contexts = m_diskCache.m_contexts->callbacks();
+  if (root->empty()) return PrunerError::Exhausted;  // below it lies the process's working directory
+  auto contexts = m_contexts.callbacks();
   shuffle(contexts);
   for (const auto& [dir, callback] : contexts) {
-    if (deletePrunableSegsInDir(join(root, dir, '/'), dir, callback) == PrunerError::Done)
+    if (deletePrunableSegsInDir(join(*root, dir, '/'), dir, callback) == PrunerError::Done)
       return PrunerError::Done;
   }
   return PrunerError::Exhausted;
@@ -136,7 +126,7 @@ PrunerError DiskCachePruner::deletePrunableSegsInDir(const std::string& path, co
 
 PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string& path,
                                           const std::string& inVolume, const Walk& walk) {
-  if (m_diskCache.m_contexts->isNonPrunable(inVolume)) return PrunerError::GoOn;
+  if (m_contexts.isNonPrunable(inVolume)) return PrunerError::GoOn;
   DC_LOG_AT(walk.where, LogLevel::Segment, "pruning in [%s] [%s]", path.c_str(), walk.dir.c_str());
   if (entries.error() != 0) {
     DC_LOG_AT(walk.where, LogLevel::Segment, "can't open directory %s (%d)", path.c_str(), entries.error());
@@ -171,10 +161,10 @@ PrunerError DiskCachePruner::pruneEntries(Directory& entries, const std::string&
 
 // Open as a segment, or the unfinished file of one that is: taking that would make a replacement fail.
 bool DiskCachePruner::isInUse(const guid_t& name, const RMCodeLocation& where) {
-  if (m_diskCache.isInOpenTable(name, where)) return true;
+  if (m_openTable.isSegmentOpened(name, where)) return true;
   for (const std::string_view suffix : {REPLACEMENT_SUFFIX, RMFile::COPY_SUFFIX}) {
     if (name.ends_with(suffix) &&
-        m_diskCache.isInOpenTable(name.substr(0, name.size() - suffix.size()), where))
+        m_openTable.isSegmentOpened(name.substr(0, name.size() - suffix.size()), where))
       return true;
   }
   return false;
@@ -184,7 +174,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
                                           const std::string& dir, const PrunerCallback& callback) {
   DC_LOG(LogLevel::Segment, "pruning [%s] [%s] [%s]", path.c_str(), guid.c_str(), dir.c_str());
   if (m_stop) return PrunerError::Done;
-  if (!m_diskCache.isOverLowWatermark()) {
+  if (!m_space.isOverLowWatermark()) {
     DC_LOG(LogLevel::Segment, "reached low watermark");
     return PrunerError::Done;
   }
@@ -192,7 +182,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
     DC_LOG(LogLevel::Segment, "File is opened. cannot prune [%s]", path.c_str());
     return PrunerError::GoOn;
   }
-  if (m_diskCache.m_lru->isInLru(guid, false)) {
+  if (m_lru.isInLru(guid, false)) {
     DC_LOG(LogLevel::Segment, "File is in LRU. cannot prune [%s]", path.c_str());
     return PrunerError::GoOn;
   }
@@ -202,7 +192,7 @@ PrunerError DiskCachePruner::pruneSegment(const std::string& path, const std::st
   } catch (...) {
     DC_LOG(LogLevel::Error, "Error: pruning callback of [%s] threw", dir.c_str());
   }
-  m_diskCache.m_stats.numPruned++;  // also without a callback
+  m_space.stats().numPruned++;  // also without a callback
   return PrunerError::GoOn;
 }
 

@@ -13,16 +13,19 @@
 #include <string>
 #include <vector>
 
+#include "diskcache/diskcacheContexts.h"
+#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheOpen.h"
+#include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/diskcacheVolume.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
-#include "support/event.h"
 #include "support/thread.h"
 
 namespace ObjectStore {
 
 class Directory;
-class DiskCache;
 
 // What a step of the walk found.
 enum class PrunerError : int32_t {
@@ -34,7 +37,9 @@ enum class PrunerError : int32_t {
 
 class DiskCachePruner {
  public:
-  explicit DiskCachePruner(DiskCache& cache) : m_diskCache(cache) {}
+  DiskCachePruner(DiskCacheSpace& space, DiskCacheContexts& contexts, DiskCacheOpenTable& openTable,
+                  DiskCacheVolumes& volumes, DiskcacheLRU& lru)
+      : m_space(space), m_contexts(contexts), m_openTable(openTable), m_volumes(volumes), m_lru(lru) {}
   ~DiskCachePruner() { shutdown(); }
   DiskCachePruner(const DiskCachePruner&) = delete;
   DiskCachePruner& operator=(const DiskCachePruner&) = delete;
@@ -44,7 +49,7 @@ class DiskCachePruner {
   // Stops the thread and waits for its end, which a running callback may put off.
   void shutdown();
   // Any thread.
-  void wakeupPrunerThread() { m_wakeup.set(); }
+  void wakeupPrunerThread() { m_space.wakePruner(); }
 
   // One walk, on the calling thread.
   PrunerError deletePrunableSegments();
@@ -65,10 +70,13 @@ class DiskCachePruner {
   static void* threadEntry(void* pruner);
   void run(const RMCodeLocation& where);
 
-  DiskCache& m_diskCache;
+  DiskCacheSpace& m_space;
+  DiskCacheContexts& m_contexts;
+  DiskCacheOpenTable& m_openTable;
+  DiskCacheVolumes& m_volumes;
+  DiskcacheLRU& m_lru;
   std::time_t m_startTime = 0;  // kept, not read
   KXThread m_thread;
-  KxEvent m_wakeup{false};
   RelaxedAtomic<bool> m_stop{false};
 };
 

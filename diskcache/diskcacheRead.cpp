@@ -7,9 +7,10 @@
 #include <memory>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLook.h"
 #include "diskcache/diskcachePaths.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
+#include "diskcache/segmentRecords.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -64,17 +65,10 @@ int seekTo(std::FILE* stream, uint64_t offset) {
   return errno != 0 ? errno : EIO;
 }
 
-CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
-  return failAt(where, LogLevel::Error, EINVAL, "Error: wrong type found=%d expected=%d", found, expected);
-}
-
-}  // namespace
-
-CZuError DiskCache::openForRead(SegmentFile& file, std::string& path, SegmentHeader& header,
-                                const DiskCacheContext& ctx, const guid_t& guid,
-                                const RMCodeLocation& where) {
-  const int rc = lookUntilCertain(ctx, [&] {
-    path = pathInUse(ctx, guid);
+CZuError openForRead(DiskCacheState& engine, SegmentFile& file, std::string& path, SegmentHeader& header,
+                     const DiskCacheContext& ctx, const guid_t& guid, const RMCodeLocation& where) {
+  const int rc = engine.places.lookUntilCertain(ctx, [&] {
+    path = engine.places.pathInUse(ctx, guid);
     return file.open(path, READ_FLAGS) ? 0 : file.error();
   });
   if (file.fd() < 0) {
@@ -85,6 +79,12 @@ CZuError DiskCache::openForRead(SegmentFile& file, std::string& path, SegmentHea
   return error;
 }
 
+CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
+  return failAt(where, LogLevel::Error, EINVAL, "Error: wrong type found=%d expected=%d", found, expected);
+}
+
+}  // namespace
+
 CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid,
                                  std::vector<Section>& sections, bool updateLru) try {
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
@@ -92,12 +92,15 @@ CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid
   DC_LOG(LogLevel::Segment, "cache: reading segment [%s] vol=%d secs=%lu", guid.c_str(), ctx.volume,
          sections.size());
   if (updateLru) {
-    if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+    if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+        error.IsError())
+      return error;
   }
   SegmentFile file(__func__);
   SegmentHeader header;
   std::string path;
-  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+  if (const CZuError error = openForRead(*m_state, file, path, header, ctx, guid, RM_CODE_LOCATION);
+      error.IsError()) {
     return error;
   }
   for (size_t i = 0; i < sections.size(); ++i) {
@@ -151,14 +154,16 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: readall segment [%s] vol=%d", guid.c_str(), ctx.volume);
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
   if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
 
   std::string path;
   Stream stream;
   const char* const name = __func__;
-  const int openError = lookUntilCertain(ctx, [&] {
-    path = pathInUse(ctx, guid);
+  const int openError = m_state->places.lookUntilCertain(ctx, [&] {
+    path = m_state->places.pathInUse(ctx, guid);
     return openStream(stream, path, name);
   });
   if (!stream) {
@@ -227,12 +232,15 @@ CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: read segment [%s] vol=%d section %d", guid.c_str(), ctx.volume, type);
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
 
   SegmentFile file(__func__);
   SegmentHeader header;
   std::string path;
-  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+  if (const CZuError error = openForRead(*m_state, file, path, header, ctx, guid, RM_CODE_LOCATION);
+      error.IsError()) {
     return error;
   }
   // The descriptor stays open on the three failure paths that say so: this is meant.
@@ -282,7 +290,8 @@ CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, 
   SegmentFile file(__func__);
   SegmentHeader header;
   std::string path;
-  if (const CZuError error = openForRead(file, path, header, ctx, guid, RM_CODE_LOCATION); error.IsError()) {
+  if (const CZuError error = openForRead(*m_state, file, path, header, ctx, guid, RM_CODE_LOCATION);
+      error.IsError()) {
     return error;
   }
   bool found = false;
@@ -305,12 +314,13 @@ CZuError DiskCache::getSectionSize(uint64_t& size, const DiskCacheContext& ctx, 
 bool DiskCache::doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (checkGuid(guid, RM_CODE_LOCATION).IsError()) return false;
   std::string path;
-  const auto isIn = [&](const std::string& dir) { return isCopyThere(path, guid, ctx.volume, dir); };
-  const bool exists = lookUntilCertain(ctx, [&] {
-                        if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty() && isIn(ctx.nonprunableDir))
-                          return 0;
-                        return isIn(ctx.dir) ? 0 : ENOENT;
-                      }) == 0;
+  const auto isIn = [&](const std::string& dir) {
+    return m_state->places.isCopyThere(path, guid, ctx.volume, dir);
+  };
+  const bool exists = m_state->places.lookUntilCertain(ctx, [&] {
+    if (ctx.useNonPrunableDir && !ctx.nonprunableDir.empty() && isIn(ctx.nonprunableDir)) return 0;
+    return isIn(ctx.dir) ? 0 : ENOENT;
+  }) == 0;
   DC_LOG(LogLevel::Segment, exists ? "[%s] exists" : "[%s] does not exist", path.c_str());
   return exists;
 } catch (...) {

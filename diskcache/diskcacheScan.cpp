@@ -1,28 +1,19 @@
-// The start-up scan that fills the recency list from the volumes' directory trees.
 #include "diskcache/diskcacheScan.h"
 
 #include <sys/stat.h>
 
-#include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
+#include "diskcache/engineSteps.h"
 #include "support/directory.h"
 #include "support/file.h"
 #include "support/log.h"
 
 namespace ObjectStore {
 
-int readChildren(std::vector<std::string>& out, const std::string& dir) {
-  Directory entries(dir);
-  if (entries.error() != 0) {
-    DC_LOG(LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(), entries.error());
-    return entries.error();
-  }
-  while (entries.next()) out.emplace_back(entries.name());
-  return 0;
-}
+namespace {
 
 // One directory of the path that the scan has come down, and what the whole pass has in common.
-struct DiskCache::ScanLevel {
+struct ScanLevel {
+  DiskcacheLRU& list;
   const ScanLevel* above;
   int depth;
   dev_t device;
@@ -32,7 +23,7 @@ struct DiskCache::ScanLevel {
   RMCodeLocation where;
 
   ScanLevel below(const struct stat& status) const {
-    return {this, depth + 1, status.st_dev, status.st_ino, volume, ctxDir, where};
+    return {list, this, depth + 1, status.st_dev, status.st_ino, volume, ctxDir, where};
   }
   bool isWithin(const struct stat& status) const {
     for (const ScanLevel* level = this; level; level = level->above) {
@@ -55,15 +46,7 @@ struct DiskCache::ScanLevel {
   }
 };
 
-int DiskCache::scanDirForSegments(const std::string& dir, VolIndex volume, const std::string& ctxDir) {
-  Directory entries(dir);
-  struct stat status {};
-  if (entries.error() == 0) entries.ownStatus(status);  // without one, no link is known to lead back here
-  return scanEntries(entries, dir,
-                     {nullptr, 0, status.st_dev, status.st_ino, volume, ctxDir, RM_CODE_LOCATION});
-}
-
-int DiskCache::scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level) {
+int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& level) {
   if (entries.error() != 0) {
     DC_LOG_AT(level.where, LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(),
               entries.error());
@@ -83,8 +66,8 @@ int DiskCache::scanEntries(Directory& entries, const std::string& dir, const Sca
       if (rc != 0) return rc;
       continue;
     }
-    // Every file counts as a segment, whatever its name.
-    if (const CZuError error = m_lru->addToLru(entries.name(), level.volume, level.ctxDir); error.IsError()) {
+    if (const CZuError error = level.list.addToLru(entries.name(), level.volume, level.ctxDir);
+        error.IsError()) {
       DC_LOG_AT(level.where, LogLevel::Error, "Error: can't add to lru: [%s]: %s", entries.name(),
                 error.AsString().c_str());
       entries.leaveOpen();  // meant
@@ -94,24 +77,45 @@ int DiskCache::scanEntries(Directory& entries, const std::string& dir, const Sca
   return 0;
 }
 
-CZuError DiskCache::scanSegmentsIntoLru() {
-  DC_LOG(LogLevel::Notice, "scanning segments");
-  const KxCriticalSectionLock lruLock(&m_lru->m_lruLock);
-  const KxCriticalSectionLock lock(&m_volumeLock);
-  for (const auto& [index, volume] : m_volumes) {
-    if (volume.dir.empty()) continue;
+}  // namespace
+
+int readChildren(std::vector<std::string>& out, const std::string& dir) {
+  Directory entries(dir);
+  if (entries.error() != 0) {
+    DC_LOG(LogLevel::Error, "Error: can't open directory [%s] (%d)", dir.c_str(), entries.error());
+    return entries.error();
+  }
+  while (entries.next()) out.emplace_back(entries.name());
+  return 0;
+}
+
+int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume,
+                       const std::string& ctxDir) {
+  Directory entries(dir);
+  struct stat status {};
+  if (entries.error() == 0) entries.ownStatus(status);  // without one, no link is known to lead back here
+  return scanEntries(
+      entries, dir,
+      {list, nullptr, 0, status.st_dev, status.st_ino, volume, ctxDir, DC_STEP(scanDirForSegments)});
+}
+
+CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes) {
+  const RMCodeLocation where = DC_STEP(scanSegmentsIntoLru);
+  DC_LOG_AT(where, LogLevel::Notice, "scanning segments");
+  for (const auto& [index, volumeDir] : volumes.directories()) {
+    if (volumeDir.empty()) continue;
     std::vector<std::string> children;
-    if (const int rc = readChildren(children, volume.dir); rc != 0) {
-      return DC_FAIL(LogLevel::Error, rc, "Error: Can't read root directories");
+    if (const int rc = readChildren(children, volumeDir); rc != 0) {
+      return failAt(where, LogLevel::Error, rc, "Error: Can't read root directories");
     }
     // The whole volume is scanned for each child, on purpose: a segment keeps the tag of the first child in
     // whose pass it was found, and later passes move it to the front.
     for (const std::string& child : children) {
-      DC_LOG(LogLevel::Segment, "scanning root [%s]", child.c_str());
-      scanDirForSegments(volume.dir, index, child);
+      DC_LOG_AT(where, LogLevel::Segment, "scanning root [%s]", child.c_str());
+      scanDirForSegments(list, volumeDir, index, child);
     }
   }
-  DC_LOG(LogLevel::Segment, "Finished scanning segments");
+  DC_LOG_AT(where, LogLevel::Segment, "Finished scanning segments");
   return {};
 }
 

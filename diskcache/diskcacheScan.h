@@ -1,10 +1,26 @@
-// Internal: listing a volume's top-level directories.
+// The start-up scan that fills the recency list from the volumes' directory trees.
+//
+// Internal. Used on one thread, before others know of the engine. Every file counts as a segment, whatever
+// its name.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheVolume.h"
+#include "support/error.h"
+
 namespace ObjectStore {
+
+// Enters the files below every volume. An error for a volume that cannot be listed; those after it are not
+// scanned.
+CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes);
+
+// Enters the files below `dir` as those of a volume and a context's directory; 0 or a system error number,
+// which is logged.
+int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume,
+                       const std::string& ctxDir);
 
 // Appends the names in a directory, files and directories alike, in the order the system gives them; 0 or a
 // system error number, which is logged.

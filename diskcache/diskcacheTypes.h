@@ -1,7 +1,7 @@
 // The records that a client of the cache fills in or gets back, and the choices it makes.
 //
-// Plain values: each belongs to whoever made it, and none is safe to change on one thread while another
-// uses it.
+// Plain values: each belongs to whoever made it, and none is safe to change on one thread while another uses
+// it.
 #pragma once
 
 #include <cstdint>
@@ -15,13 +15,14 @@
 #include "diskcache/segmentFormat.h"
 #include "diskcache/segmentGate.h"
 #include "support/atomicCounter.h"
+#include "support/export.h"
 #include "support/lock.h"
 
 namespace ObjectStore {
 
-// A segment's identifier; also its file's name. Never empty, without '/' and NUL, and with no directory
-// level ("..") among its first characters. That of a new segment has at most 255 bytes and does not end in
-// ".temp" or ".copying", which are unfinished files.
+// A segment's identifier; also its file's name. Never empty, without '/' and NUL, and with no directory level
+// ("..") among its first characters. That of a new segment has at most 255 bytes and does not end in ".temp"
+// or ".copying", which are unfinished files.
 using guid_t = std::string;
 
 // The object store's identifier lengths in characters: whole, of an extent, and the least. The cache itself
@@ -43,8 +44,12 @@ enum class PersistentVolumes : int32_t {
 };
 
 enum class PruningMode : int32_t {
-  Random = 0,  // a pruner thread walks the directories when space runs short
-  Lru = 1,     // a full recency list gives up its least recently used segment
+  // A pruner thread walks the directories when space runs short. Segments are given up for bytes only, and
+  // never those that are in the recency list.
+  Random = 0,
+  // The segments on disk are scanned into the recency list; when it is full it gives up its least recently
+  // used one, and never one for bytes.
+  Lru = 1,
 };
 
 // Where writeSections writes when the context has a non-prunable directory.
@@ -61,9 +66,9 @@ enum class Recycle : int32_t {
 
 // Asked with (context directory, segment path, identifier); gives the segment up, normally by
 // DiskCache::deleteSegment, and returns whether it did. Called from the pruner's thread, or from any thread
-// that adds to a full recency list, then with the list's lock held: it must not wait for another thread
-// that uses the cache (clearCache and migrate may). Its context is an object of its own, with the segment's volume set. It must not
-// throw (a throw counts as false) and must not destroy the engine.
+// that adds to a full recency list, then with the list's lock held: it must not wait for another thread that
+// uses the cache (clearCache and migrate may). Its context is an object of its own, with the segment's volume
+// set. It must not throw (a throw counts as false) and must not destroy the engine.
 using PrunerCallback =
     std::function<bool(const std::string& dir, const std::string& path, const std::string& guid)>;
 
@@ -71,8 +76,8 @@ using PrunerCallback =
 // migration thread; must not throw and must not destroy the engine.
 using MigrationCB = void (*)(int error, const std::string& source, const std::string& destination);
 
-// One directory tree of a client. The client fills it in, registers it and passes it to every operation:
-// the same values, but to createSegment an object that no other thread uses meanwhile.
+// One directory tree of a client. The client fills it in, registers it and passes it to every operation: the
+// same values, but to createSegment an object that no other thread uses meanwhile.
 struct DiskCacheContext {
   std::string dir;             // relative to a volume's root; prunable segments; the key of registration
   std::string nonprunableDir;  // likewise; segments that pruning leaves alone; may be empty
@@ -85,7 +90,9 @@ struct DiskCacheContext {
   bool registered = false;
 };
 
-// One section in a buffer of the caller's.
+// One section in a buffer of the caller's. It is written from its `len` bytes at `data`, to position `off` of
+// its payload; `len` is at least 1 and at most `bufferSize`, `type` is 0 to 5: otherwise EINVAL; above
+// 2,147,479,552, which is what the system writes at once, EFBIG.
 struct Section : SectionDesc {
   uint64_t off = 0;               // position in the payload at which the data belongs, or reading starts
   unsigned char* data = nullptr;  // never written to by the writing operations
@@ -99,7 +106,7 @@ struct SectionV : SectionDesc {
   std::vector<unsigned char> data;
 };
 
-// Where a section's payload lies in its segment's file.
+// Where a section's payload lies in its segment's file: within it, as long as it was when this was found out.
 struct SectionPlace {
   int32_t type = 0;     // the one asked for
   int32_t subType = 0;  // as stored
@@ -131,7 +138,15 @@ struct Stats {
   void clear() { *this = Stats(); }
 };
 
-// One open segment, shared by all who work on it.
+// Sets the map's entry under prefix + key to the decimal text of a value, or to a text.
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               uint64_t value, const std::string& prefix);
+DISKCACHE_EXPORT void pushStat(std::map<std::string, std::string>& stats, const std::string& key,
+                               const std::string& value, const std::string& prefix);
+
+// One open segment, shared by all who work on it. Whoever waits in an operation for others that work on the
+// segment and holds its lock already, however often, has none of its entries meanwhile, and all of them after
+// it.
 struct OpenSegmentInfo {
   int32_t refCount = 1;    // guarded by the table's lock
   KxCriticalSection lock;  // held for all work on the segment's file but the bytes written in place

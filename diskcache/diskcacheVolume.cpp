@@ -1,18 +1,12 @@
-// The set of volumes, the file that persists it, and the choice of a volume for a new segment.
 #include "diskcache/diskcacheVolume.h"
-
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <limits>
 
-#include "diskcache/diskcache.h"
+#include "diskcache/engineSteps.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -24,26 +18,7 @@ constexpr VolIndex MAX_VOL_INDEX = std::numeric_limits<VolIndex>::max();
 
 unsigned long long llu(uint64_t value) { return value; }
 
-// Truncates toward zero in single precision, as the reserve has always been rounded.
-uint64_t reserveOf(uint64_t total) {
-  const float reserve = static_cast<float>(total) * RESERVE_PERCENTAGE / 100.0F;
-  return static_cast<uint64_t>(reserve);
-}
-
 }  // namespace
-
-int getCurrVolumeSize(Volume& volume) {
-  uint64_t freeBytes = 0;
-  uint64_t totalBytes = 0;
-  if (const int rc = getFreeBytes(&freeBytes, &totalBytes, volume.dir); rc != 0) {
-    DC_LOG(LogLevel::Error, "Can't get free bytes %s (%d)", volume.dir.c_str(), rc);
-    return rc;
-  }
-  volume.free = static_cast<int64_t>(freeBytes);
-  volume.total = totalBytes;
-  volume.reserved = reserveOf(totalBytes);
-  return 0;
-}
 
 VolIndex getUnusedIndex(std::list<VolIndex>& used) {
   if (used.size() >= MAX_VOL_INDEX) return 0;
@@ -63,19 +38,6 @@ VolIndex getUnusedIndex(std::list<VolIndex>& used) {
   return index;
 }
 
-bool isStorableLine(const std::string& dir) {
-  using namespace std::string_view_literals;
-  return dir.find_first_of("\n\0"sv) == std::string::npos;
-}
-
-bool isStorableVolume(const std::string& dir) {
-  return isStorableLine(dir) && dir.find(',') == std::string::npos;
-}
-
-void strip(std::string& text) {
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\n')) text.pop_back();
-}
-
 void printFreeSpaceList(const std::list<Volume*>& volumes) {
   std::cout << "free space list" << std::endl;
   for (const Volume* volume : volumes) {
@@ -85,20 +47,20 @@ void printFreeSpaceList(const std::list<Volume*>& volumes) {
 
 // The volumes at one moment. The rotation's entries and the records' places point at each other within the
 // set, so that two swaps put it in the engine's place.
-struct DiskCache::VolumeSet {
+struct DiskCacheVolumes::VolumeSet {
   std::map<VolIndex, Volume> volumes;
   std::list<Volume*> rotation;
   std::optional<std::list<Volume*>::iterator> next;
 };
 
 // What making volumes ready has come to: the numbers in use, and what to add to the space counters.
-struct DiskCache::VolumeGain {
+struct DiskCacheVolumes::VolumeGain {
   std::list<VolIndex> indexes;
   int64_t used = 0;
   int64_t capacity = 0;
 };
 
-DiskCache::VolumeSet DiskCache::copyOfVolumes() {
+DiskCacheVolumes::VolumeSet DiskCacheVolumes::copyOfVolumes() {
   VolumeSet copy{m_volumes, {}, {}};
   for (auto entry = m_freeSpaceList.begin(); entry != m_freeSpaceList.end(); ++entry) {
     Volume& record = copy.volumes.at((*entry)->index);
@@ -109,36 +71,36 @@ DiskCache::VolumeSet DiskCache::copyOfVolumes() {
   return copy;
 }
 
-void DiskCache::putBack(VolumeSet& before) noexcept {
+void DiskCacheVolumes::putBack(VolumeSet& before) noexcept {
   m_volumes.swap(before.volumes);
   m_freeSpaceList.swap(before.rotation);
   m_nextVolume = before.next.value_or(m_freeSpaceList.end());
 }
 
-int DiskCache::initVolumes(const std::vector<std::string>& dirs) try {
+int DiskCacheVolumes::initVolumes(const std::vector<std::string>& dirs) try {
   const KxCriticalSectionLock lock(&m_volumeLock);
   VolumeSet before = copyOfVolumes();
   VolumeGain gain;
   int rc = 0;
   try {
-    rc = setUpVolumes(dirs, gain, RM_CODE_LOCATION);
+    rc = setUpVolumes(dirs, gain, DC_STEP(initVolumes));
   } catch (...) {
-    rc = RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
+    rc = RMErrorUtil::GetErrNo(failWithException(DC_STEP(initVolumes)));
   }
   if (rc == ENOMEM) {
     putBack(before);
   } else {
-    m_totalCacheUsed += gain.used;
-    m_totalCache += gain.capacity;
+    m_space.addUsed(gain.used);
+    m_space.addCapacity(gain.capacity);
   }
   return rc;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
+  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(initVolumes)));
 }
 
-int DiskCache::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain,
-                            const RMCodeLocation& where) {
-  const bool persistent = m_persistentVolumes == PersistentVolumes::Yes;
+int DiskCacheVolumes::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain,
+                                   const RMCodeLocation& where) {
+  const bool persistent = m_settings.persistentVolumes == PersistentVolumes::Yes;
   if (persistent && !std::all_of(dirs.begin(), dirs.end(), isStorableVolume)) {
     DC_LOG_AT(where, LogLevel::Error, "Error: volume name with ',' or a line feed can't be stored");
     return EINVAL;
@@ -170,7 +132,7 @@ int DiskCache::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& ga
 
 // Neither the rotation nor the counters are cleared first, on purpose: a volume that is named again stands
 // in the rotation twice and is counted twice, until removeAllVolumes and the next refresh.
-bool DiskCache::enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where) {
+bool DiskCacheVolumes::enableVolume(const std::string& dir, VolumeGain& gain, const RMCodeLocation& where) {
   int rc = ENOENT;  // of an empty name, which is never given a number
   if (!dir.empty()) {
     Volume* volume = findDirInVolumes(dir);
@@ -198,12 +160,12 @@ bool DiskCache::enableVolume(const std::string& dir, VolumeGain& gain, const RMC
   return true;
 }
 
-void DiskCache::appendToRotation(Volume& volume) {
+void DiskCacheVolumes::appendToRotation(Volume& volume) {
   volume.listPos = m_freeSpaceList.insert(m_freeSpaceList.end(), &volume);
 }
 
-int DiskCache::addVolume(const std::string& dir) try {
-  DC_LOG(LogLevel::Info, "Adding volume: %s", dir.c_str());
+int DiskCacheVolumes::addVolume(const std::string& dir) try {
+  DC_LOG_AT(DC_STEP(addVolume), LogLevel::Info, "Adding volume: %s", dir.c_str());
   const KxCriticalSectionLock lock(&m_volumeLock);
   std::vector<std::string> dirs;
   for (const auto& [index, volume] : m_volumes) {
@@ -212,11 +174,11 @@ int DiskCache::addVolume(const std::string& dir) try {
   dirs.push_back(dir);
   return initVolumes(dirs);
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
+  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(addVolume)));
 }
 
-int DiskCache::removeVolume(const std::string& dir) try {
-  DC_LOG(LogLevel::Info, "Removing volume: %s", dir.c_str());
+int DiskCacheVolumes::removeVolume(const std::string& dir) try {
+  DC_LOG_AT(DC_STEP(removeVolume), LogLevel::Info, "Removing volume: %s", dir.c_str());
   const KxCriticalSectionLock lock(&m_volumeLock);
   const Volume* const removed = findDirInVolumes(dir);
   // Every other volume is enabled again, also one that was disabled on its own: this is meant.
@@ -230,26 +192,26 @@ int DiskCache::removeVolume(const std::string& dir) try {
   if (rc == ENOMEM) putBack(before);
   return rc;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
+  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(removeVolume)));
 }
 
-int DiskCache::removeAllVolumes() {
-  DC_LOG(LogLevel::Info, "Removing all volumes");
+int DiskCacheVolumes::removeAllVolumes() {
+  DC_LOG_AT(DC_STEP(removeAllVolumes), LogLevel::Info, "Removing all volumes");
   const KxCriticalSectionLock lock(&m_volumeLock);
   m_volumes.clear();
   m_freeSpaceList.clear();
   m_nextVolume = m_freeSpaceList.end();
-  m_totalCacheUsed = 0;
-  m_segmentsInCache = 0;
+  m_space.setUsed(0);
+  m_space.forgetSegments();
   return 0;
 }
 
-int DiskCache::disableNewSegments(const std::string& dir) {
-  DC_LOG(LogLevel::Info, "disable new segments: %s", dir.c_str());
+int DiskCacheVolumes::disableNewSegments(const std::string& dir) {
+  DC_LOG_AT(DC_STEP(disableNewSegments), LogLevel::Info, "disable new segments: %s", dir.c_str());
   const KxCriticalSectionLock lock(&m_volumeLock);
   Volume* const volume = findDirInVolumes(dir);
   if (!volume) {
-    DC_LOG(LogLevel::Error, "Can't disable new segment %s", dir.c_str());
+    DC_LOG_AT(DC_STEP(disableNewSegments), LogLevel::Error, "Can't disable new segment %s", dir.c_str());
     return ENOENT;
   }
   volume->allow = false;
@@ -261,91 +223,35 @@ int DiskCache::disableNewSegments(const std::string& dir) {
   return 0;
 }
 
-int DiskCache::enableNewSegments(const std::string& dir) try {
-  DC_LOG(LogLevel::Info, "enable new segments: %s", dir.c_str());
+int DiskCacheVolumes::enableNewSegments(const std::string& dir) try {
+  DC_LOG_AT(DC_STEP(enableNewSegments), LogLevel::Info, "enable new segments: %s", dir.c_str());
   const KxCriticalSectionLock lock(&m_volumeLock);
   Volume* const volume = findDirInVolumes(dir);
   if (!volume) {
-    DC_LOG(LogLevel::Error, "Can't disable new segment %s",
-           dir.c_str());  // "disable": clients know this text
+    DC_LOG_AT(DC_STEP(enableNewSegments), LogLevel::Error, "Can't disable new segment %s",
+              dir.c_str());  // "disable": clients know this text
     return ENOENT;
   }
   if (!volume->listPos) appendToRotation(*volume);
   volume->allow = true;
   return 0;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(RM_CODE_LOCATION));
+  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(enableNewSegments)));
 }
 
-void DiskCache::getVolumeStats(std::vector<Volume>& out) {
+void DiskCacheVolumes::getVolumeStats(std::vector<Volume>& out) {
   const KxCriticalSectionLock lock(&m_volumeLock);
   for (const auto& [index, volume] : m_volumes) out.push_back(volume);
 }
 
-int DiskCache::loadVolumeInfo() {
-  const std::string path = join(m_rootDir, VOLUME_INFO_FNAME, '/');
-  std::string content;
-  const int rc = readWholeFile(path, content);
-  if (rc == ENOENT) {
-    DC_LOG(LogLevel::Info, "Volume file not found - %s (%d)", path.c_str(), rc);
-    return 0;
-  }
-  if (rc != 0) {
-    DC_LOG(LogLevel::Error, "Can't open %s (%d)", path.c_str(), rc);
-    return rc;
-  }
-  for (std::string_view rest = content; !rest.empty();) {
-    std::string line(takeLine(rest));
-    strip(line);
-    const size_t comma = line.find(',');
-    if (comma == std::string::npos) {
-      DC_LOG(LogLevel::Info, "Bad volume file line: %s", line.c_str());
-      continue;
-    }
-    // A number out of range is cut to its low 16 bits.
-    const auto index = static_cast<VolIndex>(std::strtol(line.c_str() + comma + 1, nullptr, 10));
-    // In place: the rotation may point at the record, which stays where it is.
-    Volume& volume = m_volumes[index];
-    volume = Volume();
-    volume.dir = line.substr(0, comma);
-    volume.index = index;
-  }
-  return 0;
-}
-
-int DiskCache::saveVolumeInfo() {
-  const std::string path = join(m_rootDir, VOLUME_INFO_FNAME, '/');
-  std::string text;
-  for (const auto& [index, volume] : m_volumes) {
-    if (!volume.dir.empty()) text += volume.dir + ',' + std::to_string(volume.index) + '\n';
-  }
-  std::string written;
-  int rc = readWholeFile(path, written);
-  if (rc == 0 && written == text) return 0;
-  // Whatever else keeps the file from being read is no matter if it can be written. A FIFO that takes its
-  // place now must not be waited for.
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC;
-  errno = 0;
-  const int fd = rc == EINVAL ? -1 : open(path.c_str(), flags, 0600);
-  if (fd < 0) {
-    if (rc != EINVAL) rc = errno != 0 ? errno : EIO;
-    DC_LOG(LogLevel::Error, "Can't open %s (%d)", path.c_str(), rc);
-    return rc;
-  }
-  // Errors from here on go unnoticed, as they always have.
-  [[maybe_unused]] const ssize_t moved = write(fd, text.data(), text.size());
-  close(fd);
-  return 0;
-}
-
-Volume* DiskCache::findDirInVolumes(const std::string& dir) {
+Volume* DiskCacheVolumes::findDirInVolumes(const std::string& dir) {
   if (dir.empty()) return nullptr;  // no volume, but a record that a look-up has left
   const auto found = std::find_if(m_volumes.begin(), m_volumes.end(),
                                   [&](const auto& entry) { return entry.second.dir == dir; });
   return found == m_volumes.end() ? nullptr : &found->second;
 }
 
-std::list<VolIndex> DiskCache::getUsedVolIndex() {
+std::list<VolIndex> DiskCacheVolumes::getUsedVolIndex() {
   std::list<VolIndex> used;
   for (const auto& [index, volume] : m_volumes) {
     if (!volume.dir.empty()) used.push_back(index);
@@ -353,61 +259,46 @@ std::list<VolIndex> DiskCache::getUsedVolIndex() {
   return used;
 }
 
-VolIndex DiskCache::getFirstVolume() {
-  const std::list<VolIndex> used = getUsedVolIndex();
-  return used.empty() ? VolIndex{0} : used.front();
-}
-
-std::optional<VolIndex> DiskCache::onlyVolume() {
+std::optional<VolIndex> DiskCacheVolumes::onlyVolume() {
   const KxCriticalSectionLock lock(&m_volumeLock);
   const std::list<VolIndex> used = getUsedVolIndex();
   return used.size() == 1 ? std::optional(used.front()) : std::nullopt;
 }
 
-VolIndex DiskCache::getNextVolWithSpace() {
+std::string DiskCacheVolumes::volumeRoot(VolIndex volume, size_t room) {
+  std::string root;
   const KxCriticalSectionLock lock(&m_volumeLock);
-  if (m_freeSpaceList.empty()) return 0;
-  if (m_nextVolume == m_freeSpaceList.end()) m_nextVolume = m_freeSpaceList.begin();
-  const auto start = m_nextVolume;
-  do {
-    Volume& volume = **m_nextVolume;
-    uint64_t freeBytes = 0;
-    if (const int rc = getFreeBytes(&freeBytes, nullptr, volume.dir); rc != 0) {
-      // The cursor stays: this volume ends every search until it is disabled. This is meant.
-      DC_LOG(LogLevel::NoSpace, "Can't get free space for %s (%d)", volume.dir.c_str(), rc);
-      return 0;
-    }
-    volume.free = static_cast<int64_t>(freeBytes);
-    if (++m_nextVolume == m_freeSpaceList.end()) m_nextVolume = m_freeSpaceList.begin();
-    if (volume.reserved <= freeBytes) return volume.index;
-  } while (m_nextVolume != start);
-  return 0;
+  const auto found = m_volumes.find(volume);
+  if (found == m_volumes.end()) return root;  // looking makes no volume
+  const std::string& dir = found->second.dir;
+  root.reserve(dir.size() + room);
+  root = dir;
+  return root;
 }
 
-int DiskCache::refreshCacheUtilizationData() {
+Volume& DiskCacheVolumes::volumeRecord(VolIndex volume) {
+  const auto [entry, added] = m_volumes.try_emplace(volume);
+  if (added) entry->second.index = volume;
+  return entry->second;
+}
+
+std::vector<std::pair<VolIndex, std::string>> DiskCacheVolumes::directories() {
+  std::vector<std::pair<VolIndex, std::string>> out;
   const KxCriticalSectionLock lock(&m_volumeLock);
-  uint64_t used = 0;
-  uint64_t capacity = 0;
-  for (auto& [index, volume] : m_volumes) {
-    if (!volume.allow) {
-      DC_LOG(LogLevel::Setup, "Skipped volume [%s] allow=%d", volume.dir.c_str(), 0);
-      continue;
-    }
-    if (const int rc = getCurrVolumeSize(volume); rc != 0) {
-      DC_LOG(LogLevel::Error, "Error %d getting updated volume size for %s, skipped", rc, volume.dir.c_str());
-      continue;
-    }
-    DC_LOG(LogLevel::Info, "volume %s index=%d allow=%d free=%llu total=%lu res=%lu", volume.dir.c_str(),
-           volume.index, 1, llu(volume.free.value()), volume.total, volume.reserved);
-    used += volume.total - volume.free.value();
-    capacity += volume.total;
-  }
-  DC_LOG(LogLevel::Info, "Old m_totalCacheUsed %llu m_totalCache %llu", llu(m_totalCacheUsed.value()),
-         llu(m_totalCache.value()));
-  DC_LOG(LogLevel::Info, "New m_totalCacheUsed %llu m_totalCache %llu", llu(used), llu(capacity));
-  m_totalCacheUsed = static_cast<int64_t>(used);
-  m_totalCache = static_cast<int64_t>(capacity);
-  return 0;
+  for (const auto& [index, volume] : m_volumes) out.emplace_back(index, volume.dir);
+  return out;
+}
+
+std::optional<std::string> DiskCacheVolumes::findDirectory(VolIndex volume) {
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  const auto found = m_volumes.find(volume);
+  return found == m_volumes.end() ? std::nullopt : std::optional(found->second.dir);
+}
+
+void DiskCacheVolumes::moveVolume(VolIndex volume, std::string dir, const RMCodeLocation& where) {
+  const KxCriticalSectionLock lock(&m_volumeLock);
+  volumeRecord(volume).dir.swap(dir);
+  guarded(where, [this]() DC_NO_THREAD_SAFETY_ANALYSIS { return saveVolumeInfo(); });
 }
 
 }  // namespace ObjectStore

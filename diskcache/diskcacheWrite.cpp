@@ -3,12 +3,11 @@
 #include <cerrno>
 
 #include "diskcache/diskcache.h"
-#include "diskcache/diskcacheLru.h"
-#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheOpen.h"
 #include "diskcache/diskcachePaths.h"
-#include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheState.h"
 #include "diskcache/segmentFile.h"
+#include "diskcache/segmentSteps.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -31,12 +30,6 @@ bool hasSecondPlace(const DiskCacheContext& ctx) {
   return ctx.useNonPrunableDir && !ctx.nonprunableDir.empty();
 }
 
-// Whether a write first makes sure of an override copy.
-bool copiesFirst(const DiskCacheContext& ctx, ForceDiskLoc force) {
-  return ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable &&
-         (ctx.moveOnWrite || force == ForceDiskLoc::NonPrunable);
-}
-
 // Whether one of the sections is not there yet. A type that none can have is refused in its turn.
 bool appendsAny(const std::vector<Section>& sections, const SegmentHeader& header) {
   const auto& offsets = header.sectionOffset;
@@ -45,8 +38,6 @@ bool appendsAny(const std::vector<Section>& sections, const SegmentHeader& heade
     return type < offsets.size() && offsets[type] == 0;
   });
 }
-
-}  // namespace
 
 // Where a segment is about to be made.
 struct NewSegment {
@@ -63,8 +54,6 @@ struct NewSegment {
   }
 };
 
-namespace {
-
 CZuError openNewFile(SegmentFile& file, NewSegment& place, const RMCodeLocation& where) {
   constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOATIME;
   if (file.open(place.path, flags, SEGMENT_MODE)) return {};
@@ -79,7 +68,112 @@ CZuError openNewFile(SegmentFile& file, NewSegment& place, const RMCodeLocation&
                 file.error());
 }
 
+CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where) {
+  const auto [rc, error] = timedCall(__func__, PERF_SYNC, [&] { return fsync(fd); });
+  if (rc == 0) return {};
+  return failAt(where, LogLevel::Error, error, "Error: can't fsync file [%s] (%d)", path.c_str(), error);
+}
+
+CZuError claimPlace(DiskCacheState& engine, NewSegment& place, const RMCodeLocation& where) {
+  if (const int rc = engine.migrator.claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
+    return RMErrorUtil::ErrorErrNo(where, rc);
+  place.rootLength = place.path.size();
+  return place.make(where);
+}
+
+// A segment is in neither of its places, whichever it is to be made in: an override copy would hide it, or
+// it the copy's older bytes.
+CZuError checkAbsent(DiskCacheState& engine, const DiskCacheContext& ctx, const guid_t& guid,
+                     const std::string& path, const RMCodeLocation& where) {
+  if (doesFileExist(path)) return alreadyThere(path, where);
+  if (!hasSecondPlace(ctx)) return {};
+  std::string other;
+  const bool isThere = engine.places.isCopyThere(other, guid, ctx.volume, ctx.nonprunableDir);
+  return isThere ? alreadyThere(other, where) : CZuError();
+}
+
+CZuError fillNewSegment(DiskCacheState& engine, int fd, const std::string& path, VolIndex volume,
+                        const std::vector<Section>& sections, bool sync, const RMCodeLocation& where) {
+  if (const CZuError error = engine.records.writeSegmentHeader(fd); error.IsError()) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: Can't write header for [%s]", path.c_str());
+    return error;
+  }
+  for (const Section& section : sections) {
+    if (const CZuError error = engine.records.appendSection(fd, volume, section); error.IsError()) {
+      const int level = levelOf(error);
+      DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
+      return error;
+    }
+  }
+  uint64_t allocated = 0;
+  if (const int rc = getFileSize(nullptr, &allocated, fd); rc != 0) {
+    return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
+  }
+  engine.space.addUsed(static_cast<int64_t>(allocated));
+  DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
+            static_cast<unsigned long long>(engine.space.used()), static_cast<unsigned long long>(allocated));
+  return sync ? syncDescriptor(fd, path, where) : CZuError();
+}
+
+CZuError makeSegment(DiskCacheState& engine, DiskCacheContext& ctx, const guid_t& guid,
+                     const std::vector<Section>& sections, bool sync, bool nonPrune,
+                     const RMCodeLocation& where) {
+  const VolIndex vol = engine.volumes.getNextVolWithSpace();
+  if (vol == 0) {
+    return failAt(where, LogLevel::NoSpace, engine.space.countRefusal(ENOSPC),
+                  "Error: Can't find volume with free space");
+  }
+  ctx.volume = vol;
+  if (const CZuError error = engine.lru.addToLru(guid, vol, ctx.dir); error.IsError()) {
+    return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
+  }
+
+  const uint32_t generation = engine.migrator.generation();
+  NewSegment place{guid, vol, &ctx.dir, engine.migrator.rootFor(guid, vol, ctx.dir)};
+  if (const CZuError error = place.make(where); error.IsError()) return error;
+
+  AutoOpenSegment open(engine.openTable, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
+  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
+  if (generation != engine.migrator.generation() || engine.migrator.isMigrating(vol)) {
+    // Under the lock the answer stays right.
+    if (const CZuError error = claimPlace(engine, place, where); error.IsError()) return error;
+  }
+  if (const CZuError error = checkAbsent(engine, ctx, guid, place.path, where); error.IsError()) return error;
+  if (engine.space.isOutOfSpace()) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
+
+  if (nonPrune && hasSecondPlace(ctx)) {
+    place.dir = &ctx.nonprunableDir;
+    if (const CZuError error = claimPlace(engine, place, where); error.IsError()) return error;
+  }
+  DC_LOG_AT(where, LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, place.path.c_str());
+  SegmentFile file("createSegment");
+  if (const CZuError error = openNewFile(file, place, where); error.IsError()) return error;
+  if (const CZuError error = fillNewSegment(engine, file.fd(), place.path, vol, sections, sync, where);
+      error.IsError())
+    return error;
+  file.closeTimed();
+  engine.space.wakePrunerWhenFull();
+  engine.space.segmentMade();
+  return {};
+}
+
 }  // namespace
+
+CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
+                                  const std::vector<Section>& sections, bool sync, bool nonPrune,
+                                  bool /*spare*/) try {
+  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  m_state->space.delayWriteToSegment();
+  DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
+         sections.size(), sync, nonPrune);
+  return m_state->space.askForRoom(
+      makeSegment(*m_state, ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
+}
+
+namespace {
 
 // An open segment as a write found it.
 struct SegmentToWrite {
@@ -90,200 +184,12 @@ struct SegmentToWrite {
   SegmentHeader header;
 };
 
-// In mode Random a client that was told of no room finds some when it comes again.
-CZuError DiskCache::askForRoom(CZuError error) {
-  if (m_pruningMode == PruningMode::Random && RMErrorUtil::IsErrNo(error, ENOSPC)) {
-    m_pruner->wakeupPrunerThread();
-  }
-  return error;
-}
-
-CZuError DiskCache::touchSegment(const DiskCacheContext& ctx, const guid_t& guid,
-                                 const RMCodeLocation& where) {
-  CZuError error = m_lru->addToLru(guid, ctx.volume, ctx.dir);
-  if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
-  return error;
-}
-
-CZuError DiskCache::beginChange(const DiskCacheContext& ctx, const guid_t& guid,
-                                const RMCodeLocation& where) {
-  if (ctx.useNonPrunableDir && ctx.nonprunableDir.empty()) {
-    return failAt(where, LogLevel::Error, EINVAL, "Error: nonprunableDir not set");
-  }
-  return touchSegment(ctx, guid, where);
-}
-
-CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
-                                  const std::vector<Section>& sections, bool sync, bool nonPrune,
-                                  bool /*spare*/) try {
-  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
-  DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
-         sections.size(), sync, nonPrune);
-  return askForRoom(makeSegment(ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
-} catch (...) {
-  return failWithException(RM_CODE_LOCATION);
-}
-
-CZuError DiskCache::makeSegment(DiskCacheContext& ctx, const guid_t& guid,
-                                const std::vector<Section>& sections, bool sync, bool nonPrune,
-                                const RMCodeLocation& where) {
-  const VolIndex vol = getNextVolWithSpace();
-  if (vol == 0) {
-    return failAt(where, LogLevel::NoSpace, countRefusal(ENOSPC), "Error: Can't find volume with free space");
-  }
-  ctx.volume = vol;
-  if (const CZuError error = m_lru->addToLru(guid, vol, ctx.dir); error.IsError()) {
-    return pushAndLog(error, where, "Error: Can't insert into LRU: [%s]", guid.c_str());
-  }
-
-  const uint32_t generation = m_migrator->generation();
-  NewSegment place{guid, vol, &ctx.dir, m_migrator->rootFor(guid, vol, ctx.dir)};
-  if (const CZuError error = place.make(where); error.IsError()) return error;
-
-  AutoOpenSegment open(*this, guid);
-  if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
-  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  if (generation != m_migrator->generation() || m_migrator->isMigrating(vol)) {
-    // Under the lock the answer stays right.
-    if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
-  }
-  if (const CZuError error = checkAbsent(ctx, guid, place.path, where); error.IsError()) return error;
-  if (m_outOfSpace) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
-
-  if (nonPrune && hasSecondPlace(ctx)) {
-    place.dir = &ctx.nonprunableDir;
-    if (const CZuError error = claimPlace(place, where); error.IsError()) return error;
-  }
-  DC_LOG_AT(where, LogLevel::Segment, "cache: assigning segment to vol %d [%s]", vol, place.path.c_str());
-  SegmentFile file("createSegment");
-  if (const CZuError error = openNewFile(file, place, where); error.IsError()) return error;
-  if (const CZuError error = fillNewSegment(file.fd(), place.path, vol, sections, sync, where);
-      error.IsError())
-    return error;
-  file.closeTimed();
-  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
-  m_segmentsInCache++;
-  return {};
-}
-
-CZuError DiskCache::claimPlace(NewSegment& place, const RMCodeLocation& where) {
-  if (const int rc = m_migrator->claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
-  place.rootLength = place.path.size();
-  return place.make(where);
-}
-
-// A segment is in neither of its places, whichever it is to be made in: an override copy would hide it, or
-// it the copy's older bytes.
-CZuError DiskCache::checkAbsent(const DiskCacheContext& ctx, const guid_t& guid, const std::string& path,
-                                const RMCodeLocation& where) {
-  if (doesFileExist(path)) return alreadyThere(path, where);
-  if (!hasSecondPlace(ctx)) return {};
-  std::string other;
-  const bool isThere = isCopyThere(other, guid, ctx.volume, ctx.nonprunableDir);
-  return isThere ? alreadyThere(other, where) : CZuError();
-}
-
-CZuError DiskCache::fillNewSegment(int fd, const std::string& path, VolIndex volume,
-                                   const std::vector<Section>& sections, bool sync,
-                                   const RMCodeLocation& where) {
-  if (const CZuError error = writeSegmentHeader(fd); error.IsError()) {
-    DC_LOG_AT(where, LogLevel::Error, "Error: Can't write header for [%s]", path.c_str());
-    return error;
-  }
-  for (const Section& section : sections) {
-    if (const CZuError error = appendSection(fd, volume, section); error.IsError()) {
-      const int level = levelOf(error);
-      DC_LOG_AT(where, level, "Error: can't append section to [%s]", path.c_str());
-      return error;
-    }
-  }
-  uint64_t allocated = 0;
-  if (const int rc = getFileSize(nullptr, &allocated, fd); rc != 0) {
-    return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path.c_str(), rc);
-  }
-  m_totalCacheUsed += static_cast<int64_t>(allocated);
-  DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
-            static_cast<unsigned long long>(m_totalCacheUsed.value()),
-            static_cast<unsigned long long>(allocated));
-  return sync ? syncDescriptor(fd, path, where) : CZuError();
-}
-
-CZuError DiskCache::syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where) {
-  const auto [rc, error] = timedCall(__func__, PERF_SYNC, [&] { return fsync(fd); });
-  if (rc == 0) return {};
-  return failAt(where, LogLevel::Error, error, "Error: can't fsync file [%s] (%d)", path.c_str(), error);
-}
-
-CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& guid,
-                                  const std::vector<Section>& sections, bool sync, ForceDiskLoc force) try {
-  const TimeFunction timer(__func__, PERF_DISK_WRITE_OP);
-  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  delayWriteToSegment();
-  DC_LOG(LogLevel::Segment, "cache: writing segment [%s] vol=%d secs=%lu sync=%d moveOnWrite=%d, force=%d",
-         guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
-  if (const CZuError error = beginChange(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
-
-  AutoOpenSegment open(*this, guid);
-  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
-  OpenSegmentInfo& segment = *open.getSegInfo();
-  const KxCriticalSectionLock lock(&segment.lock);
-  return askForRoom(writeInTurn(ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
-} catch (...) {
-  return failWithException(RM_CODE_LOCATION);
-}
-
-CZuError DiskCache::writeInTurn(const DiskCacheContext& ctx, const guid_t& guid,
-                                const std::vector<Section>& sections, bool sync, ForceDiskLoc force,
-                                OpenSegmentInfo& segment, const RMCodeLocation& where) {
-  SegmentTurn turn(segment, copiesFirst(ctx, force) ? SegmentTurn::Alone : SegmentTurn::Shared);
-  SegmentToWrite target;
-  for (;;) {
-    if (const CZuError error = openForWrite(target, ctx, guid, force, where); error.IsError()) return error;
-    if (!appendsAny(sections, target.header) || turn.becomeAlone()) break;
-    target.file.close();  // what others have made of the segment meanwhile is looked at anew
-  }
-  if (const CZuError error = updateSegment(target, ctx.volume, sections, segment, where); error.IsError()) {
-    return error;
-  }
-  if (sync) {
-    if (const CZuError error = syncDescriptor(target.file.fd(), target.path, where); error.IsError())
-      return error;
-  }
-  target.file.closeTimed();
-  if (isOverHighWatermark()) m_pruner->wakeupPrunerThread();
-  return {};
-}
-
-CZuError DiskCache::resolveForWrite(std::string& path, const DiskCacheContext& ctx, const guid_t& guid,
-                                    ForceDiskLoc force, const RMCodeLocation& where) {
-  const std::string* dir = &ctx.dir;
-  if (copiesFirst(ctx, force)) {
-    if (const CZuError error = copyOverrideSegment(ctx, guid, false); error.IsError()) {
-      return pushAndLog(error, where, "Error: can't copy override");
-    }
-    dir = &ctx.nonprunableDir;
-  } else if (ctx.useNonPrunableDir && force != ForceDiskLoc::Prunable) {
-    if (isCopyThere(path, guid, ctx.volume, ctx.nonprunableDir)) dir = &ctx.nonprunableDir;
-  }
-  return claimPath(path, guid, ctx.volume, *dir, where);
-}
-
-// segmentPath of a segment that is going to be changed or made, under its lock.
-CZuError DiskCache::claimPath(std::string& path, const guid_t& guid, VolIndex volume, const std::string& dir,
-                              const RMCodeLocation& where) {
-  if (const int rc = m_migrator->claim(path, guid, volume, dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return {};
-}
-
 // The path is resolved under the lock, so that a migration cannot move the file on.
-CZuError DiskCache::openForWrite(SegmentToWrite& target, const DiskCacheContext& ctx, const guid_t& guid,
-                                 ForceDiskLoc force, const RMCodeLocation& where) {
+CZuError openForWrite(DiskCacheState& engine, SegmentToWrite& target, const DiskCacheContext& ctx,
+                      const guid_t& guid, ForceDiskLoc force, const RMCodeLocation& where) {
   std::string& path = target.path;
-  if (const CZuError error = resolveForWrite(path, ctx, guid, force, where); error.IsError()) return error;
+  if (const CZuError error = resolveForWrite(engine, path, ctx, guid, force, where); error.IsError())
+    return error;
   DC_LOG_AT(where, LogLevel::Segment, "writing to [%s]", path.c_str());
   SegmentFile& file = target.file;
   if (!file.open(path, O_RDWR | O_NOATIME)) {
@@ -300,9 +206,9 @@ CZuError DiskCache::openForWrite(SegmentToWrite& target, const DiskCacheContext&
   return error;
 }
 
-CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
-                                  const std::vector<Section>& sections, OpenSegmentInfo& segment,
-                                  const RMCodeLocation& where) {
+CZuError updateSegment(DiskCacheState& engine, SegmentToWrite& target, VolIndex volume,
+                       const std::vector<Section>& sections, OpenSegmentInfo& segment,
+                       const RMCodeLocation& where) DC_REQUIRES(segment.lock) {
   const char* const path = target.path.c_str();
   const int fd = target.file.fd();
   for (size_t i = 0; i < sections.size(); ++i) {
@@ -314,8 +220,8 @@ CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
                 static_cast<ssize_t>(i), path);
       return error;
     }
-    error =
-        found ? modifySection(fd, sections[i], offset, segment.lock) : appendSection(fd, volume, sections[i]);
+    error = found ? engine.records.modifySection(fd, sections[i], offset, segment.lock)
+                  : engine.records.appendSection(fd, volume, sections[i]);
     if (error.IsError()) {
       const int level = levelOf(error);
       DC_LOG_AT(where, level,
@@ -327,59 +233,77 @@ CZuError DiskCache::updateSegment(SegmentToWrite& target, VolIndex volume,
   if (const int rc = getFileSize(nullptr, &newSize, fd); rc != 0) {
     return failAt(where, LogLevel::Error, rc, "Error: can't get file size [%s] (%d)", path, rc);
   }
-  m_totalCacheUsed += static_cast<int64_t>(newSize - target.oldSize);
+  engine.space.addUsed(static_cast<int64_t>(newSize - target.oldSize));
   DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD newSize: [%llu] oldSize: [%llu]",
-            static_cast<unsigned long long>(m_totalCacheUsed.value()),
-            static_cast<unsigned long long>(newSize), static_cast<unsigned long long>(target.oldSize));
+            static_cast<unsigned long long>(engine.space.used()), static_cast<unsigned long long>(newSize),
+            static_cast<unsigned long long>(target.oldSize));
   return {};
 }
 
-CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
-                                   const std::vector<Section>& sections) try {
-  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
-  DC_LOG(LogLevel::Segment, "cache: writing segment %s vol=%d secs=%lu", guid.c_str(), ctx.volume,
-         sections.size());
-  if (const CZuError error = touchSegment(ctx, guid, RM_CODE_LOCATION); error.IsError()) return error;
-
-  AutoOpenSegment open(*this, guid);
-  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
-  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
-  std::string path;
-  if (const int rc = m_migrator->claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
-    return askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
-  const bool known = !path.empty();  // below no root the file would land where the process happens to run
-  appendSegmentPath(path, ctx.dir, guid);
-  if (!known) {
-    return DC_FAIL(LogLevel::Error, ENOENT, "Error: can't open file [%s] (%d)", path.c_str(), ENOENT);
+CZuError writeInTurn(DiskCacheState& engine, const DiskCacheContext& ctx, const guid_t& guid,
+                     const std::vector<Section>& sections, bool sync, ForceDiskLoc force,
+                     OpenSegmentInfo& segment, const RMCodeLocation& where) DC_REQUIRES(segment.lock) {
+  SegmentTurn turn(segment, copiesFirst(ctx, force) ? SegmentTurn::Alone : SegmentTurn::Shared);
+  SegmentToWrite target;
+  for (;;) {
+    if (const CZuError error = openForWrite(engine, target, ctx, guid, force, where); error.IsError())
+      return error;
+    if (!appendsAny(sections, target.header) || turn.becomeAlone()) break;
+    target.file.close();  // what others have made of the segment meanwhile is looked at anew
   }
-  const std::string temporary = temporaryName(path, REPLACEMENT_SUFFIX);
-  if (const CZuError error = makeReplacement(temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
-      error.IsError())
-    return askForRoom(error);
-  const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
-  if (!error.IsError()) return {};
-  return askForRoom(
-      pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str()));
+  if (const CZuError error = updateSegment(engine, target, ctx.volume, sections, segment, where);
+      error.IsError()) {
+    return error;
+  }
+  if (sync) {
+    if (const CZuError error = syncDescriptor(target.file.fd(), target.path, where); error.IsError())
+      return error;
+  }
+  target.file.closeTimed();
+  engine.space.wakePrunerWhenFull();
+  return {};
+}
+
+}  // namespace
+
+CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& guid,
+                                  const std::vector<Section>& sections, bool sync, ForceDiskLoc force) try {
+  const TimeFunction timer(__func__, PERF_DISK_WRITE_OP);
+  if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  m_state->space.delayWriteToSegment();
+  DC_LOG(LogLevel::Segment, "cache: writing segment [%s] vol=%d secs=%lu sync=%d moveOnWrite=%d, force=%d",
+         guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
+  if (const CZuError error = beginChange(*m_state, ctx, guid, RM_CODE_LOCATION); error.IsError())
+    return error;
+
+  AutoOpenSegment open(m_state->openTable, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  OpenSegmentInfo& segment = *open.getSegInfo();
+  const KxCriticalSectionLock lock(&segment.lock);
+  return m_state->space.askForRoom(
+      writeInTurn(*m_state, ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
+namespace {
+
 // Not truncated: what an earlier failure left is written over from the start, and the new sections go behind
 // it. This is meant.
-CZuError DiskCache::makeReplacement(const std::string& temporary, const std::string& path, VolIndex volume,
-                                    const std::vector<Section>& sections, const RMCodeLocation& where) {
+CZuError makeReplacement(DiskCacheState& engine, const std::string& temporary, const std::string& path,
+                         VolIndex volume, const std::vector<Section>& sections, const RMCodeLocation& where) {
   SegmentFile file("replaceSegment");
   const bool opened = file.open(temporary, O_RDWR | O_CREAT | O_NOATIME, SEGMENT_MODE);
   // Anything but a file would be made the segment.
   if (const int rc = opened ? getFileSize(nullptr, nullptr, file.fd()) : file.error(); rc != 0) {
     return failAt(where, LogLevel::Error, rc, "Error: can't open file [%s] (%d)", path.c_str(), rc);
   }
-  if (const CZuError error = writeSegmentHeader(file.fd()); error.IsError()) {
+  if (const CZuError error = engine.records.writeSegmentHeader(file.fd()); error.IsError()) {
     DC_LOG_AT(where, LogLevel::Error, "Error: can't write segment header for [%s]", path.c_str());
     return error;
   }
   for (const Section& section : sections) {
-    if (const CZuError error = appendSection(file.fd(), volume, section); error.IsError()) {
+    if (const CZuError error = engine.records.appendSection(file.fd(), volume, section); error.IsError()) {
       const int level = levelOf(error);
       DC_LOG_AT(where, level, "Error: can't append section to %s", path.c_str());
       return error;
@@ -387,6 +311,41 @@ CZuError DiskCache::makeReplacement(const std::string& temporary, const std::str
   }
   file.closeTimed();
   return {};
+}
+
+}  // namespace
+
+CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
+                                   const std::vector<Section>& sections) try {
+  if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
+  DC_LOG(LogLevel::Segment, "cache: writing segment %s vol=%d secs=%lu", guid.c_str(), ctx.volume,
+         sections.size());
+  if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
+      error.IsError())
+    return error;
+
+  AutoOpenSegment open(m_state->openTable, guid);
+  if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
+  std::string path;
+  if (const int rc = m_state->migrator.claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
+    return m_state->space.askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
+  const bool known = !path.empty();  // below no root the file would land where the process happens to run
+  appendSegmentPath(path, ctx.dir, guid);
+  if (!known) {
+    return DC_FAIL(LogLevel::Error, ENOENT, "Error: can't open file [%s] (%d)", path.c_str(), ENOENT);
+  }
+  const std::string temporary = temporaryName(path, REPLACEMENT_SUFFIX);
+  if (const CZuError error =
+          makeReplacement(*m_state, temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
+      error.IsError())
+    return m_state->space.askForRoom(error);
+  const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
+  if (!error.IsError()) return {};
+  return m_state->space.askForRoom(
+      pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str()));
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
 }
 
 }  // namespace ObjectStore

@@ -142,7 +142,7 @@ TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {
   const size_t before = heap();
   for (size_t i = 0; i < COUNT; ++i)
     ASSERT_EQ(outcome(add(std::to_string(10'000'000 + i) + rest)), "success");
-  EXPECT_LE((heap() - before + Access::mappedBytes(list())) / COUNT, 96U);
+  EXPECT_LE((heap() - before + list().mappedBytes()) / COUNT, 96U);
 }
 
 // The first block of entries is full, so one more needs memory, which nothing may be given up for in vain.

@@ -42,7 +42,7 @@ class TurnTest : public EngineTest {
   }
   // Whether so many wait at the segment. Asked under its lock, which nobody who waits may hold.
   bool areWaiting(size_t count) {
-    AutoOpenSegment open(*cache, GUID);
+    AutoOpenSegment open(Access::openTable(*cache), GUID);
     OpenSegmentInfo& segment = *open.getSegInfo();
     for (const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;;) {
       const KxCriticalSectionLock lock(&segment.lock);
@@ -69,7 +69,7 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
     EXPECT_TRUE(plan.held());
     auto waiting = async([this, waiter = waiter]() DC_NO_THREAD_SAFETY_ANALYSIS {
       if (waiter == MIGRATE) return perform(waiter);  // not to be called with a segment's lock held
-      AutoOpenSegment open(*cache, GUID);
+      AutoOpenSegment open(Access::openTable(*cache), GUID);
       KxCriticalSection& lock = open.getSegInfo()->lock;
       const KxCriticalSectionLock once(&lock), twice(&lock);
       return perform(waiter);
