@@ -15,6 +15,7 @@ enum class Count : unsigned {
 #define DISKCACHE_CLIENT_ENUMERATOR(field, name, labels, help) field,
   DISKCACHE_CLIENT_COUNTERS(DISKCACHE_CLIENT_ENUMERATOR)
 #undef DISKCACHE_CLIENT_ENUMERATOR
+      number  // of counters
 };
 
 // Bounds first · 2^(step · i).
@@ -50,12 +51,9 @@ class Metrics {
   AtomicHistogram evicted{1, 2};    // seconds
 
  private:
-#define DISKCACHE_CLIENT_ONE(field, name, labels, help) +1
-  static constexpr size_t COUNTERS = 0 DISKCACHE_CLIENT_COUNTERS(DISKCACHE_CLIENT_ONE);
-#undef DISKCACHE_CLIENT_ONE
   static constexpr unsigned STRIPES = 16;
   struct alignas(64) Stripe {
-    std::array<std::atomic<uint64_t>, COUNTERS> counters{};
+    std::array<std::atomic<uint64_t>, static_cast<size_t>(Count::number)> counters{};
   };
 
   static unsigned stripe() {

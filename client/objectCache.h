@@ -107,7 +107,8 @@ class OriginRequest {
 class Origin {
  public:
   template <typename F>
-  requires(!std::is_same_v<std::remove_cvref_t<F>, Origin>) Origin(F&& function)
+  requires(!std::is_same_v<std::remove_cvref_t<F>, Origin>)
+      Origin(F&& function)  // NOLINT(bugprone-forwarding-reference-overload): the requirement says so
       : m_function(const_cast<void*>(static_cast<const void*>(std::addressof(function)))),
         m_call([](void* f, OriginRequest& request) -> OriginAnswer {
           auto& callable = *static_cast<std::remove_reference_t<F>*>(f);

@@ -1,5 +1,6 @@
-# What an installation holds: the public headers, the library, the tool, and what CMake and pkg-config need to
-# find them. Every path in it is relative, so that it may be moved.
+# What an installation holds, by component: "engine" and "client" are the libraries, "tools" the programs with their
+# manuals, "development" the public headers and what CMake and pkg-config need to find all that. Every path in it is
+# relative, so that it may be moved.
 include(CMakePackageConfigHelpers)
 
 set(publicHeaders
@@ -21,31 +22,39 @@ set(publicHeaders
 set(headerDir ${CMAKE_INSTALL_INCLUDEDIR}/diskcache-${PROJECT_VERSION_MAJOR})
 foreach(header IN LISTS publicHeaders)
   cmake_path(GET header PARENT_PATH folder)
-  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${headerDir}/${folder})
+  install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${headerDir}/${folder} COMPONENT development)
 endforeach()
 
 set_target_properties(diskcache-client PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS diskcache diskcache-client EXPORT diskcacheTargets)
+function(install_library library component)
+  install(TARGETS ${library} EXPORT diskcacheTargets
+    LIBRARY COMPONENT ${component} NAMELINK_COMPONENT development
+    ARCHIVE COMPONENT development)
+endfunction()
+install_library(diskcache engine)
+install_library(diskcache-client client)
 if(DISKCACHE_BUILD_TOOLS)
   file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(diskcachectl PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
-  install(TARGETS diskcachectl)
-  install(FILES ${PROJECT_BINARY_DIR}/man/man1/diskcachectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(TARGETS diskcachectl COMPONENT tools)
+  install(FILES ${PROJECT_BINARY_DIR}/man/man1/diskcachectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+          COMPONENT tools)
   install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 endif()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)
 configure_package_config_file(cmake/diskcacheConfig.cmake.in ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake
                               INSTALL_DESTINATION ${packageDir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/diskcacheConfigVersion.cmake COMPATIBILITY SameMajorVersion)
-install(EXPORT diskcacheTargets NAMESPACE diskcache:: DESTINATION ${packageDir})
+install(EXPORT diskcacheTargets NAMESPACE diskcache:: DESTINATION ${packageDir} COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake ${PROJECT_BINARY_DIR}/diskcacheConfigVersion.cmake
-        DESTINATION ${packageDir})
+        DESTINATION ${packageDir} COMPONENT development)
 
 file(RELATIVE_PATH pkgconfigToPrefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" pkgconfigToPrefix ${pkgconfigToPrefix})
 foreach(name IN ITEMS diskcache diskcache-client)
   configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+          COMPONENT development)
 endforeach()

@@ -18,3 +18,13 @@ function(diskcache_target_options target)
     target_link_options(${target} PRIVATE ${sanitizers})
   endif()
 endfunction()
+
+# How the libraries are linked: nothing missing, nothing of others shown.
+function(diskcache_link_options target)
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  target_link_options(${target} PRIVATE LINKER:--version-script=${exports})
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${exports})
+  if(NOT DISKCACHE_SANITIZE)  # a sanitizer's symbols come with the executable
+    target_link_options(${target} PRIVATE LINKER:-z,defs)
+  endif()
+endfunction()
