@@ -8,7 +8,7 @@ function(diskcache_target_options target)
   if(DISKCACHE_DEVELOPER)
     target_compile_options(${target} PRIVATE
       -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wformat=2 -Werror
-      $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+      "$<$<CXX_COMPILER_ID:Clang>:-Wthread-safety;-Wthread-safety-beta>")
   endif()
   if(DISKCACHE_SANITIZE)
     set(sanitizers -fsanitize=${DISKCACHE_SANITIZE} -fno-sanitize-recover=all)

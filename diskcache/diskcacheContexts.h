@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/lockOrder.h"
 #include "support/error.h"
 #include "support/lock.h"
 #include "support/threadAnnotations.h"
@@ -64,7 +65,7 @@ class DiskCacheContexts {
       DC_REQUIRES(m_lock);
   bool isRunning(const std::string& dir, uint64_t before) DC_REQUIRES(m_lock);
 
-  KxCriticalSection m_lock;
+  KxCriticalSection m_lock DC_ACQUIRED_AFTER(lockOrder::leaves);
   std::map<std::string, Registration> m_registrations DC_GUARDED_BY(m_lock);
   std::vector<const Call*> m_calls DC_GUARDED_BY(m_lock);
   uint64_t m_nextCall DC_GUARDED_BY(m_lock) = 0;

@@ -15,6 +15,7 @@
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/guidHash.h"
+#include "diskcache/lockOrder.h"
 #include "diskcache/recencyTable.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
@@ -91,7 +92,7 @@ class DiskcacheLRU {
   // list. This is meant. Changed under m_lruLock, read for status without it.
   KxAtomicU64_t m_numEntries;
 
-  KxCriticalSection m_lruLock;
+  KxCriticalSection m_lruLock DC_ACQUIRED_AFTER(lockOrder::lists) DC_ACQUIRED_BEFORE(lockOrder::segments);
   bool m_pruning DC_GUARDED_BY(m_lruLock) =
       false;  // a callback is running, on the thread that holds the lock
   RecencyTable m_table DC_GUARDED_BY(m_lruLock);

@@ -22,11 +22,13 @@
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/diskcacheVolume.h"
+#include "diskcache/lockOrder.h"
 #include "diskcache/migrationChanges.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
 #include "support/lock.h"
 #include "support/thread.h"
+#include "support/threadAnnotations.h"
 
 namespace ObjectStore {
 
@@ -177,10 +179,10 @@ class DiskCacheMigrator {
   MigrationCB m_callback = nullptr;  // constant after init()
 
   // Held while a migration is being started, so that two cannot be. Before a segment's lock.
-  KxCriticalSection m_startLock;
+  KxCriticalSection m_startLock DC_ACQUIRED_BEFORE(lockOrder::lists);
   std::vector<KXThread> m_threads DC_GUARDED_BY(m_startLock);
 
-  // Written before the threads start and read-only while they run
+  // Under m_startLock before the threads start, and read-only while they run
   std::vector<std::string> m_entries;
 
   // Any thread
@@ -194,9 +196,9 @@ class DiskCacheMigrator {
 
   // Held while a copy takes its place and while a removal looks at both sides. A leaf but for m_changes'
   // lock.
-  KxCriticalSection m_appearLock;
+  KxCriticalSection m_appearLock DC_ACQUIRED_AFTER(lockOrder::volumes) DC_ACQUIRED_BEFORE(lockOrder::leaves);
 
-  KxCriticalSection m_migrateLock;
+  KxCriticalSection m_migrateLock DC_ACQUIRED_AFTER(lockOrder::leaves);
   bool m_callbackCalled DC_GUARDED_BY(m_migrateLock) = false;
   std::shared_ptr<const Job> m_job DC_GUARDED_BY(m_migrateLock);
 };

@@ -10,6 +10,7 @@
 
 #include "diskcache/diskcacheTypes.h"
 #include "diskcache/engineSteps.h"
+#include "diskcache/lockOrder.h"
 #include "support/error.h"
 #include "support/lock.h"
 #include "support/threadAnnotations.h"
@@ -38,7 +39,7 @@ class DiskCacheOpenTable {
   friend struct DiskCacheTestAccess;
   using OpenTable = std::map<guid_t, OpenSegmentInfo*>;
 
-  KxCriticalSection m_openSegmentsLock;
+  KxCriticalSection m_openSegmentsLock DC_ACQUIRED_AFTER(lockOrder::leaves);
   OpenTable m_openSegments DC_GUARDED_BY(m_openSegmentsLock);
   // Entries of closed segments with their records, for the next ones: opening then allocates nothing.
   std::vector<OpenTable::node_type> m_spareEntries DC_GUARDED_BY(m_openSegmentsLock);

@@ -85,6 +85,55 @@ CZuError wrongType(const RMCodeLocation& where, int found, int expected) {
 
 }  // namespace
 
+namespace {
+
+// Reads what the section at a place in the request asks for.
+CZuError readSection(Section& s, size_t place, SegmentFile& file, const std::string& path,
+                     const SegmentHeader& header, const RMCodeLocation& where) {
+  constexpr const char* operation = "readSections";
+  bool found = false;
+  uint64_t off = SEGMENT_HEADER_SIZE;
+  if (const CZuError error = findSection(&found, &off, s.type, header); error.IsError()) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: can't search for section in [%s]", path.c_str());
+    return error;
+  }
+  if (!found) {
+    s.len = 0;
+    s.status = ENOENT;
+    DC_LOG_AT(where, LogLevel::Segment, "can't find section %zd (%d/%d) in [%s]", static_cast<ssize_t>(place),
+              s.type, s.subType, path.c_str());
+    return {};
+  }
+  SectionDesc front;
+  const Transfer read = readAt(operation, file.fd(), &front, sizeof(front), off);
+  if (!read.moved(sizeof(front))) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: can't read descriptor [%s] len=%zd (%lu,%d)", path.c_str(),
+              static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
+    if (read.error == ESPIPE) return RMErrorUtil::ErrorErrNo(where, ESPIPE);  // no file, a FIFO
+    s.len = 0;
+    return {};
+  }
+  if (front.len != 0 && front.type != s.type) {
+    file.leaveOpen();  // meant
+    return wrongType(where, front.type, s.type);
+  }
+  DC_LOG_AT(where, LogLevel::Segment, "found section %d off=%lu len=%lu", s.type, off, front.len);
+  const uint64_t n = front.len >= s.off ? std::min(front.len - s.off, s.bufferSize) : 0;
+  DC_LOG_AT(where, LogLevel::Segment, "data size = %lu", n);
+  if (n > 0) {
+    const uint64_t payload = offsetSum(offsetSum(off, SECTION_DESC_SIZE), s.off);
+    const Transfer data = readAt(operation, file.fd(), s.data, n, payload);
+    if (!data.moved(n)) {
+      return failAt(where, LogLevel::Error, data.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
+                    path.c_str(), n, printable(data.count), data.error);
+    }
+  }
+  s.len = n;
+  return {};
+}
+
+}  // namespace
+
 CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid,
                                  std::vector<Section>& sections, bool updateLru) try {
   const TimeFunction timer(__func__, PERF_DISK_READ_OP);
@@ -104,50 +153,95 @@ CZuError DiskCache::readSections(const DiskCacheContext& ctx, const guid_t& guid
     return error;
   }
   for (size_t i = 0; i < sections.size(); ++i) {
-    Section& s = sections[i];
-    bool found = false;
-    uint64_t off = SEGMENT_HEADER_SIZE;
-    if (const CZuError error = findSection(&found, &off, s.type, header); error.IsError()) {
-      DC_LOG(LogLevel::Error, "Error: can't search for section in [%s]", path.c_str());
+    if (const CZuError error = readSection(sections[i], i, file, path, header, RM_CODE_LOCATION);
+        error.IsError())
       return error;
-    }
-    if (!found) {
-      s.len = 0;
-      s.status = ENOENT;
-      DC_LOG(LogLevel::Segment, "can't find section %zd (%d/%d) in [%s]", static_cast<ssize_t>(i), s.type,
-             s.subType, path.c_str());
-      continue;
-    }
-    SectionDesc front;
-    const Transfer read = readAt(__func__, file.fd(), &front, sizeof(front), off);
-    if (!read.moved(sizeof(front))) {
-      DC_LOG(LogLevel::Error, "Error: can't read descriptor [%s] len=%zd (%lu,%d)", path.c_str(),
-             static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
-      if (read.error == ESPIPE) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ESPIPE);  // no file, a FIFO
-      s.len = 0;
-      continue;
-    }
-    if (front.len != 0 && front.type != s.type) {
-      file.leaveOpen();  // meant
-      return wrongType(RM_CODE_LOCATION, front.type, s.type);
-    }
-    DC_LOG(LogLevel::Segment, "found section %d off=%lu len=%lu", s.type, off, front.len);
-    const uint64_t n = front.len >= s.off ? std::min(front.len - s.off, s.bufferSize) : 0;
-    DC_LOG(LogLevel::Segment, "data size = %lu", n);
-    if (n > 0) {
-      const uint64_t payload = offsetSum(offsetSum(off, SECTION_DESC_SIZE), s.off);
-      const Transfer data = readAt(__func__, file.fd(), s.data, n, payload);
-      if (!data.moved(n)) {
-        return DC_FAIL(LogLevel::Error, data.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
-                       path.c_str(), n, printable(data.count), data.error);
-      }
-    }
-    s.len = n;
   }
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
+
+namespace {
+
+// A segment's records read one after the other, as a stream.
+struct RecordStream {
+  const std::string& path;
+  const RMCodeLocation where;
+  Stream stream{};
+  uint64_t fileSize = 0;
+  uint64_t taken = 0;  // bytes of payload so far: those of a whole segment do not overlap
+
+  // False for a record that cannot be reached, which is logged.
+  bool readFront(SectionDesc& front, uint64_t offset, size_t place) const;
+  CZuError readPayload(SectionV& section, uint64_t offset);
+};
+
+constexpr const char* READ_ALL = "readAllSections";
+
+bool RecordStream::readFront(SectionDesc& front, uint64_t offset, size_t place) const {
+  if (const int rc = seekTo(stream.get(), offset); rc != 0) {
+    DC_LOG_AT(where, LogLevel::Error, "Error: Can't seek to %lu in [%s] (%d)", offset, path.c_str(), rc);
+    return false;
+  }
+  const auto read =
+      timedCall(READ_ALL, PERF_DISK_READ, [&] { return std::fread(&front, sizeof(front), 1, stream.get()); });
+  if (read.value == 1) return true;
+  DC_LOG_AT(where, LogLevel::Error, "Error: incomplete descriptor in [%s] section %d (%zd,%d)", path.c_str(),
+            static_cast<int>(place), static_cast<ssize_t>(read.value), read.error);
+  return false;
+}
+
+CZuError RecordStream::readPayload(SectionV& section, uint64_t offset) {
+  const auto sought = timedCall(READ_ALL, PERF_SEEK,
+                                [&] { return seekTo(stream.get(), offsetSum(offset, SECTION_DESC_SIZE)); });
+  if (sought.value != 0) {
+    return failAt(where, LogLevel::Error, sought.value, "Error: Can't seek to %lu in [%s] (%d)", offset,
+                  path.c_str(), sought.value);
+  }
+  size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
+  int readError = 0;
+  if (payloadFits(fileno(stream.get()), offset, section.len, fileSize, readError) &&
+      taken + section.len <= fileSize) {
+    taken += section.len;
+    std::vector<unsigned char>& data = section.data;
+    data.resize(section.len);
+    const auto result = timedCall(READ_ALL, PERF_DISK_READ,
+                                  [&] { return std::fread(data.data(), data.size(), 1, stream.get()); });
+    items = result.value;
+    readError = result.error;
+  }
+  if (items == 1) return {};
+  DC_LOG_AT(where, LogLevel::Error, "Error: can't read file [%s] len=%lu (%d)", path.c_str(), section.len,
+            readError);
+  errno = readError;
+  stream.reset();
+  return RMErrorUtil::ErrorErrNo(where, errno);  // as it stands after the close
+}
+
+// Opens the segment and reads its header.
+CZuError openStreamForRead(DiskCacheState& engine, RecordStream& records, std::string& path,
+                           SegmentHeader& header, const DiskCacheContext& ctx, const guid_t& guid) {
+  Stream& stream = records.stream;
+  const int openError = engine.places.lookUntilCertain(ctx, [&] {
+    path = engine.places.pathInUse(ctx, guid);
+    return openStream(stream, path, READ_ALL);
+  });
+  if (!stream) {
+    return failAt(records.where, LogLevel::Error, openError, "Error: can't open file [%s] (%d)", path.c_str(),
+                  openError);
+  }
+  if (const int rc = getFileSize(&records.fileSize, nullptr, stream.get()); rc != 0) {
+    return failAt(records.where, LogLevel::Error, rc, "Error: can't get file size for [%s] (%d)",
+                  path.c_str(), rc);
+  }
+  const CZuError error = readSegmentHeader(header, stream.get());
+  if (error.IsError())
+    logAt(records.where, LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+  return error;
+}
+
+}  // namespace
 
 CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& guid,
                                     std::vector<SectionV>& sections) try {
@@ -160,72 +254,54 @@ CZuError DiskCache::readAllSections(const DiskCacheContext& ctx, const guid_t& g
   if (!sections.empty()) return DC_FAIL(LogLevel::Error, EINVAL, "Error: sections must be empty");
 
   std::string path;
-  Stream stream;
-  const char* const name = __func__;
-  const int openError = m_state->places.lookUntilCertain(ctx, [&] {
-    path = m_state->places.pathInUse(ctx, guid);
-    return openStream(stream, path, name);
-  });
-  if (!stream) {
-    return DC_FAIL(LogLevel::Error, openError, "Error: can't open file [%s] (%d)", path.c_str(), openError);
-  }
-  uint64_t fileSize = 0;
-  if (const int rc = getFileSize(&fileSize, nullptr, stream.get()); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: can't get file size for [%s] (%d)", path.c_str(), rc);
-  }
+  RecordStream records{path, RM_CODE_LOCATION};
   SegmentHeader header;
-  if (const CZuError error = readSegmentHeader(header, stream.get()); error.IsError()) {
-    DC_LOG(LogLevel::Error, "Error: invalid segment header for [%s]", path.c_str());
+  if (const CZuError error = openStreamForRead(*m_state, records, path, header, ctx, guid); error.IsError())
     return error;
-  }
   const std::vector<uint64_t> offsets = recordOffsets(header);
-  uint64_t taken = 0;  // bytes of payload so far: those of a whole segment do not overlap
   sections.resize(offsets.size());
   for (size_t j = 0; j < offsets.size(); ++j) {
-    // A record that cannot be reached ends the call with success and one element less: this is meant.
-    if (const int rc = seekTo(stream.get(), offsets[j]); rc != 0) {
-      DC_LOG(LogLevel::Error, "Error: Can't seek to %lu in [%s] (%d)", offsets[j], path.c_str(), rc);
-      sections.pop_back();
+    if (!records.readFront(sections[j], offsets[j], j)) {
+      sections.pop_back();  // this ends the call with success and one element less: meant
       return {};
     }
-    SectionDesc& front = sections[j];
-    const auto read = timedCall(__func__, PERF_DISK_READ,
-                                [&] { return std::fread(&front, sizeof(front), 1, stream.get()); });
-    if (read.value != 1) {
-      DC_LOG(LogLevel::Error, "Error: incomplete descriptor in [%s] section %d (%zd,%d)", path.c_str(),
-             static_cast<int>(j), static_cast<ssize_t>(read.value), read.error);
-      sections.pop_back();
-      return {};
-    }
-    const auto sought = timedCall(
-        __func__, PERF_SEEK, [&] { return seekTo(stream.get(), offsetSum(offsets[j], SECTION_DESC_SIZE)); });
-    if (sought.value != 0) {
-      return DC_FAIL(LogLevel::Error, sought.value, "Error: Can't seek to %lu in [%s] (%d)", offsets[j],
-                     path.c_str(), sought.value);
-    }
-    size_t items = 0;  // stays 0 for a length of 0: an empty record is an error here, and this is meant
-    int readError = 0;
-    if (payloadFits(fileno(stream.get()), offsets[j], front.len, fileSize, readError) &&
-        taken + front.len <= fileSize) {
-      taken += front.len;
-      std::vector<unsigned char>& data = sections[j].data;
-      data.resize(front.len);
-      const auto result = timedCall(__func__, PERF_DISK_READ,
-                                    [&] { return std::fread(data.data(), data.size(), 1, stream.get()); });
-      items = result.value;
-      readError = result.error;
-    }
-    if (items != 1) {
-      DC_LOG(LogLevel::Error, "Error: can't read file [%s] len=%lu (%d)", path.c_str(), front.len, readError);
-      errno = readError;
-      stream.reset();
-      return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errno);  // as it stands after the close
-    }
+    if (const CZuError error = records.readPayload(sections[j], offsets[j]); error.IsError()) return error;
   }
   return {};
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
+
+namespace {
+
+CZuError readWholeSection(std::vector<unsigned char>& data, int32_t type, uint64_t off, SegmentFile& file,
+                          const std::string& path, const RMCodeLocation& where) {
+  constexpr const char* operation = "readCompleteSection";
+  SectionDesc front;
+  const Transfer read = readAt(operation, file.fd(), &front, sizeof(front), off);
+  if (!read.moved(sizeof(front))) {
+    return failAt(where, LogLevel::Error, read.error, "Error: can't read file [%s] (%lu,%d)", path.c_str(),
+                  printable(read.count), read.error);
+  }
+  if (front.type != type) {
+    file.leaveOpen();  // meant
+    return wrongType(where, front.type, type);
+  }
+  Transfer payload{0, 0};
+  uint64_t fileSize = 0;
+  if (payloadFits(file.fd(), off, front.len, fileSize, payload.error)) {
+    data.resize(front.len);
+    payload = readAt(operation, file.fd(), data.data(), front.len, offsetSum(off, SECTION_DESC_SIZE));
+  }
+  if (!payload.moved(front.len)) {
+    return failAt(where, LogLevel::Error, payload.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
+                  path.c_str(), front.len, printable(payload.count), payload.error);
+  }
+  DC_LOG_AT(where, LogLevel::Segment, "read %lu bytes", front.len);
+  return {};
+}
+
+}  // namespace
 
 CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_t& guid, int32_t type,
                                         std::vector<unsigned char>& data) try {
@@ -243,7 +319,7 @@ CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_
       error.IsError()) {
     return error;
   }
-  // The descriptor stays open on the three failure paths that say so: this is meant.
+  // The descriptor stays open on the failure paths that say so: this is meant.
   bool found = false;
   uint64_t off = SEGMENT_HEADER_SIZE;
   if (const CZuError error = findSection(&found, &off, type, header); error.IsError()) {
@@ -256,28 +332,7 @@ CZuError DiskCache::readCompleteSection(const DiskCacheContext& ctx, const guid_
     return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOENT, "Can't find section %d in [%s]", type,
                                    guid.c_str());
   }
-  SectionDesc front;
-  const Transfer read = readAt(__func__, file.fd(), &front, sizeof(front), off);
-  if (!read.moved(sizeof(front))) {
-    return DC_FAIL(LogLevel::Error, read.error, "Error: can't read file [%s] (%lu,%d)", path.c_str(),
-                   printable(read.count), read.error);
-  }
-  if (front.type != type) {
-    file.leaveOpen();
-    return wrongType(RM_CODE_LOCATION, front.type, type);
-  }
-  Transfer payload{0, 0};
-  uint64_t fileSize = 0;
-  if (payloadFits(file.fd(), off, front.len, fileSize, payload.error)) {
-    data.resize(front.len);
-    payload = readAt(__func__, file.fd(), data.data(), front.len, offsetSum(off, SECTION_DESC_SIZE));
-  }
-  if (!payload.moved(front.len)) {
-    return DC_FAIL(LogLevel::Error, payload.error, "Error: can't read file [%s] len=%lu (%lu,%d)",
-                   path.c_str(), front.len, printable(payload.count), payload.error);
-  }
-  DC_LOG(LogLevel::Segment, "read %lu bytes", front.len);
-  return {};
+  return readWholeSection(data, type, off, file, path, RM_CODE_LOCATION);
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

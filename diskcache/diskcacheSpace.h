@@ -45,7 +45,8 @@ class DiskCacheSpace {
   // The pruner waits for whoever runs out of room.
   void wakePruner() { m_wakeup.set(); }
   void wakePrunerWhenFull();
-  void waitForWakeup(unsigned long ms) { m_wakeup.wait(ms); }
+  // False when nobody did in time.
+  bool waitForWakeup(unsigned long ms) { return m_wakeup.wait(ms); }
   // Gives an operation's error back. In mode Random a client that was told of no room finds some when it
   // comes again.
   CZuError askForRoom(CZuError error);

@@ -16,6 +16,7 @@
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/lockOrder.h"
 #include "support/error.h"
 #include "support/lock.h"
 #include "support/threadAnnotations.h"
@@ -85,7 +86,7 @@ class DiskCacheVolumes {
   const DiskCacheSettings& m_settings;
   DiskCacheSpace& m_space;
 
-  KxCriticalSection m_volumeLock;
+  KxCriticalSection m_volumeLock DC_ACQUIRED_AFTER(lockOrder::volumes) DC_ACQUIRED_BEFORE(lockOrder::leaves);
   std::map<VolIndex, Volume> m_volumes DC_GUARDED_BY(m_volumeLock);
   // The volumes that take new segments, in turn; entries point into m_volumes.
   std::list<Volume*> m_freeSpaceList DC_GUARDED_BY(m_volumeLock);

@@ -11,6 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "diskcache/lockOrder.h"
 #include "support/lock.h"
 
 namespace ObjectStore {
@@ -38,7 +39,7 @@ class MigrationChanges {
   void closeFile() DC_REQUIRES(m_lock);
   int append(const std::string& name) DC_REQUIRES(m_lock);
 
-  KxCriticalSection m_lock;
+  KxCriticalSection m_lock DC_ACQUIRED_AFTER(lockOrder::leaves);
   std::string m_path DC_GUARDED_BY(m_lock);
   int m_fd DC_GUARDED_BY(m_lock) = -1;    // made with the first name
   off_t m_end DC_GUARDED_BY(m_lock) = 0;  // of the last whole name

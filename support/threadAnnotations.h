@@ -1,7 +1,7 @@
 // Names for Clang's thread-safety attributes. Other compilers see nothing.
 //
 // The clang build runs with -Wthread-safety -Werror, so a guarded member read without its lock does not
-// compile. The macros carry a prefix because public headers use them.
+// compile, nor does a lock that is taken out of order where one function takes both. The macros carry a prefix because public headers use them.
 #pragma once
 
 #if defined(__clang__)
@@ -13,6 +13,8 @@
 #define DC_CAPABILITY(name) DC_THREAD_ATTRIBUTE(capability(name))
 #define DC_SCOPED_CAPABILITY DC_THREAD_ATTRIBUTE(scoped_lockable)
 #define DC_GUARDED_BY(lock) DC_THREAD_ATTRIBUTE(guarded_by(lock))
+#define DC_ACQUIRED_BEFORE(...) DC_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
+#define DC_ACQUIRED_AFTER(...) DC_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define DC_REQUIRES(...) DC_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define DC_ACQUIRE(...) DC_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define DC_RELEASE(...) DC_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))

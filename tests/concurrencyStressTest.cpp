@@ -10,6 +10,7 @@
 
 #include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcachePruner.h"
+#include "diskcache/diskcacheSpace.h"
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/smallFileSystem.h"
@@ -171,7 +172,7 @@ TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
   // With "recycle" four directories, so that all are copied; none may ever be empty. Volume 1 moves.
   for (const char* top : {"/ctx", "/noprune-ctx", "/spare"}) writeFile(volumes[0] + top + "/pinned", "");
   const unsigned pin = cache->openSegment("pinned");
-  const uint64_t low = Access::used(*cache) + soaked(10 << 20);
+  const uint64_t low = Access::space(*cache).used() + soaked(10 << 20);
   ConfigStore::set(CONFIG_SECTION, "DiskCacheLowWMBytes", std::to_string(low));
   ConfigStore::set(CONFIG_SECTION, "DiskCacheHighWMBytes", std::to_string(low + soaked(2 << 20)));
 
@@ -210,7 +211,7 @@ TEST_F(ConcurrencyStressTest, ALivePrunerAndAMigrationInTheMiddle) {
   });
   cache->closeSegment(pin);
   Access::pruner(*cache).shutdown();
-  EXPECT_GT(Access::stats(*cache).numPruned.value(), 0U);
+  EXPECT_GT(Access::space(*cache).stats().numPruned.value(), 0U);
   for (const std::set<size_t>& kept : dirty) {
     EXPECT_GT(kept.size(), each / 20);
     for (const size_t id : kept) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 
 namespace ObjectStore {
@@ -87,7 +88,8 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   };
   start(options);
   for (const char* guid : {"a1", "b2", "c3", "d4"}) put(guid, guid);
-  const uint64_t hits = Access::stats(*cache).lruHits, misses = Access::stats(*cache).lruMisses;
+  const uint64_t hits = Access::space(*cache).stats().lruHits,
+                 misses = Access::space(*cache).stats().lruMisses;
 
   VolIndex volume = 0;
   EXPECT_TRUE(cache->findVolume("b2", volume));
@@ -110,8 +112,8 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_EQ(given, 2U);
   EXPECT_EQ(asked, (std::vector<std::string>{"b2", "d4", "a1", "e5", "b2"}));
   EXPECT_TRUE(Access::lru(*cache).CheckInvariants());
-  EXPECT_EQ(Access::stats(*cache).lruHits, hits);
-  EXPECT_EQ(Access::stats(*cache).lruMisses, misses);
+  EXPECT_EQ(Access::space(*cache).stats().lruHits, hits);
+  EXPECT_EQ(Access::space(*cache).stats().lruMisses, misses);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <future>
 
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -107,7 +108,7 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
     plan.fail(call, nth, EIO);
     EXPECT_EQ(outcome(cache->clearCache()), "EIO");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{line});
-    EXPECT_EQ(Access::used(*cache), 0U);
+    EXPECT_EQ(Access::space(*cache).used(), 0U);
     EXPECT_EQ(get("seg2"), "seg2");
     EXPECT_EQ(outcome(cache->clearCache()), "success");
     for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});

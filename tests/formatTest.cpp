@@ -4,6 +4,8 @@
 #include <future>
 #include <tuple>
 
+#include "diskcache/diskcacheSpace.h"
+#include "diskcache/segmentRecords.h"
 #include "support/perfCounters.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -68,7 +70,6 @@ TEST_F(FormatTest, PayloadIsOverwrittenWithoutTheSegmentsLock) {
 }
 
 TEST_F(FormatTest, TheLastSectionIsTheFurthestOfTypesZeroToFour) {
-  start();
   const std::tuple<std::array<uint64_t, 6>, int, uint64_t> cases[] = {{{}, -1, 0},
                                                                       {{136, 0, 200, 180, 0, 900}, 2, 200},
                                                                       {{0, 136, 136, 0, 0, 0}, 1, 136},
@@ -78,7 +79,7 @@ TEST_F(FormatTest, TheLastSectionIsTheFurthestOfTypesZeroToFour) {
     header.sectionOffset = offsets;
     int type = 77;
     uint64_t at = 77;
-    (void)Access::findLastSection(*cache, &type, &at, header);
+    (void)findLastSection(&type, &at, header);
     EXPECT_EQ(std::pair(type, at), std::pair(expectedType, expectedAt));
   }
 }
@@ -92,11 +93,11 @@ TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
     Access::changeVolume(*cache, 1, [](Volume& volume) { volume.allow = false, volume.free = 2; });
     FaultPlan plan;
     plan.skipSleeps();
-    EXPECT_EQ(outcome(Access::appendSection(*cache, -1, VolIndex{1}, section(0, "abc"))), "ENOSPC");
+    EXPECT_EQ(outcome(Access::records(*cache).appendSection(-1, VolIndex{1}, section(0, "abc"))), "ENOSPC");
     EXPECT_TRUE(log.has(LogLevel::NoSpace, "Error: out of space"));
     const size_t seconds = mode == PruningMode::Random ? 1 : 0;
     EXPECT_EQ(plan.sleeps(), std::vector<std::chrono::nanoseconds>(seconds, std::chrono::seconds(1)));
-    EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value(), 1U);
+    EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 1U);
   }
 }
 
@@ -106,17 +107,17 @@ TEST_F(FormatTest, AllocatedBytesAreAccounted) {
     struct stat status {};
     return stat(pathOf("abcd").c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_blocks) * 512 : 0;
   };
-  const uint64_t before = Access::used(*cache);
+  const uint64_t before = Access::space(*cache).used();
   put("abcd", std::string(5'000, 'a'));
-  EXPECT_EQ(Access::used(*cache) - before, allocated());
+  EXPECT_EQ(Access::space(*cache).used() - before, allocated());
   EXPECT_EQ(write(std::string(90'000, 'b'), 0, 0), "success");
-  EXPECT_EQ(Access::used(*cache) - before, allocated());
-  EXPECT_EQ(Access::segments(*cache), 1U);
+  EXPECT_EQ(Access::space(*cache).used() - before, allocated());
+  EXPECT_EQ(Access::space(*cache).segments(), 1U);
   cache->setOutOfSpace(true);
   log.clear();
   EXPECT_EQ(outcome(create("abce", {})), "ENOSPC");
   EXPECT_TRUE(log.has(LogLevel::Segment, "simulating out of space"));
-  EXPECT_EQ(Access::used(*cache) - before, allocated());
+  EXPECT_EQ(Access::space(*cache).used() - before, allocated());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <functional>
 #include <iostream>
 
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
@@ -47,12 +48,12 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   size_t made = 0;
   while (made < 1000 && outcome(create(std::to_string(made), {section(0, payloadOf(made))})) == "success")
     ++made;
-  EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value(), 1U);
+  EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 1U);
   EXPECT_TRUE(log.has(4, "Error: Can't find volume with free space"));
   const uint64_t reserve = 8 * MIB / 20;
   EXPECT_LT(freeBytes(), reserve);
   EXPECT_GT(freeBytes(), reserve - LONGEST - 4096);  // the last segment may cut into it
-  EXPECT_EQ(Access::used(*cache), 8 * MIB - freeBytes());
+  EXPECT_EQ(Access::space(*cache).used(), 8 * MIB - freeBytes());
 
   // The rest is taken by someone else.
   Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0; });
@@ -64,7 +65,7 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   };
   EXPECT_EQ(write(section(1, "appended")), "ENOSPC");
   EXPECT_TRUE(log.has(4, "Error: out of space"));
-  EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value(), 3U);
+  EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 3U);
   EXPECT_EQ(write(section(0, "extended", 0, 2 * LONGEST)), "ENOSPC");
 
   while (made-- > 0) {
@@ -114,9 +115,9 @@ TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
         std::filesystem::remove(pathOf(id));
         fillUp(small / "ballast", room * 1024);
         Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0, volume.free = 1 << 30; });
-        const uint64_t counted = Access::stats(*cache).errOutOfSpace.value();
+        const uint64_t counted = Access::space(*cache).stats().errOutOfSpace.value();
         const std::string told = operation(id);
-        EXPECT_EQ(Access::stats(*cache).errOutOfSpace.value() - counted, told == "success" ? 0U : 1U);
+        EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value() - counted, told == "success" ? 0U : 1U);
         EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
         refusals += told == "ENOSPC";
         std::filesystem::resize_file(small / "ballast", 0);

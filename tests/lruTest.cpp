@@ -11,6 +11,8 @@
 #include <sstream>
 
 #include "diskcache/diskcacheScan.h"
+#include "diskcache/diskcacheSpace.h"
+#include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -68,12 +70,13 @@ TEST_F(LruTest, BehavesAsItsModel) {
           list().removeFromLru(guid);
           if (known) model.erase(at, 1), --counter;
         } else if (choice < 50) {
-          const uint64_t hits = Access::stats(*cache).lruHits, misses = Access::stats(*cache).lruMisses;
+          const uint64_t hits = Access::space(*cache).stats().lruHits,
+                         misses = Access::space(*cache).stats().lruMisses;
           const bool touch = choice < 35;
           ASSERT_EQ(list().isInLru(guid, touch), known);
           if (known && touch) model = guid + model.erase(at, 1);
-          ASSERT_EQ(Access::stats(*cache).lruHits - hits, known ? 1U : 0U);
-          ASSERT_EQ(Access::stats(*cache).lruMisses - misses, known ? 0U : 1U);
+          ASSERT_EQ(Access::space(*cache).stats().lruHits - hits, known ? 1U : 0U);
+          ASSERT_EQ(Access::space(*cache).stats().lruMisses - misses, known ? 0U : 1U);
         } else {
           bool refused = false;
           if (known) {
@@ -177,14 +180,16 @@ TEST_F(LruTest, GivesUpTheOldestAskedForAndTellsWithoutCounting) {
     return asked += guid, guid != "c";
   });
   for (const char* guid : {"a", "b", "c", "d"}) EXPECT_EQ(outcome(add(guid)), "success");
-  const uint64_t hits = Access::stats(*cache).lruHits, misses = Access::stats(*cache).lruMisses;
+  const uint64_t hits = Access::space(*cache).stats().lruHits,
+                 misses = Access::space(*cache).stats().lruMisses;
   VolIndex volume = 9;
   EXPECT_TRUE(list().touch("a") && !list().touch("x") && !list().findVolume("x", volume));
   EXPECT_EQ(volume, 9);
   EXPECT_TRUE(list().findVolume("b", volume));
   EXPECT_EQ(volume, ctx.volume);
   EXPECT_EQ(order(), "adcb");
-  EXPECT_EQ(Access::stats(*cache).lruHits - hits + Access::stats(*cache).lruMisses - misses, 0U);
+  EXPECT_EQ(Access::space(*cache).stats().lruHits - hits + Access::space(*cache).stats().lruMisses - misses,
+            0U);
 
   uint64_t given = 9;
   log.clear();
@@ -215,7 +220,7 @@ TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
   writeFile(deep + "/too deep", "");
   const size_t descriptors = openDescriptors();
   log.setLevel(LogLevel::Info);
-  EXPECT_EQ(outcome(Access::scanSegmentsIntoLru(*cache)), "success");
+  EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache))), "success");
   for (const char* child : {"a", "b", "c"}) {
     for (int i = 0; i < 20; ++i) EXPECT_TRUE(list().isInLru(std::to_string(i) + child, false));
   }
@@ -253,7 +258,7 @@ TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
     log.clear(), found.clear();
     FaultPlan plan;
     if (*c.call) plan.fail(c.call, c.nth, EIO);
-    EXPECT_EQ(outcome(Access::scanSegmentsIntoLru(*cache)), "success");
+    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache))), "success");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(outcome(add("new")), "ENOSPC") << "asks for each in turn";
     std::set<std::string> tagged;

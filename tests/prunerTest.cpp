@@ -7,6 +7,7 @@
 #include <future>
 
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheSpace.h"
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -60,7 +61,7 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
     fill();
     Access::setSpace(*cache, c.used, 100);
     EXPECT_EQ(pruner().deletePrunableSegments(), c.result);
-    EXPECT_EQ(static_cast<long>(Access::stats(*cache).numPruned.value()), c.pruned);
+    EXPECT_EQ(static_cast<long>(Access::space(*cache).stats().numPruned.value()), c.pruned);
     const Texts tree = treeOf(volumes[0]);
     const auto files = std::count_if(tree.begin(), tree.end(), [](auto& name) { return name.back() != '/'; });
     EXPECT_EQ(files, 2 + c.left);  // two it never visits

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheSpace.h"
 #include "support/config.h"
 #include "support/file.h"
 #include "tests/support/engineFixture.h"
@@ -49,7 +50,7 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
   plan.skipSleeps();
   for (const uint64_t used : {500U, 1000U, 1001U, 997U, 999U}) {
     Access::setSpace(*cache, used, 1000);
-    Access::delayWriteToSegment(*cache);
+    Access::space(*cache).delayWriteToSegment();
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
   plan.takeTrace();

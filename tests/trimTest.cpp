@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -124,13 +125,14 @@ TEST_F(TrimTest, DeletionFollowsItsFlags) {
     const bool takesRegular = regular && !nonPrun;
     const bool takesOverride = overridden && ctx.useNonPrunableDir && !prun;
     const uint64_t given = (takesRegular ? allocated(path) : 0) + (takesOverride ? allocated(override) : 0);
-    const uint64_t used = Access::used(*cache), segments = Access::segments(*cache);
+    const uint64_t used = Access::space(*cache).used(), segments = Access::space(*cache).segments();
     EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, nonPrun, prun, Recycle{recycle})), "success");
     EXPECT_EQ(fs::exists(path), regular && !takesRegular);
     EXPECT_EQ(fs::exists(override), overridden && !takesOverride);
     EXPECT_EQ(fs::exists(recycled), recycle && (takesRegular || takesOverride));
-    EXPECT_EQ(used - Access::used(*cache), recycle ? 0 : given);
-    EXPECT_EQ(segments - Access::segments(*cache), recycle ? 0U : unsigned{takesRegular} + takesOverride);
+    EXPECT_EQ(used - Access::space(*cache).used(), recycle ? 0 : given);
+    EXPECT_EQ(segments - Access::space(*cache).segments(),
+              recycle ? 0U : unsigned{takesRegular} + takesOverride);
   }
 }
 

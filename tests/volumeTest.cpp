@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/failingNew.h"
@@ -24,7 +25,7 @@ class VolumeTest : public EngineTest {
   VolumeTest() { options.volumes = 2, options.persistent = PersistentVolumes::Yes; }
   Indexes choose(size_t times) {
     Indexes chosen(times);
-    for (VolIndex& index : chosen) index = Access::getNextVolWithSpace(*cache);
+    for (VolIndex& index : chosen) index = Access::volumes(*cache).getNextVolWithSpace();
     return chosen;
   }
   EngineOptions options;
@@ -123,7 +124,7 @@ TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
   const auto state = [&] {
     std::vector<Volume> records;
     cache->getVolumeStats(records);
-    std::string text = readFile(m_info) + std::to_string(Access::used(*cache));
+    std::string text = readFile(m_info) + std::to_string(Access::space(*cache).used());
     for (const Volume& v : records)
       text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
     for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);
@@ -174,7 +175,7 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   const std::pair<std::vector<uint64_t>, Indexes> cases[] = {
       {{exact, full, exact}, {1, 3, 1, 3}}, {{full, full, full}, {0, 0, 0, 0}}, {{0, 0, 0}, {1, 2, 3, 1}}};
   for (const auto& [reserves, chosen] : cases) {
-    Access::initVolumes(*cache, Texts{});  // puts the cursor at the front
+    Access::volumes(*cache).initVolumes(Texts{});  // puts the cursor at the front
     const auto reserve = [&reserves = reserves](Volume& v) { v.reserved = reserves[v.index - 1U]; };
     for (VolIndex i = 1; i <= 3; ++i) Access::changeVolume(*cache, i, reserve);
     EXPECT_EQ(choose(4), chosen);
@@ -187,8 +188,8 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   EXPECT_EQ(log.takeTexts(LogLevel::Error),
             (Texts{"Can't get free bytes " + volumes[2] + " (2)",
                    "Error 2 getting updated volume size for " + volumes[2] + ", skipped"}));
-  EXPECT_EQ(Access::used(*cache), 2 * ((20U << 20) - fs::space(small.path()).available));
-  EXPECT_EQ(Access::total(*cache), 2U * 20 << 20);
+  EXPECT_EQ(Access::space(*cache).used(), 2 * ((20U << 20) - fs::space(small.path()).available));
+  EXPECT_EQ(Access::space(*cache).capacity(), 2U * 20 << 20);
   EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
   EXPECT_EQ(choose(2), (Indexes{1, 2}));
 }

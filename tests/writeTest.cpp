@@ -9,6 +9,7 @@
 #include <set>
 #include <tuple>
 
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -36,7 +37,7 @@ class WriteTest : public EngineTest {
     put("abcd-0", "makes the directories");
     log.setLevel(LogLevel::NoSpace);
   }
-  uint64_t refused() { return Access::stats(*cache).errOutOfSpace.value(); }
+  uint64_t refused() { return Access::space(*cache).stats().errOutOfSpace.value(); }
 
   // Runs an operation, the nth of its calls failing with a number or, when that is 0, moving two bytes only:
   // what it told and logged, with names for what differs.
@@ -105,12 +106,12 @@ class WriteTest : public EngineTest {
     const auto operation = [&] {
       for (const std::string& file : {path, aside}) std::filesystem::remove(file);
       if (!before.empty()) writeFile(path, before);
-      const uint64_t old[] = {Access::used(*cache), Access::segments(*cache), refused()};
+      const uint64_t old[] = {Access::space(*cache).used(), Access::space(*cache).segments(), refused()};
       failure = write();
       std::string text = outcome(failure) + shown(path);
       if (std::filesystem::exists(aside)) text += " aside" + shown(aside);
-      if (Access::used(*cache) != old[0]) text += " counted";
-      if (Access::segments(*cache) != old[1]) text += " new";
+      if (Access::space(*cache).used() != old[0]) text += " counted";
+      if (Access::space(*cache).segments() != old[1]) text += " new";
       return text + (refused() != old[2] ? " refused" : "");
     };
     return sweep(operation, cuts);

@@ -1,4 +1,4 @@
-// The engine's privates, for tests.
+// An engine's components, and what these keep to themselves, for tests.
 #pragma once
 
 #include <cstdint>
@@ -12,17 +12,17 @@ namespace ObjectStore {
 
 class DiskCacheOpenTable;
 class DiskcacheLRU;
-class DiskCacheVolumes;
 class DiskCacheMigrator;
 class DiskCachePruner;
+class DiskCacheSpace;
+class DiskCacheVolumes;
+class SegmentRecords;
 
 struct DiskCacheTestAccess {
-  static uint64_t used(const DiskCache& cache);
-  static uint64_t total(const DiskCache& cache);
-  static uint64_t segments(const DiskCache& cache);
-  static const Stats& stats(const DiskCache& cache);
+  static DiskCacheSpace& space(DiskCache& cache);
   static void setSpace(DiskCache& cache, uint64_t used, uint64_t total);
 
+  static SegmentRecords& records(DiskCache& cache);
   static DiskcacheLRU& lru(DiskCache& cache);
   static DiskCachePruner& pruner(DiskCache& cache);
   static DiskCacheMigrator& migrator(DiskCache& cache);
@@ -39,13 +39,7 @@ struct DiskCacheTestAccess {
   // Calls change(Volume&) on a volume's record under the lock; false when there is no such volume.
   static bool changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change);
 
-  // Private operations, under the locks that their callers hold.
-  static void delayWriteToSegment(DiskCache& cache);
-  static CZuError appendSection(DiskCache& cache, int fd, VolIndex volume, const Section& section);
-  static CZuError findLastSection(DiskCache& cache, int* type, uint64_t* offset, const SegmentHeader& header);
-  static int initVolumes(DiskCache& cache, const std::vector<std::string>& dirs);
-  static VolIndex getNextVolWithSpace(DiskCache& cache);
-  static CZuError scanSegmentsIntoLru(DiskCache& cache);
+  // Under the lock that their callers hold.
   static int loadVolumeInfo(DiskCache& cache);
   static int saveVolumeInfo(DiskCache& cache);
 };
