@@ -49,22 +49,23 @@ class Pieces {
 
 }  // namespace
 
-OpenBlock::OpenBlock(int fd, uint64_t offset, guid_t name, BlockTrailer trailer)
-    : m_fd(fd),
+OpenBlock::OpenBlock(int fd, uint64_t offset, const BlockId& id, guid_t name, BlockTrailer&& trailer)
+    : m_id(id),
+      m_fd(fd),
       m_offset(offset),
-      m_name(std::move(name)),
+      m_metadata(std::make_shared<const Metadata>(std::move(trailer.metadata))),
       m_trailer(std::move(trailer)),
-      m_metadata(std::make_shared<const Metadata>(m_trailer.metadata)),
+      m_name(std::move(name)),
       m_verified(m_trailer.checksums.size()) {}
 
 OpenBlock::~OpenBlock() { ::close(m_fd); }
 
-BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify) {
+BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify, bool isThere) {
   if (out.empty()) return BytesAre::Right;
   const uint64_t first = from / CHUNK_SIZE, last = (from + out.size() - 1) / CHUNK_SIZE;
   if (verify == Verify::Never || (verify == Verify::Once && isVerified(first, last)))
-    return readPlain(from, out);
-  const BytesAre result = readVerified(from, out, first, last);
+    return isThere ? BytesAre::Right : readPlain(from, out);
+  const BytesAre result = readVerified(from, out, first, last, isThere);
   if (verify == Verify::Once && result == BytesAre::Right) {
     for (uint64_t chunk = first; chunk <= last; ++chunk)
       m_verified[chunk].store(true, std::memory_order_relaxed);
@@ -85,7 +86,7 @@ BytesAre OpenBlock::readPlain(uint64_t from, std::span<std::byte> out) const {
 
 // What lies before and behind the range in its first and last chunk goes to a buffer beside it.
 BytesAre OpenBlock::readVerified(uint64_t from, std::span<std::byte> out, uint64_t firstChunk,
-                                 uint64_t lastChunk) const {
+                                 uint64_t lastChunk, bool isThere) const {
   thread_local std::array<std::byte, 2 * CHUNK_SIZE> beside;
   const uint64_t begin = firstChunk * CHUNK_SIZE;
   const uint64_t end = std::min((lastChunk + 1) * CHUNK_SIZE, m_trailer.payloadSize);
@@ -93,7 +94,7 @@ BytesAre OpenBlock::readVerified(uint64_t from, std::span<std::byte> out, uint64
   const std::span<std::byte> behind(beside.data() + CHUNK_SIZE, end - from - out.size());
   BytesAre result = BytesAre::Right;
   if (before.empty() && behind.empty()) {
-    result = readPlain(from, out);
+    if (!isThere) result = readPlain(from, out);
   } else {
     const std::array<iovec, 3> parts{
         {{before.data(), before.size()}, {out.data(), out.size()}, {behind.data(), behind.size()}}};

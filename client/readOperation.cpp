@@ -59,7 +59,7 @@ ReadOperation::Step ReadOperation::fromCache(const BlockId& id, uint64_t from, s
 ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, uint64_t from, std::span<std::byte> out) {
   const HotTable::Block block = m_cache.hot.find(id);
   if (!block || !block->isOf(m_key, m_version) || isExpired(*block)) return Step::Miss;
-  const Step step = fromBlock(id, *block, from, out);
+  const Step step = fromBlock(*block, from, out, 0);
   if (step == Step::Miss) {
     m_cache.hot.erase(id);  // and look at the file itself
     return step;
@@ -73,7 +73,8 @@ ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, uint64_t from
 ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, std::span<std::byte> out,
                                             bool mayDrop) {
   using Found = BlockStore::Found;
-  const BlockStore::Lookup lookup = m_cache.store.open(id, m_key, m_version);
+  const auto front = from == 0 ? out : std::span<std::byte>();
+  const BlockStore::Lookup lookup = m_cache.store.open(id, m_key, m_version, front);
   switch (lookup.found) {
     case Found::Nothing: return Step::Miss;
     case Found::Trouble: m_mayStore = false; return Step::Miss;
@@ -89,7 +90,7 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, st
     if (mayDrop) dropBroken(id, Count::expiredBlocks);
     return Step::Miss;
   }
-  const Step step = fromBlock(id, *lookup.block, from, out);
+  const Step step = fromBlock(*lookup.block, from, out, lookup.read);
   if (step == Step::Miss) {
     if (mayDrop) dropBroken(id, Count::damagedBlocks);
     return step;
@@ -101,12 +102,13 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, st
   return step;
 }
 
-ReadOperation::Step ReadOperation::fromBlock(const BlockId& /*id*/, OpenBlock& block, uint64_t from,
-                                             std::span<std::byte> out) {
+// The first `read` bytes of `out` are there already.
+ReadOperation::Step ReadOperation::fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out,
+                                             size_t read) {
   const BlockTrailer& trailer = block.trailer();
   const uint64_t size =
       from >= trailer.payloadSize ? 0 : std::min<uint64_t>(out.size(), trailer.payloadSize - from);
-  switch (block.read(from, out.first(size), m_cache.options.verify)) {
+  switch (block.read(from, out.first(size), m_cache.options.verify, read >= size)) {
     case BytesAre::Right: break;
     case BytesAre::Unreadable: m_cache.metrics.add(Count::diskErrors); return Step::Miss;
     case BytesAre::Damaged: return Step::Miss;

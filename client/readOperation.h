@@ -26,7 +26,7 @@ class ReadOperation {
   uint64_t blockSize() const { return m_cache.options.blockSize; }
   Step readSome(uint64_t offset, std::span<std::byte> out, const Origin& origin);
   Step fromCache(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
-  Step fromBlock(const BlockId& id, OpenBlock& block, uint64_t from, std::span<std::byte> out);
+  Step fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out, size_t read);
   Step fromHotTable(const BlockId& id, uint64_t from, std::span<std::byte> out);
   Step fromDisk(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
   Step fromFlight(const Landing& landing, uint64_t offset, std::span<std::byte> out);
