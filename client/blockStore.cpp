@@ -185,6 +185,7 @@ int BlockStore::store(const BlockContent& content, Place place) {
   if (bytes.empty()) return EFBIG;
 
   const uint64_t space = spaceFor(content.payload.size() + bytes.size());
+  m_verified.erase(content.id);
   const BlockSet::Member writing(m_room.writing, content.id);
   int rc = ENOSPC;
   for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {

@@ -9,6 +9,7 @@
 
 #include "client/openBlock.h"
 #include "client/room.h"
+#include "client/verifiedBlocks.h"
 
 namespace ObjectStore {
 
@@ -37,12 +38,13 @@ class BlockStore {
   };
   enum class Place { Prunable, Staged };
 
-  BlockStore(DiskCache& engine, VolumeSet& volumes, ByteAccount& account, HotTable& hot, Room& room,
-             Metrics& metrics, const ObjectCacheOptions& options)
+  BlockStore(DiskCache& engine, VolumeSet& volumes, ByteAccount& account, HotTable& hot,
+             VerifiedBlocks& verified, Room& room, Metrics& metrics, const ObjectCacheOptions& options)
       : m_engine(engine),
         m_volumes(volumes),
         m_account(account),
         m_hot(hot),
+        m_verified(verified),
         m_room(room),
         m_metrics(metrics),
         m_options(options) {}
@@ -82,6 +84,7 @@ class BlockStore {
   VolumeSet& m_volumes;
   ByteAccount& m_account;
   HotTable& m_hot;
+  VerifiedBlocks& m_verified;
   Room& m_room;
   Metrics& m_metrics;
   const ObjectCacheOptions& m_options;

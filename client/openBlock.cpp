@@ -56,7 +56,8 @@ OpenBlock::OpenBlock(int fd, uint64_t offset, const BlockId& id, guid_t name, Bl
       m_metadata(std::make_shared<const Metadata>(std::move(trailer.metadata))),
       m_trailer(std::move(trailer)),
       m_name(std::move(name)),
-      m_verified(m_trailer.checksums.size()) {}
+      m_verified(m_trailer.checksums.size()),
+      m_unverified(m_verified.size()) {}
 
 OpenBlock::~OpenBlock() { ::close(m_fd); }
 
@@ -66,11 +67,41 @@ BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify,
   if (verify == Verify::Never || (verify == Verify::Once && isVerified(first, last)))
     return isThere ? BytesAre::Right : readPlain(from, out);
   const BytesAre result = readVerified(from, out, first, last, isThere);
-  if (verify == Verify::Once && result == BytesAre::Right) {
-    for (uint64_t chunk = first; chunk <= last; ++chunk)
-      m_verified[chunk].store(true, std::memory_order_relaxed);
-  }
+  if (result == BytesAre::Right && m_unverified.load(std::memory_order_relaxed) > 0)
+    markVerified(first, last);
   return result;
+}
+
+BytesAre OpenBlock::check(uint64_t from, uint64_t size, Verify verify) {
+  if (size == 0 || verify == Verify::Never) return BytesAre::Right;
+  thread_local std::array<std::byte, CHUNK_SIZE> bytes;
+  for (uint64_t chunk = from / CHUNK_SIZE; chunk * CHUNK_SIZE < from + size; ++chunk) {
+    if (isVerified(chunk, chunk)) continue;
+    const uint64_t begin = chunk * CHUNK_SIZE;
+    const std::span<std::byte> all(bytes.data(), std::min(CHUNK_SIZE, m_trailer.payloadSize - begin));
+    if (const BytesAre result = readVerified(begin, all, chunk, chunk, false); result != BytesAre::Right)
+      return result;
+    markVerified(chunk, chunk);
+  }
+  return BytesAre::Right;
+}
+
+void OpenBlock::markVerified(uint64_t firstChunk, uint64_t lastChunk) {
+  for (uint64_t chunk = firstChunk; chunk <= lastChunk; ++chunk) {
+    if (!m_verified[chunk].exchange(true, std::memory_order_relaxed))
+      m_unverified.fetch_sub(1, std::memory_order_relaxed);
+  }
+}
+
+bool OpenBlock::isNewlyVerified() {
+  return m_unverified.load(std::memory_order_relaxed) == 0 &&
+         !m_isVerificationTold.load(std::memory_order_relaxed) &&
+         !m_isVerificationTold.exchange(true, std::memory_order_relaxed);
+}
+
+void OpenBlock::setVerified() {
+  if (!m_verified.empty()) markVerified(0, m_verified.size() - 1);
+  m_isVerificationTold.store(true, std::memory_order_relaxed);
 }
 
 bool OpenBlock::isVerified(uint64_t firstChunk, uint64_t lastChunk) const {

@@ -38,9 +38,21 @@ class OpenBlock {
   // Fills `out` from `from` of the payload, in which the range lies, in one call of the system at most: none when
   // `isThere` says that the bytes are in `out` already and all that is left is to check them.
   BytesAre read(uint64_t from, std::span<std::byte> out, Verify verify, bool isThere = false);
+  // Compares the chunks of a range, which lies within the payload, with their checksums, but for those that were
+  // right before. Never: takes them for right.
+  BytesAre check(uint64_t from, uint64_t size, Verify verify);
+
+  // Whether every chunk was found right now, for the first time that this is asked.
+  bool isNewlyVerified();
+  // Takes every chunk for right.
+  void setVerified();
+
+  int fd() const { return m_fd; }
+  uint64_t offset() const { return m_offset; }
 
  private:
   bool isVerified(uint64_t firstChunk, uint64_t lastChunk) const;
+  void markVerified(uint64_t firstChunk, uint64_t lastChunk);
   BytesAre readPlain(uint64_t from, std::span<std::byte> out) const;
   BytesAre readVerified(uint64_t from, std::span<std::byte> out, uint64_t firstChunk, uint64_t lastChunk,
                         bool isThere) const;
@@ -52,7 +64,9 @@ class OpenBlock {
   const std::shared_ptr<const Metadata> m_metadata;
   const BlockTrailer m_trailer;
   const guid_t m_name;
-  std::vector<std::atomic<bool>> m_verified;  // a chunk each
+  std::vector<std::atomic<bool>> m_verified;  // a chunk each: was right once
+  std::atomic<size_t> m_unverified;           // how many were not yet
+  std::atomic<bool> m_isVerificationTold{false};
 };
 
 }  // namespace ObjectStore
