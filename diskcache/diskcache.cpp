@@ -1,4 +1,5 @@
-// The engine's life: construction, init, clearCache, destruction; its clients' contexts and its paths.
+// The life of an engine: construction, init, clearCache, destruction; and the entry points of its contexts,
+// volumes and open segments.
 #include "diskcache/diskcache.h"
 
 #include <cerrno>
