@@ -34,6 +34,11 @@ if(DISKCACHE_BUILD_TOOLS)
   install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endif()
+if(DISKCACHE_BUILD_SERVER)
+  file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(diskcached PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
+  install(TARGETS diskcached)
+endif()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)
 configure_package_config_file(cmake/diskcacheConfig.cmake.in ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake
