@@ -173,7 +173,8 @@ class DISKCACHE_EXPORT DiskCache {
   // count neither as lruHits nor as lruMisses.
 
   // Opens a segment for reading (O_CLOEXEC) and sets each place to where the stored section of its type lies,
-  // for pread, sendfile or mmap. On success the descriptor in `fd` is the caller's to close; on failure it is
+  // for pread, sendfile or mmap. A segment of a payload and a last section that fits into its place's `data`
+  // is opened in three calls. On success the descriptor in `fd` is the caller's to close; on failure it is
   // -1. The recency list is not touched. A section that is not there gets `found` false and is no error.
   // Every place lies within the file as long as it was at this moment. ENOENT when the segment is not cached
   // (no error line: a client may ask so), EINVAL for a damaged file or anything but a regular file, ELOOP for
