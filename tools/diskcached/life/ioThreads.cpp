@@ -54,7 +54,7 @@ class IoThread {
   // After it nothing runs; what still waits is dropped.
   void join() {
     m_context.stop();
-    m_thread.join();
+    if (m_thread.joinable()) m_thread.join();
   }
 
  private:

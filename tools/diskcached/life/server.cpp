@@ -66,6 +66,7 @@ class Server {
   int run() {
     if (!open()) return 1;
     const auto options = m_service.options();
+    m_service.index.open(options->root + "/diskcached.index");
     if (options->writeBack || m_cache.staged().objects > 0) {
       if (const CZuError error = m_cache.flush(
               [this](const auto& object) { return uploadStaged(m_service, object); }, options->uploads);
@@ -153,6 +154,7 @@ class Server {
     }
     m_service.stopWorkers();
     m_cache.close();
+    m_service.index.save();
   }
 
   ObjectStore::FileLogWriter& m_log;

@@ -24,6 +24,10 @@ uint64_t ObjectIndex::ticket(std::string_view key) {
 bool ObjectIndex::putFound(std::string_view key, ObjectInfoPointer info, uint64_t ticket) {
   const KxCriticalSectionLock lock(&m_lock);
   if (changesOf(key) != ticket) return false;
+  const auto known = m_positions.find(key);
+  const bool isNew =
+      known == m_positions.end() ? info != nullptr : !info || known->second->info->version != info->version;
+  if (isNew) noteLocked(key, info.get());
   setLocked(key, std::move(info));
   return true;
 }
@@ -31,11 +35,13 @@ bool ObjectIndex::putFound(std::string_view key, ObjectInfoPointer info, uint64_
 void ObjectIndex::change(std::string_view key, ObjectInfoPointer info) {
   const KxCriticalSectionLock lock(&m_lock);
   ++changesOf(key);
+  noteLocked(key, info.get());
   setLocked(key, std::move(info));
 }
 
 void ObjectIndex::erase(std::string_view key) {
   const KxCriticalSectionLock lock(&m_lock);
+  noteLocked(key, nullptr);
   eraseLocked(key);
 }
 
@@ -77,6 +83,7 @@ std::vector<std::pair<std::string, ObjectInfoPointer>> ObjectIndex::takePrefix(s
     const Position next = std::next(at);
     if (at->key.starts_with(prefix) && !at->info->isStaged) {
       ++changesOf(at->key);
+      (void)m_log.append(at->key, nullptr);
       m_positions.erase(at->key);
       taken.emplace_back(std::move(at->key), std::move(at->info));
       m_entries.erase(at);
@@ -84,6 +91,44 @@ std::vector<std::pair<std::string, ObjectInfoPointer>> ObjectIndex::takePrefix(s
     at = next;
   }
   return taken;
+}
+
+void ObjectIndex::noteLocked(std::string_view key, const ObjectInfo* info) {
+  (void)m_log.append(key, info);  // who reads the log is told when it can't be written
+  if (m_log.isLong()) rewriteLocked();
+}
+
+void ObjectIndex::rewriteLocked() {
+  const std::list<Entry>& entries = m_entries;
+  (void)m_log.rewrite(m_logPath, [&entries](const IndexLog::Visit& visit) {
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) visit(entry->key, entry->info);
+  });
+}
+
+void ObjectIndex::open(const std::string& logPath) {
+  const KxCriticalSectionLock lock(&m_lock);
+  m_logPath = logPath;
+  IndexLog::read(logPath,
+                 [this](const std::string& key, ObjectInfoPointer info) DC_NO_THREAD_SAFETY_ANALYSIS {
+                   const auto known = m_positions.find(key);
+                   if (!info && known != m_positions.end() && known->second->info->isStaged) {
+                     auto deleted = std::make_shared<ObjectInfo>();
+                     deleted->isRemembered = true;
+                     info = std::move(deleted);
+                   }
+                   setLocked(key, std::move(info));
+                 });
+  rewriteLocked();
+}
+
+void ObjectIndex::save() {
+  const KxCriticalSectionLock lock(&m_lock);
+  rewriteLocked();
+}
+
+int ObjectIndex::sync() {
+  const KxCriticalSectionLock lock(&m_lock);
+  return m_log.sync();
 }
 
 size_t ObjectIndex::size() {

@@ -26,12 +26,13 @@ struct ObjectInfo {
   bool mayStore = true;                 // the store allows it, and there is a version to know it by
   bool mayServeStale = true;            // the store allows it
   bool isStaged = false;                // not uploaded yet: nobody else has it
+  bool isRemembered = false;  // from before a restart; the headers are to be had from the cache first
 
   std::string_view header(std::string_view name) const {
     const auto found = headers.find(std::string(name));
     return found == headers.end() ? std::string_view() : found->second;
   }
-  bool isFresh(Clock::time_point now) const { return isStaged || now < freshUntil; }
+  bool isFresh(Clock::time_point now) const { return !isRemembered && (isStaged || now < freshUntil); }
 };
 using ObjectInfoPointer = std::shared_ptr<const ObjectInfo>;
 

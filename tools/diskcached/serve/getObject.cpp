@@ -103,8 +103,12 @@ class Answer {
     countSource(body.source());
     co_await m_exchange.sendHead(head(status, range), ClientStream::More::Yes);
     for (uint64_t at = range.from;;) {
-      at += piece.bytes.size();
-      co_await m_exchange.sendBody(piece.bytes, ClientStream::More::No);
+      at += piece.size;
+      if (piece.bytes) {
+        co_await m_exchange.sendBody({piece.bytes, static_cast<size_t>(piece.size)}, ClientStream::More::No);
+      } else {
+        co_await m_exchange.sendFile(piece.file, piece.fileOffset, piece.size);
+      }
       if (at == end) co_return;
       piece = co_await body.nextPatiently(at);
     }

@@ -57,10 +57,30 @@ void Lookups::end(const std::string& key, Watched<State>& pending, State state) 
   });
 }
 
+// What the cache holds of an object that was known before a restart; null when that is nothing.
+ObjectInfoPointer Lookups::recall(const std::string& key, const ObjectInfo& remembered,
+                                  const Options& options) {
+  if (remembered.version.empty()) return nullptr;
+  const ObjectStore::ReadResult found = m_cache.describe(key, remembered.version);
+  if (!found || found.objectSize != remembered.size) return nullptr;
+  auto info = std::make_shared<ObjectInfo>(
+      describeObject(*found.metadata, found.objectSize, options, remembered.checkedAt));
+  info->isStaged = remembered.isStaged;
+  info->mayStore = info->mayStore || info->isStaged;
+  return info;
+}
+
 Found Lookups::ask(const std::string& key, const Options& options) {
-  ++m_stats.lookups;
   const uint64_t ticket = m_index.ticket(key);
   ObjectInfoPointer known = m_index.find(key);
+  if (known && known->isRemembered) {
+    known = recall(key, *known, options);
+    if (known && known->isFresh(Clock::now())) {
+      (void)m_index.putFound(key, known, ticket);
+      return {.info = std::move(known)};
+    }
+  }
+  ++m_stats.lookups;
   OriginCall call;
   call.method = "HEAD";
   call.key = key;

@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "client/objectCache.h"
 #include "object/objectIndex.h"
 #include "origin/origin.h"
 #include "serve/stats.h"
@@ -25,8 +26,9 @@ struct Found {
 
 class Lookups {
  public:
-  Lookups(ObjectIndex& index, Origin& origin, WorkerPool& workers, Stats& stats)
-      : m_index(index), m_origin(origin), m_workers(workers), m_stats(stats) {}
+  Lookups(ObjectStore::ObjectCache& cache, ObjectIndex& index, Origin& origin, WorkerPool& workers,
+          Stats& stats)
+      : m_cache(cache), m_index(index), m_origin(origin), m_workers(workers), m_stats(stats) {}
 
   // Throws Overloaded.
   asio::awaitable<Found> find(std::string key, std::shared_ptr<const Options> options);
@@ -42,9 +44,11 @@ class Lookups {
   Pending join(const std::string& key, const std::shared_ptr<const Options>& options);
   void end(const std::string& key, Watched<State>& pending, State state);
   Found ask(const std::string& key, const Options& options);
+  ObjectInfoPointer recall(const std::string& key, const ObjectInfo& remembered, const Options& options);
   Found troubled(const std::string& key, ObjectInfoPointer known, OriginReply reply, uint64_t ticket,
                  const Options& options);
 
+  ObjectStore::ObjectCache& m_cache;
   ObjectIndex& m_index;
   Origin& m_origin;
   WorkerPool& m_workers;

@@ -19,9 +19,13 @@ struct BytesMissing : std::exception {
   int errNo;
 };
 
+// Of the object: in memory, or in a file.
 struct Piece {
-  std::shared_ptr<BlockFetch> keeper;  // of `bytes`
-  std::span<const std::byte> bytes{};
+  std::shared_ptr<const void> keeper;
+  const std::byte* bytes = nullptr;
+  int file = -1;  // when `bytes` is null
+  uint64_t fileOffset = 0;
+  uint64_t size = 0;
 };
 
 class ObjectBody {
@@ -38,6 +42,10 @@ class ObjectBody {
   Source source() const { return m_source; }  // of the first piece
 
  private:
+  // The piece as the cache has it on disk; one of size 0 when it has not.
+  asio::awaitable<Piece> fromDisk(uint64_t number, uint64_t offset);
+  asio::awaitable<Piece> fromFetch(uint64_t number, uint64_t offset);
+  bool isLikelyOnDisk(uint64_t number);
   void begin(uint64_t number);
   void beginAhead();
 
@@ -49,7 +57,10 @@ class ObjectBody {
   uint64_t m_number = 0;
   std::shared_ptr<BlockFetch> m_fetch, m_ahead;  // of block m_number, and of the next one
   bool m_isMine = false;
+  bool m_isWhole = false;  // it had come before it was asked for here
   bool m_hasBegun = false;
+  bool m_hasMissed = false;  // the last fetch came from the store
+  bool m_isRefused = false;  // what was fetched is not to be had from disk
   Source m_source = Source::Cache;
 };
 

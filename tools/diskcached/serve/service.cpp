@@ -7,6 +7,12 @@ namespace {
 // Longer queues would only keep clients waiting for what they have given up.
 constexpr size_t QUEUED_A_THREAD = 16;
 
+ObjectInfoPointer deletionMark() {
+  auto mark = std::make_shared<ObjectInfo>();
+  mark->isRemembered = true;
+  return mark;
+}
+
 }  // namespace
 
 Service::Service(std::shared_ptr<const Options> options, ObjectStore::ObjectCache& itsCache,
@@ -20,7 +26,7 @@ Service::Service(std::shared_ptr<const Options> options, ObjectStore::ObjectCach
       disks(options->diskThreads, options->diskThreads * QUEUED_A_THREAD),
       fetchers(options->originConnections, options->originConnections * QUEUED_A_THREAD),
       passers(options->passing, options->passing),
-      lookups(index, origin, fetchers, stats),
+      lookups(cache, index, origin, fetchers, stats),
       fetches(cache, origin, fetchers, memory, options->blockSize) {}
 
 void Service::change(std::shared_ptr<const Options> options, std::optional<Credentials> credentials) {
@@ -36,7 +42,8 @@ void Service::stopWorkers() {
 
 void Service::forget(const std::string& key) {
   const ObjectInfoPointer known = index.find(key);
-  index.change(key, nullptr);
+  // That a staged object was deleted must be known until its upload has been given up.
+  index.change(key, known && known->isStaged ? deletionMark() : nullptr);
   if (known) cache.drop(key, known->version, known->size);
 }
 

@@ -14,6 +14,7 @@
 #include "serve/keyLocks.h"
 #include "serve/lookups.h"
 #include "serve/memoryBudget.h"
+#include "serve/pinnedLately.h"
 #include "serve/stats.h"
 #include "serve/workerPool.h"
 
@@ -48,6 +49,7 @@ class Service {
   ObjectIndex index;
   KeyLocks keyLocks;
   MemoryBudget memory;
+  PinnedLately pinnedLately;
   AccessLog accessLog;
   WorkerPool disks;     // for calls that wait for a disk,
   WorkerPool fetchers;  // for the store,

@@ -59,6 +59,8 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
   CZuError error = service.cache.stage(key, etag, bytes, kept);
   if (error.IsError()) return {.error = std::move(error)};
   service.index.change(key, std::move(info));
+  if (const int errNo = service.index.sync(); errNo != 0)
+    return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errNo, "the index can't be written")};
   return {.etag = etag};
 }
 
