@@ -99,9 +99,8 @@ void ObjectIndex::noteLocked(std::string_view key, const ObjectInfo* info) {
 }
 
 void ObjectIndex::rewriteLocked() {
-  const std::list<Entry>& entries = m_entries;
-  (void)m_log.rewrite(m_logPath, [&entries](const IndexLog::Visit& visit) {
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) visit(entry->key, entry->info);
+  (void)m_log.rewrite(m_logPath, [this](const IndexLog::Visit& visit) DC_NO_THREAD_SAFETY_ANALYSIS {
+    for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) visit(entry->key, entry->info);
   });
 }
 
