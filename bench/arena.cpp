@@ -6,9 +6,11 @@
 #include <random>
 
 #include "cacheStore.h"
+#include "clientStore.h"
 #include "floor.h"
 
 using ObjectStore::PruningMode;
+using ObjectStore::Verify;
 
 namespace bench {
 
@@ -30,6 +32,13 @@ Contender cacheWith(const std::string& name, const CacheOptions& options) {
           }};
 }
 
+Contender clientWith(const std::string& name, const ClientOptions& options) {
+  const auto make = [options](const std::string& dir, const Guids& guids) {
+    return makeClient(dir, guids, options);
+  };
+  return {name, false, make, true};
+}
+
 }  // namespace
 
 std::vector<Contender> contenders() {
@@ -41,17 +50,22 @@ std::vector<Contender> contenders() {
       cacheWith("random", {.mode = PruningMode::Random}),
       cacheWith("counters", {.watch = Watch::Counters}),
       cacheWith("log", {.watch = Watch::Log}),
+      clientWith("hot", {}),
+      clientWith("hot+", {.verify = Verify::Always}),
+      clientWith("cold", {.isHot = false}),
+      clientWith("cold+", {.verify = Verify::Always, .isHot = false}),
   };
-  for (const Peer& peer : peers()) all.push_back({peer.name, false, peer.make});
+  for (const Peer& peer : peers()) all.push_back({peer.name, false, peer.make, false});
   return all;
 }
 
-Arena::Arena(const std::string& parent, size_t bytes, size_t segments)
+Arena::Arena(const std::string& parent, size_t bytes, size_t segments, bool isForReading)
     : m_dir(parent),
       m_bytes(bytes),
       m_guids(makeGuids(segments)),
       m_noise(makeNoise(bytes + WINDOWS * WINDOW_STEP)) {
   for (const Contender& contender : contenders()) {
+    if (contender.isForReading && !isForReading) continue;
     std::string dir = m_dir.path();
     if (!contender.isOnVolume) dir += '/' + contender.name;
     std::filesystem::create_directories(dir);

@@ -16,6 +16,7 @@ struct Contender {
   std::string name;
   bool isOnVolume;  // works on the cache's files, like the floor
   StoreMaker make;
+  bool isForReading = false;  // takes no part in changes
 };
 
 // Those on the volume first; a second floor tells how far two goes of the same calls are apart.
@@ -30,7 +31,7 @@ struct Lane {
 
 class Arena {
  public:
-  Arena(const std::string& parent, size_t bytes, size_t segments);
+  Arena(const std::string& parent, size_t bytes, size_t segments, bool isForReading);
 
   std::vector<Lane>& lanes() { return m_lanes; }
   size_t bytes() const { return m_bytes; }

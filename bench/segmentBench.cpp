@@ -176,7 +176,7 @@ class CurrentArena {
     const std::string key = (work.isReading() ? "reading" : work.name) + std::to_string(bytes);
     if (key == m_key) return *m_arena;
     m_arena.reset();  // its space is needed
-    m_arena = std::make_unique<Arena>(m_dir, bytes, segments);
+    m_arena = std::make_unique<Arena>(m_dir, bytes, segments, work.isReading());
     if (work.isReading()) m_arena->fill();
     m_key = key;
     return *m_arena;

@@ -55,20 +55,20 @@ BlockStore::Found foundBy(int errNo) {
   }
 }
 
+constexpr size_t SMALL_TRAILER = 2048;
+
+// `place` has read the front of the trailer, which is all of a small one.
 std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
   if (!place.found || place.len > MAX_TRAILER_SIZE) return {};
-  std::array<std::byte, 2048> small;
-  std::vector<std::byte> large;
-  std::span<std::byte> bytes(small);
-  if (place.len > bytes.size()) {
-    large.resize(place.len);
-    bytes = large;
-  }
-  bytes = bytes.first(place.len);
+  const std::span<const unsigned char> front(place.data, place.read);
+  if (place.read == place.len) return decodeTrailer(std::as_bytes(front));
+  std::vector<std::byte> bytes(place.len);
   const ssize_t got = pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
   if (got != static_cast<ssize_t>(bytes.size())) return {};
   return decodeTrailer(bytes);
 }
+
+unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
 
 // A file's name is on disk when its directory is, up to the volume.
 int syncDirectories(std::string path, const std::string& root) {
@@ -98,15 +98,16 @@ bool BlockStore::locate(const BlockId& id, const guid_t& name, DiskCacheContext&
   return m_engine.findVolume(name, context.volume);
 }
 
-BlockStore::Lookup BlockStore::open(const BlockId& id, std::string_view key, std::string_view version) {
+BlockStore::Lookup BlockStore::open(const BlockId& id, std::string_view key, std::string_view version,
+                                    std::span<std::byte> front) {
   const guid_t name = blockName(id);
   DiskCacheContext context;
-  if (locate(id, name, context)) return openIn(context, name, id, key, version);
+  if (locate(id, name, context)) return openIn(context, name, id, key, version, front);
   if (m_options.mode == PruningMode::Lru) return {};
   // There the list forgets what it has no place for.
   for (const VolIndex volume : m_volumes.indexes()) {
     context.volume = volume;
-    Lookup lookup = openIn(context, name, id, key, version);
+    Lookup lookup = openIn(context, name, id, key, version, front);
     if (lookup.found == Found::Nothing) continue;
     (void)m_engine.remember(context, name);  // it fails for want of memory: the next start finds the block
     return lookup;
@@ -119,41 +120,54 @@ struct BlockStore::Opened {
   Descriptor file;
   uint64_t offset = 0;  // of the payload
   uint64_t size = 0;
+  size_t read = 0;                      // bytes of the payload's front
   std::optional<BlockTrailer> trailer;  // there when found is Whole
 };
 
-BlockStore::Opened BlockStore::openFile(const DiskCacheContext& context, const guid_t& name) {
+BlockStore::Opened BlockStore::openFile(const DiskCacheContext& context, const guid_t& name,
+                                        std::span<std::byte> front) {
   Opened opened;
-  std::vector<SectionPlace> places{{PAYLOAD_SECTION}, {TRAILER_SECTION}};
+  std::array<unsigned char, SMALL_TRAILER> trailer;
+  thread_local std::vector<SectionPlace> places(2);
+  SectionPlace &payload = places[0], &last = places[1];
+  payload.type = PAYLOAD_SECTION;
+  payload.data = front.empty() ? nullptr : plain(front.data());
+  payload.bufferSize = front.size();
+  last.type = TRAILER_SECTION;
+  last.data = trailer.data();
+  last.bufferSize = trailer.size();
   const CZuError error = m_engine.openSection(opened.file.fd, places, context, name);
   if (error.IsError()) {
     opened.found = foundBy(RMErrorUtil::GetErrNo(error));
     if (opened.found == Found::Trouble) m_metrics.add(Count::diskErrors);
     return opened;
   }
-  opened.offset = places[0].offset;
-  opened.size = places[0].len;
-  opened.trailer = readTrailer(opened.file.fd, places[1]);
-  opened.found = opened.trailer ? Found::Whole : places[1].found ? Found::Broken : Found::Unfinished;
+  opened.offset = payload.offset;
+  opened.size = payload.len;
+  opened.read = payload.read;
+  opened.trailer = readTrailer(opened.file.fd, last);
+  opened.found = opened.trailer ? Found::Whole : last.found ? Found::Broken : Found::Unfinished;
   return opened;
 }
 
 BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id,
-                                      std::string_view key, std::string_view version) {
-  Opened opened = openFile(context, name);
-  if (opened.found != Found::Whole) return {opened.found, nullptr};
+                                      std::string_view key, std::string_view version,
+                                      std::span<std::byte> front) {
+  Opened opened = openFile(context, name, front);
+  if (opened.found != Found::Whole) return {opened.found, nullptr, 0};
   const BlockTrailer& trailer = *opened.trailer;
   const bool isIt = trailer.number == id.number && trailer.blockSize == m_options.blockSize &&
                     trailer.payloadSize == opened.size && trailer.key == key && trailer.version == version;
-  if (!isIt) return {Found::Broken, nullptr};
-  auto block = std::make_shared<OpenBlock>(opened.file.fd, opened.offset, name, std::move(*opened.trailer));
+  if (!isIt) return {Found::Broken, nullptr, 0};
+  auto block =
+      std::make_shared<OpenBlock>(opened.file.fd, opened.offset, id, name, std::move(*opened.trailer));
   opened.file.release();
-  return {Found::Whole, std::move(block)};
+  return {Found::Whole, std::move(block), opened.read};
 }
 
 std::optional<BlockTrailer> BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
   m_room.staged.insert(id, volume);
-  return openFile(contextOf(Place::Staged, volume), blockName(id)).trailer;
+  return openFile(contextOf(Place::Staged, volume), blockName(id), {}).trailer;
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {
@@ -171,6 +185,7 @@ int BlockStore::store(const BlockContent& content, Place place) {
   if (bytes.empty()) return EFBIG;
 
   const uint64_t space = spaceFor(content.payload.size() + bytes.size());
+  m_verified.erase(content.id);
   const BlockSet::Member writing(m_room.writing, content.id);
   int rc = ENOSPC;
   for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {

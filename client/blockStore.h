@@ -9,6 +9,7 @@
 
 #include "client/openBlock.h"
 #include "client/room.h"
+#include "client/verifiedBlocks.h"
 
 namespace ObjectStore {
 
@@ -33,21 +34,25 @@ class BlockStore {
   struct Lookup {
     Found found = Found::Nothing;
     std::shared_ptr<OpenBlock> block;
+    size_t read = 0;  // bytes of `front` that are there
   };
   enum class Place { Prunable, Staged };
 
-  BlockStore(DiskCache& engine, VolumeSet& volumes, ByteAccount& account, HotTable& hot, Room& room,
-             Metrics& metrics, const ObjectCacheOptions& options)
+  BlockStore(DiskCache& engine, VolumeSet& volumes, ByteAccount& account, HotTable& hot,
+             VerifiedBlocks& verified, Room& room, Metrics& metrics, const ObjectCacheOptions& options)
       : m_engine(engine),
         m_volumes(volumes),
         m_account(account),
         m_hot(hot),
+        m_verified(verified),
         m_room(room),
         m_metrics(metrics),
         m_options(options) {}
 
-  // Opens a block and reads its trailer. The list is not touched.
-  Lookup open(const BlockId& id, std::string_view key, std::string_view version);
+  // Opens a block and reads its trailer, and the front of its payload into `front` where that costs no call; what
+  // lies behind the payload may be overwritten there. The list is not touched.
+  Lookup open(const BlockId& id, std::string_view key, std::string_view version,
+              std::span<std::byte> front = {});
   // Whether the block may be there, from memory alone.
   bool isKnown(const BlockId& id);
   bool isStaged(const BlockId& id) { return m_room.staged.contains(id); }
@@ -65,10 +70,10 @@ class BlockStore {
 
  private:
   struct Opened;
-  Opened openFile(const DiskCacheContext& context, const guid_t& name);
+  Opened openFile(const DiskCacheContext& context, const guid_t& name, std::span<std::byte> front);
   bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
   Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,
-                std::string_view version);
+                std::string_view version, std::span<std::byte> front);
   int create(const BlockContent& content, const std::vector<std::byte>& trailer, Place place,
              ByteAccount::Grant& grant);
   int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
@@ -79,6 +84,7 @@ class BlockStore {
   VolumeSet& m_volumes;
   ByteAccount& m_account;
   HotTable& m_hot;
+  VerifiedBlocks& m_verified;
   Room& m_room;
   Metrics& m_metrics;
   const ObjectCacheOptions& m_options;

@@ -1,5 +1,6 @@
 #include "client/cacheState.h"
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,11 +13,21 @@ namespace ObjectStore {
 
 namespace {
 
-// The list evicts by bytes, never by count; in mode Random it is what the pruner leaves alone.
-constexpr uint64_t NO_BOUND = uint64_t{1} << 40;
-constexpr uint64_t PROTECTED_BLOCKS = 1024;
+constexpr uint64_t NO_BOUND = uint64_t{1} << 40;  // the list evicts by bytes, never by count
 // Used space is never ten times the capacity: in mode Lru no watermark delays or stops anything.
 constexpr int NEVER = 1000;
+constexpr size_t VERIFIED_BLOCKS = 1 << 16;
+
+// In mode Random the pruner leaves alone what is in the list: a share of small disks, for all else to go first.
+uint64_t protectedBlocks(const std::vector<std::string>& dirs, uint64_t blockSize) {
+  constexpr uint64_t LEAST = 5, MOST = 1024, SHARE = 16;
+  uint64_t capacity = 0;
+  for (const std::string& dir : dirs) {
+    struct statvfs status {};
+    if (statvfs(dir.c_str(), &status) == 0) capacity += uint64_t{status.f_blocks} * status.f_frsize;
+  }
+  return std::clamp(capacity / SHARE / blockSize, LEAST, MOST);
+}
 
 }  // namespace
 
@@ -29,9 +40,10 @@ OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters)
       metrics(counters),
       engine(std::make_unique<DiskCache>(PersistentVolumes::Yes)),
       hot(chosen.hotBlocks),
+      verified(chosen.verify == Verify::Once ? VERIFIED_BLOCKS : 0),
       volumes(*engine, account, chosen),
       room(*engine, volumes, account, hot, counters, chosen),
-      store(*engine, volumes, account, hot, room, counters, chosen),
+      store(*engine, volumes, account, hot, verified, room, counters, chosen),
       writeBack(store, flights, counters, chosen),
       uses(chosen.useWindow) {}
 
@@ -55,9 +67,10 @@ CZuError OpenCache::start(const std::vector<std::string>& dirs) {
 CZuError OpenCache::startEngine(const std::vector<std::string>& dirs) {
   unlink((options.root + "/volume_info").c_str());
   const bool isLru = options.mode == PruningMode::Lru;
-  CZuError error = engine->init(options.root, {}, isLru ? NEVER : options.highWatermark,
-                                isLru ? NEVER : options.lowWatermark, isLru ? NEVER : options.highWatermark,
-                                isLru ? NO_BOUND : PROTECTED_BLOCKS, nullptr, options.mode);
+  CZuError error =
+      engine->init(options.root, {}, isLru ? NEVER : options.highWatermark,
+                   isLru ? NEVER : options.lowWatermark, isLru ? NEVER : options.highWatermark,
+                   isLru ? NO_BOUND : protectedBlocks(dirs, options.blockSize), nullptr, options.mode);
   if (error.IsError()) return error;
   DiskCacheContext context;
   context.dir = BLOCKS_DIR;

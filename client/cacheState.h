@@ -7,6 +7,7 @@
 #include "client/flights.h"
 #include "client/objectCache.h"
 #include "client/usage.h"
+#include "client/verifiedBlocks.h"
 #include "client/volumeMarkers.h"
 #include "client/writeBack.h"
 
@@ -27,6 +28,7 @@ struct OpenCache {
   std::unique_ptr<DiskCache> engine;
   ByteAccount account;
   HotTable hot;
+  VerifiedBlocks verified;
   VolumeSet volumes;
   Room room;
   BlockStore store;

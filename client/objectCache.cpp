@@ -120,6 +120,15 @@ ReadResult ObjectCache::describe(std::string_view key, std::string_view version)
   return {.error = keyError(RM_CODE_LOCATION, ENOMEM, key, "can't be described")};
 }
 
+PinnedBlock ObjectCache::pin(std::string_view key, std::string_view version, uint64_t offset,
+                             uint64_t length) try {
+  if (!m_state->cache) return {.error = keyError(RM_CODE_LOCATION, EBADF, key, "the cache is not open")};
+  const ReadOptions options;
+  return ReadOperation(*m_state->cache, key, version, options).pin(offset, length);
+} catch (const std::bad_alloc&) {
+  return {.error = keyError(RM_CODE_LOCATION, ENOMEM, key, "can't be pinned")};
+}
+
 void ObjectCache::drop(std::string_view key, std::string_view version, uint64_t objectSize) {
   if (!m_state->cache) return;
   OpenCache& cache = *m_state->cache;
@@ -153,6 +162,10 @@ StagedStatus ObjectCache::staged() {
 
 bool ObjectCache::drained(std::chrono::steady_clock::time_point deadline) {
   return !m_state->cache || m_state->cache->writeBack.drained(deadline);
+}
+
+void ObjectCache::setMaxBytes(uint64_t bytes) {
+  if (m_state->cache) m_state->cache->room.setBound(bytes);
 }
 
 ObjectCacheMetrics ObjectCache::metrics() {

@@ -39,7 +39,8 @@ namespace ObjectStore {
 // Whether bytes from disk are compared with their checksums, 64 KiB by 64 KiB.
 enum class Verify {
   Always,  // each time: a chunk that is asked for in part is read whole
-  Once,    // once while the block's descriptor stays open
+  Once,    // the first time in this process; after its descriptor was closed that is known of the last 65,536
+           // blocks (fewer when some fall on one place) that were read whole
   Never,   // the trailer only, when the block is opened
 };
 
@@ -142,6 +143,21 @@ struct ReadResult {
   explicit operator bool() const { return !error.IsError(); }
 };
 
+// A part of a cached block's file, to be sent with sendfile or mapped: bytes [offset, offset + length) of the object.
+// Copies may be used by any thread, also after the cache was closed or the block given up; its space on disk comes
+// back when the last copy of `hold` goes.
+struct PinnedBlock {
+  CZuError error{};         // ENOENT: read() the range instead
+  int fd = -1;              // open while `hold` lives, and shared: not to be closed, nor its position used
+  uint64_t fileOffset = 0;  // where the bytes begin in the file
+  uint64_t length = 0;      // bytes; 0 behind the object's end
+  uint64_t objectSize = 0;
+  std::shared_ptr<const Metadata> metadata{};
+  std::shared_ptr<const void> hold{};
+
+  explicit operator bool() const { return !error.IsError(); }
+};
+
 // A staged object, as an Upload sees it.
 class StagedObject {
  public:
@@ -187,6 +203,13 @@ class DISKCACHE_EXPORT ObjectCache {
                   Origin origin, const ReadOptions& options = {});
   // Size and metadata of an object whose first block is cached; ENOENT otherwise. The origin is not asked.
   ReadResult describe(std::string_view key, std::string_view version);
+  // Holds the block with the byte at `offset` open for who moves the bytes himself: at most `length` of them, never
+  // more than the block has. Counts as a hit and as use. Their checksums are compared now unless that was done
+  // before in this process, but for Verify::Never; what becomes of them on disk afterwards is not noticed. ENOENT
+  // when the block is not cached, can't be read or is damaged: read() gets the bytes then, and mends it. EINVAL for
+  // an offset that no object has. The origin is not asked.
+  PinnedBlock pin(std::string_view key, std::string_view version, uint64_t offset,
+                  uint64_t length = UINT64_MAX);
   // Forgets an object's blocks up to `objectSize`; those staged stay.
   void drop(std::string_view key, std::string_view version, uint64_t objectSize);
 
@@ -201,6 +224,10 @@ class DISKCACHE_EXPORT ObjectCache {
   StagedStatus staged();
   // Waits until nothing is staged; false when `deadline` came first.
   bool drained(std::chrono::steady_clock::time_point deadline);
+
+  // Another bound, as ObjectCacheOptions::maxBytes, until close(); blocks beyond it are given up before this returns.
+  // Mode Random has none: it does nothing there.
+  void setMaxBytes(uint64_t bytes);
 
   ObjectCacheMetrics metrics();
   // Appends the metrics in Prometheus' text format, every name with the prefix "diskcache_client_".

@@ -49,27 +49,59 @@ class Pieces {
 
 }  // namespace
 
-OpenBlock::OpenBlock(int fd, uint64_t offset, guid_t name, BlockTrailer trailer)
-    : m_fd(fd),
+OpenBlock::OpenBlock(int fd, uint64_t offset, const BlockId& id, guid_t name, BlockTrailer&& trailer)
+    : m_id(id),
+      m_fd(fd),
       m_offset(offset),
-      m_name(std::move(name)),
+      m_metadata(std::make_shared<const Metadata>(std::move(trailer.metadata))),
       m_trailer(std::move(trailer)),
-      m_metadata(std::make_shared<const Metadata>(m_trailer.metadata)),
-      m_verified(m_trailer.checksums.size()) {}
+      m_name(std::move(name)),
+      m_verified(m_trailer.checksums.size()),
+      m_unverified(m_verified.size()) {}
 
 OpenBlock::~OpenBlock() { ::close(m_fd); }
 
-BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify) {
+BytesAre OpenBlock::read(uint64_t from, std::span<std::byte> out, Verify verify, bool isThere) {
   if (out.empty()) return BytesAre::Right;
   const uint64_t first = from / CHUNK_SIZE, last = (from + out.size() - 1) / CHUNK_SIZE;
   if (verify == Verify::Never || (verify == Verify::Once && isVerified(first, last)))
-    return readPlain(from, out);
-  const BytesAre result = readVerified(from, out, first, last);
-  if (verify == Verify::Once && result == BytesAre::Right) {
-    for (uint64_t chunk = first; chunk <= last; ++chunk)
-      m_verified[chunk].store(true, std::memory_order_relaxed);
-  }
+    return isThere ? BytesAre::Right : readPlain(from, out);
+  const BytesAre result = readVerified(from, out, first, last, isThere);
+  if (result == BytesAre::Right && m_unverified.load(std::memory_order_relaxed) > 0)
+    markVerified(first, last);
   return result;
+}
+
+BytesAre OpenBlock::check(uint64_t from, uint64_t size, Verify verify) {
+  if (size == 0 || verify == Verify::Never) return BytesAre::Right;
+  thread_local std::array<std::byte, CHUNK_SIZE> bytes;
+  for (uint64_t chunk = from / CHUNK_SIZE; chunk * CHUNK_SIZE < from + size; ++chunk) {
+    if (isVerified(chunk, chunk)) continue;
+    const uint64_t begin = chunk * CHUNK_SIZE;
+    const std::span<std::byte> all(bytes.data(), std::min(CHUNK_SIZE, m_trailer.payloadSize - begin));
+    if (const BytesAre result = readVerified(begin, all, chunk, chunk, false); result != BytesAre::Right)
+      return result;
+    markVerified(chunk, chunk);
+  }
+  return BytesAre::Right;
+}
+
+void OpenBlock::markVerified(uint64_t firstChunk, uint64_t lastChunk) {
+  for (uint64_t chunk = firstChunk; chunk <= lastChunk; ++chunk) {
+    if (!m_verified[chunk].exchange(true, std::memory_order_relaxed))
+      m_unverified.fetch_sub(1, std::memory_order_relaxed);
+  }
+}
+
+bool OpenBlock::isNewlyVerified() {
+  return m_unverified.load(std::memory_order_relaxed) == 0 &&
+         !m_isVerificationTold.load(std::memory_order_relaxed) &&
+         !m_isVerificationTold.exchange(true, std::memory_order_relaxed);
+}
+
+void OpenBlock::setVerified() {
+  if (!m_verified.empty()) markVerified(0, m_verified.size() - 1);
+  m_isVerificationTold.store(true, std::memory_order_relaxed);
 }
 
 bool OpenBlock::isVerified(uint64_t firstChunk, uint64_t lastChunk) const {
@@ -85,7 +117,7 @@ BytesAre OpenBlock::readPlain(uint64_t from, std::span<std::byte> out) const {
 
 // What lies before and behind the range in its first and last chunk goes to a buffer beside it.
 BytesAre OpenBlock::readVerified(uint64_t from, std::span<std::byte> out, uint64_t firstChunk,
-                                 uint64_t lastChunk) const {
+                                 uint64_t lastChunk, bool isThere) const {
   thread_local std::array<std::byte, 2 * CHUNK_SIZE> beside;
   const uint64_t begin = firstChunk * CHUNK_SIZE;
   const uint64_t end = std::min((lastChunk + 1) * CHUNK_SIZE, m_trailer.payloadSize);
@@ -93,7 +125,7 @@ BytesAre OpenBlock::readVerified(uint64_t from, std::span<std::byte> out, uint64
   const std::span<std::byte> behind(beside.data() + CHUNK_SIZE, end - from - out.size());
   BytesAre result = BytesAre::Right;
   if (before.empty() && behind.empty()) {
-    result = readPlain(from, out);
+    if (!isThere) result = readPlain(from, out);
   } else {
     const std::array<iovec, 3> parts{
         {{before.data(), before.size()}, {out.data(), out.size()}, {behind.data(), behind.size()}}};

@@ -28,8 +28,34 @@ ReadResult ReadOperation::read(uint64_t offset, std::span<std::byte> out, const 
 }
 
 ReadResult ReadOperation::describe() {
-  if (fromCache(blockOf(0), 0, {}, false) != Step::Done) fail(RM_CODE_LOCATION, ENOENT, "not cached");
+  if (readFromCache(blockOf(0), 0, {}, false) != Step::Done) fail(RM_CODE_LOCATION, ENOENT, "not cached");
   return std::move(m_result);
+}
+
+// Damage is left to who reads and may drop it.
+PinnedBlock ReadOperation::pin(uint64_t offset, uint64_t length) {
+  PinnedBlock pinned;
+  const uint64_t number = offset / blockSize(), from = offset % blockSize();
+  if (number > std::numeric_limits<uint32_t>::max()) {
+    fail(RM_CODE_LOCATION, EINVAL, "no object is so large");
+  } else if (const Step step = fromCache(
+                 blockOf(number), {}, false,
+                 [&](const HotTable::Block& block, size_t) {
+                   const uint64_t size = block->trailer().payloadSize;
+                   pinned.length = from >= size ? 0 : std::min(length, size - from);
+                   pinned.fd = block->fd();
+                   pinned.fileOffset = block->offset() + from;
+                   pinned.hold = block;
+                   return useBytes(*block, block->check(from, pinned.length, m_cache.options.verify),
+                                   pinned.length);
+                 });
+             step != Step::Done) {
+    fail(RM_CODE_LOCATION, ENOENT, "not cached");
+  }
+  if (m_result.error.IsError()) return {.error = m_result.error};
+  pinned.objectSize = m_result.objectSize;
+  pinned.metadata = m_result.metadata;
+  return pinned;
 }
 
 ReadOperation::Step ReadOperation::readSome(uint64_t offset, std::span<std::byte> out, const Origin& origin) {
@@ -37,7 +63,7 @@ ReadOperation::Step ReadOperation::readSome(uint64_t offset, std::span<std::byte
   const uint64_t from = offset % blockSize();
   const auto ofBlock = out.first(std::min<uint64_t>(out.size(), blockSize() - from));
   for (;;) {
-    if (const Step step = fromCache(id, from, ofBlock, false); step != Step::Miss) return step;
+    if (const Step step = readFromCache(id, from, ofBlock, false); step != Step::Miss) return step;
     if (!m_missed) m_missed.emplace();
     Flights::Joined joined = m_cache.flights.join(id);
     if (!joined.mine) {
@@ -45,21 +71,31 @@ ReadOperation::Step ReadOperation::readSome(uint64_t offset, std::span<std::byte
       continue;
     }
     // The block may have come between the look and the flight; what is there and not whole goes now.
-    if (const Step step = fromCache(id, from, ofBlock, true); step != Step::Miss) return step;
+    if (const Step step = readFromCache(id, from, ofBlock, true); step != Step::Miss) return step;
     return OriginFetch(*this, origin, std::move(joined.mine)).run(offset, out);
   }
 }
 
-ReadOperation::Step ReadOperation::fromCache(const BlockId& id, uint64_t from, std::span<std::byte> out,
-                                             bool mayDrop) {
-  const Step step = fromHotTable(id, from, out);
-  return step != Step::Miss ? step : fromDisk(id, from, out, mayDrop);
+ReadOperation::Step ReadOperation::readFromCache(const BlockId& id, uint64_t from, std::span<std::byte> out,
+                                                 bool mayDrop) {
+  const auto front = from == 0 ? out : std::span<std::byte>();
+  return fromCache(id, front, mayDrop, [&](const HotTable::Block& block, size_t read) {
+    return fromBlock(*block, from, out, read);
+  });
 }
 
-ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, uint64_t from, std::span<std::byte> out) {
+template <typename Use>
+ReadOperation::Step ReadOperation::fromCache(const BlockId& id, std::span<std::byte> front, bool mayDrop,
+                                             Use&& use) {
+  const Step step = fromHotTable(id, use);
+  return step != Step::Miss ? step : fromDisk(id, front, mayDrop, use);
+}
+
+template <typename Use>
+ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, Use&& use) {
   const HotTable::Block block = m_cache.hot.find(id);
   if (!block || !block->isOf(m_key, m_version) || isExpired(*block)) return Step::Miss;
-  const Step step = fromBlock(id, *block, from, out);
+  const Step step = use(block, 0);
   if (step == Step::Miss) {
     m_cache.hot.erase(id);  // and look at the file itself
     return step;
@@ -70,10 +106,11 @@ ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, uint64_t from
   return step;
 }
 
-ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, std::span<std::byte> out,
-                                            bool mayDrop) {
+template <typename Use>
+ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, std::span<std::byte> front, bool mayDrop,
+                                            Use&& use) {
   using Found = BlockStore::Found;
-  const BlockStore::Lookup lookup = m_cache.store.open(id, m_key, m_version);
+  const BlockStore::Lookup lookup = m_cache.store.open(id, m_key, m_version, front);
   switch (lookup.found) {
     case Found::Nothing: return Step::Miss;
     case Found::Trouble: m_mayStore = false; return Step::Miss;
@@ -85,11 +122,13 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, st
       return Step::Miss;
     case Found::Whole: break;
   }
+  if (m_cache.options.verify == Verify::Once && m_cache.verified.contains(*lookup.block))
+    lookup.block->setVerified();
   if (isExpired(*lookup.block)) {
     if (mayDrop) dropBroken(id, Count::expiredBlocks);
     return Step::Miss;
   }
-  const Step step = fromBlock(id, *lookup.block, from, out);
+  const Step step = use(lookup.block, lookup.read);
   if (step == Step::Miss) {
     if (mayDrop) dropBroken(id, Count::damagedBlocks);
     return step;
@@ -101,20 +140,25 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, uint64_t from, st
   return step;
 }
 
-ReadOperation::Step ReadOperation::fromBlock(const BlockId& /*id*/, OpenBlock& block, uint64_t from,
-                                             std::span<std::byte> out) {
+// The first `read` bytes of `out` are there already.
+ReadOperation::Step ReadOperation::fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out,
+                                             size_t read) {
   const BlockTrailer& trailer = block.trailer();
   const uint64_t size =
       from >= trailer.payloadSize ? 0 : std::min<uint64_t>(out.size(), trailer.payloadSize - from);
-  switch (block.read(from, out.first(size), m_cache.options.verify)) {
-    case BytesAre::Right: break;
-    case BytesAre::Unreadable: m_cache.metrics.add(Count::diskErrors); return Step::Miss;
-    case BytesAre::Damaged: return Step::Miss;
-  }
+  const BytesAre bytes = block.read(from, out.first(size), m_cache.options.verify, read >= size);
   m_got = size;
+  return useBytes(block, bytes, size);
+}
+
+// What a look at a block's bytes has come to.
+ReadOperation::Step ReadOperation::useBytes(OpenBlock& block, BytesAre bytes, size_t size) {
+  if (bytes == BytesAre::Unreadable) m_cache.metrics.add(Count::diskErrors);
+  if (bytes != BytesAre::Right) return Step::Miss;
+  if (m_cache.options.verify == Verify::Once && block.isNewlyVerified()) m_cache.verified.insert(block);
   ++m_result.hits;
   m_cache.metrics.add(Count::diskBytes, size);
-  return learn(trailer.objectSize, block.metadata());
+  return learn(block.trailer().objectSize, block.metadata());
 }
 
 ReadOperation::Step ReadOperation::fromFlight(const Landing& landing, uint64_t offset,

@@ -18,6 +18,7 @@ class ReadOperation {
   ReadResult read(uint64_t offset, std::span<std::byte> out, const Origin& origin);
   // Only what the first block's trailer says.
   ReadResult describe();
+  PinnedBlock pin(uint64_t offset, uint64_t length);
 
  private:
   enum class Step { Done, Miss, Failed };
@@ -25,10 +26,17 @@ class ReadOperation {
   BlockId blockOf(uint64_t number) const { return {m_object, static_cast<uint32_t>(number)}; }
   uint64_t blockSize() const { return m_cache.options.blockSize; }
   Step readSome(uint64_t offset, std::span<std::byte> out, const Origin& origin);
-  Step fromCache(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
-  Step fromBlock(const BlockId& id, OpenBlock& block, uint64_t from, std::span<std::byte> out);
-  Step fromHotTable(const BlockId& id, uint64_t from, std::span<std::byte> out);
-  Step fromDisk(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
+  // Finds a block and has `use(block, read)` work with it, after the first `read` bytes of `front` were filled with
+  // the front of its payload. A use that misses has found its bytes wrong.
+  template <typename Use>
+  Step fromCache(const BlockId& id, std::span<std::byte> front, bool mayDrop, Use&& use);
+  template <typename Use>
+  Step fromHotTable(const BlockId& id, Use&& use);
+  template <typename Use>
+  Step fromDisk(const BlockId& id, std::span<std::byte> front, bool mayDrop, Use&& use);
+  Step readFromCache(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
+  Step fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out, size_t read);
+  Step useBytes(OpenBlock& block, BytesAre bytes, size_t size);
   Step fromFlight(const Landing& landing, uint64_t offset, std::span<std::byte> out);
   void dropBroken(const BlockId& id, Count reason);
   bool isExpired(const OpenBlock& block) const;

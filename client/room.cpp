@@ -12,13 +12,25 @@
 
 namespace ObjectStore {
 
+namespace {
+
+// Those that a file lay in. Who makes one there at this moment makes the directory again.
+void removeEmptyDirectories(std::string path) {
+  for (int level = 0; level < NUM_DIR_LEVELS; ++level) {
+    path.resize(path.rfind('/'));
+    if (rmdir(path.c_str()) != 0) return;
+  }
+}
+
+}  // namespace
+
 bool Room::giveUpOne() {
   uint64_t given = 0;
   return m_isLru && !m_engine.giveUpOldest(1, given).IsError() && given == 1;
 }
 
 bool Room::make(ByteAccount::Grant& grant, uint64_t bytes) {
-  while (!grant.take(bytes, m_maxBytes)) {
+  while (!grant.take(bytes, m_maxBytes.load())) {
     if (!giveUpOne()) return false;
   }
   while (!m_volumes.hasRoom(bytes)) {
@@ -28,9 +40,14 @@ bool Room::make(ByteAccount::Grant& grant, uint64_t bytes) {
 }
 
 void Room::shrinkToBound() {
-  while (m_account.used() > m_maxBytes) {
+  while (m_account.used() > m_maxBytes.load()) {
     if (!giveUpOne()) return;
   }
+}
+
+void Room::setBound(uint64_t bytes) {
+  m_maxBytes.store(boundOf(bytes));
+  shrinkToBound();
 }
 
 bool Room::freeBytes(uint64_t bytes) {
@@ -54,6 +71,7 @@ bool Room::giveUp(const std::string& path, const std::string& name) {
   const uint64_t bytes = remove(name, volume, BLOCKS_DIR);
   if (isThere && bytes == 0) return false;  // it could not be removed
   if (!isThere) return true;
+  if (m_volumes.isShortOfFiles()) removeEmptyDirectories(path);
   m_metrics.add(Count::evictedBlocks);
   m_metrics.add(Count::evictedBytes, bytes);
   const time_t age = time(nullptr) - status.st_mtime;

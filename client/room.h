@@ -4,6 +4,8 @@
 // leaves, and it waits for nobody.
 #pragma once
 
+#include <atomic>
+
 #include "client/blockSet.h"
 #include "client/byteAccount.h"
 #include "client/hotTable.h"
@@ -22,15 +24,16 @@ class Room {
         m_account(account),
         m_hot(hot),
         m_metrics(metrics),
-        m_maxBytes(options.mode == PruningMode::Lru && options.maxBytes != 0 ? options.maxBytes
-                                                                             : ByteAccount::NO_BOUND),
-        m_isLru(options.mode == PruningMode::Lru) {}
+        m_isLru(options.mode == PruningMode::Lru),
+        m_maxBytes(boundOf(options.maxBytes)) {}
 
   // Grants `bytes` and finds a volume that takes them; gives up the least recently used blocks until that is so.
   // False when it cannot be had. In mode Random it only asks.
   bool make(ByteAccount::Grant& grant, uint64_t bytes);
   // Gives blocks up until what is used is within the bound, if that can be had.
   void shrinkToBound();
+  // Another bound, at once; 0 is none.
+  void setBound(uint64_t bytes);
   // Gives up blocks until `bytes` more are free on the disks; for a disk that is fuller than it says.
   bool freeBytes(uint64_t bytes);
 
@@ -48,14 +51,15 @@ class Room {
 
  private:
   bool giveUpOne();
+  uint64_t boundOf(uint64_t bytes) const { return m_isLru && bytes != 0 ? bytes : ByteAccount::NO_BOUND; }
 
   DiskCache& m_engine;
   VolumeSet& m_volumes;
   ByteAccount& m_account;
   HotTable& m_hot;
   Metrics& m_metrics;
-  const uint64_t m_maxBytes;
   const bool m_isLru;
+  std::atomic<uint64_t> m_maxBytes;
 };
 
 }  // namespace ObjectStore

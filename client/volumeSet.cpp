@@ -47,10 +47,12 @@ CZuError VolumeSet::add(const std::vector<std::string>& dirs) {
 
 bool VolumeSet::hasRoom(uint64_t bytes) {
   const KxCriticalSectionLock lock(&m_lock);
-  bool any = false;
+  bool any = false, isShortOfFiles = false;
   for (CacheVolume& volume : m_volumes) {
     const bool isHere = isThere(volume);
-    const bool takes = isHere && canTake(volume, bytes);
+    bool hasFiles = true;
+    const bool takes = isHere && canTake(volume, bytes, hasFiles);
+    isShortOfFiles = isShortOfFiles || !hasFiles;
     if (takes != volume.takesBlocks) {
       DC_LOG(LogLevel::Info, "volume [%s] takes blocks: %d", volume.dir.c_str(), takes ? 1 : 0);
       takes ? m_engine.enableNewSegments(volume.dir) : m_engine.disableNewSegments(volume.dir);
@@ -59,6 +61,7 @@ bool VolumeSet::hasRoom(uint64_t bytes) {
     if (!isHere) m_account.clear(volume.index);  // what it holds is not ours to make room in
     any = any || takes;
   }
+  m_isShortOfFiles.store(isShortOfFiles, std::memory_order_relaxed);
   return any;
 }
 
@@ -68,12 +71,12 @@ bool VolumeSet::isThere(const CacheVolume& volume) const {
          marker.st_ino == volume.inode;
 }
 
-bool VolumeSet::canTake(const CacheVolume& volume, uint64_t bytes) const {
+bool VolumeSet::canTake(const CacheVolume& volume, uint64_t bytes, bool& hasFiles) const {
   struct statvfs status {};
   if (statvfs(volume.dir.c_str(), &status) != 0) return false;
   const uint64_t total = uint64_t{status.f_blocks} * status.f_frsize;
   const uint64_t free = uint64_t{status.f_bavail} * status.f_frsize;
-  const bool hasFiles = status.f_files == 0 || status.f_favail >= m_options.reserveFiles + FILES_OF_A_BLOCK;
+  hasFiles = status.f_files == 0 || status.f_favail >= m_options.reserveFiles + FILES_OF_A_BLOCK;
   return hasFiles && free >= std::max(m_options.reserve, total / ENGINE_RESERVE) + bytes;
 }
 

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,9 @@ class VolumeSet {
   // Measures the volumes, tells the engine which ones take blocks, and returns whether one takes `bytes` more.
   bool hasRoom(uint64_t bytes);
 
+  // Whether the last hasRoom() found a volume without inodes to spare: empty directories are better removed.
+  bool isShortOfFiles() const { return m_isShortOfFiles.load(std::memory_order_relaxed); }
+
   // Constant after add(), but for takesBlocks.
   size_t size() const { return m_indexes.size(); }
   const std::vector<VolIndex>& indexes() const { return m_indexes; }
@@ -44,13 +48,15 @@ class VolumeSet {
 
  private:
   bool isThere(const CacheVolume& volume) const;
-  bool canTake(const CacheVolume& volume, uint64_t bytes) const;
+  bool canTake(const CacheVolume& volume, uint64_t bytes, bool& hasFiles) const;
 
   DiskCache& m_engine;
   ByteAccount& m_account;
   const ObjectCacheOptions& m_options;
   std::vector<VolIndex> m_indexes;
   std::vector<std::string> m_dirs;  // in the same order
+
+  std::atomic<bool> m_isShortOfFiles{false};
 
   KxCriticalSection m_lock;
   std::vector<CacheVolume> m_volumes DC_GUARDED_BY(m_lock);

@@ -42,6 +42,13 @@ if(DISKCACHE_BUILD_TOOLS)
   install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 endif()
+if(DISKCACHE_BUILD_SERVER)
+  file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(diskcached PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
+  install(TARGETS diskcached)
+  install(FILES ${PROJECT_BINARY_DIR}/man/man1/diskcached.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES packaging/diskcached.service DESTINATION lib/systemd/system)
+endif()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)
 configure_package_config_file(cmake/diskcacheConfig.cmake.in ${PROJECT_BINARY_DIR}/diskcacheConfig.cmake

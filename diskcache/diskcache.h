@@ -152,7 +152,8 @@ class DISKCACHE_EXPORT DiskCache {
   // lruMisses.
 
   // Opens a segment for reading (O_CLOEXEC) and sets each place to where the stored section of its type lies,
-  // for pread, sendfile or mmap. On success the descriptor in `fd` is the caller's to close; on failure it is
+  // for pread, sendfile or mmap. A segment of a payload and a last section that fits into its place's `data`
+  // is opened in three calls. On success the descriptor in `fd` is the caller's to close; on failure it is
   // -1. The recency list is not touched. A section that is not there gets `found` false and is no error.
   // ENOENT when the segment is not cached (no error line: a client may ask so), EINVAL for a damaged file or
   // none that is regular, ELOOP for a link, EIO for one cut within its header or a record's front.

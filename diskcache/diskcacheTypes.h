@@ -113,6 +113,11 @@ struct SectionPlace {
   uint64_t offset = 0;  // bytes from the start of the file
   uint64_t len = 0;     // bytes
   bool found = false;
+  // Where the front of the payload may be put on the way, because it costs no call of its own there; what lies
+  // behind the first `read` bytes may be overwritten.
+  unsigned char* data = nullptr;
+  uint64_t bufferSize = 0;  // bytes at `data`
+  uint64_t read = 0;        // bytes put there: often all that fit, maybe none
 };
 
 // A directory that holds segments, as known to the engine.

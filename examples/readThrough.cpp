@@ -21,21 +21,18 @@ static OriginAnswer fetch(const std::string& path, uint64_t from, std::span<std:
 int main(int argc, char** argv) {
   const std::string dir = argc > 1 ? argv[1] : "";
   ObjectCache cache({.root = dir + "/root", .volumes = {dir + "/volume"}, .maxBytes = 1'000'000'000});
-  const CZuError error = cache.open();
-  if (error.IsError()) std::cerr << error.AsString() << '\n';
+  if (const CZuError error = cache.open(); error.IsError()) return std::cerr << error.AsString() << '\n', 1;
   std::atomic<int> next{2}, failed{0};
   const auto work = [&] {
-    for (int i; !error.IsError() && (i = next++) < argc;) {
+    for (int i; (i = next++) < argc;) {
       const std::string path = argv[i];
       const auto changed = std::filesystem::last_write_time(path).time_since_epoch().count();
       std::vector<std::byte> bytes(std::filesystem::file_size(path));
-      const ReadResult got =
-          cache.read(path, std::to_string(changed), 0, bytes,
-                     [&](uint64_t from, std::span<std::byte> to) { return fetch(path, from, to); });
-      if (!got) ++failed;
+      const auto origin = [&](uint64_t from, std::span<std::byte> to) { return fetch(path, from, to); };
+      if (!cache.read(path, std::to_string(changed), 0, bytes, origin)) ++failed;
     }
   };
   for (std::jthread threads[8]; std::jthread & thread : threads) thread = std::jthread(work);
   std::cout << argc - 2 << " files, " << cache.metrics().originBytes << " bytes from the origin\n";
-  return error.IsError() || failed > 0;
+  return failed > 0;
 }

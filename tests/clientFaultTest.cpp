@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <random>
 #include <set>
 
@@ -105,6 +106,37 @@ TEST_F(ClientFaultTest, DamageInAnyByteIsNoticedAndRepaired) {
   fs::copy(files().at(0), path, fs::copy_options::overwrite_existing);
   start(chosen);
   EXPECT_EQ(readAll("key", size), "right");
+}
+
+// Anywhere, in place and at any moment, also below descriptors that are open.
+TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
+  ObjectCacheOptions chosen = options();
+  chosen.hotBlocks = 16;
+  start(chosen);
+  constexpr size_t OBJECTS = 20;
+  const auto sizeOf = [](size_t object) { return object * object * 400 + 1; };
+  std::minstd_rand random(3);
+  const size_t reads = soaked(2000);
+  for (size_t i = 0; i < reads; ++i) {
+    const size_t object = random() % OBJECTS, size = sizeOf(object);
+    const size_t from = random() % size;
+    ASSERT_EQ(read(std::to_string(object), size, from, random() % 70000), "right") << i;
+    if (i % 2 == 0) continue;
+    const std::vector<std::string> all = files();
+    const std::string& path = all[random() % all.size()];
+    const auto length = fs::file_size(path);
+    if (random() % 16 == 0) {
+      fs::resize_file(path, random() % (length + 100));
+    } else if (length > 0) {
+      std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+      file.seekp(static_cast<std::streamoff>(random() % 4 == 0 ? random() % std::min<size_t>(length, 200)
+                                                               : random() % length));
+      file.put(static_cast<char>(random()));
+    }
+  }
+  const ObjectCacheMetrics metrics = cache->metrics();
+  EXPECT_GT(metrics.damagedBlocks, reads / 20);
+  std::printf("%zu reads, %lu damaged blocks found\n", reads, metrics.damagedBlocks + metrics.leftovers);
 }
 
 TEST_F(ClientFaultTest, WhateverStandsInABlocksPlace) {

@@ -1,6 +1,9 @@
 // Reading through an ObjectCache: ranges, flights, the table of descriptors, the optional parts.
 #include <barrier>
 #include <future>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/clientFixture.h"
@@ -131,21 +134,103 @@ TEST_F(ClientReadTest, WaitersShareBytesAsTheyComeErrorsAndGiveUpByTheirDeadline
   EXPECT_EQ(readAll("key", size), "right");
 }
 
-TEST_F(ClientReadTest, AHotHitIsOnePreadAndNothingElse) {
+TEST_F(ClientReadTest, AHitOfTheTableIsOneCallAndOneOfTheDiskThreeOrFour) {
   using Calls = std::vector<std::string>;
   for (const Verify verify : {Verify::Always, Verify::Never}) {
     ObjectCacheOptions chosen = options();
     chosen.verify = verify;
     start(chosen);
-    EXPECT_EQ(readAll("key", 5000), "right");
-    EXPECT_EQ(readAll("key", 5000), "right");  // takes the descriptor into the table
+    const std::string key = "key " + std::to_string(static_cast<int>(verify));
+    EXPECT_EQ(readAll(key, 5000), "right");
     FaultPlan plan;
-    EXPECT_EQ(readAll("key", 5000), "right");
+    EXPECT_EQ(readAll(key, 5000), "right");  // takes the descriptor into the table
+    EXPECT_EQ(plan.takeTrace(), (Calls{"open", "preadv"}));
+    EXPECT_EQ(readAll(key, 5000), "right");
     EXPECT_EQ(plan.takeTrace(), Calls{"pread"});
-    EXPECT_EQ(read("key", 5000, 100, 200), "right");
+    EXPECT_EQ(read(key, 5000, 100, 200), "right");
     EXPECT_EQ(plan.takeTrace(), Calls{verify == Verify::Always ? "preadv" : "pread"});
   }
-  EXPECT_EQ(asked(), 1U);
+  EXPECT_EQ(asked(), 2U);
+}
+
+TEST_F(ClientReadTest, OnceHoldsBeyondTheDescriptorButNotForANewFile) {
+  using Calls = std::vector<std::string>;
+  ObjectCacheOptions chosen = options();
+  chosen.verify = Verify::Once;
+  chosen.hotBlocks = 1;
+  start(chosen);
+  const auto reopen = [&] {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(read("other" + std::to_string(i % 40), 10, 0, 10), "right");
+  };
+  const auto callsOfPart = [&] {
+    reopen();
+    FaultPlan plan;
+    EXPECT_EQ(read("key", 5000, 1000, 100), "right");
+    return plan.takeTrace();
+  };
+  EXPECT_EQ(readAll("key", 5000), "right");
+  const Calls checked{"open", "preadv", "pread", "preadv", "close"};
+  const Calls plain{"open", "preadv", "pread", "pread", "close"};
+  EXPECT_EQ(callsOfPart(), checked);
+  EXPECT_EQ(callsOfPart(), plain);
+  cache->drop("key", "v", 5000);
+  EXPECT_EQ(readAll("key", 5000), "right");
+  EXPECT_EQ(callsOfPart(), checked);
+}
+
+TEST_F(ClientReadTest, APinGivesTheBytesAsLongAsItIsHeld) {
+  const auto textOf = [](const PinnedBlock& pinned) {
+    std::string bytes(pinned.length, '\0');
+    EXPECT_EQ(pread(pinned.fd, bytes.data(), bytes.size(), static_cast<off_t>(pinned.fileOffset)),
+              static_cast<ssize_t>(bytes.size()));
+    return bytes;
+  };
+  for (const Verify verify : {Verify::Always, Verify::Once, Verify::Never}) {
+    ObjectCacheOptions chosen = options();
+    chosen.verify = verify;
+    start(chosen);
+    const std::string key = "key " + std::to_string(static_cast<int>(verify));
+    const uint64_t size = 2 * SMALL_BLOCK + 500;
+    EXPECT_EQ(outcome(cache->pin(key, "v", 0).error), "ENOENT");
+    EXPECT_EQ(outcome(cache->pin(key, "v", UINT64_MAX).error), "EINVAL");
+    EXPECT_EQ(readAll(key, size), "right");
+    start(chosen);
+    asked();
+    for (int pass = 0; pass < 2; ++pass) {  // from disk and from the table
+      for (const uint64_t offset : {uint64_t{0}, uint64_t{70000}, uint64_t{2 * SMALL_BLOCK + 499}}) {
+        const PinnedBlock pinned = cache->pin(key, "v", offset);
+        ASSERT_EQ(outcome(pinned.error), "success");
+        EXPECT_EQ(pinned.length, std::min<uint64_t>(size - offset, SMALL_BLOCK - offset % SMALL_BLOCK));
+        EXPECT_EQ(textOf(pinned), bytesOf(key, "v", offset, pinned.length));
+        EXPECT_EQ(pinned.objectSize, size);
+        EXPECT_EQ(pinned.metadata->at("etag"), "v");
+      }
+    }
+    EXPECT_EQ(cache->pin(key, "v", size).length, 0U);
+    EXPECT_EQ(cache->pin(key, "v", 10, 20).length, 20U);
+    EXPECT_EQ(cache->metrics().coldHits, 3U);
+    const PinnedBlock kept = cache->pin(key, "v", SMALL_BLOCK, 100);
+    cache->drop(key, "v", size);
+    EXPECT_EQ(outcome(cache->pin(key, "v", SMALL_BLOCK).error), "ENOENT");
+    const std::string staged = bytesOf(key, "v", 0, 300);
+    EXPECT_EQ(outcome(cache->stage(key, "v", std::as_bytes(std::span(staged)))), "success");
+    EXPECT_EQ(textOf(cache->pin(key, "v", 0)), bytesOf(key, "v", 0, 300));
+    cache.reset();
+    EXPECT_EQ(textOf(kept), bytesOf(key, "v", SMALL_BLOCK, 100));
+    EXPECT_EQ(asked(), 0U);
+  }
+}
+
+TEST_F(ClientReadTest, APinOfDamagedBytesIsAMissUntilTheyAreMended) {
+  start();
+  EXPECT_EQ(readAll("key", SMALL_BLOCK), "right");
+  std::string bytes = readFile(files().at(0));
+  bytes[bytes.size() / 2] ^= 1;
+  writeFile(files().at(0), bytes);
+  EXPECT_EQ(outcome(cache->pin("key", "v", 0).error), "ENOENT");
+  EXPECT_EQ(readAll("key", SMALL_BLOCK), "right");
+  EXPECT_EQ(outcome(cache->pin("key", "v", 0).error), "success");
+  EXPECT_EQ(asked(), 2U);
 }
 
 TEST_F(ClientReadTest, TheTableIsBoundedAndGivesSpaceBackAtOnce) {
@@ -192,6 +277,47 @@ TEST_F(ClientReadTest, AdmissionExpiryAndPrefetch) {
   EXPECT_GE(cache->metrics().expiredBlocks, 1U);
 }
 
+// What is wrong with a text in Prometheus' format, by the rules that its own checker has; "" when nothing is.
+std::string faultOf(const std::string& text) {
+  static const std::regex head("# (HELP|TYPE) ([a-z_]+) (.+)");
+  static const std::regex sample("([a-z_]+)(\\{[a-z]+=\"[^\"]*\"\\})? (-?[0-9.]+(e[+-]?[0-9]+)?)");
+  std::set<std::string> families, samples;
+  std::string family, type;
+  double inBucket = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch part;
+    if (std::regex_match(line, part, head)) {
+      if (part[1] == "HELP") {
+        if (!families.insert(part[2]).second) return "twice: " + line;
+        family = part[2];
+        type.clear();
+      } else {
+        type = part[3];
+        const bool isTotal = family.ends_with("_total");
+        if (part[2] != family || isTotal != (type == "counter")) return "type: " + line;
+      }
+      continue;
+    }
+    if (!std::regex_match(line, part, sample)) return "no sample: " + line;
+    if (type.empty() || !samples.insert(line.substr(0, line.rfind(' '))).second) return "stray: " + line;
+    const std::string name = part[1], suffix = name.starts_with(family) ? name.substr(family.size()) : "?";
+    const double value = std::stod(part[3]);
+    if (type != "histogram") {
+      if (!suffix.empty()) return "stray: " + line;
+    } else if (suffix == "_bucket") {
+      if (value < inBucket) return "falls: " + line;
+      inBucket = value;
+    } else if (suffix == "_count") {
+      if (value != std::exchange(inBucket, 0) || !samples.contains(family + "_bucket{le=\"+Inf\"}"))
+        return line;
+    } else if (suffix != "_sum") {
+      return "stray: " + line;
+    }
+  }
+  return text.ends_with('\n') ? "" : "no end";
+}
+
 TEST_F(ClientReadTest, MetricsAreOneTextThatAddsUp) {
   start();
   EXPECT_EQ(readAll("key", 100), "right");
@@ -203,6 +329,9 @@ TEST_F(ClientReadTest, MetricsAreOneTextThatAddsUp) {
         "# TYPE diskcache_client_hit_seconds histogram\n", "diskcache_client_miss_seconds_count 1\n",
         "diskcache_client_hit_seconds_count 2\n"})
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
+  EXPECT_EQ(faultOf(text), "");
+  EXPECT_NE(faultOf(text + text), "");
+  EXPECT_NE(faultOf(text + "diskcache_client_hits_total{from=\"table\"} x\n"), "");
 }
 
 }  // namespace

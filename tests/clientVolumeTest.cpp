@@ -1,10 +1,13 @@
 // Restarts, volumes that come and go, and the bound in bytes.
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <random>
 
 #include "tests/support/clientFixture.h"
+#include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -107,7 +110,7 @@ TEST_F(ClientVolumeTest, RootsAndVolumesAreNotShared) {
   EXPECT_EQ(openWith(options()), "EBUSY");
 }
 
-TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAtTheNextStart) {
+TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAtOnceAndAtTheNextStart) {
   ObjectCacheOptions chosen = options();
   start(chosen);
   readObjects(0, 1);
@@ -129,16 +132,23 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
   EXPECT_EQ(files().size(), 10U);
   readObjects(20, 30);  // those made last
   EXPECT_EQ(asked(), 0U);
+  readObjects(25, 30);
+  cache->setMaxBytes(5 * each);  // at once
+  EXPECT_EQ(files().size(), 5U);
+  readObjects(25, 30);
+  EXPECT_EQ(asked(), 0U);
+  cache->setMaxBytes(0);
+  readObjects(0, 30);
+  EXPECT_EQ(files().size(), 30U);
 }
 
 TEST_F(ClientVolumeTest, TheBoundHoldsForMixedSizes) {
   ObjectCacheOptions chosen = options(2);
   chosen.maxBytes = 1 << 20;
   start(chosen);
-  const char* const soak = std::getenv("DISKCACHE_SOAK");
-  const int requests = 1500 * (soak ? std::atoi(soak) : 1);
+  const size_t requests = soaked(1500);
   std::minstd_rand random(1);
-  for (int i = 0; i < requests; ++i) {
+  for (size_t i = 0; i < requests; ++i) {
     const size_t id = random() % 300;
     ASSERT_EQ(readAll(std::to_string(id), id * 997 % 200000), "right");
     if (i % 100 == 0) {
@@ -147,6 +157,8 @@ TEST_F(ClientVolumeTest, TheBoundHoldsForMixedSizes) {
   }
   const ObjectCacheMetrics metrics = cache->metrics();
   EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
+  std::printf("%zu requests, most bytes used and granted at a time: %lu of %lu\n", requests,
+              metrics.peakBytes, chosen.maxBytes);
   EXPECT_EQ(metrics.usedBytes, onDisk(files()));
   EXPECT_GT(metrics.evictedBlocks, 100U);
   EXPECT_GT(metrics.hotHits + metrics.coldHits, 100U);
@@ -169,6 +181,46 @@ TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
   start(chosen);
   EXPECT_EQ(readAll("new", SMALL_BLOCK), "right");
   EXPECT_EQ(cache->metrics().refusedForRoom, 1U);
+  cache.reset();
+}
+
+TEST_F(ClientVolumeTest, WithoutInodesTheLeastRecentlyUsedGo) {
+  const SmallFileSystem disk(8, SmallFileSystem::TMPFS, 100);
+  SKIP_WITHOUT(disk);
+  ObjectCacheOptions chosen = options();
+  chosen.volumes = {disk / "volume"};
+  chosen.reserveFiles = 10;
+  start(chosen);
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(readAll(std::to_string(i), 100), "right");
+  EXPECT_GT(cache->metrics().evictedBlocks, 100U);
+  EXPECT_EQ(cache->metrics().refusedForRoom, 0U);
+  asked();
+  for (int i = 190; i < 200; ++i) EXPECT_EQ(readAll(std::to_string(i), 100), "right");
+  EXPECT_EQ(asked(), 0U);
+  struct statvfs status {};
+  ASSERT_EQ(statvfs(disk.path().c_str(), &status), 0);
+  EXPECT_GE(status.f_favail, 10U);
+  cache.reset();
+}
+
+TEST_F(ClientVolumeTest, ModeRandomUnderPressureServesAll) {
+  const SmallFileSystem disk(8);
+  SKIP_WITHOUT(disk);
+  ObjectCacheOptions chosen = options();
+  chosen.volumes = {disk / "volume"};
+  chosen.mode = PruningMode::Random;
+  chosen.highWatermark = 50;
+  chosen.lowWatermark = 30;
+  start(chosen);
+  FaultPlan plan;
+  plan.skipSleeps();  // of writers that make way for the pruner
+  size_t reads = 0;
+  while (cache->metrics().evictedBlocks < 50 && reads < 20000) {
+    ASSERT_EQ(readAll(std::to_string(reads % 500), 2 * SMALL_BLOCK), "right");
+    ++reads;
+  }
+  EXPECT_GE(cache->metrics().evictedBlocks, 50U);
+  EXPECT_EQ(cache->metrics().damagedBlocks, 0U);
   cache.reset();
 }
 

@@ -1,4 +1,4 @@
-// The first example, run as a process: eight threads, then a restart.
+// The examples with ObjectCache, run as processes: eight threads, then a restart.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -7,6 +7,18 @@
 
 namespace ObjectStore {
 namespace {
+
+TEST(ExampleTest, TheFirstOneAsksTheOriginOnceForEachObject) {
+  const TempDir dir;
+  const auto run = [&] {
+    const std::string command = FIRST_OBJECT_PATH " " + (dir / "cache") + " >" + (dir / "out");
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    const std::string out = readFile(dir / "out");
+    return out.substr(out.find("index=2\n") + 8);
+  };
+  EXPECT_EQ(run(), "100 times asked, 0 times wrong\nhash size=100\n");
+  EXPECT_EQ(run(), "0 times asked, 0 times wrong\nhash size=100\n");
+}
 
 TEST(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {
   const TempDir dir;

@@ -83,6 +83,19 @@ TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
   }
 }
 
+TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
+  writeFile(dir / "trace", "a,100\nb,7\na,5\na,2000\nb,7\n");
+  const auto hitsAndBytes = [&](const std::string& option) {
+    std::filesystem::remove_all(dir / "on");
+    EXPECT_EQ(replay(trace + option + " --json -"), 0) << err;
+    const auto json = nlohmann::json::parse(out);
+    return std::pair(json["hits"].get<int>(), json["bytes_written"].get<int>());
+  };
+  EXPECT_EQ(hitsAndBytes(""), std::pair(1, 100 + 7 + 5 + 2000));
+  EXPECT_EQ(hitsAndBytes("--by-id"), std::pair(3, 100 + 7));
+  expectReplayFailure("--by-id --origin " + dir.path(), 2, "--by-id");
+}
+
 TEST_F(ReplayTest, FindsWrongBytes) {
   writeFile(dir / "trace", "object,5000\n");
   // One wrong byte: the payload's first or last, or the first of all; and files cut short.

@@ -13,7 +13,8 @@ do for [work in "read create"] {
   data = work eq "read" ? readData : createData
   set title work
   plot 1 notitle linecolor "black" dashtype 2, \
-    for [name in "diskcache sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"] \
-      data using 1:(column(name)) with linespoints linewidth (name eq "diskcache" ? 3 : 1) title name
+    for [name in "diskcache hot sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"] \
+      data using 1:(column(name)) with linespoints linewidth (name eq "diskcache" || name eq "hot" ? 3 : 1) \
+        title (name eq "hot" ? "ObjectCache" : name)
 }
 unset multiplot

@@ -1,5 +1,5 @@
 # report.awk FIGURES TEMPLATE: prints the template with its placeholders replaced by what the figures say:
-#   {{segments}} {{counts}} {{list}} {{background}} {{growth}}   a table
+#   {{segments}} {{objects}} {{counts}} {{list}} {{background}} {{growth}} {{starts}}   a table
 #   {{settings}} {{about}}                                       a line each
 #   {{data WORK}}                                                columns to plot, one a contender
 #   {{WORK CONTENDER MEASURE}}                                   one median
@@ -29,6 +29,8 @@ function block(what) {
   if (what == "settings") return settings
   if (what == "about") return about
   if (what == "segments") return segments()
+  if (what == "objects") return objects()
+  if (what == "starts") return beside("startUp ms speed", "10000 100000 1000000")
   if (what == "counts") return counts()
   if (what == "list") return beside("listBytes bytes ratio,listTouch ns ratio,listInsert ns ratio", "20000 1000000 10000000")
   if (what == "background") return beside("scan ms speed,walk ms speed,migration ms speed", "20000")
@@ -70,6 +72,26 @@ function segments(    text, w, s, threads, work, measure, m, i) {
     }
   }
   return text
+}
+
+# ObjectCache: from its table of descriptors over the floor's, from disk over the engine's touching read, and the
+# share of a checked read that is its hash.
+function objects(    text, w, s, threads, work) {
+  text = sprintf("%-12s %7s thr %9s %9s %9s %7s %9s %9s %7s\n", "", "", "touching", "hot", "hot+", "hash", "cold", "cold+", "hash")
+  for (w = 1; w <= 3; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads <= 2; ++threads) {
+    work = WORKS[w] "/" SIZES[s] "/" threads
+    if (!((work, "hot", "p50") in median)) continue
+    text = text sprintf("%-12s %7s  %d  %9s %9s %9s %7s %9s %9s %7s\n", WORKS[w], sizeName(SIZES[s]), threads,
+      number(work, "touching", "p50"), number(work, "hot", "p50"), number(work, "hot+", "p50"), share(work, "hot"),
+      sprintf("%.2f", overTouching(work, "cold")), sprintf("%.2f", overTouching(work, "cold+")), share(work, "cold"))
+  }
+  return text
+}
+
+function overTouching(work, contender) { return median[work, contender, "p50"] / median[work, "touching", "p50"] }
+
+function share(work, contender) {
+  return sprintf("%.0f %%", 100 * (1 - median[work, contender, "p50"] / median[work, contender "+", "p50"]))
 }
 
 function counts(    text, operations, o, kinds, k, i, contender) {
@@ -117,13 +139,13 @@ function unit(name) { return name == "bytes" ? "B" : name }
 
 # One line a size; "?" where there is no figure.
 function plotted(work,    text, s, i, key) {
-  text = "bytes diskcache"
+  text = "bytes diskcache hot"
   for (i = 1; i <= NARROW; ++i) text = text " " CONTENDERS[i]
   text = text "\n"
   for (s = 1; s in SIZES; ++s) {
     key = work "/" SIZES[s] "/1"
     if (!((key, "diskcache", "p50") in median)) continue
-    text = text SIZES[s] " " median[key, "diskcache", "p50"]
+    text = text SIZES[s] " " median[key, "diskcache", "p50"] " " ((key, "hot", "p50") in median ? median[key, "hot", "p50"] : "?")
     for (i = 1; i <= NARROW; ++i)
       text = text " " ((key, CONTENDERS[i], "p50") in median ? median[key, CONTENDERS[i], "p50"] : "?")
     text = text "\n"

@@ -49,6 +49,7 @@ struct Options {
   std::string mode = "lru";
   std::string origin;
   std::string trace;
+  bool isById = false;
   double zipf = 0.99;
   uint64_t seed = 1;
   std::string record;
@@ -132,7 +133,7 @@ void run(Options options) {
   Output json(options.json);
   const auto workload = options.trace.empty()
                             ? makeDirectoryWorkload(options.origin, options.zipf, options.seed)
-                            : makeTraceWorkload(options.trace);
+                            : makeTraceWorkload(options.trace, options.isById);
   Output record(options.record);  // after the trace is read, which it may replace
   if (record.isWanted()) {
     options.run.onRequest = [&record](const std::string& id, uint32_t size) {
@@ -182,6 +183,12 @@ void addReplay(CLI::App& program) {
   CLI::Option* trace =
       add("--trace", options->trace, "FILE", "for the lines of a file: id,size[,...] or # comment");
   trace->excludes(origin);
+  command
+      ->add_flag(
+          "--by-id", options->isById,
+          "An identifier has the size of its first request: for traces that tell what was asked for, not how "
+          "long the object is")
+      ->needs(trace);
   add("--zipf", options->zipf, "S", "Exponent of the law by which files are drawn; 0 draws all alike")
       ->needs(origin)
       ->check(range(0.0, 10.0))

@@ -21,7 +21,7 @@ namespace {
 
 class TraceWorkload : public Workload {
  public:
-  explicit TraceWorkload(const std::string& path) {
+  TraceWorkload(const std::string& path, bool byId) : m_byId(byId) {
     std::ifstream file(path);
     if (!file) throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", path, std::strerror(errno)));
     errno = 0;
@@ -74,7 +74,9 @@ class TraceWorkload : public Workload {
       if (std::string why = whyInTheWay(id); !why.empty()) return why;
       m_ids.emplace_back(id);
       known = m_objectOfId.emplace(m_ids.back(), static_cast<uint32_t>(m_ids.size() - 1)).first;
+      if (m_byId) m_firstSizes.push_back(static_cast<uint32_t>(size));
     }
+    if (m_byId) size = m_firstSizes[known->second];
     m_requests.push_back({known->second, static_cast<uint32_t>(size)});
     return "";
   }
@@ -94,16 +96,18 @@ class TraceWorkload : public Workload {
     return fmt::format("the identifiers \"{0}\" and \"{0}{0}...\" need the same path in a cache", pair);
   }
 
+  const bool m_byId;
   std::vector<Request> m_requests;
-  std::deque<std::string> m_ids;  // by object; never moved, so that the map below can view them
+  std::vector<uint32_t> m_firstSizes;  // by object, where they count
+  std::deque<std::string> m_ids;       // by object; never moved, so that the map below can view them
   std::unordered_map<std::string_view, uint32_t> m_objectOfId;
   std::unordered_set<std::string> m_doubledPairs;
 };
 
 }  // namespace
 
-std::unique_ptr<Workload> makeTraceWorkload(const std::string& path) {
-  return std::make_unique<TraceWorkload>(path);
+std::unique_ptr<Workload> makeTraceWorkload(const std::string& path, bool byId) {
+  return std::make_unique<TraceWorkload>(path, byId);
 }
 
 }  // namespace diskcachectl

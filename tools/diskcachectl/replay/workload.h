@@ -39,7 +39,8 @@ class Workload {
 // Files below a directory, drawn by a Zipf law. Throws a Failure when there is none.
 std::unique_ptr<Workload> makeDirectoryWorkload(const std::string& dir, double zipfExponent, uint64_t seed);
 
-// The lines of a trace file. Throws a Failure that names the first line that cannot be used.
-std::unique_ptr<Workload> makeTraceWorkload(const std::string& path);
+// The lines of a trace file; `byId`: an object has the size of its first line, whatever later ones say. Throws a
+// Failure that names the first line that cannot be used.
+std::unique_ptr<Workload> makeTraceWorkload(const std::string& path, bool byId);
 
 }  // namespace diskcachectl

@@ -1,0 +1,160 @@
+// Requests of a test: by libcurl, or byte by byte.
+#pragma once
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace diskcached {
+
+struct Reply {
+  long status = 0;
+  std::map<std::string, std::string> headers;  // by lower-case name
+  std::string body;
+  std::string error;
+
+  std::string header(const std::string& name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? "" : found->second;
+  }
+  bool isHit() const { return header("cache-status").find("; hit") != std::string::npos; }
+};
+
+// One connection, kept. Used by one thread.
+class HttpClient {
+ public:
+  explicit HttpClient(uint16_t port) : m_port(port), m_curl(curl_easy_init()) {}
+  ~HttpClient() { curl_easy_cleanup(m_curl); }
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  Reply get(const std::string& path, const std::vector<std::string>& headers = {}) {
+    return ask("GET", path, headers, nullptr);
+  }
+  Reply head(const std::string& path, const std::vector<std::string>& headers = {}) {
+    return ask("HEAD", path, headers, nullptr);
+  }
+  Reply put(const std::string& path, const std::string& body, const std::vector<std::string>& headers = {}) {
+    return ask("PUT", path, headers, &body);
+  }
+  Reply ask(const std::string& method, const std::string& path, const std::vector<std::string>& headers,
+            const std::string* body) {
+    curl_easy_reset(m_curl);
+    Reply reply;
+    curl_slist* list = nullptr;
+    for (const std::string& header : headers) list = curl_slist_append(list, header.c_str());
+    curl_easy_setopt(m_curl, CURLOPT_URL, ("http://127.0.0.1:" + std::to_string(m_port) + path).c_str());
+    curl_easy_setopt(m_curl, CURLOPT_PROXY, "");
+    curl_easy_setopt(m_curl, CURLOPT_PATH_AS_IS, 1L);
+    curl_easy_setopt(m_curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(m_curl, CURLOPT_TIMEOUT, 60L);
+    curl_easy_setopt(m_curl, CURLOPT_HTTPHEADER, list);
+    curl_easy_setopt(m_curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+    if (method == "HEAD") curl_easy_setopt(m_curl, CURLOPT_NOBODY, 1L);
+    m_unsent = body ? std::string_view(*body) : std::string_view();
+    if (body) {
+      curl_easy_setopt(m_curl, CURLOPT_UPLOAD, 1L);
+      curl_easy_setopt(m_curl, CURLOPT_INFILESIZE_LARGE,
+                       isChunked ? curl_off_t{-1} : static_cast<curl_off_t>(body->size()));
+    }
+    curl_easy_setopt(m_curl, CURLOPT_READFUNCTION, &HttpClient::onRead);
+    curl_easy_setopt(m_curl, CURLOPT_READDATA, this);
+    curl_easy_setopt(m_curl, CURLOPT_WRITEFUNCTION, &HttpClient::onBody);
+    curl_easy_setopt(m_curl, CURLOPT_WRITEDATA, &reply);
+    curl_easy_setopt(m_curl, CURLOPT_HEADERFUNCTION, &HttpClient::onHeader);
+    curl_easy_setopt(m_curl, CURLOPT_HEADERDATA, &reply);
+    const CURLcode code = curl_easy_perform(m_curl);
+    if (code != CURLE_OK) reply.error = curl_easy_strerror(code);
+    curl_easy_getinfo(m_curl, CURLINFO_RESPONSE_CODE, &reply.status);
+    curl_slist_free_all(list);
+    return reply;
+  }
+
+  bool isChunked = false;  // uploads in chunks, without a length
+
+ private:
+  static size_t onRead(char* to, size_t size, size_t count, void* self) {
+    std::string_view& unsent = static_cast<HttpClient*>(self)->m_unsent;
+    const size_t bytes = unsent.copy(to, size * count);
+    unsent.remove_prefix(bytes);
+    return bytes;
+  }
+  static size_t onBody(char* data, size_t size, size_t count, void* reply) {
+    static_cast<Reply*>(reply)->body.append(data, size * count);
+    return size * count;
+  }
+  static size_t onHeader(char* data, size_t size, size_t count, void* reply) {
+    std::string line(data, size * count);
+    const size_t colon = line.find(':');
+    if (line.starts_with("HTTP/")) static_cast<Reply*>(reply)->headers.clear();
+    if (colon == std::string::npos) return size * count;
+    std::string name = line.substr(0, colon), value = line.substr(line.find_first_not_of(' ', colon + 1));
+    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n')) value.pop_back();
+    static_cast<Reply*>(reply)->headers[name] = value;
+    return size * count;
+  }
+
+  const uint16_t m_port;
+  CURL* const m_curl;
+  std::string_view m_unsent;
+};
+
+// A bare connection, for what no client sends.
+class RawClient {
+ public:
+  explicit RawClient(uint16_t port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval patience{.tv_sec = 20, .tv_usec = 0};
+    setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    m_isConnected = connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  ~RawClient() { close(m_fd); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  bool isConnected() const { return m_isConnected; }
+  void send(std::string_view text) const {
+    while (!text.empty()) {
+      const ssize_t sent = ::send(m_fd, text.data(), text.size(), MSG_NOSIGNAL);
+      if (sent <= 0) return;
+      text.remove_prefix(static_cast<size_t>(sent));
+    }
+  }
+  void sendEnd() const { shutdown(m_fd, SHUT_WR); }
+  // What comes next; empty at the end.
+  std::string receive() const {
+    std::array<char, 64 << 10> bytes;
+    const ssize_t got = recv(m_fd, bytes.data(), bytes.size(), 0);
+    return {bytes.data(), got > 0 ? static_cast<size_t>(got) : 0};
+  }
+  // All until the server ends the connection.
+  std::string receiveAll() const {
+    std::string all;
+    for (std::string piece = receive(); !piece.empty(); piece = receive()) all += piece;
+    return all;
+  }
+  // Sends all, and receives until the end.
+  std::string exchange(std::string_view text) const {
+    send(text);
+    return receiveAll();
+  }
+
+ private:
+  const int m_fd;
+  bool m_isConnected = false;
+};
+
+}  // namespace diskcached

@@ -1,0 +1,141 @@
+// Start, configuration, the admin socket, signals.
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <thread>
+
+#include "tests/server/serverFixture.h"
+
+namespace diskcached {
+namespace {
+
+using ServerLifeTest = ServerTest;
+
+TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
+  const auto write = [&](const char* name, const std::string& text, mode_t mode) {
+    writeFile(dir / name, text);
+    chmod((dir / name).c_str(), mode);
+    return dir / name;
+  };
+  const std::string secret = "aws_access_key_id = me\naws_secret_access_key = hush\n";
+  const struct {
+    std::string option, message;
+  } cases[] = {
+      {"--no-such-option=1", "no-such-option"},
+      {"--config=" + write("unknown.conf", "fresh-fro = 5\n", 0600), "fresh-fro"},
+      {"--config=" + (dir / "missing.conf"), "missing.conf"},
+      {"--origin=ftp://x", "--origin"},
+      {"--max-bytes=lots", "--max-bytes"},
+      {"--block-size=100000", "--block-size"},
+      {"--listen=8080", "--listen"},
+      {"--listen=192.0.2.1:80", "--listen"},
+      {"--fresh-for=soon", "--fresh-for"},
+      {"--mode=fast", "--mode"},
+      {"--memory=1K", "--memory"},
+      {"--max-connections=0", "--max-connections"},
+      {"--access-log=" + (dir / "no/such/dir/log"), "--access-log"},
+      {"--credentials=" + write("open", secret, 0644), "can be read by others"},
+      {"--credentials=" + write("half", "aws_access_key_id = me\n", 0600), "lacks"},
+      {"--credentials=" + (dir / "none"), "No such file"},
+  };
+  for (const auto& c : cases) {
+    launch({c.option});
+    EXPECT_EQ(server->wait(), 2) << c.option;
+    const std::string said = logged();
+    EXPECT_NE(said.find(c.message), std::string::npos) << c.option << ": " << said;
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+    EXPECT_EQ(said.find("hush"), std::string::npos);
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+}
+
+TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
+  const std::string config = dir / "config", log = dir / "access.log";
+  writeFile(config, "fresh-for = \"immutable\"\n");
+  store.put("x", "one");
+  start({"--config=" + config});
+  EXPECT_EQ(get("/x").body, "one");
+  store.put("x", "changed");
+  EXPECT_EQ(get("/x").body, "one");
+  EXPECT_FALSE(std::filesystem::exists(log));
+  const auto reload = [&](const std::string& text, const std::string& said) {
+    writeFile(config, text);
+    server->tell(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return logged().find(said) != std::string::npos; })) << logged();
+  };
+  reload("fresh = 1\n", "stays as it was");
+  reload("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
+  EXPECT_NE(logged().find("--io-threads takes effect at the next start"), std::string::npos);
+  EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
+  store.put("y", "y");
+  EXPECT_EQ(get("/y").body, "y");
+  EXPECT_NE(cacheStatus("/y").find("fwd=stale"), std::string::npos);
+  ASSERT_TRUE(eventually(
+      [&] { return std::filesystem::exists(log) && readFile(log).find("\"/y\"") != std::string::npos; }));
+  std::istringstream lines(readFile(log));
+  std::string first;
+  std::getline(lines, first);
+  const auto line = nlohmann::json::parse(first);
+  EXPECT_EQ(line["target"], "/x");
+  EXPECT_EQ(line["status"], 200);
+  EXPECT_EQ(line["bytes"], 3);
+  EXPECT_EQ(line["client"], "127.0.0.1");
+}
+
+TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
+  start();
+  for (const std::string name : {"p/a", "p/b", "q"}) {
+    store.put(name, name);
+    EXPECT_EQ(get('/' + name).body, name);
+    EXPECT_TRUE(get('/' + name).isHit());
+  }
+  EXPECT_EQ(admin("/healthz").status, 200);
+  EXPECT_EQ(admin("/readyz").status, 200);
+  EXPECT_EQ(admin("/nothing").status, 404);
+  EXPECT_EQ(admin("/purge?prefix=p").status, 405);
+  EXPECT_EQ(admin("/purge", "POST").status, 400);
+  const auto status = nlohmann::json::parse(admin("/status").body);
+  EXPECT_EQ(status["state"], "ready");
+  EXPECT_EQ(status["index_entries"], 3);
+  EXPECT_EQ(metric("diskcached_objects_total{result=\"hit\"}"), 3);
+  EXPECT_EQ(metric("diskcached_objects_total{result=\"miss\"}"), 3);
+  EXPECT_EQ(metric("diskcache_client_stored_blocks_total"), 3);
+  EXPECT_EQ(nlohmann::json::parse(admin("/purge?prefix=p%2F", "POST").body)["purged"], 2);
+  EXPECT_FALSE(get("/p/a").isHit());
+  EXPECT_TRUE(get("/q").isHit());
+}
+
+TEST_F(ServerLifeTest, FinishesItsAnswersWhenToldToStopAndTellsTheManager) {
+  const std::string path = dir / "notify", content = bytesOf("big", 8 << 20);
+  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  environment = {"NOTIFY_SOCKET=" + path};
+  std::string told;
+  const auto isTold = [&](const char* what) {
+    return eventually([&] {
+      std::array<char, 256> text;
+      for (ssize_t got = 0; (got = recv(manager, text.data(), text.size(), 0)) > 0;)
+        told.append(text.data(), static_cast<size_t>(got)) += '\n';
+      return told.find(what) != std::string::npos;
+    });
+  };
+  store.put("big", content);
+  start();
+  EXPECT_TRUE(isTold("READY=1"));
+  const RawClient busy(port), idle(port);
+  busy.send("GET /big HTTP/1.1\r\nHost: h\r\n\r\n");
+  std::string got = busy.receive();
+  server->tell(SIGTERM);
+  EXPECT_TRUE(isTold("STOPPING=1"));
+  EXPECT_EQ(idle.receive(), "");
+  got += busy.receiveAll();
+  EXPECT_TRUE(got.ends_with(content));
+  EXPECT_EQ(server->wait(), 0);
+  EXPECT_FALSE(RawClient(port).isConnected());
+  close(manager);
+}
+
+}  // namespace
+}  // namespace diskcached

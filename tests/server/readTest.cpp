@@ -1,0 +1,243 @@
+// Reading through the server: right bytes, whatever is asked for and whatever happens meanwhile.
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "tests/server/serverFixture.h"
+
+namespace diskcached {
+namespace {
+
+using ServerReadTest = ServerTest;
+
+// Many files of many sizes, and what a client must get of them.
+class Files {
+ public:
+  Files(const Store& store, size_t count) {
+    std::mt19937 random(1);
+    for (size_t i = 0; i < count; ++i) {
+      const std::string name = "d" + std::to_string(i % 50) + "/file " + std::to_string(i);
+      const size_t bits = random() % 18;
+      const size_t size = i % 400 == 7 ? 3'000'000 + random() % 100'000 : random() % (size_t{1} << bits);
+      m_names.push_back(name);
+      m_contents.push_back(bytesOf(name, size));
+      store.put(name, m_contents.back());
+    }
+  }
+  size_t count() const { return m_names.size(); }
+  // Asks for one, or for a part of it; what is wrong with the answer.
+  std::string ask(HttpClient& client, size_t i, std::mt19937& random) const {
+    const std::string& content = m_contents[i];
+    std::string path = "/" + m_names[i];
+    path.replace(path.find(' '), 1, "%20");
+    if (content.empty() || random() % 3 == 0) {
+      const Reply reply = client.get(path);
+      if (reply.status != 200 || !reply.error.empty())
+        return path + ": status " + std::to_string(reply.status) + ' ' + reply.error;
+      return reply.body == content ? "" : path + ": wrong bytes";
+    }
+    const size_t from = random() % content.size(), to = from + random() % (content.size() - from);
+    const Reply reply = client.get(path, {"Range: bytes=" + std::to_string(from) + "-" + std::to_string(to)});
+    if (reply.status != 206 || !reply.error.empty())
+      return path + ": status " + std::to_string(reply.status) + ' ' + reply.error;
+    return reply.body == content.substr(from, to - from + 1) ? "" : path + ": wrong bytes of a range";
+  }
+  // Random requests of many clients until `count` were made; the first thing that is wrong.
+  std::string load(uint16_t port, unsigned clients, size_t requests, bool mayFail = false) const {
+    std::vector<std::string> wrong(clients);
+    std::vector<std::thread> threads;
+    for (unsigned c = 0; c < clients; ++c) {
+      threads.emplace_back([&, c] {
+        std::mt19937 random(c);
+        HttpClient client(port);
+        for (size_t i = 0; i < requests / clients && wrong[c].empty(); ++i) {
+          wrong[c] = ask(client, random() % count(), random);
+          if (mayFail && wrong[c].find("status") != std::string::npos) wrong[c].clear();
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (const std::string& text : wrong) {
+      if (!text.empty()) return text;
+    }
+    return "";
+  }
+
+ private:
+  std::vector<std::string> m_names, m_contents;
+};
+
+TEST_F(ServerReadTest, ManyClientsGetEveryByteAlsoAfterRestartAndKill) {
+  const Files files(store, 2000);
+  start();
+  EXPECT_EQ(files.load(port, 64, 6400), "");
+  EXPECT_EQ(server->end(SIGTERM), 0);
+  start();
+  std::thread killer([&] {
+    eventually([&] { return metric("diskcached_answers_total{status=\"2xx\"}") > 500; });
+    server->end(SIGKILL);
+  });
+  EXPECT_EQ(files.load(port, 16, 6400, true), "");  // requests fail when it dies, but give no wrong bytes
+  killer.join();
+  start();
+  EXPECT_EQ(files.load(port, 64, 3200), "");
+  EXPECT_GT(metric("diskcached_objects_total{result=\"hit\"}"), 1000);
+  EXPECT_EQ(server->end(SIGTERM), 0);
+}
+
+TEST_F(ServerReadTest, AHerdOnAColdObjectCostsTheStoreOneObject) {
+  const std::string content = bytesOf("cold", 5'000'000);
+  store.put("cold", content);
+  start();
+  store.requests();
+  std::atomic<unsigned> right{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 100; ++i)
+    clients.emplace_back([&] { right += HttpClient(port).get("/cold").body == content; });
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(right, 100U);
+  EXPECT_EQ(store.bodyBytes(), content.size());
+}
+
+// The store gives 256 KiB a second: the first bytes must be there long before the last.
+TEST_F(ServerReadTest, AMissStreamsWhileItIsFetched) {
+  const std::string content = bytesOf("slow", 600'000);
+  store.put("slow", content);
+  store.stop();
+  store.extra = "limit_rate 256k;";
+  store.start();
+  start({"--block-size=1M"});
+  const RawClient client(port);
+  client.send("GET /slow HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n");
+  std::string got = client.receive();
+  while (got.find("\r\n\r\n") + 4 >= got.size()) got += client.receive();
+  EXPECT_EQ(metric("diskcache_client_stored_blocks_total"), 0);  // the block has not even come whole
+  got += client.receiveAll();
+  EXPECT_TRUE(got.ends_with(content));
+}
+
+TEST_F(ServerReadTest, AnswersRangesAndConditionsByTheBook) {
+  const std::string content = bytesOf("object.txt", 100'000);
+  store.put("object.txt", content);
+  start();
+  const Reply whole = get("/object.txt");
+  const std::string etag = whole.header("etag"), date = whole.header("last-modified");
+  ASSERT_FALSE(etag.empty());
+  EXPECT_EQ(whole.header("content-type"), "text/plain");
+  const struct {
+    const char* method;
+    std::vector<std::string> headers;
+    long status;
+    size_t from, size;
+  } cases[] = {
+      {"GET", {"Range: bytes=0-0"}, 206, 0, 1},
+      {"GET", {"Range: bytes=65530-65545"}, 206, 65530, 16},
+      {"GET", {"Range: bytes=99999-"}, 206, 99999, 1},
+      {"GET", {"Range: bytes=99990-200000"}, 206, 99990, 10},
+      {"GET", {"Range: bytes=-7"}, 206, 99993, 7},
+      {"GET", {"Range: bytes=-200000"}, 206, 0, 100'000},
+      {"GET", {"Range: bytes=100000-"}, 416, 0, 0},
+      {"GET", {"Range: bytes=-0"}, 416, 0, 0},
+      {"GET", {"Range: bytes=0-1,5-6"}, 200, 0, 100'000},
+      {"GET", {"Range: bytes=5-2"}, 200, 0, 100'000},
+      {"GET", {"Range: lines=1-2"}, 200, 0, 100'000},
+      {"GET", {"Range: bytes=1-2", "If-Range: " + etag}, 206, 1, 2},
+      {"GET", {"Range: bytes=1-2", "If-Range: \"other\""}, 200, 0, 100'000},
+      {"GET", {"Range: bytes=1-2", "If-Range: " + date}, 206, 1, 2},
+      {"GET", {"If-None-Match: " + etag}, 304, 0, 0},
+      {"GET", {"If-None-Match: \"a,b\", W/" + etag}, 304, 0, 0},
+      {"GET", {"If-None-Match: *"}, 304, 0, 0},
+      {"GET", {"If-None-Match: \"other\"", "If-Modified-Since: " + date}, 200, 0, 100'000},
+      {"GET", {"If-Modified-Since: " + date}, 304, 0, 0},
+      {"GET", {"If-Modified-Since: Thu, 01 Jan 1970 00:00:00 GMT"}, 200, 0, 100'000},
+      {"GET", {"If-Modified-Since: yesterday"}, 200, 0, 100'000},
+      {"GET", {"If-Match: \"other\""}, 412, 0, 0},
+      {"GET", {"If-Match: " + etag, "Range: bytes=3-4"}, 206, 3, 2},
+      {"GET", {"If-Unmodified-Since: Thu, 01 Jan 1970 00:00:00 GMT"}, 412, 0, 0},
+      {"HEAD", {}, 200, 0, 0},
+      {"HEAD", {"Range: bytes=10-19"}, 206, 0, 0},
+      {"HEAD", {"If-None-Match: " + etag}, 304, 0, 0},
+  };
+  HttpClient client(port);
+  for (const auto& c : cases) {
+    const Reply reply = client.ask(c.method, "/object.txt", c.headers, nullptr);
+    const std::string what = c.headers.empty() ? c.method : c.headers.front();
+    EXPECT_EQ(reply.status, c.status) << what;
+    EXPECT_EQ(reply.body, content.substr(c.from, c.size)) << what;
+    EXPECT_TRUE(reply.isHit()) << what << reply.header("cache-status");
+    if (c.status == 206 && c.size > 0) {
+      EXPECT_EQ(reply.header("content-range"),
+                "bytes " + std::to_string(c.from) + "-" + std::to_string(c.from + c.size - 1) + "/100000");
+    }
+    EXPECT_EQ(reply.header("content-range").empty(), c.status != 206 && c.status != 416) << what;
+    EXPECT_EQ(reply.header("etag").empty(), c.status == 412 || c.status == 416) << what;
+    if (c.status == 200) {
+      EXPECT_EQ(reply.header("content-length"), "100000");
+    }
+  }
+}
+
+TEST_F(ServerReadTest, ServesOddKeysAndRequestsInARow) {
+  const char* const names[] = {"a:b",         "plus+sign",    "100%",       "ä ö",      "q?m",
+                               "semi;colon",  "amp&er=sand",  "hash#tag",   "quote\"d", "tilde~",
+                               "back\\slash", "(par[en]{s})", "!$'*,@^`|<>"};
+  start();
+  HttpClient client(port);
+  for (const std::string name : names) {
+    store.put(name, bytesOf(name, 1000));
+    std::string path = "/";
+    for (const char c : name) {
+      char escape[4];
+      std::snprintf(escape, sizeof escape, "%%%02x", static_cast<unsigned char>(c));
+      path += escape;
+    }
+    for (const bool isHit : {false, true}) {
+      const Reply reply = client.get(path);
+      EXPECT_EQ(reply.body, bytesOf(name, 1000)) << name;
+      EXPECT_EQ(reply.isHit(), isHit) << name;
+    }
+  }
+  store.put("empty", "");
+  const RawClient raw(port);
+  const std::string got = raw.exchange(
+      "GET /a:b HTTP/1.1\r\nHost: h\r\n\r\nHEAD /a:b HTTP/1.1\r\nHost: h\r\n\r\n\r\nGET /empty "
+      "HTTP/1.1\r\nHost: h\r\n\r\n"
+      "GET /tilde~ HTTP/1.0\r\n\r\n");
+  size_t answers = 0;
+  for (size_t at = got.find("HTTP/1.1 200 OK"); at != std::string::npos;
+       at = got.find("HTTP/1.1 200 OK", at + 1))
+    ++answers;
+  EXPECT_EQ(answers, 4U) << got;
+  EXPECT_TRUE(got.ends_with(bytesOf("tilde~", 1000)));
+}
+
+TEST_F(ServerReadTest, LooksAgainWhenAnObjectIsNoLongerFresh) {
+  store.stop();
+  store.extra =
+      "location /short { add_header Cache-Control max-age=0; }\n"
+      "location /never { add_header Cache-Control no-store; }\n"
+      "location /mine { add_header Cache-Control 'private, max-age=100'; }\n"
+      "location /nobody { etag off; if_modified_since off; add_header Last-Modified ''; }\n";
+  store.start();
+  start();
+  for (const std::string name : {"long", "short", "never", "mine", "nobody"})
+    store.put(name, "first " + name);
+  const struct {
+    const char* path;
+    const char* second;   // Cache-Status of a second request,
+    const char* changed;  // and what one gets after the object was changed
+  } cases[] = {{"/long", "hit", "first long"},
+               {"/short", "fwd=stale", "second"},
+               {"/never", "fwd=bypass", "second"},
+               {"/mine", "fwd=bypass", "second"},
+               {"/nobody", "fwd=bypass", "second"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(get(c.path).body, "first " + std::string(c.path + 1));
+    EXPECT_NE(cacheStatus(c.path).find(c.second), std::string::npos) << c.path << ": " << cacheStatus(c.path);
+    store.put(c.path + 1, "second");
+    EXPECT_EQ(get(c.path).body, c.changed) << c.path;
+  }
+}
+
+}  // namespace
+}  // namespace diskcached

@@ -1,0 +1,175 @@
+// diskcached as a process in front of nginx as a process, both on free ports of loopback.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/server/httpClient.h"
+#include "tests/server/process.h"
+#include "tests/support/tempDir.h"
+
+namespace diskcached {
+
+using ObjectStore::readFile;
+using ObjectStore::TempDir;
+using ObjectStore::writeFile;
+
+// Bytes that tell object and place.
+inline std::string bytesOf(std::string_view name, size_t size) {
+  std::string bytes(size, '\0');
+  const uint64_t seed = std::hash<std::string_view>()(name);
+  for (size_t i = 0; i < size; ++i) {
+    const uint64_t word = (seed ^ (i >> 3)) * 0x9e3779b97f4a7c15U;
+    bytes[i] = static_cast<char>(word >> (8 * (i & 7)));
+  }
+  return bytes;
+}
+
+inline uint16_t freePort() {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  (void)bind(fd, reinterpret_cast<const sockaddr*>(&address), size);
+  (void)getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  close(fd);
+  return ntohs(address.sin_port);
+}
+
+// Files of a directory over HTTP, also to be written.
+class Store {
+ public:
+  explicit Store(const TempDir& dir) : m_dir(dir / "nginx"), files(dir / "files") {
+    std::filesystem::create_directories(m_dir);
+    std::filesystem::create_directories(files);
+    for (start(); m_process->hasEnded(); start()) port = freePort();  // somebody else has taken it
+  }
+
+  void start() {
+    if (port == 0) port = freePort();
+    writeFile(m_dir + "/nginx.conf", config());
+    m_process =
+        std::make_unique<Process>(std::vector<std::string>{"/usr/sbin/nginx", "-p", m_dir, "-e",
+                                                           m_dir + "/error.log", "-c", m_dir + "/nginx.conf"},
+                                  m_dir + "/output");
+    eventually([&] { return m_process->hasEnded() || RawClient(port).isConnected(); });
+  }
+  void stop() { m_process->end(SIGKILL); }
+  void put(const std::string& name, const std::string& content) const {
+    writeFile(files + '/' + name, content);
+  }
+  // The requests that came since the last time: "METHOD PATH STATUS BYTES".
+  std::vector<std::string> requests() {
+    std::istringstream lines(readFile(m_dir + "/access.log").substr(m_seen));
+    std::vector<std::string> found;
+    for (std::string line; std::getline(lines, line);) {
+      m_seen += line.size() + 1;
+      found.push_back(line);
+    }
+    return found;
+  }
+  uint64_t bodyBytes() {
+    uint64_t bytes = 0;
+    for (const std::string& line : requests()) bytes += std::stoull(line.substr(line.rfind(' ') + 1));
+    return bytes;
+  }
+
+  // Added to the configuration of the next start.
+  std::string extra;
+  uint16_t port = 0;
+
+ private:
+  std::string config() const {
+    std::string text =
+        "daemon off; master_process off; pid nginx.pid;\nevents { worker_connections 2048; }\nhttp {\n"
+        "log_format short '$request_method $request_uri $status $body_bytes_sent';\n"
+        "access_log access.log short; client_max_body_size 1g; keepalive_requests 1000000;\n"
+        "types { text/plain txt; } default_type application/octet-stream;\n";
+    for (const char* name : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+      text += std::string(name) + "_temp_path " + m_dir + "/tmp-" + name + ";\n";
+    return text + "server { listen 127.0.0.1:" + std::to_string(port) + "; root " + files +
+           ";\ndav_methods PUT DELETE; create_full_put_path on;\n" + extra + "}\n}\n";
+  }
+
+  const std::string m_dir;
+  std::unique_ptr<Process> m_process;
+  size_t m_seen = 0;
+
+ public:
+  const std::string files;
+};
+
+class ServerTest : public ::testing::Test {
+ protected:
+  std::vector<std::string> arguments(std::vector<std::string> more = {}) const {
+    std::vector<std::string> all = {DISKCACHED_PATH,
+                                    "--origin=http://127.0.0.1:" + std::to_string(store.port),
+                                    "--root=" + (dir / "root"),
+                                    "--volume=" + volume,
+                                    "--max-bytes=1G",
+                                    "--block-size=64K",
+                                    "--listen=127.0.0.1:0",
+                                    "--admin=127.0.0.1:0",
+                                    "--memory=64M"};
+    // An option given again takes the place of the usual one.
+    for (const std::string& option : more) {
+      std::erase_if(all, [&](const std::string& usual) {
+        return option.find('=') != std::string::npos &&
+               usual.starts_with(option.substr(0, option.find('=') + 1));
+      });
+    }
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+  }
+  void launch(const std::vector<std::string>& more = {}) {
+    const std::string log = dir / "log";
+    m_logged = std::filesystem::exists(log) ? readFile(log).size() : 0;
+    server.reset();
+    server = std::make_unique<Process>(arguments(more), log, environment);
+  }
+  void start(const std::vector<std::string>& more = {}) {
+    launch(more);
+    ASSERT_TRUE(
+        eventually([&] { return logged().find("admin on") != std::string::npos || server->hasEnded(); }));
+    const std::string log = logged();
+    const size_t serving = log.find(" on 127.0.0.1:"), admin = log.find("admin on 127.0.0.1:");
+    ASSERT_NE(admin, std::string::npos) << log;
+    port = static_cast<uint16_t>(std::stoul(log.substr(serving + 14)));
+    adminPort = static_cast<uint16_t>(std::stoul(log.substr(admin + 19)));
+  }
+  // What the server has said since it was launched.
+  std::string logged() const { return readFile(dir / "log").substr(m_logged); }
+
+  Reply get(const std::string& path, const std::vector<std::string>& headers = {}) const {
+    return HttpClient(port).get(path, headers);
+  }
+  std::string cacheStatus(const std::string& path) const { return get(path).header("cache-status"); }
+  Reply admin(const std::string& target, const std::string& method = "GET") const {
+    return HttpClient(adminPort).ask(method, target, {}, nullptr);
+  }
+  double metric(const std::string& name) const {
+    const std::string text = '\n' + admin("/metrics").body;
+    const size_t at = text.find('\n' + name + ' ');
+    return at == std::string::npos ? -1 : std::stod(text.substr(at + name.size() + 2));
+  }
+
+  const TempDir dir;
+  Store store{dir};
+  std::string volume = dir / "volume";
+  std::vector<std::string> environment;
+  std::unique_ptr<Process> server;
+  uint16_t port = 0, adminPort = 0;
+
+ private:
+  size_t m_logged = 0;
+};
+
+}  // namespace diskcached

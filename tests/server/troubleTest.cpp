@@ -1,0 +1,157 @@
+// What the server does when clients, disks or the store misbehave.
+#include <atomic>
+#include <thread>
+
+#include "tests/server/serverFixture.h"
+#include "tests/support/smallFileSystem.h"
+
+namespace diskcached {
+namespace {
+
+using ServerTroubleTest = ServerTest;
+
+TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
+  store.put("x", "x");
+  start({"--max-header-bytes=2K", "--max-url-bytes=1K", "--max-upload=10K", "--request-timeout=1",
+         "--idle-timeout=1"});
+  const std::string get = "GET /x HTTP/1.1\r\nHost: h\r\n", put = "PUT /y HTTP/1.1\r\nHost: h\r\n";
+  const std::string hidden = "GET /hidden HTTP/1.1\r\nHost: h\r\n\r\n";
+  const struct {
+    std::string bytes;
+    const char* status;
+  } cases[] = {
+      {get + "Content-Length: 5\r\nContent-Length: 0\r\n\r\n" + hidden, "400"},
+      {get + "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + hidden, "400"},
+      {get + "A: b\r\n folded: c\r\n\r\n" + hidden, "400"},
+      {"GET /x HTTP/1.1\nHost: h\n\n" + hidden, "400"},
+      {get + "\n" + hidden, "400"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n5x\r\nabc", "400"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n5\nhello\r\n0\r\n\r\n" + hidden, "400"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n-1\r\nabc", "400"},
+      {put + "Content-Length: 10241\r\n\r\n", "413"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n2900\r\n" + std::string(0x2900, 'x') + "\r\n0\r\n\r\n",
+       "413"},
+      {"GET /" + std::string(1100, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", "414"},
+      {"GET /" + std::string(100'000, 'a'), "414"},
+      {get + "A: " + std::string(3000, 'a') + "\r\n\r\n", "431"},
+      {get + "Expect: wonders\r\n\r\n", "417"},
+      {"GET /x HTTP/1.1\r\nHo", "408"},
+      {put + "Content-Length: 10\r\n\r\nabc", "408"},
+      {"GET /a/../x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "400"},
+      {"TRACE /x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "405"},
+      {"PUT /y HTTP/1.1\r\nHost: h\r\nConnection: close\r\nx-amz-content-sha256: "
+       "STREAMING-AWS4-HMAC-SHA256-PAYLOAD\r\n\r\n",
+       "501"},
+  };
+  store.requests();
+  for (const auto& c : cases) {
+    const std::string got = RawClient(port).exchange(c.bytes);
+    EXPECT_TRUE(got.starts_with(std::string("HTTP/1.1 ") + c.status)) << c.bytes.substr(0, 200) << '\n'
+                                                                      << got;
+    EXPECT_EQ(got.find("HTTP/1.1", 1), std::string::npos) << got;  // nothing that was hidden is answered
+  }
+  for (const std::string& request : store.requests()) EXPECT_EQ(request.find("hidden"), std::string::npos);
+  EXPECT_EQ(this->get("/x").body, "x");
+}
+
+TEST_F(ServerTroubleTest, TooManyClientsAreTurnedAwayAndMemoryIsBounded) {
+  store.put("big", bytesOf("big", 8 << 20));
+  start({"--max-connections=20", "--memory=1M"});
+  std::vector<std::unique_ptr<RawClient>> slow;  // ask for much and take nothing
+  for (int i = 0; i < 20; ++i) {
+    slow.push_back(std::make_unique<RawClient>(port));
+    slow.back()->send("GET /big HTTP/1.1\r\nHost: h\r\n\r\n");
+  }
+  ASSERT_TRUE(eventually([&] { return metric("diskcached_connections") == 20; }));
+  const std::string got = RawClient(port).exchange("GET /big HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_TRUE(got.starts_with("HTTP/1.1 503")) << got;
+  EXPECT_NE(got.find("Retry-After: "), std::string::npos);
+  EXPECT_LE(metric("diskcached_memory_bytes"), 1 << 20);
+  slow.clear();
+  ASSERT_TRUE(eventually([&] { return metric("diskcached_connections") == 0; }));
+  EXPECT_EQ(get("/big").body, bytesOf("big", 8 << 20));
+}
+
+TEST_F(ServerTroubleTest, StaleAnswersStandInForAStoreThatIsDown) {
+  store.put("kept", "kept bytes");
+  start({"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=1"});
+  EXPECT_EQ(get("/kept").body, "kept bytes");
+  store.stop();
+  for (int i = 0; i < 3; ++i) {
+    const Reply stale = get("/kept");
+    EXPECT_EQ(stale.body, "kept bytes");
+    EXPECT_NE(stale.header("cache-status").find("stale-if-error"), std::string::npos)
+        << stale.header("cache-status");
+  }
+  EXPECT_EQ(get("/other").status, 502);
+  server->end(SIGKILL);
+  start({"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=0"});
+  EXPECT_EQ(get("/kept").body, "kept bytes");  // also after a restart
+  server->end(SIGTERM);
+  start({"--fresh-for=0", "--origin-retries=0"});
+  EXPECT_EQ(get("/kept").status, 502);  // nobody said that stale answers are wanted
+  store.start();
+  EXPECT_EQ(get("/kept").body, "kept bytes");
+}
+
+TEST_F(ServerTroubleTest, AFullDiskAndAVolumeEmptiedBeneathItCostNoAnswer) {
+  const ObjectStore::SmallFileSystem small(24);
+  SKIP_WITHOUT(small);
+  volume = small / "volume";
+  start({"--max-bytes=100M"});
+  const auto load = [&](int first, int count) {
+    unsigned right = 0;
+    HttpClient client(port);
+    for (int i = first; i < first + count; ++i) {
+      const std::string name = "f" + std::to_string(i);
+      if (!std::filesystem::exists(store.files + '/' + name)) store.put(name, bytesOf(name, 700'000));
+      right += client.get('/' + name).body == bytesOf(name, 700'000);
+    }
+    return right;
+  };
+  EXPECT_EQ(load(0, 60), 60U);  // 42 MB into 24
+  std::ofstream(small / "other") << std::string(4 << 20, 'x');  // takes all that was left free
+  EXPECT_EQ(load(60, 20), 20U);
+  std::filesystem::remove_all(volume + "/blocks");
+  EXPECT_EQ(load(70, 10), 10U);
+  EXPECT_EQ(load(70, 10), 10U);
+  EXPECT_EQ(server->end(SIGTERM), 0);
+}
+
+// Each object changes again and again while clients read it: every answer is one version, whole.
+TEST_F(ServerTroubleTest, ObjectsThatChangeAreNeverMixed) {
+  const auto version = [](char letter) { return std::string(300'000 + static_cast<size_t>(letter), letter); };
+  start({"--fresh-for=0"});
+  std::atomic<bool> isOver{false};
+  const auto publish = [&](char letter) {  // as a store does: at once
+    store.put("new", version(letter));
+    std::filesystem::rename(store.files + "/new", store.files + "/object");
+  };
+  publish('a');
+  std::vector<std::thread> readers;
+  std::atomic<unsigned> wrong{0}, right{0};
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] {
+      HttpClient client(port);
+      while (!isOver) {
+        const Reply reply = client.get("/object");
+        if (reply.status != 200 || !reply.error.empty()) continue;  // it changed in the middle of an answer
+        const bool isOne = !reply.body.empty() && reply.body == version(reply.body.front());
+        ++(isOne ? right : wrong);
+      }
+    });
+  }
+  for (char letter = 'b'; letter <= 'z'; ++letter) {
+    publish(letter);
+    const unsigned before = right;
+    eventually([&] { return right > before + 3; });
+  }
+  isOver = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(wrong, 0U);
+  EXPECT_GT(right, 50U);
+  EXPECT_EQ(get("/object").body, version('z'));
+}
+
+}  // namespace
+}  // namespace diskcached

@@ -1,0 +1,28 @@
+// How a coroutine of an I/O thread waits for what another thread does.
+#pragma once
+
+#include <boost/asio/associated_executor.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <functional>
+#include <memory>
+
+namespace diskcached {
+
+namespace asio = boost::asio;
+
+// Sleeps until the function that `start` is given is called, once and by any thread.
+template <typename Start>
+asio::awaitable<void> suspend(Start start) {
+  auto initiate = [&start](auto handler) {
+    const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
+    const auto executor = asio::get_associated_executor(*shared);
+    start([shared, executor] { asio::post(executor, [shared] { std::move (*shared)(); }); });
+  };
+  co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(std::move(initiate),
+                                                                       asio::use_awaitable);
+}
+
+}  // namespace diskcached
