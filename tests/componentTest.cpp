@@ -132,7 +132,8 @@ TEST_F(ComponentTest, WhoUnregistersADirectoryWaitsForItsCallback) {
   contexts.add(ctx);
   auto asking = std::async(std::launch::async, [this] {
     bool givenUp = true;
-    return outcome(contexts.ask(givenUp, "ctx", "", "abcd")) + (givenUp ? " given" : " kept");
+    const std::string told = outcome(contexts.ask(givenUp, "ctx", "", "abcd"));
+    return told + (givenUp ? " given" : " kept");
   });
   runs.get_future().wait();
   uint32_t left = 0;
