@@ -134,8 +134,13 @@ TEST_F(EngineToolTest, AFullDiskIsOneLine) {
 TEST_F(EngineToolTest, StatusInEachFormat) {
   ASSERT_EQ(put("0011first", "one"), 0) << err;
   const json status = parsed("status --mode lru " + cache());
-  EXPECT_EQ(status["status"]["DC.PruningMode"], "lru");
-  EXPECT_EQ(status["status"]["DC.LRUEntriesCur"], 1);
+  EXPECT_EQ(status["segments"], 1);
+  EXPECT_EQ(parsed("status " + cache())["segments"], nullptr);
+  for (const char* key : {"DC.PruningMode", "DC.HighWM", "DC.LRUEntriesCur", "DC.SegmentsInCache"})
+    EXPECT_EQ(status["status"].at(key), nullptr) << key;
+  EXPECT_EQ(status["counters"].at("DC.errOutOfSpace"), nullptr);
+  EXPECT_EQ(status["status"]["DC.TotalCache"],
+            status["volumes"][0]["total"].get<uint64_t>() + status["volumes"][1]["total"].get<uint64_t>());
   EXPECT_EQ(status["volumes"][1]["directory"], dir / "b");
   EXPECT_EQ(status["volumes"][1]["index"], 2);
   ASSERT_EQ(run("status --format prometheus " + cache()), 0) << err;

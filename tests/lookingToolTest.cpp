@@ -182,7 +182,10 @@ TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
                                        {"total", nullptr},
                                        {"free", nullptr},
                                        {"reserve", nullptr},
-                                       {"has_room", false}}));
+                                       {"inodes", nullptr},
+                                       {"free_inodes", nullptr},
+                                       {"has_room", false},
+                                       {"limits", nullptr}}));
   EXPECT_EQ(known["migration"]["destination"], dir / "there");
   EXPECT_EQ(known["problems"].size(), 2U);
   EXPECT_EQ(run("volumes --root " + (dir / "root")), 1);
@@ -208,36 +211,6 @@ TEST_F(LookingToolTest, BadInputIsOneLineAndTheRestIsDone) {
       {"nonsense", "see --help"},
       {"verify --threads 0 x", "--threads"}};
   for (const auto& [arguments, why] : refusals) expectFailure(arguments, 2, why);
-}
-
-// Beside a running server nothing may change, not even the time of the last access.
-TEST_F(LookingToolTest, LookingLeavesNoTrace) {
-  writeSegment("a", "ctx", "0011x", sound);
-  writeFile(dir / "root/volume_info", dir / "a,1\n");
-  std::filesystem::create_directories(dir / "a/recycle");
-  const std::vector<std::string> tree = treeOf(dir.path());
-  const std::string cache = " --root " + (dir / "root --volume ") + (dir / "a ");
-  const std::string segment = cache + "--context ctx 0011x";
-  for (const std::string& command :
-       {"inspect " + (dir / "a/ctx/00/11/0011x"), "verify " + (dir / "a"), "ls --volume " + (dir / "a"),
-        "du --root " + (dir / "root"), "volumes --root " + (dir / "root"), "status" + cache, "get" + segment,
-        "exists" + segment}) {
-    // A time so old that any read which does not take care renews it.
-    for (const std::string& name : tree) {
-      const timespec longAgo[] = {{1000, 0}, {1000, 0}};
-      ASSERT_EQ(utimensat(AT_FDCWD, (dir / name).c_str(), longAgo, 0), 0);
-    }
-    EXPECT_EQ(run(command), 0) << command << err;
-    for (const std::string& name : tree) {
-      struct stat status {};
-      ASSERT_EQ(stat((dir / name).c_str(), &status), 0);
-      EXPECT_EQ(status.st_atim.tv_sec, 1000) << command << ' ' << name;
-      EXPECT_EQ(status.st_mtim.tv_sec, 1000) << command << ' ' << name;
-    }
-  }
-  std::filesystem::remove(dir / "out");
-  std::filesystem::remove(dir / "err");
-  EXPECT_EQ(treeOf(dir.path()), tree);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include "common/options.h"
 #include "common/output.h"
 #include "common/units.h"
+#include "look/server.h"
 #include "look/treeWalk.h"
 #include "look/volumeFile.h"
 
@@ -165,6 +166,7 @@ void run(const Options& options) {
   std::vector<std::string> dirs = options.volumes;
   auto worst = ExitStatus::Success;
   if (dirs.empty()) {
+    tellServer(options.root);
     const VolumeFile file = readVolumeFile(options.root);
     if (!file.isThere) {
       throw Failure(ExitStatus::BadInput,
