@@ -33,6 +33,10 @@ if(DISKCACHE_BUILD_TOOLS)
   install(FILES ${PROJECT_BINARY_DIR}/man/man1/diskcachectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES tools/diskcachectl/completion.zsh RENAME _diskcachectl
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+  install(FILES tools/diskcachectl/completion.fish RENAME diskcachectl.fish
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
 endif()
 
 set(packageDir ${CMAKE_INSTALL_LIBDIR}/cmake/diskcache)

@@ -17,6 +17,13 @@ CLI::Option* addRoot(CLI::App& command, std::string& dir);
 // several at once.
 CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool many);
 
+// Directories below the volumes; one for each time it is given.
+CLI::Option* addContexts(CLI::App& command, const std::string& name, std::vector<std::string>& names,
+                         const std::string& description);
+
+// Why a name lies below no volume; empty when it does.
+std::string whyNotBelow(const std::string& name);
+
 // For commands that can ask the root for its volumes.
 void makeVolumesOptional(CLI::App& command);
 

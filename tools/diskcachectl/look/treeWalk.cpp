@@ -52,7 +52,9 @@ FileKind kindOf(const WalkedFile& file) {
     if (std::find(std::begin(OWN), std::end(OWN), name) != std::end(OWN)) return FileKind::Own;
     if (lastPart(file.dir) == "recycle") return FileKind::Recycled;
   }
-  if (file.relative == "blocks" && (name == "volume.id" || name == "volume.id.new")) return FileKind::Own;
+  const bool isAmongBlocks =
+      file.relative == "blocks" || (file.relative.empty() && lastPart(file.dir) == "blocks");
+  if (isAmongBlocks && (name == "volume.id" || name == "volume.id.new")) return FileKind::Own;
   if (file.relative == "recycle" || file.relative.starts_with("recycle/")) return FileKind::Recycled;
   return name.ends_with(".temp") || name.ends_with(".copying") ? FileKind::Leftover : FileKind::Segment;
 }
