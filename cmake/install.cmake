@@ -45,6 +45,10 @@ if(DISKCACHE_BUILD_TOOLS)
   install_program(diskcachectl)
   install(FILES tools/diskcachectl/completion.bash RENAME diskcachectl
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  install(FILES tools/diskcachectl/completion.zsh RENAME _diskcachectl
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tools)
+  install(FILES tools/diskcachectl/completion.fish RENAME diskcachectl.fish
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
 endif()
 if(DISKCACHE_BUILD_SERVER)
   install_program(diskcached)

@@ -134,8 +134,13 @@ TEST_F(EngineToolTest, AFullDiskIsOneLine) {
 TEST_F(EngineToolTest, StatusInEachFormat) {
   ASSERT_EQ(put("0011first", "one"), 0) << err;
   const json status = parsed("status --mode lru " + cache());
-  EXPECT_EQ(status["status"]["DC.PruningMode"], "lru");
-  EXPECT_EQ(status["status"]["DC.LRUEntriesCur"], 1);
+  EXPECT_EQ(status["segments"], 1);
+  EXPECT_EQ(parsed("status " + cache())["segments"], nullptr);
+  for (const char* key : {"DC.PruningMode", "DC.HighWM", "DC.LRUEntriesCur", "DC.SegmentsInCache"})
+    EXPECT_EQ(status["status"].at(key), nullptr) << key;
+  EXPECT_EQ(status["counters"].at("DC.errOutOfSpace"), nullptr);
+  EXPECT_EQ(status["status"]["DC.TotalCache"],
+            status["volumes"][0]["total"].get<uint64_t>() + status["volumes"][1]["total"].get<uint64_t>());
   EXPECT_EQ(status["volumes"][1]["directory"], dir / "b");
   EXPECT_EQ(status["volumes"][1]["index"], 2);
   ASSERT_EQ(run("status --format prometheus " + cache()), 0) << err;
@@ -234,7 +239,7 @@ TEST_F(EngineToolTest, HelpManPageAndCompletionAgree) {
   const std::string manual = readFile(DISKCACHE_SOURCE_DIR "/docs/diskcachectl.1.scd");
   ASSERT_EQ(run("--help"), 0);
   const std::set<std::string> commands = matchesOf(out.substr(out.find("Subcommands:")), "\\n  ([a-z]+) ");
-  EXPECT_EQ(commands.size(), 12U);
+  EXPECT_EQ(commands.size(), 19U);
   EXPECT_EQ(commands, matchesOf(manual, "\\n## ([a-z]+) "));
   EXPECT_EQ(run("--version"), 0);
 
@@ -265,6 +270,31 @@ TEST_F(EngineToolTest, HelpManPageAndCompletionAgree) {
     const size_t begin = manual.find("\n## " + command + ' ');
     const std::string section = manual.substr(begin, manual.find("\n#", begin + 1) - begin);
     EXPECT_EQ(matchesOf(section, "\\*(--[a-z-]+)\\*"), options) << command;
+  }
+}
+
+TEST_F(EngineToolTest, OtherShellsOfferTheSameAsBash) {
+  const std::string front =
+      "PATH=" + std::filesystem::path(DISKCACHECTL_PATH).parent_path().string() + ":$PATH ";
+  const std::string script = DISKCACHE_SOURCE_DIR "/tools/diskcachectl/completion.";
+  // What stands for the completion system takes the candidates behind "--".
+  writeFile(dir / "zsh", "compadd() { shift; print -l -- \"$@\" }\n_files() { }\n. " + script + "zsh\n");
+  const auto offered = [&](const std::string& shell, const std::string& words) {
+    const std::string ask = shell == "fish"
+                                ? "fish -c '. " + script + "fish; complete -C \"diskcachectl " + words + "\"'"
+                                : "zsh -fc 'words=(diskcachectl " + words + " \"\"); CURRENT=$#words; " +
+                                      (words.ends_with("--") ? "words[-1]=(); CURRENT=$#words; " : "") +
+                                      ". " + (dir / "zsh") + "'";
+    EXPECT_EQ(std::system((front + ask + " >" + (dir / "answer")).c_str()), 0) << ask;
+    std::istringstream answer(readFile(dir / "answer"));
+    return std::set<std::string>{std::istream_iterator<std::string>(answer), {}};
+  };
+  for (const std::string shell : {"zsh", "fish"}) {
+    if (std::system(("command -v " + shell + " >/dev/null").c_str()) != 0) continue;
+    EXPECT_TRUE(offered(shell, "").contains("prune")) << shell;
+    EXPECT_EQ(offered(shell, "replay --mode "), (std::set<std::string>{"lru", "random"})) << shell;
+    ASSERT_EQ(run("curve --help"), 0);
+    EXPECT_EQ(offered(shell, "curve --"), matchesOf(out, "\\n  (?:-h,)?(--[a-z-]+)")) << shell;
   }
 }
 

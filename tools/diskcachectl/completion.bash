@@ -5,7 +5,7 @@ _diskcachectl_values() {
   case $1 in
     DIR) compgen -d -- "$2" ;;
     *'|'*) compgen -W "${1//|/ }" -- "$2" ;;
-    N | S | L | SIZE | NAME) ;;
+    N | S | L | SIZE | NAME | AGE | PERCENT | KEY | TEXT) ;;
     *) compgen -f -- "$2" ;;
   esac
 }

@@ -4,6 +4,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -11,9 +12,11 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "commands/commands.h"
 #include "common/failure.h"
+#include "common/helpText.h"
 #include "common/output.h"
 
 namespace diskcachectl {
@@ -32,8 +35,19 @@ int finishParse(const CLI::App& program, const CLI::ParseError& stop) {
   }
   std::ostringstream text;
   program.exit(stop, text, text);
-  fmt::print("{}", text.str());
+  fmt::print("{}", wrapped(text.str(), terminalWidth()));
   return 0;
+}
+
+// The parser would call it an argument that was not expected.
+std::string whyNoSubcommand(const CLI::App& program, int argc, char** argv) {
+  const std::string_view word = argc > 1 ? argv[1] : "";
+  if (word.empty() || word.front() == '-') return "";
+  std::vector<std::string> names;
+  for (const CLI::App* command : program.get_subcommands(nullptr)) names.push_back(command->get_name());
+  if (std::find(names.begin(), names.end(), word) != names.end()) return "";
+  return fmt::format("there is no subcommand \"{}\"; the nearest is \"{}\" (see --help)", word,
+                     nearest(word, names));
 }
 
 int run(int argc, char** argv) {
@@ -41,11 +55,15 @@ int run(int argc, char** argv) {
   program.set_version_flag("--version", "diskcachectl " DISKCACHE_VERSION);
   program.require_subcommand(1);
   program.failure_message([](const CLI::App*, const CLI::Error& error) { return std::string(error.what()); });
-  for (const auto add : {addInspect, addVerify, addLs, addDu, addVolumesCommand, addPut, addGet, addRm,
-                         addExists, addStatus, addMigrate, addReplay}) {
+  for (const auto add :
+       {addInspect, addVerify, addLs, addDu, addVolumesCommand, addPut, addGet, addRm, addExists, addStatus,
+        addMigrate, addPrune, addClean, addForget, addExplain, addTop, addCurve, addWarm, addReplay}) {
     add(program);
   }
 
+  if (const std::string why = whyNoSubcommand(program, argc, argv); !why.empty()) {
+    return fail(ExitStatus::BadInput, why);
+  }
   int status = 0;
   try {
     program.parse(argc, argv);

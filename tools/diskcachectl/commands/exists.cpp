@@ -8,7 +8,10 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/commands.h"
+#include "common/options.h"
 #include "common/output.h"
+#include "look/knownCache.h"
+#include "look/server.h"
 #include "replay/cacheSession.h"
 
 namespace diskcachectl {
@@ -21,13 +24,16 @@ constexpr const char* HELP =
 Exit status: 0 it is there, 1 it is not, 2 bad input, 3 an error of the cache or the system.
 
 Example:
-  diskcachectl exists --root /var/cache/root --volume /var/cache/a --context data 0123abcd)";
+  diskcachectl exists --root /var/cache/root --context data 0123abcd)";
 
 void run(const SegmentOptions& options) {
-  CacheSession session(options, CacheSession::Use::Look);
-  const std::vector<Copy> copies = session.find(options);
+  tellServer(options.root);
+  const KnownCache known(options.root);
+  const std::vector<FoundCopy> copies = known.find(known.choosePresent(options.volumes, Stranger::Accept),
+                                                   options.context, options.nonprunable, options.id);
   if (!options.isJson) {
-    fmt::print("{}\n", printable(session.require(options).front().path));
+    if (copies.empty()) throw Failure(ExitStatus::CheckFailed, options.id + ": not in the cache");
+    fmt::print("{}\n", printable(copies.front().path));
     return;
   }
   ordered_json answer = {
@@ -48,6 +54,7 @@ void addExists(CLI::App& program) {
   CLI::App* command = program.add_subcommand("exists", "Tells whether a segment is cached, and where");
   command->footer(HELP);
   addSegmentOptions(*command, *options);
+  makeVolumesOptional(*command);
   command->callback([options] { run(*options); });
 }
 

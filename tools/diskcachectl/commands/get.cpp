@@ -17,7 +17,10 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "common/options.h"
 #include "common/output.h"
+#include "look/knownCache.h"
+#include "look/server.h"
 #include "replay/cacheSession.h"
 
 namespace diskcachectl {
@@ -35,7 +38,7 @@ Exit status: 0 success, 1 there is no such segment or section, or it is damaged,
 the cache or the system.
 
 Example:
-  diskcachectl get --root /var/cache/root --volume /var/cache/a --context data 0123abcd /tmp/section)";
+  diskcachectl get --root /var/cache/root --context data 0123abcd /tmp/section)";
 
 struct Options : SegmentOptions {
   int32_t type = 0;
@@ -144,10 +147,12 @@ class Reader {
   const std::unique_ptr<unsigned char[]> m_buffer;
 };
 
-void run(const Options& options) {
+void run(Options options) {
   if (options.isJson && options.isStdout()) {
     throw Failure(ExitStatus::BadInput, "get: --json needs FILE (see --help)");
   }
+  tellServer(options.root);
+  options.volumes = KnownCache(options.root).choosePresent(options.volumes, Stranger::Accept);
   CacheSession session(options, CacheSession::Use::Look);
   const Copy copy = session.require(options).front();
   Reader reader(session.cache(), copy, options);
@@ -176,6 +181,7 @@ void addGet(CLI::App& program) {
   CLI::App* command = program.add_subcommand("get", "Reads a section of a segment");
   command->footer(HELP);
   addSegmentOptions(*command, *options);
+  makeVolumesOptional(*command);
   addSectionType(*command, options->type);
   command->add_option("FILE", options->file, "Where it goes; - for standard output, as without it")
       ->type_name("");

@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,7 @@
 #include "common/options.h"
 #include "common/output.h"
 #include "common/units.h"
+#include "look/blockLook.h"
 #include "look/looking.h"
 #include "look/segmentDecoder.h"
 
@@ -28,8 +31,9 @@ using nlohmann::ordered_json;
 constexpr const char* HELP =
     R"(Decodes segment files: the header, every section record in file order (a dead one was replaced by a
 record further on), holes, sizes, and whatever is wrong. The files are only looked at. One that a
-running server is writing at this moment may seem damaged: look again. With --json and several files:
-{"files": [...]}.
+running server is writing at this moment may seem damaged: look again. Of a block of a named object the key, the
+version and the block's number are shown as well. --json prints a list, whatever the number of files.
+
 Exit status: 0 sound, 1 damaged or no segment, 2 a file that cannot be read.
 
 Example:
@@ -39,6 +43,7 @@ struct Inspected {
   std::string path;
   SegmentLayout layout;
   std::vector<Extent> holes;
+  std::optional<ObjectStore::BlockTrailer> block;
 };
 
 void printTable(const Inspected& file) {
@@ -49,6 +54,10 @@ void printTable(const Inspected& file) {
   if (layout.isSegment) {
     const std::string last = layout.lastSection < 0 ? "none" : std::to_string(layout.lastSection);
     fmt::print("  version {}, last section {}\n", layout.version, last);
+  }
+  if (file.block) {
+    fmt::print("  block {} of \"{}\", version \"{}\" ({})\n", file.block->number, printable(file.block->key),
+               printable(file.block->version), formatSize(file.block->objectSize));
   }
   if (!layout.records.empty()) fmt::print("  type  sub-type        offset        length\n");
   for (const Record& record : layout.records) {
@@ -80,6 +89,7 @@ ordered_json asJson(const Inspected& file) {
           {"last_section", layout.lastSection},
           {"holes", holes},
           {"dead_bytes", layout.deadBytes},
+          {"block", file.block ? blockAsJson(*file.block) : ordered_json()},
           {"problems", layout.problems}};
 }
 
@@ -88,15 +98,22 @@ int inspect(Inspected& file) {
   const LookedAt opened(file.path);
   if (opened.error() != 0) return opened.error();
   const int rc = decodeSegment(opened.fd(), file.layout);
-  if (rc == 0) file.holes = holesOf(opened.fd(), file.layout.bytes);
-  return rc;
+  if (rc != 0) return rc;
+  file.holes = holesOf(opened.fd(), file.layout.bytes);
+  const std::filesystem::path path(file.path);
+  if (!isBlock(path.parent_path().native(), path.filename().native())) return 0;
+  const Record* trailer = file.layout.find(ObjectStore::TRAILER_SECTION);
+  if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);
+  const std::string why = whyNoBlock(opened.fd(), file.layout, path.filename().native(), true);
+  if (!why.empty()) file.layout.problems.push_back(why);
+  return 0;
 }
 
 void run(const std::vector<std::string>& paths, bool isJson) {
   auto worst = ExitStatus::Success;
   ordered_json all = ordered_json::array();
   for (const std::string& path : paths) {
-    Inspected file{path, {}, {}};
+    Inspected file{path, {}, {}, {}};
     if (const int rc = inspect(file); rc != 0) {
       printError(fmt::format("{}: {}", path, rc == EINVAL ? "not a regular file" : std::strerror(rc)));
       worst = ExitStatus::BadInput;
@@ -109,8 +126,7 @@ void run(const std::vector<std::string>& paths, bool isJson) {
       printTable(file);
     }
   }
-  if (isJson && paths.size() > 1) printJson({{"files", all}});
-  if (isJson && paths.size() == 1 && !all.empty()) printJson(all.front());
+  if (isJson) printJson(all);
   if (worst != ExitStatus::Success) throw Failure(worst);
 }
 

@@ -22,9 +22,12 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "common/options.h"
 #include "common/output.h"
 #include "common/progress.h"
 #include "common/units.h"
+#include "look/knownCache.h"
+#include "look/server.h"
 #include "look/volumeMove.h"
 #include "replay/cacheSession.h"
 #include "support/file.h"
@@ -51,13 +54,14 @@ Exit status: 0 success, 2 bad input or something would stay behind, 3 an error o
 interrupted (the volume then stays where it was).
 
 Example:
-  diskcachectl migrate --root /var/cache/root --volume /var/cache/a --index 1 --to /mnt/a --complete)";
+  diskcachectl migrate --root /var/cache/root --index 1 --to /mnt/a --complete)";
 
 struct Options : CacheOptions {
   VolIndex index = 0;
   std::string destination;
   bool leavesBehind = false;
   bool isComplete = false;
+  bool addsVolume = false;
 };
 
 volatile std::sig_atomic_t g_isInterrupted = 0;
@@ -109,6 +113,9 @@ struct Plan {
   std::vector<std::string> leftBehind;
 };
 
+// The engine makes this one on a volume that lacks it.
+constexpr const char* RECYCLE_DIR = "recycle";
+
 // Of n directories each engine worker takes n / 4, rounded down, from n * t / 4 on, the last one the rest.
 Plan planFor(const std::string& source) {
   std::vector<std::string> dirs;
@@ -117,6 +124,7 @@ Plan planFor(const std::string& source) {
     if (!isDirectory(entry) && isLeftover(entry)) return;
     (isDirectory(entry) ? dirs : plan.leftBehind).push_back(entry.path().filename());
   });
+  if (std::find(dirs.begin(), dirs.end(), RECYCLE_DIR) == dirs.end()) dirs.emplace_back(RECYCLE_DIR);
   const size_t share = dirs.size() / WORKERS;
   for (size_t t = 0; t < WORKERS; ++t) {
     const size_t begin = dirs.size() * t / WORKERS;
@@ -139,6 +147,7 @@ void requireFile(const fs::directory_entry& entry) {
 uint64_t countFiles(const Plan& plan, const std::string& source, const std::string& destination) {
   uint64_t count = 0;
   for (const std::string& dir : plan.copied) {
+    if (!fs::exists(fs::path(source) / dir)) continue;
     forEach<fs::recursive_directory_iterator>(fs::path(source) / dir, [&](const fs::directory_entry& entry) {
       if (g_isInterrupted != 0) failInterrupted(source);
       if (isDirectory(entry) || isLeftover(entry)) return;
@@ -173,17 +182,18 @@ void copyEntry(const fs::directory_entry& entry, const std::string& target, cons
 void copyLeftBehind(const Plan& plan, const std::string& source, const std::string& destination) {
   makeDirectory(destination);
   for (const std::string& name : plan.leftBehind) {
+    if (!fs::exists(fs::symlink_status(fs::path(source) / name))) continue;
     copyEntry(fs::directory_entry(fs::path(source) / name), fs::path(destination) / name, source);
   }
 }
 
-void refuseDestination(CacheSession& session, const std::string& source, const std::string& destination) {
+void refuseDestination(const KnownCache& known, const std::string& source, const std::string& destination) {
   const fs::path way = fs::weakly_canonical(destination).lexically_relative(fs::weakly_canonical(source));
   if (!way.empty() && *way.begin() != "..") {
     throw Failure(ExitStatus::BadInput, fmt::format("{}: is the source, or lies in it", destination));
   }
   std::error_code ignored;
-  for (const Volume& volume : session.volumes()) {
+  for (const KnownVolume& volume : known.volumes) {
     if (volume.dir != destination && !fs::equivalent(volume.dir, destination, ignored)) continue;
     throw Failure(ExitStatus::BadInput, fmt::format("{}: is volume {} already", destination, volume.index));
   }
@@ -195,8 +205,8 @@ void refuseDestination(CacheSession& session, const std::string& source, const s
   });
 }
 
-std::string directoryOf(CacheSession& session, const Options& options) {
-  for (const Volume& volume : session.volumes()) {
+std::string directoryOf(const KnownCache& known, const Options& options) {
+  for (const KnownVolume& volume : known.volumes) {
     if (volume.index == options.index) return volume.dir;
   }
   throw Failure(ExitStatus::BadInput, fmt::format("{}: knows no volume {}", options.root, options.index));
@@ -240,26 +250,32 @@ void printResult(const Options& options, const std::string& source, const Plan& 
              {"files", files}});
 }
 
-void run(const Options& options) {
+void run(Options options) {
   catchInterrupts();
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
-  const auto noted = readMigration(options.root);
+  RootClaim claim(options.root);
+  const KnownCache known(options.root);
+  const auto& noted = known.migration;
   const bool isResumed =
       noted && noted->index == options.index && fs::absolute(noted->destination) == options.destination;
-  std::optional<CacheSession> session;
-  if (!isResumed) session.emplace(options, CacheSession::Use::Change);
-  const std::string source = isResumed ? noted->source : directoryOf(*session, options);
-  if (!isResumed) refuseDestination(*session, source, options.destination);
+  if (!isResumed) known.refuseMove();
+  options.volumes =
+      known.choosePresent(options.volumes, options.addsVolume ? Stranger::Add : Stranger::Refuse);
+  const std::string source = isResumed ? noted->source : directoryOf(known, options);
+  if (!isResumed) refuseDestination(known, source, options.destination);
 
-  const Plan plan = planFor(source);
+  Plan plan = planFor(source);
   settle(plan, options, source);
   const uint64_t files = countFiles(plan, source, options.destination);
-  if (options.isComplete) copyLeftBehind(plan, source, options.destination);
-  if (isResumed) {
-    VolumeMove::expect();
-    session.emplace(options, CacheSession::Use::Resume);
-  } else {
+  if (isResumed && options.isComplete) copyLeftBehind(plan, source, options.destination);
+  claim.passOn();
+  VolumeMove::expect();
+  std::optional<CacheSession> session;
+  session.emplace(options, isResumed ? CacheSession::Use::Resume : CacheSession::Use::Change);
+  if (!isResumed) {
+    plan = planFor(source);  // as the engine will divide it, now that it has put "recycle" there
+    if (options.isComplete) copyLeftBehind(plan, source, options.destination);
     VolumeMove::start(session->cache(), options.index, source, options.destination);
   }
   waitForEnd(*counter, files);
@@ -281,6 +297,8 @@ void addMigrate(CLI::App& program) {
   CLI::App* command = program.add_subcommand("migrate", "Moves a volume to another directory");
   command->footer(HELP);
   addCacheOptions(*command, *options, true);
+  makeVolumesOptional(*command);
+  addAddVolume(*command, options->addsVolume);
   command->add_option("--index", options->index, "The volume's index")
       ->required()
       ->type_name("N")

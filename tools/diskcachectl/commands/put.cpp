@@ -15,13 +15,18 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "commands/commands.h"
+#include "common/options.h"
 #include "common/output.h"
+#include "look/knownCache.h"
 #include "look/segmentDecoder.h"
+#include "look/server.h"
 #include "replay/cacheSession.h"
 #include "support/file.h"
 
@@ -37,7 +42,7 @@ constexpr size_t SPOOL_BLOCK = size_t{1} << 20;
 constexpr const char* HELP =
     R"(Stores FILE, or standard input, as one section: of a new segment, or in place of that section in one
 that is there, whose other sections stay. Only a segment's last section can change its length; one of
-type 5 cannot become shorter. Prints the file's path. Makes the root and the volumes that are missing.
+type 5 cannot become shorter. Prints the file's path. Of a new cache the root and the volumes are made.
 No server may be running on the root. A put of more than 256 MiB that is killed leaves the front of it.
 Exit status: 0 success, 1 the segment that is there is damaged, 2 bad input, 3 an error of the cache or the
 system.
@@ -48,6 +53,7 @@ Example:
 struct Options : SegmentOptions {
   int32_t type = 0;
   bool isSynced = false;
+  bool addsVolume = false;
   std::string file = "-";
 };
 
@@ -166,17 +172,36 @@ SegmentLayout layoutOf(const std::string& path) {
   throw Failure(ExitStatus::CheckFailed, fmt::format("{}: damaged: {}", path, layout.problems.front()));
 }
 
-void overwrite(CacheSession& session, const Copy& copy, const Options& options, Input& input) {
-  DiskCache& cache = session.cache();
-  const SegmentLayout layout = layoutOf(copy.path);
-  const Record* old = layout.find(options.type);
-  if (old != nullptr) {
-    refuseUnfit(layout, *old, input.length(), copy.path);
-  } else {
-    cache.addVolume(copy.directory);  // it may be known only: the engine appends where it knows of room
+uint64_t lengthOf(const Record* record) { return record == nullptr ? 0 : record->front.len; }
+
+// Ends before anything is changed when the put cannot be done. The layout of the segment that is there, if any.
+std::optional<SegmentLayout> prepare(Options& options, const Input& input) {
+  std::error_code error;
+  if (!std::filesystem::exists(options.root, error)) {
+    if (options.volumes.empty()) throw Failure(ExitStatus::BadInput, options.root + ": is new; give --volume");
+    return std::nullopt;
   }
-  const uint64_t oldLength = old != nullptr ? old->front.len : 0;
-  if (input.length() > oldLength) refuseWithoutRoom(input.length() - oldLength, copy.path);
+  const KnownCache known(options.root);
+  known.refuseMove();
+  const bool addsVolume = options.addsVolume || known.volumes.empty();
+  options.volumes = known.choosePresent(options.volumes, addsVolume ? Stranger::Add : Stranger::Refuse);
+  const auto copies = known.find(options.volumes, options.context, options.nonprunable, options.id);
+  if (copies.empty()) return std::nullopt;
+  const std::string& path = copies.front().path;
+  SegmentLayout layout = layoutOf(path);
+  const Record* old = layout.find(options.type);
+  if (old != nullptr) refuseUnfit(layout, *old, input.length(), path);
+  if (input.length() > lengthOf(old)) refuseWithoutRoom(input.length() - lengthOf(old), path);
+  return layout;
+}
+
+void overwrite(CacheSession& session, const SegmentLayout& layout, const Copy& copy, const Options& options,
+               Input& input) {
+  DiskCache& cache = session.cache();
+  const Record* old = layout.find(options.type);
+  const uint64_t oldLength = lengthOf(old);
+  // It may be known only: the engine appends where it knows of room.
+  if (old == nullptr) cache.addVolume(copy.directory);
   const int32_t subType = old != nullptr ? old->front.subType : 0;
   do {
     const auto chunk = input.chunk(options.type, subType);
@@ -209,7 +234,7 @@ void create(CacheSession& session, const Options& options, Input& input) {
   }
 }
 
-void run(const Options& options) {
+void run(Options options) {
   if (options.id.ends_with(RMFile::COPY_SUFFIX) || options.id.ends_with(".temp")) {
     throw Failure(ExitStatus::BadInput,
                   fmt::format("{}: ends like the cache's own unfinished files", options.id));
@@ -218,12 +243,14 @@ void run(const Options& options) {
   if (input.length() == 0) {
     throw Failure(ExitStatus::BadInput, options.file + ": empty; a section has at least 1 byte");
   }
+  RootClaim claim(options.root);
+  const auto layout = prepare(options, input);
+  claim.passOn();
   CacheSession session(options, CacheSession::Use::Fill);
-  const std::vector<Copy> copies = session.find(options);
-  if (copies.empty()) {
-    create(session, options, input);
+  if (layout) {
+    overwrite(session, *layout, session.require(options).front(), options, input);
   } else {
-    overwrite(session, copies.front(), options, input);
+    create(session, options, input);
   }
   const Copy copy = session.require(options).front();
   if (options.isSynced) check(session.cache().syncSegment(copy.context, options.id), copy.path);
@@ -236,7 +263,7 @@ void run(const Options& options) {
              {"path", copy.path},
              {"type", options.type},
              {"bytes", input.length()},
-             {"created", copies.empty()}});
+             {"created", !layout}});
 }
 
 }  // namespace
@@ -246,6 +273,8 @@ void addPut(CLI::App& program) {
   CLI::App* command = program.add_subcommand("put", "Stores a section of a segment");
   command->footer(HELP);
   addSegmentOptions(*command, *options);
+  makeVolumesOptional(*command);
+  addAddVolume(*command, options->addsVolume);
   addSectionType(*command, options->type);
   command->add_flag("--sync", options->isSynced, "Return when it is on disk for good");
   command->add_option("FILE", options->file, "Where it comes from; - for standard input, as without it")

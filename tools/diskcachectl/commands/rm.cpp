@@ -8,7 +8,10 @@
 #include <nlohmann/json.hpp>
 
 #include "commands/commands.h"
+#include "common/options.h"
 #include "common/output.h"
+#include "look/knownCache.h"
+#include "look/server.h"
 #include "replay/cacheSession.h"
 
 namespace diskcachectl {
@@ -23,13 +26,23 @@ root.
 Exit status: 0 success, 1 there is no such segment, 2 bad input, 3 an error of the cache or the system.
 
 Example:
-  diskcachectl rm --root /var/cache/root --volume /var/cache/a --context data 0123abcd)";
+  diskcachectl rm --root /var/cache/root --context data 0123abcd)";
 
 struct Options : SegmentOptions {
   Recycle recycle = Recycle::No;
+  bool addsVolume = false;
 };
 
-void run(const Options& options) {
+void run(Options options) {
+  RootClaim claim(options.root);
+  const KnownCache known(options.root);
+  known.refuseMove();
+  options.volumes =
+      known.choosePresent(options.volumes, options.addsVolume ? Stranger::Add : Stranger::Refuse);
+  if (known.find(options.volumes, options.context, options.nonprunable, options.id).empty()) {
+    throw Failure(ExitStatus::CheckFailed, options.id + ": not in the cache");
+  }
+  claim.passOn();
   CacheSession session(options, CacheSession::Use::Change);
   ordered_json deleted = ordered_json::array();
   for (const Copy& copy : session.require(options)) {
@@ -50,6 +63,8 @@ void addRm(CLI::App& program) {
   CLI::App* command = program.add_subcommand("rm", "Deletes a segment");
   command->footer(HELP);
   addSegmentOptions(*command, *options);
+  makeVolumesOptional(*command);
+  addAddVolume(*command, options->addsVolume);
   command->add_flag_callback(
       "--recycle", [options] { options->recycle = Recycle::Yes; },
       "Move the files to the volume's directory \"recycle\" instead");

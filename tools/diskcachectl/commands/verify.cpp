@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
@@ -11,9 +12,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,10 +25,12 @@
 #include "common/failure.h"
 #include "common/options.h"
 #include "common/output.h"
-#include "common/progress.h"
 #include "common/units.h"
+#include "look/blockLook.h"
+#include "look/knownCache.h"
 #include "look/looking.h"
 #include "look/segmentDecoder.h"
+#include "look/server.h"
 #include "look/treeWalk.h"
 
 namespace diskcachectl {
@@ -34,22 +39,29 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr const char* HELP =
-    R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by
-one. There are no checksums: what is checked is that a file's records are where its header says and
-whole. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying)
-and files where no identifier leads are counted apart. One that a running server is writing at this
-moment may seem damaged.
-Exit status: 0 all sound, 1 damage, 2 a path that cannot be used, 3 a file or directory below one that cannot
-be read.
+    R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by one. Segments have no checksums: what is checked is that a file's records are where its header says and whole. Blocks of named objects have: their trailer is checked, and their bytes against its checksums. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying) and files where no identifier leads are counted apart. One that a running server is writing at this moment may seem damaged.
+
+With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them.
+
+Exit status: 0 all sound, 1 damage, removed or not, 2 a path that cannot be used, 3 a file or directory below one that cannot be read or removed, or a server runs.
 
 Example:
   diskcachectl verify /var/cache/a /var/cache/b)";
+
+struct Options {
+  std::vector<std::string> paths;
+  std::string root;
+  bool removes = false;
+  size_t threads = std::max(1U, std::thread::hardware_concurrency());
+  bool isJson = false;
+};
 
 // One a thread; added up at the end.
 struct alignas(64) Counts {
   std::atomic<uint64_t> files{0};  // read by the progress bar meanwhile
   uint64_t segments = 0;
   uint64_t sections = 0;
+  uint64_t blocks = 0;
   uint64_t bytes = 0;
   uint64_t recycled = 0;
   uint64_t leftovers = 0;
@@ -59,7 +71,8 @@ struct alignas(64) Counts {
 
 class Verification {
  public:
-  Verification(size_t threads, bool isJson) : m_counts(threads), m_isJson(isJson) {}
+  explicit Verification(const Options& options)
+      : m_counts(options.threads), m_isJson(options.isJson), m_removes(options.removes) {}
 
   void run(const std::vector<std::string>& paths) {
     std::vector<std::string> directories;
@@ -74,13 +87,12 @@ class Verification {
         check(AT_FDCWD, path.c_str(), path, m_counts[0]);
       }
     }
-    Progress progress("verify");
     TreeWalk walk(
         directories, [this](const WalkedFile& file, size_t thread) { visit(file, m_counts[thread]); },
         [this](const std::string& path, int error) { complain(path, error, ExitStatus::Error); });
-    walk.run(m_counts.size(), [&](double part) {
-      progress.show(part, fmt::format("{} files", formatCount(sum(&Counts::files))));
-    });
+    walk.runWithProgress("verify", m_counts.size(),
+                         [&] { return fmt::format("{} files", formatCount(sum(&Counts::files))); });
+    for (const std::string& path : m_damaged) remove(path);
   }
 
   ExitStatus finish() const {
@@ -110,6 +122,17 @@ class Verification {
     check(file.dirFd, file.name, file, counts);
   }
 
+  static bool isBlockAt(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    return slash != std::string::npos && isBlock(path.substr(0, slash), path.substr(slash + 1));
+  }
+  // A whole path, or a name in the directory that the walk is in.
+  static std::string_view nameIn(const char* path) {
+    const std::string_view name = path;
+    return name.substr(name.find_last_of('/') + 1);
+  }
+  static bool isBlockAt(const WalkedFile& file) { return isBlock(file.dir, file.name); }
+
   static std::string pathOf(const std::string& path) { return path; }
   static std::string pathOf(const WalkedFile& file) { return file.path(); }
 
@@ -125,16 +148,32 @@ class Verification {
     if (layout.isSegment) ++counts.segments;
     counts.sections += layout.liveSections;
     counts.bytes += layout.bytes;
+    if (layout.problems.empty() && isBlockAt(named)) {
+      ++counts.blocks;
+      const std::string why = whyNoBlock(file.fd(), layout, nameIn(name), true);
+      if (!why.empty()) layout.problems.push_back(why);
+    }
     if (!layout.problems.empty()) report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")));
   }
 
   void report(const std::string& path, const std::string& problem) {
     const std::scoped_lock lock(m_lock);
     ++m_problemCount;
+    if (m_removes) m_damaged.push_back(path);
     if (m_isJson) {
       m_problems.push_back({{"path", path}, {"problem", problem}});
     } else {
       fmt::print("{}: {}\n", printable(path), painted(Colour::Red, problem));
+    }
+  }
+
+  void remove(const std::string& path) {
+    if (isStaged(path)) {
+      printError(path + ": staged, left as it is");
+    } else if (unlink(path.c_str()) != 0) {
+      complain(path, errno, ExitStatus::Error);
+    } else {
+      ++m_removed;
     }
   }
 
@@ -149,6 +188,9 @@ class Verification {
     fmt::print("{} files, {} segments with {} sections, {}\n", formatCount(sum(&Counts::files)),
                formatCount(sum(&Counts::segments)), formatCount(sum(&Counts::sections)),
                formatSize(sum(&Counts::bytes)));
+    if (const uint64_t blocks = sum(&Counts::blocks); blocks != 0) {
+      fmt::print("{} blocks of named objects, compared with their checksums\n", formatCount(blocks));
+    }
     const auto apart = [](uint64_t count, const char* what) {
       if (count != 0) fmt::print("{} {}\n", formatCount(count), what);
     };
@@ -157,6 +199,7 @@ class Verification {
     apart(sum(&Counts::misplaced), "where no identifier leads");
     if (m_problemCount != 0) {
       fmt::print("{}\n", painted(Colour::Red, formatCount(m_problemCount) + " damaged"));
+      if (m_removes) fmt::print("{} removed\n", formatCount(m_removed));
     } else if (m_worst != ExitStatus::Success) {
       fmt::print("no damage in what could be read\n");
     } else {
@@ -165,42 +208,74 @@ class Verification {
   }
 
   ordered_json asJson() const {
-    return {{"files", sum(&Counts::files)},         {"segments", sum(&Counts::segments)},
-            {"sections", sum(&Counts::sections)},   {"bytes", sum(&Counts::bytes)},
-            {"recycled", sum(&Counts::recycled)},   {"leftovers", sum(&Counts::leftovers)},
-            {"misplaced", sum(&Counts::misplaced)}, {"problems", m_problems}};
+    return {{"files", sum(&Counts::files)},
+            {"segments", sum(&Counts::segments)},
+            {"sections", sum(&Counts::sections)},
+            {"bytes", sum(&Counts::bytes)},
+            {"recycled", sum(&Counts::recycled)},
+            {"leftovers", sum(&Counts::leftovers)},
+            {"misplaced", sum(&Counts::misplaced)},
+            {"blocks", sum(&Counts::blocks)},
+            {"removed", m_removed},
+            {"problems", m_problems}};
   }
 
   std::vector<Counts> m_counts;
   const bool m_isJson;
+  const bool m_removes;
   std::mutex m_lock;  // guards what follows while threads run
   ExitStatus m_worst = ExitStatus::Success;
   uint64_t m_problemCount = 0;
+  std::vector<std::string> m_damaged;  // to be removed
+  uint64_t m_removed = 0;
   ordered_json m_problems = ordered_json::array();
 };
+
+// What is removed must be the cache's own.
+void requireWithin(const std::vector<std::string>& volumes, const std::string& path) {
+  namespace fs = std::filesystem;
+  const fs::path real = fs::weakly_canonical(path);
+  for (const std::string& volume : volumes) {
+    const fs::path way = real.lexically_relative(fs::weakly_canonical(volume));
+    if (!way.empty() && *way.begin() != "..") return;
+  }
+  throw Failure(ExitStatus::BadInput, path + ": lies on no volume of the cache");
+}
+
+void run(Options options) {
+  std::optional<RootClaim> claim;
+  if (!options.root.empty()) {
+    if (options.removes) claim.emplace(options.root);
+    const KnownCache known(options.root);
+    if (options.removes) known.refuseMove();
+    const std::vector<std::string> volumes = known.choosePresent({}, Stranger::Refuse);
+    for (const std::string& path : options.paths) requireWithin(volumes, path);
+    if (options.paths.empty()) options.paths = volumes;
+  }
+  if (options.paths.empty()) {
+    throw Failure(ExitStatus::BadInput, "verify: one of PATH and --root is required (see --help)");
+  }
+  Verification verification(options);
+  verification.run(options.paths);
+  const ExitStatus status = verification.finish();
+  if (status != ExitStatus::Success) throw Failure(status);
+}
 
 }  // namespace
 
 void addVerify(CLI::App& program) {
-  struct Options {
-    std::vector<std::string> paths;
-    size_t threads = std::max(1U, std::thread::hardware_concurrency());
-    bool isJson = false;
-  };
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("verify", "Checks every segment file below directories");
   command->footer(HELP);
-  command->add_option("PATH", options->paths, "Volumes, directories or files")->required()->type_name("");
+  command->add_option("PATH", options->paths, "Volumes, directories or files (default: the root's volumes)")
+      ->type_name("");
+  CLI::Option* root = addRoot(*command, options->root);
+  command->add_flag("--remove", options->removes, "Delete what is damaged")->needs(root);
   command->add_option("--threads", options->threads, "How many work at once (default: one a processor)")
       ->type_name("N")
       ->check(CLI::Range(size_t{1}, size_t{1024}).description(""));
   addJson(*command, options->isJson);
-  command->callback([options] {
-    Verification verification(options->threads, options->isJson);
-    verification.run(options->paths);
-    const ExitStatus status = verification.finish();
-    if (status != ExitStatus::Success) throw Failure(status);
-  });
+  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl

@@ -14,7 +14,7 @@
 #include "common/failure.h"
 #include "common/options.h"
 #include "common/output.h"
-#include "common/units.h"
+#include "look/server.h"
 #include "look/volumeFile.h"
 
 namespace diskcachectl {
@@ -37,6 +37,7 @@ std::string oneLine(const Migration& migration) {
 }
 
 void run(const std::string& root, bool isJson) {
+  tellServer(root);
   const VolumeFile file = readVolumeFile(root);
   const auto migration = readMigration(root);
   if (!file.isThere) {
@@ -46,8 +47,7 @@ void run(const std::string& root, bool isJson) {
   bool isSound = file.problems.empty();
   ordered_json volumes = ordered_json::array();
   if (!isJson) {
-    fmt::print("{}\n", painted(Colour::Bold, fmt::format("{:>5}  {:<8} {:>10} {:>10} {:>10}  ROOM  DIRECTORY",
-                                                         "INDEX", "STATE", "TOTAL", "FREE", "RESERVE")));
+    fmt::print("{}\n", painted(Colour::Bold, fmt::format("{:>5}  {:<8} {}  DIRECTORY", "INDEX", "STATE", roomHeading())));
   }
   for (const auto& [index, dir] : file.volumes) {
     const auto room = measure(dir);
@@ -55,18 +55,11 @@ void run(const std::string& root, bool isJson) {
     if (!room && errno != ENOENT) printError(fmt::format("{}: {}", dir, std::strerror(errno)));
     if (isJson) {
       ordered_json volume = {{"index", index}, {"directory", dir}, {"present", room.has_value()}};
-      volume["total"] = room ? ordered_json(room->total) : nullptr;
-      volume["free"] = room ? ordered_json(room->free) : nullptr;
-      volume["reserve"] = room ? ordered_json(room->reserve) : nullptr;
-      volume["has_room"] = room && room->hasRoom();
+      volume.update(asJson(room));
       volumes.push_back(volume);
-    } else if (room) {
-      fmt::print("{:>5}  {:<8} {:>10} {:>10} {:>10}  {:<4}  {}\n", index, "present", formatSize(room->total),
-                 formatSize(room->free), formatSize(room->reserve), room->hasRoom() ? "yes" : "no",
-                 printable(dir));
     } else {
-      fmt::print("{:>5}  {} {:>10} {:>10} {:>10}  {:<4}  {}\n", index, painted(Colour::Red, "missing "), "-",
-                 "-", "-", "no", printable(dir));
+      const std::string state = room ? "present " : painted(Colour::Red, "missing ");
+      fmt::print("{:>5}  {} {}  {}\n", index, state, roomColumns(room), printable(dir));
     }
   }
   if (isJson) {

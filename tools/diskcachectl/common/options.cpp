@@ -1,8 +1,13 @@
 #include "common/options.h"
 
+#include <fmt/core.h>
+
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <CLI/Validators.hpp>
+#include <algorithm>
+#include <filesystem>
 
 namespace diskcachectl {
 
@@ -14,11 +19,38 @@ CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool 
   return command.add_option("--volume", dirs, "Directory of segments; give one or several")
       ->type_name("DIR")
       ->expected(1, many ? CLI::detail::expected_max_vector_size : 1)
+      ->allow_extra_args(many)
       ->take_all();
 }
 
+std::string whyNotBelow(const std::string& name) {
+  const std::filesystem::path path(name);
+  const bool isBelow =
+      !name.empty() && path.is_relative() && std::find(path.begin(), path.end(), "..") == path.end();
+  return isBelow ? "" : fmt::format("\"{}\" lies below no volume", name);
+}
+
+CLI::Option* addContexts(CLI::App& command, const std::string& name, std::vector<std::string>& names,
+                         const std::string& description) {
+  return command.add_option(name, names, description)
+      ->type_name("NAME")
+      ->take_all()
+      ->check(CLI::Validator(whyNotBelow, ""));
+}
+
+void makeVolumesOptional(CLI::App& command) {
+  command.get_option("--volume")
+      ->required(false)
+      ->description("Directory of segments; give one or several (default: all that the cache knows)");
+}
+
+void addAddVolume(CLI::App& command, bool& addsVolume) {
+  command.add_flag("--add-volume", addsVolume,
+                   "Make a directory that the cache does not know one of its volumes");
+}
+
 void addJson(CLI::App& command, bool& isJson) {
-  command.add_flag("--json", isJson, "Print the result as one JSON object");
+  command.add_flag("--json", isJson, "Print the result as JSON");
 }
 
 }  // namespace diskcachectl

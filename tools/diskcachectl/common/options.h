@@ -17,7 +17,20 @@ CLI::Option* addRoot(CLI::App& command, std::string& dir);
 // several at once.
 CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool many);
 
-// "--json": the result as one object.
+// Directories below the volumes; one for each time it is given.
+CLI::Option* addContexts(CLI::App& command, const std::string& name, std::vector<std::string>& names,
+                         const std::string& description);
+
+// Why a name lies below no volume; empty when it does.
+std::string whyNotBelow(const std::string& name);
+
+// For commands that can ask the root for its volumes.
+void makeVolumesOptional(CLI::App& command);
+
+// "--add-volume", of commands that change a cache: a directory that it does not know becomes a volume of it.
+void addAddVolume(CLI::App& command, bool& addsVolume);
+
+// "--json": the result as JSON.
 void addJson(CLI::App& command, bool& isJson);
 
 }  // namespace diskcachectl

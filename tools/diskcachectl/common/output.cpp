@@ -31,6 +31,8 @@ const char* codeOf(Colour colour) {
 // The text with escape(control) in place of each control character.
 template <typename Escape>
 std::string withControls(std::string_view text, Escape&& escape) {
+  const bool isPlain = std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+  if (isPlain) return std::string(text);  // most are, and lists are long
   std::string shown;
   shown.reserve(text.size());
   while (!text.empty()) {

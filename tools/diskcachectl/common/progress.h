@@ -17,6 +17,9 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
+  // Whether anybody would see it: standard error is a terminal.
+  bool isWanted() const { return m_isTerminal; }
+
   // `part` of the work is done, 0 to 1; `detail` follows the bar.
   void show(double part, std::string_view detail);
   // "1,234 of 5,678"

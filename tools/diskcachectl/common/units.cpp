@@ -3,11 +3,13 @@
 #include <fmt/core.h>
 
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 namespace diskcachectl {
 namespace {
@@ -57,6 +59,48 @@ std::string formatSize(uint64_t bytes) {
     ++power;
   }
   return fmt::format("{:.1f} {}iB", value, UNITS[power - 1]);
+}
+
+std::chrono::seconds parseAge(const std::string& text) {
+  constexpr std::string_view NAMES = "smhdw";
+  constexpr int64_t SECONDS[] = {1, 60, 3600, 86400, 604800};
+  constexpr int64_t LONGEST = 1'000'000'000;  // of a unit; so that no sum overflows
+  int64_t count = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  const std::string_view unit = std::string_view(text).substr(static_cast<size_t>(end - text.data()));
+  const size_t at = unit.size() == 1 ? NAMES.find(unit) : std::string_view::npos;
+  if (error != std::errc() || count < 0 || count > LONGEST || at == std::string_view::npos) {
+    throw std::invalid_argument(fmt::format("\"{}\" is no age (examples: 30s, 90m, 12h, 7d, 4w)", text));
+  }
+  return std::chrono::seconds(count * SECONDS[at]);
+}
+
+std::string formatAge(int64_t seconds) {
+  if (seconds < 0) seconds = 0;
+  if (seconds < 100) return fmt::format("{} s", seconds);
+  if (seconds < 100 * 60) return fmt::format("{} min", seconds / 60);
+  if (seconds < 48 * 3600) return fmt::format("{} h", seconds / 3600);
+  return fmt::format("{} d", seconds / 86400);
+}
+
+namespace {
+
+template <typename Parse>
+std::string toNumber(std::string& text, Parse parse) {
+  try {
+    text = std::to_string(parse(text));
+    return "";
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+}
+
+}  // namespace
+
+std::string sizeToNumber(std::string& text) { return toNumber(text, parseSize); }
+
+std::string ageToNumber(std::string& text) {
+  return toNumber(text, [](const std::string& age) { return parseAge(age).count(); });
 }
 
 std::string formatCount(uint64_t count) {

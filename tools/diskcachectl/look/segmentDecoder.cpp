@@ -45,15 +45,24 @@ class Decoder {
   static bool isBefore(const Record& a, const Record& b) { return a.offset < b.offset; }
 
   template <typename... Args>
-  void report(fmt::format_string<Args...> format, Args&&... args) {
+  void report(bool isCut, fmt::format_string<Args...> format, Args&&... args) {
     m_layout.problems.push_back(fmt::format(format, std::forward<Args>(args)...));
+    m_layout.isCutShort = m_layout.isCutShort || isCut;
+  }
+  template <typename... Args>
+  void report(fmt::format_string<Args...> format, Args&&... args) {
+    report(false, format, std::forward<Args>(args)...);
+  }
+  template <typename... Args>
+  void reportCut(fmt::format_string<Args...> format, Args&&... args) {
+    report(true, format, std::forward<Args>(args)...);
   }
 
   bool readHeader() {
     if (m_layout.bytes == 0) {
-      report("the file is empty");
+      reportCut("the file is empty");
     } else if (m_got < SEGMENT_HEADER_SIZE) {
-      report("cut within the header ({} of {} bytes)", m_got, SEGMENT_HEADER_SIZE);
+      reportCut("cut within the header ({} of {} bytes)", m_got, SEGMENT_HEADER_SIZE);
     } else {
       std::memcpy(&m_header, m_begin.data(), sizeof(m_header));
       m_layout.version = m_header.version;
@@ -93,9 +102,11 @@ class Decoder {
       if (offset < SEGMENT_HEADER_SIZE) {
         report("section {}: its record at {} lies in the header", type, offset);
       } else if (!readFront(offset, front)) {
-        report("section {}: its record at {} lies beyond the end", type, offset);
+        reportCut("section {}: its record at {} lies beyond the end", type, offset);
       } else if (front.type != type) {
-        report("section {}: the record at {} is of type {}", type, offset, front.type);
+        // The front is written last: before that there are zeros in its place.
+        const bool isUnwritten = front.type == 0 && front.subType == 0 && front.len == 0;
+        report(isUnwritten, "section {}: the record at {} is of type {}", type, offset, front.type);
       } else {
         addLive(type, offset, front);
       }
@@ -105,7 +116,7 @@ class Decoder {
   void addLive(int32_t type, uint64_t offset, const SectionDesc& front) {
     const uint64_t room = m_layout.bytes - offset - SECTION_DESC_SIZE;
     if (front.len > room) {
-      report("section {}: of {} bytes at {} only {} are there", type, front.len, offset, room);
+      reportCut("section {}: of {} bytes at {} only {} are there", type, front.len, offset, room);
     }
     m_layout.records.push_back({front, offset, true});
     ++m_layout.liveSections;
@@ -165,7 +176,7 @@ int decodeSegment(int fd, SegmentLayout& layout) {
   layout.problems.clear();
   layout.bytes = static_cast<uint64_t>(status.st_size);
   layout.allocated = static_cast<uint64_t>(status.st_blocks) * 512;
-  layout.isSegment = false;
+  layout.isSegment = layout.isCutShort = false;
   layout.version = 0;
   layout.liveSections = layout.deadBytes = 0;
   layout.lastSection = -1;
@@ -182,15 +193,16 @@ int decodeSegment(const std::string& path, SegmentLayout& layout) {
   return file.error() != 0 ? file.error() : decodeSegment(file.fd(), layout);
 }
 
-bool readSectionTypes(int fd, std::vector<int32_t>& types) {
-  types.clear();
-  SegmentHeader header;
+bool readHeader(int fd, SegmentHeader& header) {
   if (readFully(fd, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) return false;
-  if (header.magic != DISK_CACHE_MAGIC || header.version != DISK_CACHE_VERSION) return false;
+  return header.magic == DISK_CACHE_MAGIC && header.version == DISK_CACHE_VERSION;
+}
+
+void typesOf(const SegmentHeader& header, std::vector<int32_t>& types) {
+  types.clear();
   for (int32_t type = 0; type <= MAX_SECTION_TYPE; ++type) {
     if (header.sectionOffset[static_cast<size_t>(type)] != 0) types.push_back(type);
   }
-  return true;
 }
 
 std::vector<Extent> holesOf(int fd, uint64_t bytes) {

@@ -23,8 +23,9 @@ struct SegmentLayout {
   uint16_t version = 0;
   std::vector<Record> records;  // in file order
   uint64_t liveSections = 0;
-  uint64_t deadBytes = 0;  // in no live record
-  int lastSection = -1;    // the type that the cache takes for the last one; -1: none
+  uint64_t deadBytes = 0;   // in no live record
+  bool isCutShort = false;  // in the way in which a kill cuts its writing short
+  int lastSection = -1;     // the type that the cache takes for the last one; -1: none
   std::vector<std::string> problems;
 
   // The live record of a type; null when there is none.
@@ -38,9 +39,10 @@ int decodeSegment(int fd, SegmentLayout& layout);
 // The same by path; symbolic links are followed.
 int decodeSegment(const std::string& path, SegmentLayout& layout);
 
-// The section types that the header of an open file points at, in rising order, as far as ls needs to know:
-// false when it is no segment.
-bool readSectionTypes(int fd, std::vector<int32_t>& types);
+// Reads the header of an open file, which is as far as ls looks; false when it is no segment.
+bool readHeader(int fd, ObjectStore::SegmentHeader& header);
+// The section types that a header points at, in rising order.
+void typesOf(const ObjectStore::SegmentHeader& header, std::vector<int32_t>& types);
 
 struct Extent {
   uint64_t offset;

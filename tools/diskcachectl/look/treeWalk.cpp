@@ -3,13 +3,16 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <thread>
 #include <utility>
 
+#include "common/progress.h"
 #include "diskcache/diskcache.h"
 #include "look/looking.h"
 
@@ -44,9 +47,14 @@ std::string_view lastPart(std::string_view path) { return path.substr(path.find_
 FileKind kindOf(const WalkedFile& file) {
   const std::string_view name = file.name;
   if (file.relative.empty()) {
-    if (name == "volume_info" || name == "migrate" || name == "migrate.new") return FileKind::Own;
+    constexpr std::string_view OWN[] = {"volume_info", "migrate",        "migrate.new",
+                                        "client.lock", "client.volumes", "migrate.changed"};
+    if (std::find(std::begin(OWN), std::end(OWN), name) != std::end(OWN)) return FileKind::Own;
     if (lastPart(file.dir) == "recycle") return FileKind::Recycled;
   }
+  const bool isAmongBlocks =
+      file.relative == "blocks" || (file.relative.empty() && lastPart(file.dir) == "blocks");
+  if (isAmongBlocks && (name == "volume.id" || name == "volume.id.new")) return FileKind::Own;
   if (file.relative == "recycle" || file.relative.starts_with("recycle/")) return FileKind::Recycled;
   return name.ends_with(".temp") || name.ends_with(".copying") ? FileKind::Leftover : FileKind::Segment;
 }
@@ -89,6 +97,13 @@ void TreeWalk::run(size_t threads, const std::function<void(double part)>& watch
     }
   }
   if (m_error) std::rethrow_exception(m_error);
+}
+
+void TreeWalk::runWithProgress(const std::string& what, size_t threads,
+                               const std::function<std::string()>& detail) {
+  Progress progress(what);
+  if (!progress.isWanted()) return run(threads);
+  run(threads, [&](double part) { progress.show(part, detail()); });
 }
 
 void TreeWalk::work(size_t thread) {

@@ -29,7 +29,7 @@ enum class FileKind {
   Segment,
   Recycled,  // in a volume's directory "recycle"
   Leftover,  // of a replacement or a copy that was cut short
-  Own,       // the cache's own, on top of a root directory
+  Own,       // the cache's own, on top of a root directory or beside the blocks of named objects
 };
 FileKind kindOf(const WalkedFile& file);
 
@@ -53,6 +53,8 @@ class TreeWalk {
   // Returns when all is walked; an exception of `visit` ends the walk and is thrown. `watch` is called on the
   // calling thread every 100 ms with the part that is done, 0 to 1.
   void run(size_t threads, const std::function<void(double part)>& watch = nullptr);
+  // The same with a bar on standard error; `detail` says how far it is.
+  void runWithProgress(const std::string& what, size_t threads, const std::function<std::string()>& detail);
 
  private:
   struct Pending {

@@ -1,6 +1,6 @@
 #include "look/volumeFile.h"
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
@@ -8,10 +8,12 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <system_error>
 
 #include "common/failure.h"
+#include "common/units.h"
 #include "look/looking.h"
 
 namespace diskcachectl {
@@ -89,9 +91,50 @@ std::optional<Migration> readMigration(const std::string& root) {
 std::optional<Room> measure(const std::string& dir) {
   struct statvfs status {};
   if (statvfs((dir + "/.").c_str(), &status) != 0) return std::nullopt;
-  Room room{status.f_blocks * status.f_frsize, status.f_bavail * status.f_frsize, 0};
+  Room room{status.f_blocks * status.f_frsize,
+            status.f_bavail * status.f_frsize,
+            0,
+            status.f_files,
+            status.f_favail,
+            status.f_frsize};
   room.reserve = static_cast<uint64_t>(static_cast<float>(room.total) * RESERVE_PERCENTAGE / 100.0F);
   return room;
+}
+
+std::vector<std::string> Room::limits() const {
+  std::vector<std::string> names;
+  if (free < block) {
+    names.emplace_back("bytes");
+  } else if (free < reserve) {
+    names.emplace_back("reserve");
+  }
+  if (inodes != 0 && freeInodes == 0) names.emplace_back("inodes");
+  return names;
+}
+
+std::string roomHeading() {
+  return fmt::format("{:>10} {:>10} {:>10} {:>12}  {:<12}", "TOTAL", "FREE", "RESERVE", "FREE INODES", "ROOM");
+}
+
+std::string roomColumns(const std::optional<Room>& room) {
+  if (!room) return fmt::format("{0:>10} {0:>10} {0:>10} {0:>12}  {1:<12}", "-", "no");
+  const std::string inodes = room->inodes == 0 ? "-" : formatCount(room->freeInodes);
+  const std::string left =
+      room->hasRoom() ? "yes" : fmt::format("no: {}", fmt::join(room->limits(), ", "));
+  return fmt::format("{:>10} {:>10} {:>10} {:>12}  {:<12}", formatSize(room->total), formatSize(room->free),
+                     formatSize(room->reserve), inodes, left);
+}
+
+nlohmann::ordered_json asJson(const std::optional<Room>& room) {
+  using nlohmann::ordered_json;
+  const auto figure = [&](uint64_t Room::*field) { return room ? ordered_json((*room).*field) : ordered_json(); };
+  return {{"total", figure(&Room::total)},
+          {"free", figure(&Room::free)},
+          {"reserve", figure(&Room::reserve)},
+          {"inodes", figure(&Room::inodes)},
+          {"free_inodes", figure(&Room::freeInodes)},
+          {"has_room", room && room->hasRoom()},
+          {"limits", room ? ordered_json(room->limits()) : ordered_json()}};
 }
 
 }  // namespace diskcachectl

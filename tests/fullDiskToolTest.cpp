@@ -1,0 +1,227 @@
+// diskcachectl on a full disk: prune, clean, verify --remove, forget, and what keeps new segments out.
+#ifdef DISKCACHECTL_PATH
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "support/directory.h"
+#include "tests/support/smallFileSystem.h"
+#include "tests/support/toolFixture.h"
+
+namespace ObjectStore {
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+// As long ago as that a file was changed for the last time.
+void age(const std::string& path, std::chrono::hours since) {
+  fs::last_write_time(path, fs::file_time_type::clock::now() - since);
+}
+
+struct FullDiskToolTest : ToolTest {
+  // A sound segment with a payload of zeros, unchanged for some hours.
+  std::string segment(const std::string& context, const std::string& id, int hours, size_t bytes = 4096) {
+    writeFile(dir / "in", std::string(bytes, '\0'));
+    EXPECT_EQ(run("put " + root + "--volume " + (dir / "a") + " --context " + context + ' ' + id + ' ' +
+                  (dir / "in")),
+              0)
+        << err;
+    const std::string path = dir / "a/" + context + '/' + id.substr(0, 2) + '/' + id.substr(2, 2) + '/' + id;
+    age(path, std::chrono::hours(hours));
+    return path;
+  }
+  std::set<std::string> left() {
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(dir / "a"))
+      if (entry.is_regular_file()) names.insert(entry.path().filename());
+    return names;
+  }
+  const std::string root = "--root " + (dir / "root ");
+};
+
+TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
+  for (const auto& [id, hours] : {std::pair{"0011old", 50}, {"0022older", 100}, {"0033new", 0}})
+    segment("data", id, hours);
+  segment("keep", "0044kept", 200);
+  const std::string prune = "prune " + root;
+  const json dry = parsed(prune + "--context data --older-than 2d --dry-run");
+  EXPECT_EQ(dry["segments"], 2) << dry;
+  EXPECT_EQ(left().size(), 4U);
+  EXPECT_EQ(parsed(prune + "--context data --bytes 1")["segments"], 1);
+  EXPECT_EQ(left(), (std::set<std::string>{"0011old", "0033new", "0044kept"}));
+  EXPECT_FALSE(fs::exists(dir / "a/data/00/22")) << "an empty directory takes an inode";
+  EXPECT_EQ(parsed(prune + "--context data --to 100")["segments"], 0);
+  const json all = parsed(prune + "--context data --bytes 1T");
+  EXPECT_EQ(all["segments"], 2);
+  EXPECT_GT(all["missing"], 0);
+  EXPECT_EQ(left(), (std::set<std::string>{"0044kept"}));
+
+  EXPECT_EQ(run("prune " + root + "--non-prunable keep --bytes 1 </dev/null"), 2);
+  EXPECT_EQ(left().size(), 1U);
+  writeFile(dir / "no", "n\n");
+  EXPECT_EQ(run("prune " + root + "--non-prunable keep --bytes 1 <" + (dir / "no")), 2);
+  EXPECT_EQ(left().size(), 1U);
+  writeFile(dir / "yes", "y\n");
+  EXPECT_EQ(run("prune " + root + "--non-prunable keep --bytes 1 <" + (dir / "yes")), 0) << err;
+  EXPECT_TRUE(left().empty());
+  for (const auto& [arguments, why] : {std::pair{"--bytes 1", "--context is required"},
+                                       {"--context data", "one of --bytes, --to and --older-than"},
+                                       {"--context data --older-than soon", "no age"},
+                                       {"--context ../b --bytes 1", "lies below no volume"}})
+    expectFailure(prune + arguments, 2, why);
+}
+
+TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
+  const std::string sound = segment("data", "0011sound", 5);
+  const std::string bytes = readFile(sound), at = dir / "a/data/00/";
+  const std::map<std::string, std::string> useless = {{at + "11/0011sound.temp", "left over"},
+                                                      {at + "11/0011other.copying", "left over"},
+                                                      {at + "11/0011cut", "cut short"},
+                                                      {at + "77/0011wrong", "in a wrong place"},
+                                                      {dir / "a/recycle/0022gone", "recycled"}};
+  for (const auto& [path, why] : useless)
+    writeFile(path, why == "cut short" ? bytes.substr(0, bytes.size() - 1) : bytes);
+  fs::create_directories(at + "88/deep");
+  fs::create_directories(dir / "a/lost+found/empty/one");
+  writeFile(dir / "a/notes", "nobody's but mine");
+  // Beside a server: what is old and not open. The directories are new.
+  for (const auto& [path, why] : useless) age(path, std::chrono::hours(why == "cut short" ? 0 : 2));
+  const int open = ::open((at + "11/0011sound.temp").c_str(), O_RDONLY | O_CLOEXEC);
+  {
+    DirectoryLock server;
+    ASSERT_EQ(server.take(dir / "root"), 0);
+    const json found = parsed("clean --recycled-for 0s --remove " + root);
+    EXPECT_EQ(found["removed"], 3) << found;  // but for the open one, and the one that was just changed
+    EXPECT_EQ(found["found"].size(), 3U);
+  }
+  close(open);
+  for (const auto& [path, why] : useless) writeFile(path, why == "cut short" ? bytes.substr(0, 99) : bytes);
+  const json listed = parsed("clean --recycled-for 0s " + root);
+  for (const json& found : listed["found"]) {
+    const std::string path = found["path"];
+    EXPECT_TRUE(useless.contains(path) ? found["why"] == useless.at(path) : found["why"] == "empty") << found;
+  }
+  EXPECT_EQ(listed["found"].size(), useless.size() + 3) << "77, 88 and what is in it: " << listed;
+  EXPECT_EQ(parsed("clean " + root)["found"].size(), useless.size() + 2) << "it was recycled just now";
+  EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
+  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "notes"}));
+  EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
+}
+
+TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
+  const std::string damaged = segment("data", "0011bad", 0), sound = segment("data", "0022good", 0);
+  writeFile(damaged, "damaged");
+  const std::string verify = "verify --remove " + root;
+  expectFailure(verify + dir.path(), 2, "lies on no volume");
+  EXPECT_EQ(parsed(verify, 1)["removed"], 1);
+  EXPECT_FALSE(fs::exists(damaged));
+  EXPECT_EQ(parsed(verify)["removed"], 0);
+
+  ASSERT_EQ(run("put --add-volume " + root + "--volume " + (dir / "b") + " --context data 0033third " +
+                (dir / "in")),
+            0)
+      << err;
+  fs::remove_all(dir / "a");
+  fs::permissions(dir / "root/volume_info", fs::perms(0640));
+  expectFailure("forget " + root + (dir / "c"), 2, "no volume of the cache");
+  EXPECT_EQ(run("forget " + root + (dir / "a")), 0) << err;
+  EXPECT_EQ(readFile(dir / "root/volume_info"), dir / "b,2\n");
+  EXPECT_EQ(fs::status(dir / "root/volume_info").permissions(), fs::perms(0640));
+}
+
+TEST_F(FullDiskToolTest, ChangingCommandsKeepOutOfAServersWay) {
+  segment("data", "0011one", 100);
+  const std::vector<std::string> tree = treeOf(dir / "a");
+  DirectoryLock server;
+  ASSERT_EQ(server.take(dir / "root"), 0);
+  for (const std::string& command :
+       {"prune --context data --bytes 1G " + root, "verify --remove " + root, "forget " + root + "1",
+        "warm --context data --from " + dir.path() + ' ' + root})
+    expectFailure(command, 3, "has the cache in use; stop it first");
+  EXPECT_EQ(treeOf(dir / "a"), tree);
+  EXPECT_EQ(readFile(dir / "root/volume_info"), dir / "a,1\n");
+}
+
+TEST_F(FullDiskToolTest, InodesAreALimitToo) {
+  const SmallFileSystem disk(8, SmallFileSystem::TMPFS, 40);
+  SKIP_WITHOUT(disk);
+  writeFile(dir / "root/volume_info", disk.path() + ",1\n");
+  for (int i = 0;; ++i) {
+    std::error_code error;
+    if (!fs::create_directory(disk / std::to_string(i), error)) break;
+  }
+  const json volume = parsed("volumes " + root)["volumes"][0];
+  EXPECT_EQ(volume["has_room"], false) << volume;
+  EXPECT_EQ(volume["limits"], json{"inodes"});
+  ASSERT_EQ(run("volumes " + root), 0);
+  EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
+  ASSERT_EQ(run("du " + root), 0);
+  EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
+}
+
+// Blocks of named objects: their names are numbers, so the tools tell what they are of.
+TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
+  writeFile(dir / "objects/photo.jpg", std::string(100'000, 'p'));
+  writeFile(dir / "objects/deep/empty", "");
+  const std::string options = root + "--volume " + (dir / "a ");
+  const json warmed =
+      parsed("warm --block-size 64KiB --version v1 " + options + "--from " + (dir / "objects"));
+  EXPECT_EQ(warmed["stored"], 2) << warmed;
+  EXPECT_EQ(parsed("warm --block-size 64KiB --version v1 " + root + "--from " + (dir / "objects"))["known"],
+            2);
+
+  std::string last;
+  std::set<std::string> keys;
+  const json blocks = parsed("ls --context blocks --volume " + (dir / "a"));
+  for (const json& line : blocks["segments"]) {
+    keys.insert(line["key"].get<std::string>() + '#' + line["block"].dump() +
+                line["version"].get<std::string>());
+    if (line["block"] == 1) last = line["identifier"];
+  }
+  EXPECT_EQ(keys, (std::set<std::string>{"photo.jpg#0v1", "photo.jpg#1v1", "deep/empty#0v1"}));
+  const std::string key = "explain --key photo.jpg --version v1 " + root;
+  const json first = parsed(key);
+  EXPECT_EQ(first["copies"][0]["problems"], json::array());
+  EXPECT_EQ(parsed("explain --key photo.jpg --version v2 " + root, 1)["cached"], false);
+  const std::string path = parsed(key + "--block 1")["copies"][0]["path"];
+  EXPECT_NE(path.find(last), std::string::npos);
+  EXPECT_EQ(parsed("inspect " + path)[0]["block"]["key"], "photo.jpg");
+  EXPECT_EQ(parsed("verify " + root)["blocks"], 3);
+
+  std::string bytes = readFile(path);
+  bytes[200] ^= 1;
+  writeFile(path, bytes);
+  const json damage = parsed("verify " + root, 1);
+  EXPECT_EQ(damage["problems"][0]["problem"],
+            "bytes 0 to 34463 of its payload are not those that were written");
+  EXPECT_EQ(parsed("inspect " + path, 1)[0]["problems"].size(), 1U);
+  EXPECT_EQ(parsed(key + "--block 1", 1)["cached"], true);
+  expectFailure("prune --context staged --bytes 1 " + root, 2, "only copy");
+  EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
+  EXPECT_TRUE(fs::exists(dir / "a/blocks/volume.id"));
+}
+
+TEST_F(FullDiskToolTest, ExplainTellsWhatIsInTheWay) {
+  const std::string path = segment("keep", "0011one", 30);
+  writeFile(dir / "a/recycle/0022two", "recycled");
+  writeFile(dir / "a/keep/00/22/0022two.temp", "left over");
+  const json kept = parsed("explain --nonprunable keep data 0011one " + root);
+  EXPECT_EQ(kept["copies"][0]["path"], path);
+  EXPECT_EQ(kept["copies"][0]["age"].get<int64_t>() / 3600, 30);
+  EXPECT_EQ(kept["copies"][0]["pinned_by"].size(), 1U);
+  const json absent = parsed("explain keep 0022two " + root, 1)["absent_from"][0];
+  EXPECT_EQ(absent["obstacles"], json::array());
+  EXPECT_EQ(absent["traces"].size(), 2U) << absent;
+  fs::remove_all(dir / "a");
+  EXPECT_EQ(run("explain keep 0022two " + root), 1);
+  EXPECT_NE(out.find("cannot be reached: No such file"), std::string::npos) << out;
+}
+
+}  // namespace
+}  // namespace ObjectStore
+#endif

@@ -1,0 +1,153 @@
+// Commands of diskcachectl that only look, or that refuse: whatever is asked of them, root and volumes stay as they
+// are.
+#ifdef DISKCACHECTL_PATH
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include "support/directory.h"
+#include "tests/support/toolFixture.h"
+
+namespace ObjectStore {
+namespace {
+
+using Entries = std::map<std::string, std::string>;
+
+// Times, and the file itself, of entries by name; of files also the bytes, read so that no time changes.
+Entries look(const std::string& dir, const std::vector<std::string>& names) {
+  Entries entries;
+  for (const std::string& name : names) {
+    const std::string path = dir + '/' + name;
+    struct stat status {};
+    std::string& entry = entries[name];
+    if (stat(path.c_str(), &status) != 0) continue;  // it is gone
+    entry = std::to_string(status.st_atim.tv_sec) + ' ' + std::to_string(status.st_mtim.tv_sec) + ' ' +
+            std::to_string(status.st_ino) + ' ';
+    if (!S_ISREG(status.st_mode)) continue;
+    const int fd = open(path.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC);
+    char bytes[4096];
+    for (ssize_t got; (got = read(fd, bytes, sizeof(bytes))) > 0;)
+      entry.append(bytes, static_cast<size_t>(got));
+    close(fd);
+  }
+  return entries;
+}
+
+// Any reading that does not take care renews a time so old.
+void setBack(const std::string& dir, const std::vector<std::string>& names) {
+  const timespec longAgo[] = {{1000, 0}, {1000, 0}};
+  for (const std::string& name : names)
+    ASSERT_EQ(utimensat(AT_FDCWD, (dir + '/' + name).c_str(), longAgo, 0), 0) << name;
+}
+
+struct RefusingToolTest : ToolTest {
+  RefusingToolTest() {
+    writeFile(dir / "in", "one");
+    std::filesystem::create_directories(dir / "typo");
+    EXPECT_EQ(run("put " + cache + on("a") + on("b") + "0011first " + (dir / "in")), 0) << err;
+    EXPECT_EQ(run("put " + cache + "0022second " + (dir / "in")), 0) << err;
+    EXPECT_EQ(run("put --type 1 " + cache + "0011first " + (dir / "in")), 0) << err;
+    for (const char* volume : {"a", "b"}) std::filesystem::remove(dir / volume + "/recycle");
+    writeFile(dir / "input", "longer than it was");
+    writeFile(dir / "cut/ctx/00/33/0033cut", "half of a seg");
+  }
+  std::string on(const std::string& volume) const { return "--volume " + (dir / volume) + ' '; }
+
+  // Runs a command between two snapshots of everything but its own output.
+  void expectNoTrace(const std::string& arguments, int status, const std::string& message) {
+    const auto forget = [this] {
+      std::filesystem::remove(dir / "out");
+      std::filesystem::remove(dir / "err");
+    };
+    forget();
+    const std::vector<std::string> tree = treeOf(dir.path());
+    std::vector<std::string> names = tree;  // of root and volumes; a command's input may be read as anybody reads
+    std::erase_if(names, [](const std::string& name) { return name.substr(0, 2) == "in" || name.substr(0, 3) == "cut"; });
+    setBack(dir.path(), names);
+    const Entries before = look(dir.path(), names);
+    EXPECT_EQ(run(arguments), status) << arguments << '\n' << err;
+    EXPECT_NE((out + err).find(message), std::string::npos) << arguments << '\n' << out << err;
+    const Entries after = look(dir.path(), names);
+    for (const std::string& name : names) EXPECT_EQ(after.at(name), before.at(name)) << arguments << ' ' << name;
+    forget();
+    EXPECT_EQ(treeOf(dir.path()), tree) << arguments;
+  }
+
+  const std::string root = "--root " + (dir / "root ");
+  const std::string cache = root + "--context ctx ";
+};
+
+struct Command {
+  std::string arguments;
+  int status;
+  std::string message;  // somewhere in what it says
+};
+
+TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
+  const std::string in = dir / "in", typo = on("typo");
+  const Command commands[] = {
+      {"rm " + cache + typo + "nosuch", 2, "typo: no volume of the cache"},
+      {"rm " + cache + "nosuch", 1, "nosuch: not in the cache"},
+      {"rm " + cache + typo + "0011first", 2, "typo: no volume of the cache"},
+      {"put " + cache + typo + "0044new " + in, 2, "typo: no volume of the cache"},
+      {"put " + cache + on("nowhere") + "0044new " + in, 2, "nowhere: no volume of the cache"},
+      {"put " + cache + "0011first " + (dir / "input"), 2, "section 0 has 3 bytes"},
+      {"put " + cache + "0044new " + (dir / "none"), 2, "none: No such file"},
+      {"put --root " + (dir / "new") + " --context ctx 0044new " + in, 2, "is new; give --volume"},
+      {"migrate " + root + typo + "--index 1 --to " + (dir / "c"), 2, "typo: no volume of the cache"},
+      {"migrate " + root + "--index 9 --to " + (dir / "c"), 2, "no volume 9"},
+      {"migrate " + root + "--index 1 --to " + (dir / "a"), 2, "is the source, or lies in it"},
+      {"migrate " + root + "--index 1 --to " + (dir / "b"), 2, "is volume 2 already"},
+      {"migrate " + root + "--index 1 --to " + (dir / "cut"), 2, "lies at the destination"},
+      {"get " + cache + "0011first", 0, "one"},
+      {"get " + cache + typo + "0011first", 0, "one"},
+      {"get " + cache + "nosuch", 1, "nosuch: not in the cache"},
+      {"exists " + cache + "0022second", 0, "ctx/00/22/0022second"},
+      {"exists " + cache + typo + "nosuch", 1, "nosuch"},
+      {"status " + root, 0, "not known from outside"},
+      {"status --mode lru " + root + on("a"), 0, "segments"},
+      {"volumes " + root, 0, "yes"},
+      {"du " + root, 0, "used, to the engine"},
+      {"ls " + on("a") + on("b"), 0, "0011first"},
+      {"verify " + (dir / "a"), 0, "no damage"},
+      {"inspect " + (dir / "cut/ctx/00/33/0033cut"), 1, "cut within the header"},
+  };
+  for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
+}
+
+TEST_F(RefusingToolTest, BesideAServerNothingIsChangedAndTheServerIsNamed) {
+  DirectoryLock server;
+  ASSERT_EQ(server.take(dir / "root"), 0);
+  const std::string named = "process " + std::to_string(getpid()) + " (diskcache_tests)";
+  const std::string inUse = named + " has the cache in use";
+  const Command commands[] = {
+      {"rm " + cache + "0011first", 3, inUse},
+      {"put " + cache + "0044new " + (dir / "in"), 3, inUse},
+      {"migrate " + root + "--index 1 --to " + (dir / "c") + " --complete", 3, inUse},
+      {"get " + cache + "0011first", 0, named + " runs on it"},
+      {"exists " + cache + "0011first", 0, named + " runs on it"},
+      {"status " + root, 0, named},
+      {"volumes " + root, 0, named + " runs on it"},
+      {"du " + root, 0, named + " runs on it"},
+  };
+  for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
+}
+
+TEST_F(RefusingToolTest, AFinishedMigrationGivenAgainAddsNoVolume) {
+  const std::string migrate = "migrate " + root + "--index 1 --complete --to " + (dir / "c ");
+  ASSERT_EQ(run(migrate), 0) << err;
+  expectNoTrace(migrate, 2, "is the source, or lies in it");
+  expectNoTrace(migrate + on("a"), 2, "a: no volume of the cache");
+  ASSERT_EQ(run("rm " + cache + "0011first"), 0) << err;
+  EXPECT_TRUE(std::filesystem::exists(dir / "a/ctx/00/11/0011first")) << "the old source is no volume any more";
+
+  ASSERT_EQ(run("put --add-volume " + cache + on("d") + "0055fifth " + (dir / "in")), 0) << err;
+  EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n") + (dir / "d,3\n"));
+}
+
+}  // namespace
+}  // namespace ObjectStore
+#endif
