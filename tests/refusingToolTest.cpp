@@ -64,14 +64,18 @@ struct RefusingToolTest : ToolTest {
     };
     forget();
     const std::vector<std::string> tree = treeOf(dir.path());
-    std::vector<std::string> names = tree;  // of root and volumes; a command's input may be read as anybody reads
-    std::erase_if(names, [](const std::string& name) { return name.substr(0, 2) == "in" || name.substr(0, 3) == "cut"; });
+    std::vector<std::string> names =
+        tree;  // of root and volumes; a command's input may be read as anybody reads
+    std::erase_if(names, [](const std::string& name) {
+      return name.substr(0, 2) == "in" || name.substr(0, 3) == "cut";
+    });
     setBack(dir.path(), names);
     const Entries before = look(dir.path(), names);
     EXPECT_EQ(run(arguments), status) << arguments << '\n' << err;
     EXPECT_NE((out + err).find(message), std::string::npos) << arguments << '\n' << out << err;
     const Entries after = look(dir.path(), names);
-    for (const std::string& name : names) EXPECT_EQ(after.at(name), before.at(name)) << arguments << ' ' << name;
+    for (const std::string& name : names)
+      EXPECT_EQ(after.at(name), before.at(name)) << arguments << ' ' << name;
     forget();
     EXPECT_EQ(treeOf(dir.path()), tree) << arguments;
   }
@@ -142,7 +146,8 @@ TEST_F(RefusingToolTest, AFinishedMigrationGivenAgainAddsNoVolume) {
   expectNoTrace(migrate, 2, "is the source, or lies in it");
   expectNoTrace(migrate + on("a"), 2, "a: no volume of the cache");
   ASSERT_EQ(run("rm " + cache + "0011first"), 0) << err;
-  EXPECT_TRUE(std::filesystem::exists(dir / "a/ctx/00/11/0011first")) << "the old source is no volume any more";
+  EXPECT_TRUE(std::filesystem::exists(dir / "a/ctx/00/11/0011first"))
+      << "the old source is no volume any more";
 
   ASSERT_EQ(run("put --add-volume " + cache + on("d") + "0055fifth " + (dir / "in")), 0) << err;
   EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n") + (dir / "d,3\n"));

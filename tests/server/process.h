@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <string>
@@ -35,6 +36,12 @@ class Process {
     std::vector<char*> arguments, variables;
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     for (const std::string& variable : environment) variables.push_back(const_cast<char*>(variable.c_str()));
+    // What a sanitizer is told reaches the program too, and nothing else of this environment.
+    std::vector<std::string> inherited;
+    for (const std::string name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+      if (const char* const value = std::getenv(name.c_str())) inherited.push_back(name + '=' + value);
+    }
+    for (const std::string& variable : inherited) variables.push_back(const_cast<char*>(variable.c_str()));
     arguments.push_back(nullptr);
     variables.push_back(nullptr);
     const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);

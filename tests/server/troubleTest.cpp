@@ -109,7 +109,7 @@ TEST_F(ServerTroubleTest, AFullDiskAndAVolumeEmptiedBeneathItCostNoAnswer) {
     }
     return right;
   };
-  EXPECT_EQ(load(0, 60), 60U);  // 42 MB into 24
+  EXPECT_EQ(load(0, 60), 60U);                                  // 42 MB into 24
   std::ofstream(small / "other") << std::string(4 << 20, 'x');  // takes all that was left free
   EXPECT_EQ(load(60, 20), 20U);
   std::filesystem::remove_all(volume + "/blocks");

@@ -178,7 +178,8 @@ uint64_t lengthOf(const Record* record) { return record == nullptr ? 0 : record-
 std::optional<SegmentLayout> prepare(Options& options, const Input& input) {
   std::error_code error;
   if (!std::filesystem::exists(options.root, error)) {
-    if (options.volumes.empty()) throw Failure(ExitStatus::BadInput, options.root + ": is new; give --volume");
+    if (options.volumes.empty())
+      throw Failure(ExitStatus::BadInput, options.root + ": is new; give --volume");
     return std::nullopt;
   }
   const KnownCache known(options.root);

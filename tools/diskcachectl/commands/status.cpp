@@ -115,7 +115,8 @@ void printAsJson(const Status& status) {
   engine["DC.UsedCache"] = status.used();
   for (const Metric& metric : COUNTERS) counters[metric.key] = nullptr;
   for (const VolumeStatus& volume : status.volumes) {
-    ordered_json row = {{"index", volume.index}, {"directory", volume.dir}, {"present", volume.room.has_value()}};
+    ordered_json row = {
+        {"index", volume.index}, {"directory", volume.dir}, {"present", volume.room.has_value()}};
     row.update(asJson(volume.room));
     volumes.push_back(row);
   }
@@ -192,7 +193,9 @@ uint64_t countSegments(const std::vector<VolumeStatus>& volumes, ExitStatus& wor
   std::atomic<uint64_t> count{0};  // read by the progress bar meanwhile
   TreeWalk walk(
       roots,
-      [&](const WalkedFile& file, size_t) { count += file.type == DT_REG && kindOf(file) == FileKind::Segment; },
+      [&](const WalkedFile& file, size_t) {
+        count += file.type == DT_REG && kindOf(file) == FileKind::Segment;
+      },
       [&](const std::string& path, int error) {
         printError(fmt::format("{}: {}", path, std::strerror(error)));
         worst = ExitStatus::Error;

@@ -47,7 +47,8 @@ void run(const std::string& root, bool isJson) {
   bool isSound = file.problems.empty();
   ordered_json volumes = ordered_json::array();
   if (!isJson) {
-    fmt::print("{}\n", painted(Colour::Bold, fmt::format("{:>5}  {:<8} {}  DIRECTORY", "INDEX", "STATE", roomHeading())));
+    fmt::print("{}\n", painted(Colour::Bold,
+                               fmt::format("{:>5}  {:<8} {}  DIRECTORY", "INDEX", "STATE", roomHeading())));
   }
   for (const auto& [index, dir] : file.volumes) {
     const auto room = measure(dir);

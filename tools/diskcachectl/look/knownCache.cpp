@@ -73,7 +73,8 @@ std::vector<std::string> KnownCache::choosePresent(const std::vector<std::string
   std::vector<std::string> present = choose(given, stranger);
   std::erase_if(present, [&](const std::string& dir) {
     std::error_code error;
-    const bool isKnown = std::any_of(volumes.begin(), volumes.end(), [&](const auto& v) { return v.dir == dir; });
+    const bool isKnown =
+        std::any_of(volumes.begin(), volumes.end(), [&](const auto& v) { return v.dir == dir; });
     if (fs::is_directory(dir, error) || (stranger == Stranger::Add && !isKnown)) return false;
     printError(fmt::format("{}: {}, left out", dir, error ? error.message() : std::strerror(ENOTDIR)));
     return true;
@@ -85,10 +86,11 @@ std::vector<std::string> KnownCache::choosePresent(const std::vector<std::string
 void KnownCache::refuseMove() const {
   if (!migration) return;
   if (migration->index == 0) throw Failure(ExitStatus::Error, root + "/migrate: makes no sense; remove it");
-  throw Failure(ExitStatus::Error,
-                fmt::format("{0}: volume {1} is moving, or was when its cache ended, from {2} to {3}: wait for the "
-                            "server, or finish with \"migrate --index {1} --to {3}\"",
-                            root, migration->index, migration->source, migration->destination));
+  throw Failure(
+      ExitStatus::Error,
+      fmt::format("{0}: volume {1} is moving, or was when its cache ended, from {2} to {3}: wait for the "
+                  "server, or finish with \"migrate --index {1} --to {3}\"",
+                  root, migration->index, migration->source, migration->destination));
 }
 
 std::vector<FoundCopy> KnownCache::find(const std::vector<std::string>& dirs, const std::string& context,

@@ -37,8 +37,8 @@ std::optional<HeldLock> parseLock(const std::string& line) {
   std::string number, kind, advisory, access;
   HeldLock lock;
   char colon = 0, secondColon = 0;
-  words >> number >> kind >> advisory >> access >> lock.pid >> std::hex >> lock.major >> colon >> lock.minor >>
-      secondColon >> std::dec >> lock.inode;
+  words >> number >> kind >> advisory >> access >> lock.pid >> std::hex >> lock.major >> colon >>
+      lock.minor >> secondColon >> std::dec >> lock.inode;
   // One that waits for a lock has "->" in front of the kind.
   if (!words || kind != "FLOCK" || access != "WRITE") return std::nullopt;
   return lock;
@@ -85,7 +85,8 @@ int take(const std::string& root, const std::string& path, int flags) {
   if (flock(fd, LOCK_EX | LOCK_NB) == 0) return fd;
   const int error = errno;
   close(fd);
-  if (error != EWOULDBLOCK) throw Failure(ExitStatus::Error, fmt::format("{}: {}", path, std::strerror(error)));
+  if (error != EWOULDBLOCK)
+    throw Failure(ExitStatus::Error, fmt::format("{}: {}", path, std::strerror(error)));
   throw Failure(ExitStatus::Error, fmt::format("{}: {} has the cache in use; stop it first", root,
                                                holderOf(path).value_or(Server()).text()));
 }

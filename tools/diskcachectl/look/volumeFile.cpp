@@ -113,21 +113,23 @@ std::vector<std::string> Room::limits() const {
 }
 
 std::string roomHeading() {
-  return fmt::format("{:>10} {:>10} {:>10} {:>12}  {:<12}", "TOTAL", "FREE", "RESERVE", "FREE INODES", "ROOM");
+  return fmt::format("{:>10} {:>10} {:>10} {:>12}  {:<12}", "TOTAL", "FREE", "RESERVE", "FREE INODES",
+                     "ROOM");
 }
 
 std::string roomColumns(const std::optional<Room>& room) {
   if (!room) return fmt::format("{0:>10} {0:>10} {0:>10} {0:>12}  {1:<12}", "-", "no");
   const std::string inodes = room->inodes == 0 ? "-" : formatCount(room->freeInodes);
-  const std::string left =
-      room->hasRoom() ? "yes" : fmt::format("no: {}", fmt::join(room->limits(), ", "));
+  const std::string left = room->hasRoom() ? "yes" : fmt::format("no: {}", fmt::join(room->limits(), ", "));
   return fmt::format("{:>10} {:>10} {:>10} {:>12}  {:<12}", formatSize(room->total), formatSize(room->free),
                      formatSize(room->reserve), inodes, left);
 }
 
 nlohmann::ordered_json asJson(const std::optional<Room>& room) {
   using nlohmann::ordered_json;
-  const auto figure = [&](uint64_t Room::*field) { return room ? ordered_json((*room).*field) : ordered_json(); };
+  const auto figure = [&](uint64_t Room::*field) {
+    return room ? ordered_json((*room).*field) : ordered_json();
+  };
   return {{"total", figure(&Room::total)},
           {"free", figure(&Room::free)},
           {"reserve", figure(&Room::reserve)},

@@ -1,5 +1,5 @@
-// What a request's head must be before anything else looks at it, so that nobody between a client and this server
-// can take its end for another place than this server does. Pure functions.
+// What a request's head must be before anything else looks at it, so that nobody between a client and this
+// server can take its end for another place than this server does. Pure functions.
 #pragma once
 
 #include <cstddef>
@@ -18,8 +18,8 @@ struct Refusal {
   unsigned status = 0;  // 0: none
   std::string_view reason{};
 };
-// Of a whole head: a wrong request line, folded lines, blanks before a colon, control characters, two lengths or
-// hosts, a length beside a transfer coding, a coding other than chunked.
+// Of a whole head: a wrong request line, folded lines, blanks before a colon, control characters, two lengths
+// or hosts, a length beside a transfer coding, a coding other than chunked.
 Refusal refusalOf(std::string_view head);
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b);

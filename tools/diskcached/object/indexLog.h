@@ -1,9 +1,11 @@
-// What the index knows, in a file, so that a restart finds it: a line for each change, the last one of a key counts.
+// What the index knows, in a file, so that a restart finds it: a line for each change, the last one of a key
+// counts.
 //
 //   + SIZE CHECKED STAGED VERSION KEY .      what is current; seconds since 1970, 0 or 1, both texts escaped
 //   - KEY .                                  no longer known, or deleted
 //
-// A line that a kill or a full disk cut short does not end in " ." and does not count. Used under the index's lock.
+// A line that a kill or a full disk cut short does not end in " ." and does not count. Used under the index's
+// lock.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +28,8 @@ class IndexLog {
   // Tells every line of a file in order, null for one that forgets. A file that is not there has none.
   static void read(const std::string& path, const Visit& visit);
 
-  // Each returns 0 or a system error number, after which the log is closed: what it holds is older than the index,
-  // so that it must not be read again.
+  // Each returns 0 or a system error number, after which the log is closed: what it holds is older than the
+  // index, so that it must not be read again.
   // Begins a new file in place of the old one, with what `each` tells.
   int rewrite(const std::string& path, const std::function<void(const Visit&)>& each);
   int append(std::string_view key, const ObjectInfo* info);

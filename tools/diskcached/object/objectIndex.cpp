@@ -59,7 +59,7 @@ void ObjectIndex::setLocked(std::string_view key, ObjectInfoPointer info) {
 
 void ObjectIndex::shrinkLocked() {
   for (size_t looked = m_entries.size(); looked > 0 && m_entries.size() > m_most; --looked) {
-    const Position last = std::prev(m_entries.end());
+    const auto last = std::prev(m_entries.end());
     if (last->info->isStaged) {
       m_entries.splice(m_entries.begin(), m_entries, last);
     } else {
@@ -79,8 +79,8 @@ void ObjectIndex::eraseLocked(std::string_view key) {
 std::vector<std::pair<std::string, ObjectInfoPointer>> ObjectIndex::takePrefix(std::string_view prefix) {
   std::vector<std::pair<std::string, ObjectInfoPointer>> taken;
   const KxCriticalSectionLock lock(&m_lock);
-  for (Position at = m_entries.begin(); at != m_entries.end();) {
-    const Position next = std::next(at);
+  for (auto at = m_entries.begin(); at != m_entries.end();) {
+    const auto next = std::next(at);
     if (at->key.starts_with(prefix) && !at->info->isStaged) {
       ++changesOf(at->key);
       (void)m_log.append(at->key, nullptr);

@@ -23,8 +23,8 @@ class ObjectIndex {
   explicit ObjectIndex(size_t most) : m_most(most) {}
 
   ObjectInfoPointer find(std::string_view key);
-  // What a look at the store told, unless the key was changed since `ticket` was taken: the look may be older than
-  // the change. Null: the store has it no more. Whether it was put.
+  // What a look at the store told, unless the key was changed since `ticket` was taken: the look may be older
+  // than the change. Null: the store has it no more. Whether it was put.
   uint64_t ticket(std::string_view key);
   bool putFound(std::string_view key, ObjectInfoPointer info, uint64_t ticket);
   // What a client has changed; null forgets the key.
@@ -34,8 +34,8 @@ class ObjectIndex {
   std::vector<std::pair<std::string, ObjectInfoPointer>> takePrefix(std::string_view prefix);
   size_t size();
 
-  // Finds what a log tells and notes all changes in it from now on; a deletion stays noted as an entry without a
-  // version if the object was staged. To be called once, before anything else.
+  // Finds what a log tells and notes all changes in it from now on; a deletion stays noted as an entry
+  // without a version if the object was staged. To be called once, before anything else.
   void open(const std::string& logPath);
   // Notes durably what is in memory.
   void save();

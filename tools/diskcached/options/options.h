@@ -64,8 +64,8 @@ class BadOptions : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Reads arguments and the config file that they may name. Throws BadOptions. None when all was said already: by
-// --help and --version.
+// Reads arguments and the config file that they may name. Throws BadOptions. None when all was said already:
+// by --help and --version.
 std::unique_ptr<Options> readOptions(int argc, const char* const* argv);
 
 }  // namespace diskcached

@@ -35,8 +35,8 @@ class ClientStream {
   }
   // Bytes of a file, without copying them. ClientGone also when the file is shorter.
   asio::awaitable<void> sendFile(int file, uint64_t offset, uint64_t bytes);
-  // So that the client reads the answer although he is still sending: says that this end is done, and takes what
-  // comes for a moment.
+  // So that the client reads the answer although he is still sending: says that this end is done, and takes
+  // what comes for a moment.
   asio::awaitable<void> linger();
 
   // Nothing may take longer than until then without a byte coming or going.

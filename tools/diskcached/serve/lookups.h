@@ -1,4 +1,5 @@
-// What is known of an object: from memory while it is fresh, else from the store, asked once for all who want it.
+// What is known of an object: from memory while it is fresh, else from the store, asked once for all who want
+// it.
 //
 // Any thread may call anything.
 #pragma once

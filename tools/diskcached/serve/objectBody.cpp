@@ -36,8 +36,8 @@ void ObjectBody::beginAhead() {
   }
 }
 
-// A block that is missing is hardly followed by one that is not, and the fetch finds that too. One whose fetch has ended
-// is sent from disk: however slow the client is, he holds no memory then.
+// A block that is missing is hardly followed by one that is not, and the fetch finds that too. One whose
+// fetch has ended is sent from disk: however slow the client is, he holds no memory then.
 bool ObjectBody::isLikelyOnDisk(uint64_t number) {
   if (!m_fetch || m_number != number) return !m_hasMissed;
   const BlockFetch::Progress now = m_fetch->progress();

@@ -1,5 +1,5 @@
-// The bytes of one version of an object, piece by piece: from a file where they lie verified, from memory while they
-// come.
+// The bytes of one version of an object, piece by piece: from a file where they lie verified, from memory
+// while they come.
 //
 // Belongs to one I/O thread.
 #pragma once

@@ -11,7 +11,8 @@ namespace {
 
 bool isForwarded(std::string_view name) {
   if (isHopByHop(name)) return false;
-  // What is about this connection, and what signs the request to this server: the one to the store is signed anew.
+  // What is about this connection, and what signs the request to this server: the one to the store is signed
+  // anew.
   for (const std::string_view own : {"host", "content-length", "expect", "authorization", "accept-encoding",
                                      "range", "x-amz-content-sha256", "x-amz-date", "x-amz-security-token"}) {
     if (equalsIgnoringCase(name, own)) return false;

@@ -7,7 +7,8 @@
 
 namespace diskcached {
 
-// Every counter once: field, name and labels for Prometheus, what it counts. Those of one name stand together.
+// Every counter once: field, name and labels for Prometheus, what it counts. Those of one name stand
+// together.
 #define DISKCACHED_COUNTERS(X)                                                                             \
   X(accepted, "connections_accepted_total", "", "Connections accepted")                                    \
   X(refusedConnections, "connections_refused_total", "", "Connections answered with 503 for their number") \
@@ -31,7 +32,7 @@ namespace diskcached {
   X(fileBytes, "sent_file_bytes_total", "", "Bytes of these that went from disk without being copied")
 
 struct Stats {
-#define DISKCACHED_FIELD(field, name, labels, help) std::atomic<uint64_t> field{0};
+#define DISKCACHED_FIELD(field, name, labels, help) std::atomic<uint64_t> field = 0;
   DISKCACHED_COUNTERS(DISKCACHED_FIELD)
 #undef DISKCACHED_FIELD
   std::atomic<uint64_t> connections{0};  // now

@@ -36,7 +36,8 @@ class WorkerPool {
   void stop();
   size_t queued();
 
-  // The result of `work`, done by a thread of the pool. Throws what it throws; Overloaded when the queue is full.
+  // The result of `work`, done by a thread of the pool. Throws what it throws; Overloaded when the queue is
+  // full.
   template <typename F>
   asio::awaitable<std::invoke_result_t<F&>> run(F work) {
     using Result = std::invoke_result_t<F&>;
@@ -49,7 +50,7 @@ class WorkerPool {
         thrown = std::current_exception();
       }
     };
-    const auto start = [&](std::function<void()> resume) {
+    const auto start = [&](const std::function<void()>& resume) {
       const bool isQueued = post([&perform, resume] {
         perform();
         resume();
