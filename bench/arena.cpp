@@ -71,7 +71,8 @@ Arena::Arena(const std::string& parent, size_t bytes, size_t segments, bool isFo
     std::filesystem::create_directories(dir);
     Lane& lane =
         m_lanes.emplace_back(Lane{contender.name, contender.isOnVolume, contender.make(dir, m_guids), {}});
-    for (size_t i = 0; i < MAX_THREADS; ++i) lane.sessions.push_back(lane.store->session());
+    const size_t threads = isForReading ? MAX_READERS : MAX_WRITERS;
+    for (size_t i = 0; i < threads; ++i) lane.sessions.push_back(lane.store->session());
   }
 }
 

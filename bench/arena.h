@@ -10,7 +10,8 @@
 
 namespace bench {
 
-inline constexpr size_t MAX_THREADS = 2;
+inline constexpr size_t MAX_READERS = 8;  // threads at a time,
+inline constexpr size_t MAX_WRITERS = 2;  // and those that change segments
 
 struct Contender {
   std::string name;

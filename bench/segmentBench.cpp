@@ -58,6 +58,12 @@ size_t segmentsFor(const Work& work, size_t bytes, const Effort& effort) {
   return work.kind == Kind::CreateSynced ? std::min(segments, SYNCED_SEGMENTS) : segments;
 }
 
+// Reads of usual sizes also by more threads than there are processors, as servers have them.
+std::vector<size_t> threadsFor(const Work& work, size_t bytes) {
+  if (work.kind == Kind::Read && bytes <= 64 * KIB) return {1, 2, 4, MAX_READERS};
+  return {1, MAX_WRITERS};
+}
+
 // The order in which a round asks for the segments: each once, or by their popularity.
 std::vector<size_t> orderOf(Kind kind, size_t segments, uint64_t round) {
   std::vector<size_t> order(segments);
@@ -193,7 +199,7 @@ void addAll(CurrentArena& current, const Effort& effort) {
     for (const Work& work : WORKS) {
       if (work.kind == Kind::ReadRange && bytes != RANGED_SEGMENT) continue;
       const size_t segments = segmentsFor(work, bytes, effort);
-      for (size_t threads = 1; threads <= MAX_THREADS; ++threads) {
+      for (const size_t threads : threadsFor(work, bytes)) {
         const std::string name =
             std::string(work.name) + '/' + std::to_string(bytes) + '/' + std::to_string(threads);
         addRounds(name, work.isReading() ? effort.readRounds : effort.changeRounds,

@@ -1,13 +1,16 @@
 # report.awk FIGURES TEMPLATE: prints the template with its placeholders replaced by what the figures say:
-#   {{segments}} {{objects}} {{counts}} {{list}} {{background}} {{growth}} {{starts}}   a table
+#   {{segments}} {{operations}} {{peers}} {{objects}} {{counts}} {{list}} {{background}} {{growth}} {{starts}}   a table
 #   {{settings}} {{about}}                                       a line each
-#   {{data WORK}}                                                columns to plot, one a contender
+#   {{data PICTURE}}                                             columns to plot: read, create, threads, space, memory
 #   {{WORK CONTENDER MEASURE}}                                   one median
 
 BEGIN {
   FS = "\t"
   split("read readZipf readRange overwrite create createSynced delete", WORKS, " ")
   split("4096 65536 1048576 4194304", SIZES, " ")
+  PLOTTED = "diskcache hot sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"
+  STORED = "diskcache sqlite3 lmdb rocksdb leveldb"
+  split("1 2 4 8", THREADS, " ")
   NARROW = split("touching random counters log sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb", CONTENDERS, " ")
 }
 
@@ -29,9 +32,12 @@ function block(what) {
   if (what == "settings") return settings
   if (what == "about") return about
   if (what == "segments") return segments()
+  if (what == "operations") return rows("floor, µs|diskcache|touching|random|counters|log", "floor diskcache touching random counters log")
+  if (what == "peers") return rows("sqlite3|sqlite3+|lmdb|rocksdb|rocksdb+|leveldb", "sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb")
   if (what == "objects") return objects()
   if (what == "starts") return beside("startUp ms speed", "10000 100000 1000000")
   if (what == "counts") return counts()
+  if (what == "space") return space()
   if (what == "list") return beside("listBytes bytes ratio,listTouch ns ratio,listInsert ns ratio", "20000 1000000 10000000")
   if (what == "background") return beside("scan ms speed,walk ms speed,migration ms speed", "20000")
   if (what == "growth") return beside("grownRead us p50,grownTouch us p50,grownCreate us p50", "1000 10000 100000 1000000")
@@ -59,7 +65,7 @@ function segments(    text, w, s, threads, work, measure, m, i) {
   text = sprintf("%-12s %7s thr      %8s %18s %18s", "", "", "floor/us", "again", "diskcache")
   for (i = 1; i <= NARROW; ++i) text = text sprintf(" %8s", CONTENDERS[i])
   text = text "\n"
-  for (w = 1; w in WORKS; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads <= 2; ++threads) {
+  for (w = 1; w in WORKS; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads <= 8; ++threads) {
     work = WORKS[w] "/" SIZES[s] "/" threads
     if (!((work, "floor", "wall") in median)) continue
     for (m = 1; m <= 3; ++m) {
@@ -74,6 +80,22 @@ function segments(    text, w, s, threads, work, measure, m, i) {
   return text
 }
 
+# Markdown: p50 of each operation over the floor's, with one thread and with two.
+function rows(titles, names,    text, rule, name, w, s, threads, work, i) {
+  rule = "| --- |"
+  for (i = split(names, name, " "); i > 0; --i) rule = rule " ---: |"
+  gsub(/\|/, " | ", titles)
+  text = "| | " titles " |\n" rule "\n"
+  for (w = 1; w in WORKS; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads in THREADS; ++threads) {
+    work = WORKS[w] "/" SIZES[s] "/" THREADS[threads]
+    if (!((work, "floor", "p50") in median)) continue
+    text = text sprintf("| %s %s%s |", WORKS[w], sizeName(SIZES[s]), threads > 1 ? ", " THREADS[threads] " threads" : "")
+    for (i = 1; i in name; ++i) text = text " " number(work, name[i], "p50") " |"
+    text = text "\n"
+  }
+  return text
+}
+
 # ObjectCache: from its table of descriptors over the floor's, from disk over the engine's touching read, and the
 # share of a checked read that is its hash.
 function objects(    text, w, s, threads, work) {
@@ -84,6 +106,21 @@ function objects(    text, w, s, threads, work) {
     text = text sprintf("%-12s %7s  %d  %9s %9s %9s %7s %9s %9s %7s\n", WORKS[w], sizeName(SIZES[s]), threads,
       number(work, "touching", "p50"), number(work, "hot", "p50"), number(work, "hot+", "p50"), share(work, "hot"),
       sprintf("%.2f", overTouching(work, "cold")), sprintf("%.2f", overTouching(work, "cold+")), share(work, "cold"))
+  }
+  return text
+}
+
+# Allocated bytes a segment.
+function space(    text, size, s, i, name, work) {
+  split("512 4096 16384 65536", size, " ")
+  text = "| segments of | files | directories | sqlite3 | lmdb | rocksdb | leveldb |\n| --- | ---: | ---: | ---: | ---: | ---: | ---: |\n"
+  split("sqlite3 lmdb rocksdb leveldb", name, " ")
+  for (s = 1; s in size; ++s) {
+    work = "space/" size[s]
+    if (!((work, "diskcache", "files") in median)) continue
+    text = text sprintf("| %s B | %s | %s |", size[s], number(work, "diskcache", "files"), number(work, "diskcache", "directories"))
+    for (i = 1; i in name; ++i) text = text " " number(work, name[i], "files") " |"
+    text = text "\n"
   }
   return text
 }
@@ -111,7 +148,8 @@ function counts(    text, operations, o, kinds, k, i, contender) {
   return text
 }
 
-function isCounted(contender) { return ("one/read", contender, "calls") in median }
+# What a tuned peer calls is in the full data.
+function isCounted(contender) { return contender !~ /[+]$/ && ("one/read", contender, "calls") in median }
 
 function whole(operation, contender, kind) {
   if (!(("one/" operation, contender, kind) in median)) return "-"
@@ -137,18 +175,66 @@ function beside(works, sizes,    text, list, w, size, s, part, work) {
 
 function unit(name) { return name == "bytes" ? "B" : name }
 
-# One line a size; "?" where there is no figure.
-function plotted(work,    text, s, i, key) {
-  text = "bytes diskcache hot"
-  for (i = 1; i <= NARROW; ++i) text = text " " CONTENDERS[i]
-  text = text "\n"
-  for (s = 1; s in SIZES; ++s) {
-    key = work "/" SIZES[s] "/1"
-    if (!((key, "diskcache", "p50") in median)) continue
-    text = text SIZES[s] " " median[key, "diskcache", "p50"] " " ((key, "hot", "p50") in median ? median[key, "hot", "p50"] : "?")
-    for (i = 1; i <= NARROW; ++i)
-      text = text " " ((key, CONTENDERS[i], "p50") in median ? median[key, CONTENDERS[i], "p50"] : "?")
-    text = text "\n"
+# Columns to plot, one a contender; "?" where there is no figure. Behind the last line's values stand the heights of the
+# curves' names there, apart enough to be read.
+function plotted(what,    part) {
+  split(what, part, " ")
+  if (part[1] == "threads") return columns("threads", "1 2 4 8", PLOTTED, 1)
+  if (part[1] == "space") return columns("space", "512 4096 16384 65536", STORED, 0)
+  if (part[1] == "memory") return sprintf("\"list and map\" %s\ndiskcache %s\n", bytesOfEntry("floor"), bytesOfEntry("diskcache"))
+  return columns(part[1], "4096 65536 1048576 4194304", PLOTTED, 0)
+}
+
+function bytesOfEntry(contender) { return number("listBytes/1000000", contender, "bytes") }
+
+function columns(what, places, names, isLinear,    text, place, name, count, p, i, last) {
+  count = split(names, name, " ")
+  split(places, place, " ")
+  text = "x"
+  for (i = 1; i <= count; ++i) text = text " " (name[i] == "hot" ? "ObjectCache" : name[i])
+  for (p = 1; p in place; ++p) {
+    if (plottedValue(what, place[p], name[1]) == "?") continue
+    text = text "\n" place[p]
+    for (i = 1; i <= count; ++i) text = text " " (last[i] = plottedValue(what, place[p], name[i]))
   }
+  return text heights(last, count, isLinear) "\n"
+}
+
+function plottedValue(what, place, name,    key) {
+  if (what == "threads") {
+    key = "read/65536/" place
+    if (!((key, name, "wall") in median)) return "?"
+    return 1000 / (median[key, "floor", "wall"] * (name == "floor" ? 1 : median[key, name, "wall"]))
+  }
+  if (what == "space") {
+    key = "space/" place
+    if (!((key, name, "files") in median)) return "?"
+    return (median[key, name, "files"] + median[key, name, "directories"]) / place
+  }
+  key = what "/" place "/1"
+  return (key, name, "p50") in median ? median[key, name, "p50"] : "?"
+}
+
+# Names that lie closer than a line is high push each other away, half the way each.
+function heights(last, count, isLinear,    text, i, k, n, order, at, top, gap, missing, isClose) {
+  for (i = 1; i <= count; ++i) if (last[i] != "?" && last[i] + 0 > top) top = last[i] + 0
+  for (i = 1; i <= count; ++i) {
+    if (last[i] == "?") continue
+    at[i] = isLinear ? last[i] / top : log(last[i])
+    for (k = ++n; k > 1 && at[order[k - 1]] > at[i]; --k) order[k] = order[k - 1]
+    order[k] = i
+  }
+  gap = isLinear ? 0.06 : 0.3
+  do {
+    isClose = 0
+    for (k = 2; k <= n; ++k) {
+      missing = gap - (at[order[k]] - at[order[k - 1]])
+      if (missing < 0.01) continue
+      isClose = 1
+      at[order[k]] += missing / 2
+      at[order[k - 1]] -= missing / 2
+    }
+  } while (isClose)
+  for (i = 1; i <= count; ++i) text = text " " (i in at ? (isLinear ? at[i] * top : exp(at[i])) : "?")
   return text
 }
