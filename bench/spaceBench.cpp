@@ -17,7 +17,8 @@ using namespace bench;
 namespace {
 
 constexpr size_t BYTES[] = {512, 4096, 16384, 65536};
-constexpr size_t MOST_SEGMENTS = 50'000;
+constexpr size_t MOST_SEGMENTS = 20'000;
+constexpr size_t QUICK_SEGMENTS = 1000;
 constexpr size_t MOST_BYTES = size_t{256} << 20;
 
 struct Allocated {
@@ -45,10 +46,10 @@ std::vector<unsigned char> noise(size_t bytes, size_t segment) {
   return made;
 }
 
-void measure(Figures& figures, const std::string& parent, const std::string& name, const StoreMaker& make,
+void measure(Figures& figures, const Options& options, const std::string& name, const StoreMaker& make,
              size_t bytes) {
-  const size_t segments = std::min(MOST_SEGMENTS, MOST_BYTES / bytes);
-  const WorkDir dir(parent);
+  const size_t segments = options.isQuick ? QUICK_SEGMENTS : std::min(MOST_SEGMENTS, MOST_BYTES / bytes);
+  const WorkDir dir(options.dir);
   const Guids guids = makeGuids(segments);
   {
     const std::unique_ptr<Store> store = make(dir.path(), guids);
@@ -56,7 +57,7 @@ void measure(Figures& figures, const std::string& parent, const std::string& nam
     for (size_t i = 0; i < segments; ++i) session->create(i, noise(bytes, i), false);
     store->settle();
   }
-  syncDisk(parent);
+  syncDisk(options.dir);
   const Allocated sum = allocatedBelow(dir.path());
   const auto count = static_cast<double>(segments);
   figures[name + "/files"] = static_cast<double>(sum.files) / count;
@@ -72,8 +73,8 @@ int main(int argc, char** argv) {
       const StoreMaker cache = [](const std::string& dir, const Guids& guids) {
         return makeCache(dir, "space", guids, {});
       };
-      measure(figures, options.dir, "diskcache", cache, bytes);
-      for (const Peer& peer : peers()) measure(figures, options.dir, peer.name, peer.make, bytes);
+      measure(figures, options, "diskcache", cache, bytes);
+      for (const Peer& peer : peers()) measure(figures, options, peer.name, peer.make, bytes);
     });
     if (options.isQuick) break;
   }
