@@ -4,6 +4,7 @@
 #include <iostream>
 #include <new>
 
+#include "diskcache/engineSteps.h"
 #include "support/file.h"
 #include "support/log.h"
 
@@ -20,31 +21,44 @@ int DiskcacheLRU::init(unsigned long maxEntries) {
 }
 
 CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::string& dir) {
-  DC_LOG(LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
-         static_cast<uint64_t>(m_maxLruEntries));
+  return enter(guid, vol, dir, false);
+}
+
+CZuError DiskcacheLRU::enter(const guid_t& guid, VolIndex vol, const std::string& dir, bool isUse) {
+  const RMCodeLocation where = DC_STEP(addToLru);
+  DC_LOG_AT(where, LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
+            static_cast<uint64_t>(m_maxLruEntries));
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
+  const Position known = m_table.find(key);
+  if (isUse) countUse(known);
+  if (known != RecencyTable::NONE) {
     m_table.moveToFront(known);
     return {};
   }
   try {
     if (const CZuError error = insert(key, vol, dir); error.IsError()) {
       m_table.dropReserve();
-      return pushAndLog(error, RM_CODE_LOCATION, "Error: No prunable items in LRU");
+      return pushAndLog(error, where, "Error: No prunable items in LRU");
     }
     return {};
   } catch (const std::bad_alloc&) {
     m_table.dropReserve();
-    return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+    return failWithException(where);
   }
 }
 
 CZuError DiskcacheLRU::touchSegment(const guid_t& guid, VolIndex vol, const std::string& dir,
                                     const RMCodeLocation& where) {
-  CZuError error = addToLru(guid, vol, dir);
+  CZuError error = enter(guid, vol, dir, true);
   if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
   return error;
+}
+
+void DiskcacheLRU::countUse(Position found) {
+  RelaxedAtomic<uint64_t>& count =
+      found != RecencyTable::NONE ? m_space.counters().listHits : m_space.counters().listMisses;
+  count = count + 1;
 }
 
 // Nothing is dropped, and nobody asked, before there is memory for the new entry.
@@ -100,7 +114,10 @@ bool DiskcacheLRU::giveUpOldestOne(const RMCodeLocation& where) {
   const Position back = m_table.oldest();
   const LruInfo oldest{guid_t(m_table.guid(back)), m_table.volume(back), m_table.dir(back)};
   const bool givenUp = askClient(where, oldest);
-  if (givenUp) DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+  if (givenUp) {
+    m_space.counters().givenUp = m_space.counters().givenUp + 1;
+    DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+  }
   const Position asked = m_table.find(keyOf(oldest.guid));  // the callback may have changed the list
   if (asked != RecencyTable::NONE) givenUp ? erase(asked) : m_table.moveToFront(asked);
   return givenUp;
@@ -137,6 +154,7 @@ bool DiskcacheLRU::touch(const guid_t& guid) {
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
   const Position found = m_table.find(key);
+  countUse(found);
   if (found == RecencyTable::NONE) return false;
   m_table.moveToFront(found);
   return true;
