@@ -10,6 +10,13 @@
 
 namespace ObjectStore {
 
+namespace {
+
+// Under the list's lock.
+void countOne(RelaxedAtomic<uint64_t>& count) { count = count + 1; }
+
+}  // namespace
+
 DiskcacheLRU::~DiskcacheLRU() {
   const KxCriticalSectionLock lock(&m_lruLock);
   std::cout << "hash size=" << m_table.slots() << std::endl;
@@ -25,26 +32,25 @@ CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::str
 }
 
 CZuError DiskcacheLRU::enter(const guid_t& guid, VolIndex vol, const std::string& dir, bool isUse) {
-  const RMCodeLocation where = DC_STEP(addToLru);
-  DC_LOG_AT(where, LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
-            static_cast<uint64_t>(m_maxLruEntries));
+  DC_LOG_AT(DC_STEP(addToLru), LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(),
+            m_numEntries.value(), static_cast<uint64_t>(m_maxLruEntries));
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
-  const Position known = m_table.find(key);
-  if (isUse) countUse(known);
-  if (known != RecencyTable::NONE) {
+  if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
+    if (isUse) countOne(m_space.counters().listHits);
     m_table.moveToFront(known);
     return {};
   }
+  if (isUse) countOne(m_space.counters().listMisses);
   try {
     if (const CZuError error = insert(key, vol, dir); error.IsError()) {
       m_table.dropReserve();
-      return pushAndLog(error, where, "Error: No prunable items in LRU");
+      return pushAndLog(error, DC_STEP(addToLru), "Error: No prunable items in LRU");
     }
     return {};
   } catch (const std::bad_alloc&) {
     m_table.dropReserve();
-    return failWithException(where);
+    return failWithException(DC_STEP(addToLru));
   }
 }
 
@@ -53,12 +59,6 @@ CZuError DiskcacheLRU::touchSegment(const guid_t& guid, VolIndex vol, const std:
   CZuError error = enter(guid, vol, dir, true);
   if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
   return error;
-}
-
-void DiskcacheLRU::countUse(Position found) {
-  RelaxedAtomic<uint64_t>& count =
-      found != RecencyTable::NONE ? m_space.counters().listHits : m_space.counters().listMisses;
-  count = count + 1;
 }
 
 // Nothing is dropped, and nobody asked, before there is memory for the new entry.
@@ -115,7 +115,7 @@ bool DiskcacheLRU::giveUpOldestOne(const RMCodeLocation& where) {
   const LruInfo oldest{guid_t(m_table.guid(back)), m_table.volume(back), m_table.dir(back)};
   const bool givenUp = askClient(where, oldest);
   if (givenUp) {
-    m_space.counters().givenUp = m_space.counters().givenUp + 1;
+    countOne(m_space.counters().givenUp);
     DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
   }
   const Position asked = m_table.find(keyOf(oldest.guid));  // the callback may have changed the list
@@ -154,7 +154,7 @@ bool DiskcacheLRU::touch(const guid_t& guid) {
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
   const Position found = m_table.find(key);
-  countUse(found);
+  countOne(found != RecencyTable::NONE ? m_space.counters().listHits : m_space.counters().listMisses);
   if (found == RecencyTable::NONE) return false;
   m_table.moveToFront(found);
   return true;

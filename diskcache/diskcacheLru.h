@@ -83,7 +83,6 @@ class DiskcacheLRU {
   Key keyOf(const guid_t& guid) const { return {guid, m_hash(guid)}; }
   // addToLru; counted as a use of the list or not.
   CZuError enter(const guid_t& guid, VolIndex vol, const std::string& dir, bool isUse);
-  void countUse(Position found) DC_REQUIRES(m_lruLock);
   CZuError insert(const Key& key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
   CZuError pruneFromBack() DC_REQUIRES(m_lruLock);
   bool giveUpOldestOne(const RMCodeLocation& where) DC_REQUIRES(m_lruLock);

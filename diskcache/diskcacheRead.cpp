@@ -109,8 +109,7 @@ CZuError readSection(Section& s, size_t place, SegmentFile& file, const std::str
   if (!read.moved(sizeof(front))) {
     DC_LOG_AT(where, LogLevel::Error, "Error: can't read descriptor [%s] len=%zd (%lu,%d)", path.c_str(),
               static_cast<ssize_t>(sizeof(front)), printable(read.count), read.error);
-    if (read.error == ESPIPE)
-      return RMErrorUtil::ErrorErrNo(where, countedResult(ESPIPE));  // no file, a FIFO
+    if (read.error == ESPIPE) return RMErrorUtil::ErrorErrNo(where, ESPIPE);  // no file, a FIFO
     s.len = 0;
     return {};
   }
