@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
+
+#include "support/metricsText.h"
 
 namespace ObjectStore {
 
@@ -12,49 +13,22 @@ namespace {
 
 constexpr std::string_view PREFIX = "diskcache_client_";
 
-std::string number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof(text), "%.9g", value);
-  return text;
+void renderHistogram(MetricsText& page, const std::string& name, std::string_view help,
+                     const Histogram& values, double first, unsigned step) {
+  page.head(name, "histogram", help);
+  const auto bucket = [&](const std::string& bound, uint64_t count) {
+    page.sample(name + "_bucket", "{le=\"" + bound + "\"}", count);
+  };
+  uint64_t total = 0;
+  for (size_t i = 0; i < Histogram::BUCKETS; ++i) {
+    total += values.counts[i];
+    bucket(MetricsText::text(first * static_cast<double>(uint64_t{1} << (step * i))), total);
+  }
+  total += values.counts.back();
+  bucket("+Inf", total);
+  page.sample(name + "_sum", "", values.sum);
+  page.sample(name + "_count", "", total);
 }
-
-class Renderer {
- public:
-  explicit Renderer(std::string& out) : m_out(out) {}
-
-  void value(std::string_view name, std::string_view labels, std::string_view type, std::string_view help,
-             double value) {
-    if (name != m_last) head(name, type, help);
-    m_out.append(PREFIX).append(name).append(labels).append(" ").append(number(value)).append("\n");
-  }
-  void histogram(std::string_view name, std::string_view help, const Histogram& values, double first,
-                 unsigned step) {
-    head(name, "histogram", help);
-    uint64_t total = 0;
-    for (size_t i = 0; i < Histogram::BUCKETS; ++i) {
-      total += values.counts[i];
-      bucket(name, number(first * static_cast<double>(uint64_t{1} << (step * i))), total);
-    }
-    total += values.counts.back();
-    bucket(name, "+Inf", total);
-    m_out.append(PREFIX).append(name).append("_sum ").append(number(values.sum)).append("\n");
-    m_out.append(PREFIX).append(name).append("_count ").append(std::to_string(total)).append("\n");
-  }
-
- private:
-  void head(std::string_view name, std::string_view type, std::string_view help) {
-    m_out.append("# HELP ").append(PREFIX).append(name).append(" ").append(help).append("\n");
-    m_out.append("# TYPE ").append(PREFIX).append(name).append(" ").append(type).append("\n");
-    m_last = name;
-  }
-  void bucket(std::string_view name, std::string_view bound, uint64_t count) {
-    m_out.append(PREFIX).append(name).append("_bucket{le=\"").append(bound).append("\"} ");
-    m_out.append(std::to_string(count)).append("\n");
-  }
-
-  std::string& m_out;
-  std::string m_last;
-};
 
 // "DC.LRUEntriesCur" as "engine_lru_entries_cur".
 std::string engineName(std::string_view key) {
@@ -101,18 +75,17 @@ void Metrics::fill(ObjectCacheMetrics& out) const {
 }
 
 void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
-  Renderer renderer(out);
-  const auto show = [](uint64_t value) { return static_cast<double>(value); };
+  MetricsText page(out, PREFIX);
 #define DISKCACHE_CLIENT_RENDER(field, name, labels, help) \
-  renderer.value(name, labels, "counter", help, show(metrics.field));
+  page.value(name, labels, "counter", help, metrics.field);
   DISKCACHE_CLIENT_COUNTERS(DISKCACHE_CLIENT_RENDER)
 #undef DISKCACHE_CLIENT_RENDER
-  renderer.value("used_bytes", "", "gauge", "Bytes on disk of all blocks", show(metrics.usedBytes));
-  renderer.value("peak_bytes", "", "gauge", "Most bytes on disk since the start", show(metrics.peakBytes));
-  renderer.value("staged_objects", "", "gauge", "Objects staged now", show(metrics.stagedNow));
-  renderer.value("staged_bytes", "", "gauge", "Bytes staged now", show(metrics.stagedBytes));
-  renderer.value("absent_volumes", "", "gauge", "Volumes without their marker", show(metrics.absentVolumes));
-  renderer.value("hot_blocks", "", "gauge", "Descriptors of blocks open", show(metrics.hotBlocks));
+  page.value("used_bytes", "", "gauge", "Bytes on disk of all blocks", metrics.usedBytes);
+  page.value("peak_bytes", "", "gauge", "Most bytes on disk since the start", metrics.peakBytes);
+  page.value("staged_objects", "", "gauge", "Objects staged now", metrics.stagedNow);
+  page.value("staged_bytes", "", "gauge", "Bytes staged now", metrics.stagedBytes);
+  page.value("absent_volumes", "", "gauge", "Volumes without their marker", metrics.absentVolumes);
+  page.value("hot_blocks", "", "gauge", "Descriptors of blocks open", metrics.hotBlocks);
   for (const auto& [key, text] : metrics.engine) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
@@ -120,11 +93,12 @@ void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
     const bool isMilliseconds = key.ends_with("Ms");  // which Prometheus has no unit for
     const std::string name =
         isMilliseconds ? engineName(key.substr(0, key.size() - 2)) + "_seconds" : engineName(key);
-    renderer.value(name, "", "untyped", "The engine's " + key, isMilliseconds ? value / 1000 : value);
+    page.value(name, "", "untyped", "The engine's " + key, isMilliseconds ? value / 1000 : value);
   }
-  renderer.histogram("hit_seconds", "Time of reads from disk, every 16th", metrics.hitSeconds, 1e-6, 1);
-  renderer.histogram("miss_seconds", "Time of reads that needed the origin", metrics.missSeconds, 1e-6, 2);
-  renderer.histogram("evicted_age_seconds", "Age of blocks given up for room", metrics.evictedSeconds, 1, 2);
+  renderHistogram(page, "hit_seconds", "Time of reads from disk, every 16th", metrics.hitSeconds, 1e-6, 1);
+  renderHistogram(page, "miss_seconds", "Time of reads that needed the origin", metrics.missSeconds, 1e-6, 2);
+  renderHistogram(page, "evicted_age_seconds", "Age of blocks given up for room", metrics.evictedSeconds, 1,
+                  2);
 }
 
 }  // namespace ObjectStore

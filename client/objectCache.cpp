@@ -185,6 +185,9 @@ ObjectCacheMetrics ObjectCache::metrics() {
   return metrics;
 }
 
-void ObjectCache::renderMetrics(std::string& out) { renderPrometheus(metrics(), out); }
+void ObjectCache::renderMetrics(std::string& out) {
+  renderPrometheus(metrics(), out);
+  if (m_state->cache) m_state->cache->engine->renderMetrics(out);
+}
 
 }  // namespace ObjectStore

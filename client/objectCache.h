@@ -230,7 +230,8 @@ class DISKCACHE_EXPORT ObjectCache {
   void setMaxBytes(uint64_t bytes);
 
   ObjectCacheMetrics metrics();
-  // Appends the metrics in Prometheus' text format, every name with the prefix "diskcache_client_".
+  // Appends the metrics in Prometheus' text format, every name with the prefix "diskcache_client_", and once
+  // open() was called the engine's (DiskCache::renderMetrics).
   void renderMetrics(std::string& out);
 
  private:

@@ -56,9 +56,11 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
   }
   m_state->lru.init(maxLruEntries);
   if (mode == PruningMode::Lru) {
-    if (const CZuError error = scanSegmentsIntoLru(m_state->lru, m_state->volumes); error.IsError()) {
+    uint64_t files = 0;
+    if (const CZuError error = scanSegmentsIntoLru(m_state->lru, m_state->volumes, files); error.IsError()) {
       return pushAndLog(error, RM_CODE_LOCATION, "Error: Can't scan segments");
     }
+    m_state->space.filesFound(files);
   }
   if (const int rc = m_state->migrator.init(migrationCallback); rc != 0) {
     return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
@@ -117,16 +119,24 @@ CZuError DiskCache::findPrunerCallback(const std::string& dir, PrunerCallback& o
 
 bool DiskCache::isRootShared() const { return m_state->isRootShared; }
 
-int DiskCache::addVolume(const std::string& dir) { return m_state->volumes.addVolume(dir); }
-int DiskCache::removeVolume(const std::string& dir) { return m_state->volumes.removeVolume(dir); }
+int DiskCache::addVolume(const std::string& dir) { return countedResult(m_state->volumes.addVolume(dir)); }
+int DiskCache::removeVolume(const std::string& dir) {
+  return countedResult(m_state->volumes.removeVolume(dir));
+}
 int DiskCache::removeAllVolumes() { return m_state->volumes.removeAllVolumes(); }
-int DiskCache::disableNewSegments(const std::string& dir) { return m_state->volumes.disableNewSegments(dir); }
-int DiskCache::enableNewSegments(const std::string& dir) { return m_state->volumes.enableNewSegments(dir); }
+int DiskCache::disableNewSegments(const std::string& dir) {
+  return countedResult(m_state->volumes.disableNewSegments(dir));
+}
+int DiskCache::enableNewSegments(const std::string& dir) {
+  return countedResult(m_state->volumes.enableNewSegments(dir));
+}
 void DiskCache::getVolumeStats(std::vector<Volume>& out) { m_state->volumes.getVolumeStats(out); }
-int DiskCache::refreshCacheUtilizationData() { return m_state->volumes.refreshCacheUtilizationData(); }
+int DiskCache::refreshCacheUtilizationData() {
+  return countedResult(m_state->volumes.refreshCacheUtilizationData());
+}
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
-  return m_state->migrator.migrate(vol, source, destination);
+  return countedResult(m_state->migrator.migrate(vol, source, destination));
 }
 
 unsigned DiskCache::openSegment(guid_t guid) {

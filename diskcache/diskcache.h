@@ -148,8 +148,7 @@ class DISKCACHE_EXPORT DiskCache {
   bool doesSegmentExist(const DiskCacheContext& ctx, const guid_t& guid);
 
   // ---- For clients with a way of their own to the bytes ------------------------------------------------
-  // Only giveUpOldest calls the client back, only openSection works on a file; none counts in lruHits or
-  // lruMisses.
+  // Only giveUpOldest calls the client back, only openSection works on a file; none counts in Stats.
 
   // Opens a segment for reading (O_CLOEXEC) and sets each place to where the stored section of its type lies,
   // for pread, sendfile or mmap. A segment of a payload and a last section that fits into its place's `data`
@@ -242,6 +241,8 @@ class DISKCACHE_EXPORT DiskCache {
   void getStatus(std::map<std::string, std::string>& out);
   // Sets "DC.numPruned", "DC.delayMs" and "DC.errOutOfSpace"; reading resets nothing.
   void getCounters(std::map<std::string, std::string>& out);
+  // Appends these and more (docs/operations.md) in Prometheus' text format; names begin with "diskcache_".
+  void renderMetrics(std::string& out);
   // The directory part of an identifier ("abcdef" gives "ab/cd") and a segment's full path.
   static std::string guid2dir(const guid_t& guid);
   std::string guid2path(const guid_t& guid, VolIndex volume, const std::string& dir);

@@ -4,10 +4,18 @@
 #include <iostream>
 #include <new>
 
+#include "diskcache/engineSteps.h"
 #include "support/file.h"
 #include "support/log.h"
 
 namespace ObjectStore {
+
+namespace {
+
+// Under the list's lock.
+void countOne(RelaxedAtomic<uint64_t>& count) { count = count + 1; }
+
+}  // namespace
 
 DiskcacheLRU::~DiskcacheLRU() {
   const KxCriticalSectionLock lock(&m_lruLock);
@@ -20,29 +28,35 @@ int DiskcacheLRU::init(unsigned long maxEntries) {
 }
 
 CZuError DiskcacheLRU::addToLru(const guid_t& guid, VolIndex vol, const std::string& dir) {
-  DC_LOG(LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(), m_numEntries.value(),
-         static_cast<uint64_t>(m_maxLruEntries));
+  return enter(guid, vol, dir, false);
+}
+
+CZuError DiskcacheLRU::enter(const guid_t& guid, VolIndex vol, const std::string& dir, bool isUse) {
+  DC_LOG_AT(DC_STEP(addToLru), LogLevel::Segment, "addToLru: [%s] num=%lu max=%lu", guid.c_str(),
+            m_numEntries.value(), static_cast<uint64_t>(m_maxLruEntries));
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
   if (const Position known = m_table.find(key); known != RecencyTable::NONE) {
+    if (isUse) countOne(m_space.counters().listHits);
     m_table.moveToFront(known);
     return {};
   }
+  if (isUse) countOne(m_space.counters().listMisses);
   try {
     if (const CZuError error = insert(key, vol, dir); error.IsError()) {
       m_table.dropReserve();
-      return pushAndLog(error, RM_CODE_LOCATION, "Error: No prunable items in LRU");
+      return pushAndLog(error, DC_STEP(addToLru), "Error: No prunable items in LRU");
     }
     return {};
   } catch (const std::bad_alloc&) {
     m_table.dropReserve();
-    return DC_FAIL(LogLevel::Error, ENOMEM, "Error: out of memory");
+    return failWithException(DC_STEP(addToLru));
   }
 }
 
 CZuError DiskcacheLRU::touchSegment(const guid_t& guid, VolIndex vol, const std::string& dir,
                                     const RMCodeLocation& where) {
-  CZuError error = addToLru(guid, vol, dir);
+  CZuError error = enter(guid, vol, dir, true);
   if (error.IsError()) error = pushAndLog(error, where, "Error: can't add [%s] to LRU", guid.c_str());
   return error;
 }
@@ -100,7 +114,10 @@ bool DiskcacheLRU::giveUpOldestOne(const RMCodeLocation& where) {
   const Position back = m_table.oldest();
   const LruInfo oldest{guid_t(m_table.guid(back)), m_table.volume(back), m_table.dir(back)};
   const bool givenUp = askClient(where, oldest);
-  if (givenUp) DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+  if (givenUp) {
+    countOne(m_space.counters().givenUp);
+    DC_LOG_AT(where, LogLevel::Segment, "successfully pruned: [%s]", oldest.guid.c_str());
+  }
   const Position asked = m_table.find(keyOf(oldest.guid));  // the callback may have changed the list
   if (asked != RecencyTable::NONE) givenUp ? erase(asked) : m_table.moveToFront(asked);
   return givenUp;
@@ -137,6 +154,7 @@ bool DiskcacheLRU::touch(const guid_t& guid) {
   const Key key = keyOf(guid);
   const KxCriticalSectionLock lock(&m_lruLock);
   const Position found = m_table.find(key);
+  countOne(found != RecencyTable::NONE ? m_space.counters().listHits : m_space.counters().listMisses);
   if (found == RecencyTable::NONE) return false;
   m_table.moveToFront(found);
   return true;

@@ -5,6 +5,7 @@
 // grows or shrinks, and touching a known segment allocates nothing.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -60,6 +61,10 @@ class DiskcacheLRU {
   // ends it with ENOSPC; an empty list ends it early.
   CZuError giveUpOldest(uint64_t n, uint64_t& given);
 
+  uint64_t maxEntries() const { return m_maxLruEntries; }
+  // How long the list is, but for removals while the counter below is beyond its bound.
+  uint64_t entries() const { return std::min<uint64_t>(m_numEntries.value(), m_maxLruEntries); }
+
   // Writes sizes and identifiers, newest first, to standard output.
   void dumpLru();
   void getStatus(std::map<std::string, std::string>& out);
@@ -76,6 +81,8 @@ class DiskcacheLRU {
   using Position = RecencyTable::Position;
 
   Key keyOf(const guid_t& guid) const { return {guid, m_hash(guid)}; }
+  // addToLru; counted as a use of the list or not.
+  CZuError enter(const guid_t& guid, VolIndex vol, const std::string& dir, bool isUse);
   CZuError insert(const Key& key, VolIndex vol, const std::string& dir) DC_REQUIRES(m_lruLock);
   CZuError pruneFromBack() DC_REQUIRES(m_lruLock);
   bool giveUpOldestOne(const RMCodeLocation& where) DC_REQUIRES(m_lruLock);

@@ -69,12 +69,13 @@ CZuError DiskCache::moveToPrunable(const DiskCacheContext& ctx, const guid_t& gu
   if (found != 0) return cannotLookAt(source, found, RM_CODE_LOCATION);  // before the older copy is removed
   std::string target;
   if (const int rc = m_state->migrator.claimWhole(target, guid, ctx.volume, ctx.dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(rc));
   if (const CZuError error = makeSegmentPath(target, ctx.dir, guid, RM_CODE_LOCATION); error.IsError())
     return m_state->space.askForRoom(error);
   if (doesFileExist(target)) {
     DC_LOG(LogLevel::Segment, "removing [%s]", guid.c_str());
-    unlink(target.c_str());  // whatever comes of it; the space counters stay as they are
+    // Whatever comes of it; the space counters stay as they are.
+    if (unlink(target.c_str()) == 0) m_state->space.addFiles(-1);
   }
   return m_state->space.askForRoom(
       m_state->places.moveSegment(ctx, guid, ctx.nonprunableDir, source, target, RM_CODE_LOCATION));

@@ -40,6 +40,13 @@ void appendSegmentPath(std::string& root, std::string_view dir, std::string_view
   appendPath(root, guid);
 }
 
+bool isSegmentPlace(std::string_view dir, std::string_view name) {
+  if (isUnfinishedCopy(name) || name.ends_with(REPLACEMENT_SUFFIX)) return false;
+  std::string place;
+  appendGuidDir(place, name);
+  return place.empty() || dir.ends_with('/' + place);
+}
+
 bool isUsableGuid(std::string_view guid) {
   if (guid.empty() || guid == "." || guid == "..") return false;
   // Two searches for one character each: the library's search for a set costs a call a character.

@@ -23,6 +23,10 @@ void appendGuidDir(std::string& path, std::string_view guid);
 // Turns a root into a segment's path.
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid);
 
+// Whether a file in a directory may be a segment, by both their names; where the identifier is too short for a
+// level, any directory will do.
+bool isSegmentPlace(std::string_view dir, std::string_view name);
+
 // Whether an identifier names a file below its context's directory and nothing else.
 bool isUsableGuid(std::string_view guid);
 

@@ -216,6 +216,7 @@ CZuError RecordStream::readPayload(SectionV& section, uint64_t offset) {
             readError);
   errno = readError;
   stream.reset();
+  countFailure(errno);
   return RMErrorUtil::ErrorErrNo(where, errno);  // as it stands after the close
 }
 

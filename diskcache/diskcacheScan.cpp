@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+
+#include "diskcache/diskcachePaths.h"
 #include "diskcache/engineSteps.h"
 #include "support/directory.h"
 #include "support/file.h"
@@ -20,10 +23,11 @@ struct ScanLevel {
   ino_t inode;
   VolIndex volume;
   const std::string& ctxDir;
+  uint64_t& files;
   RMCodeLocation where;
 
   ScanLevel below(const struct stat& status) const {
-    return {list, this, depth + 1, status.st_dev, status.st_ino, volume, ctxDir, where};
+    return {list, this, depth + 1, status.st_dev, status.st_ino, volume, ctxDir, files, where};
   }
   bool isWithin(const struct stat& status) const {
     for (const ScanLevel* level = this; level; level = level->above) {
@@ -73,6 +77,7 @@ int scanEntries(Directory& entries, const std::string& dir, const ScanLevel& lev
       entries.leaveOpen();  // meant
       return RMErrorUtil::GetErrNo(error);
     }
+    if (isSegmentPlace(dir, entries.name())) ++level.files;
   }
   return 0;
 }
@@ -89,17 +94,18 @@ int readChildren(std::vector<std::string>& out, const std::string& dir) {
   return 0;
 }
 
-int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume,
-                       const std::string& ctxDir) {
+int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume, const std::string& ctxDir,
+                       uint64_t& files) {
   Directory entries(dir);
   struct stat status {};
   if (entries.error() == 0) entries.ownStatus(status);  // without one, no link is known to lead back here
   return scanEntries(
       entries, dir,
-      {list, nullptr, 0, status.st_dev, status.st_ino, volume, ctxDir, DC_STEP(scanDirForSegments)});
+      {list, nullptr, 0, status.st_dev, status.st_ino, volume, ctxDir, files, DC_STEP(scanDirForSegments)});
 }
 
-CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes) {
+CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes, uint64_t& files) {
+  files = 0;
   const RMCodeLocation where = DC_STEP(scanSegmentsIntoLru);
   DC_LOG_AT(where, LogLevel::Notice, "scanning segments");
   for (const auto& [index, volumeDir] : volumes.directories()) {
@@ -110,10 +116,14 @@ CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes) {
     }
     // The whole volume is scanned for each child, on purpose: a segment keeps the tag of the first child in
     // whose pass it was found, and later passes move it to the front.
+    uint64_t most = 0;  // each pass meets the same files, unless it fails
     for (const std::string& child : children) {
       DC_LOG_AT(where, LogLevel::Segment, "scanning root [%s]", child.c_str());
-      scanDirForSegments(list, volumeDir, index, child);
+      uint64_t met = 0;
+      scanDirForSegments(list, volumeDir, index, child, met);
+      most = std::max(most, met);
     }
+    files += most;
   }
   DC_LOG_AT(where, LogLevel::Segment, "Finished scanning segments");
   return {};

@@ -4,6 +4,7 @@
 // its name.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,13 +15,13 @@
 namespace ObjectStore {
 
 // Enters the files below every volume. An error for a volume that cannot be listed; those after it are not
-// scanned.
-CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes);
+// scanned. Sets `files` to how many of them lie where segments do, as far as the scan came.
+CZuError scanSegmentsIntoLru(DiskcacheLRU& list, DiskCacheVolumes& volumes, uint64_t& files);
 
-// Enters the files below `dir` as those of a volume and a context's directory; 0 or a system error number,
-// which is logged.
-int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume,
-                       const std::string& ctxDir);
+// Enters the files below `dir` as those of a volume and a context's directory, and adds the number of those
+// where a segment may lie to `files`; 0 or a system error number, which is logged.
+int scanDirForSegments(DiskcacheLRU& list, const std::string& dir, VolIndex volume, const std::string& ctxDir,
+                       uint64_t& files);
 
 // Appends the names in a directory, files and directories alike, in the order the system gives them; 0 or a
 // system error number, which is logged.

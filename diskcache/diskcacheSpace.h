@@ -6,10 +6,12 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "diskcache/diskcacheSettings.h"
 #include "diskcache/diskcacheTypes.h"
+#include "diskcache/engineCounters.h"
 #include "support/atomicCounter.h"
 #include "support/error.h"
 #include "support/event.h"
@@ -30,7 +32,24 @@ class DiskCacheSpace {
   void addCapacity(int64_t bytes) { m_totalCache += bytes; }
   void segmentMade() { m_segmentsInCache++; }
   void segmentGone() { m_segmentsInCache--; }
-  void forgetSegments() { m_segmentsInCache = 0; }
+  void forgetSegments() {
+    m_segmentsInCache = 0;
+    m_otherFiles = 0;
+  }
+  // What the count above leaves out: segments found at the start, override copies, recycled ones.
+  void addFiles(int64_t files) { m_otherFiles += files; }
+  void filesFound(uint64_t files) {
+    addFiles(static_cast<int64_t>(files));
+    m_areFilesKnown = true;
+  }
+  // The volumes are empty, while the count of segments stays.
+  void filesCleared() { m_otherFiles = -static_cast<int64_t>(segments()); }
+  // Segments' files on the volumes; none while nobody has counted those of an earlier run. Below 0 when more went than
+  // were known.
+  std::optional<int64_t> files() const {
+    if (!m_areFilesKnown) return std::nullopt;
+    return static_cast<int64_t>(segments() + m_otherFiles.value());
+  }
 
   // In no checked range or order. A reader may see some new and some old.
   void setWatermarks(int high, int low, int alarm);
@@ -61,6 +80,7 @@ class DiskCacheSpace {
   bool isOutOfSpace() const { return m_outOfSpace; }
 
   Stats& stats() { return m_stats; }
+  EngineCounters& counters() { return m_counters; }
   // The engine's own entries of DiskCache::getStatus, and getCounters.
   void getStatus(std::map<std::string, std::string>& out) const;
   void getCounters(std::map<std::string, std::string>& out) const;
@@ -74,9 +94,12 @@ class DiskCacheSpace {
   RelaxedAtomic<int32_t> m_alarmWM{0};
   RelaxedAtomic<bool> m_outOfSpace{false};
   Stats m_stats;
+  EngineCounters m_counters;
   KxAtomicU64_t m_totalCacheUsed;
   KxAtomicU64_t m_totalCache;
   KxAtomicU64_t m_segmentsInCache;
+  KxAtomicU64_t m_otherFiles;
+  RelaxedAtomic<bool> m_areFilesKnown{false};
   KxEvent m_wakeup{false};
 };
 

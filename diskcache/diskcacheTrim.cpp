@@ -184,7 +184,8 @@ CZuError recycleFile(DiskCacheState& engine, const std::string& path, const std:
   int rc = engine.migrator.move(path, target);
   // A migration may have left the directory behind.
   if (rc == ENOENT && createDir(recycleDir) == 0) rc = engine.migrator.move(path, target);
-  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(where, rc);
+  if (rc == 0) engine.space.addFiles(-1);
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(where, countedResult(rc));
 }
 
 // A copy that is not there is success. Where a migration begins or ends meanwhile, it is looked for again.

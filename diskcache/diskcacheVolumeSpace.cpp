@@ -110,6 +110,7 @@ CZuError DiskCacheVolumes::clearCache() {
     DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ClearCache", llu(m_space.used()));
     if (!volume.listPos && volume.free.value() >= volume.reserved) appendToRotation(volume);
   }
+  m_space.filesCleared();
   return {};
 }
 

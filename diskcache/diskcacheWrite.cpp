@@ -76,7 +76,7 @@ CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& w
 
 CZuError claimPlace(DiskCacheState& engine, NewSegment& place, const RMCodeLocation& where) {
   if (const int rc = engine.migrator.claim(place.path, place.guid, place.volume, *place.dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
+    return RMErrorUtil::ErrorErrNo(where, countedResult(rc));
   place.rootLength = place.path.size();
   return place.make(where);
 }
@@ -163,12 +163,13 @@ CZuError makeSegment(DiskCacheState& engine, DiskCacheContext& ctx, const guid_t
 CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
                                   const std::vector<Section>& sections, bool sync, bool nonPrune,
                                   bool /*spare*/) try {
+  CountedWrite counted(m_state->space.counters(), WriteOperation::Create);
   if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
          sections.size(), sync, nonPrune);
-  return m_state->space.askForRoom(
-      makeSegment(*m_state, ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION));
+  return counted.ends(m_state->space.askForRoom(
+      makeSegment(*m_state, ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION)));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -269,19 +270,20 @@ CZuError writeInTurn(DiskCacheState& engine, const DiskCacheContext& ctx, const 
 CZuError DiskCache::writeSections(const DiskCacheContext& ctx, const guid_t& guid,
                                   const std::vector<Section>& sections, bool sync, ForceDiskLoc force) try {
   const TimeFunction timer(__func__, PERF_DISK_WRITE_OP);
+  CountedWrite counted(m_state->space.counters(), WriteOperation::Write);
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: writing segment [%s] vol=%d secs=%lu sync=%d moveOnWrite=%d, force=%d",
          guid.c_str(), ctx.volume, sections.size(), sync, ctx.moveOnWrite, static_cast<int>(force));
   if (const CZuError error = beginChange(*m_state, ctx, guid, RM_CODE_LOCATION); error.IsError())
-    return error;
+    return counted.ends(error);
 
   AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   OpenSegmentInfo& segment = *open.getSegInfo();
   const KxCriticalSectionLock lock(&segment.lock);
-  return m_state->space.askForRoom(
-      writeInTurn(*m_state, ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION));
+  return counted.ends(m_state->space.askForRoom(
+      writeInTurn(*m_state, ctx, guid, sections, sync, force, segment, RM_CODE_LOCATION)));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -317,19 +319,21 @@ CZuError makeReplacement(DiskCacheState& engine, const std::string& temporary, c
 
 CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& guid,
                                    const std::vector<Section>& sections) try {
+  CountedWrite counted(m_state->space.counters(), WriteOperation::Replace);
   if (const CZuError error = checkNewGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   DC_LOG(LogLevel::Segment, "cache: writing segment %s vol=%d secs=%lu", guid.c_str(), ctx.volume,
          sections.size());
   if (const CZuError error = m_state->lru.touchSegment(guid, ctx.volume, ctx.dir, RM_CODE_LOCATION);
       error.IsError())
-    return error;
+    return counted.ends(error);
 
   AutoOpenSegment open(m_state->openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   std::string path;
   if (const int rc = m_state->migrator.claimWhole(path, guid, ctx.volume, ctx.dir); rc != 0)
-    return m_state->space.askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc));
+    return counted.ends(
+        m_state->space.askForRoom(RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(rc))));
   const bool known = !path.empty();  // below no root the file would land where the process happens to run
   appendSegmentPath(path, ctx.dir, guid);
   if (!known) {
@@ -339,11 +343,11 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
   if (const CZuError error =
           makeReplacement(*m_state, temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
       error.IsError())
-    return m_state->space.askForRoom(error);
+    return counted.ends(m_state->space.askForRoom(error));
   const CZuError error = RMFile::KXMoveFileEx(temporary, path, RMFile::MOVE_REPLACE_EXISTING);
-  if (!error.IsError()) return {};
-  return m_state->space.askForRoom(
-      pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str()));
+  if (!error.IsError()) return counted.ends({});
+  return counted.ends(m_state->space.askForRoom(
+      pushAndLog(error, RM_CODE_LOCATION, "Can't rename [%s] to [%s]", temporary.c_str(), path.c_str())));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }

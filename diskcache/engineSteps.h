@@ -14,6 +14,9 @@ namespace ObjectStore::engineStep {
 inline constexpr const char* autoOpenSegment =
     "ObjectStore::AutoOpenSegment::AutoOpenSegment(ObjectStore::DiskCache&, const ObjectStore::guid_t&)";
 inline constexpr const char* delayWriteToSegment = "void ObjectStore::DiskCache::delayWriteToSegment()";
+inline constexpr const char* addToLru =
+    "ObjectStore::CZuError ObjectStore::DiskcacheLRU::addToLru(const guid_t&, ObjectStore::VolIndex, const "
+    "std::string&)";
 inline constexpr const char* addVolume = "int ObjectStore::DiskCache::addVolume(const std::string&)";
 inline constexpr const char* clearCache = "ObjectStore::CZuError ObjectStore::DiskCache::clearCache()";
 inline constexpr const char* disableNewSegments =

@@ -60,7 +60,7 @@ bool SegmentPlaces::isInEitherPlace(const DiskCacheContext& ctx, const guid_t& g
 CZuError SegmentPlaces::claimPath(std::string& path, const guid_t& guid, VolIndex volume,
                                   const std::string& dir, const RMCodeLocation& where) {
   if (const int rc = m_migrator.claim(path, guid, volume, dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
+    return RMErrorUtil::ErrorErrNo(where, countedResult(rc));
   if (!path.empty()) appendSegmentPath(path, dir, guid);
   return {};
 }
@@ -71,7 +71,7 @@ CZuError SegmentPlaces::moveSegment(const DiskCacheContext& ctx, const guid_t& g
                                     const RMCodeLocation& where) {
   const AnnouncedMove announced(m_movesBegun, m_movesDone);
   if (const int rc = m_migrator.dropSourceCopy(guid, ctx.volume, dir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
+    return RMErrorUtil::ErrorErrNo(where, countedResult(rc));
   const int rc = m_migrator.move(source, target);
   if (rc == 0) return {};
   return failAt(where, LogLevel::Error, rc, "Error: can't rename [%s] to [%s]", source.c_str(),

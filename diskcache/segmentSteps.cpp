@@ -37,7 +37,7 @@ CZuError copyOverride(DiskCacheState& engine, const DiskCacheContext& ctx, const
   }
   std::string target;
   if (const int rc = engine.migrator.claim(target, guid, ctx.volume, ctx.nonprunableDir); rc != 0)
-    return RMErrorUtil::ErrorErrNo(where, rc);
+    return RMErrorUtil::ErrorErrNo(where, countedResult(rc));
   if (const CZuError error = makeSegmentPath(target, ctx.nonprunableDir, guid, where); error.IsError())
     return engine.space.askForRoom(error);
   const int rc = findFile(target);
@@ -53,6 +53,7 @@ CZuError copyOverride(DiskCacheState& engine, const DiskCacheContext& ctx, const
     return engine.space.askForRoom(pushAndLog(error, where, "Error: Can't copy file [%s] from [%s] to [%s]",
                                               guid.c_str(), source.c_str(), target.c_str()));
   }
+  engine.space.addFiles(1);
   long long size = 0;
   if (const CZuError error = RMFile::KXGetFileSize(target, size); error.IsError()) {
     return pushAndLog(error, where, "Error: can't get file size for [%s]: [%s]", target.c_str(),

@@ -1,6 +1,8 @@
 // A read-through client: readThrough CACHE_DIR FILE... reads files with eight threads, from the cache where it has
-// them. A file's version is its time of change: a changed file is another object.
+// them. A file's version is its time of change: a changed file is another object. With METRICS set in the environment
+// it writes the cache's figures to standard error.
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -34,5 +36,10 @@ int main(int argc, char** argv) {
   };
   for (std::jthread threads[8]; std::jthread & thread : threads) thread = std::jthread(work);
   std::cout << argc - 2 << " files, " << cache.metrics().originBytes << " bytes from the origin\n";
+  if (std::getenv("METRICS")) {  // a server would answer GET /metrics with this
+    std::string page;
+    cache.renderMetrics(page);
+    std::cerr << page;
+  }
   return failed > 0;
 }

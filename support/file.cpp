@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/directory.h"
+#include "support/log.h"
 
 namespace ObjectStore {
 
@@ -304,7 +305,7 @@ std::string_view takeLine(std::string_view& text) {
 CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target, int /*flags*/) {
   const auto appear = [&](const std::string& temporary) { return renameFile(temporary, target); };
   const int rc = copyBeside(source, target, false, appear);
-  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(rc));
 }
 
 CZuError RMFile::KXMoveFileEx(const std::string& source, const std::string& target, int flags) {
@@ -312,13 +313,14 @@ CZuError RMFile::KXMoveFileEx(const std::string& source, const std::string& targ
   errno = 0;
   const int rc = how == 0 ? rename(source.c_str(), target.c_str())
                           : renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), how);
-  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, lastError());
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(lastError()));
 }
 
 CZuError RMFile::KXGetFileSize(const std::string& path, long long& size) {
   struct stat status {};
   errno = 0;
-  if (stat(path.c_str(), &status) != 0) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, lastError());
+  if (stat(path.c_str(), &status) != 0)
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(lastError()));
   size = status.st_size;
   return {};
 }

@@ -37,11 +37,29 @@ void logAt(const RMCodeLocation& where, int level, const char* format, ...) {
   va_end(args);
 }
 
+namespace {
+
+std::array<std::atomic<uint64_t>, FAILURE_NUMBERS> g_failures{};
+
+}  // namespace
+
+void countFailure(int errNo, int level) noexcept {
+  if (errNo == ENOENT && level >= LogLevel::Segment) return;
+  const bool isKnown = errNo >= 0 && errNo < FAILURE_NUMBERS - 1;
+  g_failures[static_cast<size_t>(isKnown ? errNo : FAILURE_NUMBERS - 1)].fetch_add(1,
+                                                                                   std::memory_order_relaxed);
+}
+
+uint64_t failuresOf(int errNo) noexcept {
+  return g_failures[static_cast<size_t>(errNo)].load(std::memory_order_relaxed);
+}
+
 CZuError failAt(const RMCodeLocation& where, int level, int errNo, const char* format, ...) {
   va_list args;
   va_start(args, format);
   writeAt(where, level, format, args);
   va_end(args);
+  countFailure(errNo, level);
   return RMErrorUtil::ErrorErrNo(where, errNo);
 }
 
@@ -67,6 +85,7 @@ int numberOfException() noexcept {
 
 CZuError failWithException(const RMCodeLocation& where) noexcept {
   const int errNo = numberOfException();
+  countFailure(errNo);
   // Not through logAt: a line about memory must not ask for any.
   try {
     const char* text = errNo == ENOMEM ? "Error: out of memory" : "Error: unexpected exception";

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -56,9 +57,21 @@ inline bool isLogged(int level) { return g_ptrLogWriter && g_ptrLogWriter->getLe
        ? ::ObjectStore::g_ptrLogWriter->write((level), (where).operation, (where).line, 0, 0, __VA_ARGS__) \
        : static_cast<void>(0))
 
+// A failure's count by its number (0 to FAILURE_NUMBERS - 1; the last one: all others) in this process. Every
+// failure below counts once, where it is found, but for a file that is only traced as missing: a miss.
+inline constexpr int FAILURE_NUMBERS = 136;
+DISKCACHE_EXPORT void countFailure(int errNo, int level = LogLevel::Error) noexcept;
+uint64_t failuresOf(int errNo) noexcept;
+// Counts what a step that logs for itself has come to, 0 or a number, and gives it back.
+inline int countedResult(int rc) noexcept {
+  if (rc != 0) countFailure(rc);
+  return rc;
+}
+
 // Logs a failure and makes the error value for it: `return DC_FAIL(LogLevel::Error, err, "...", ...)`.
-#define DC_FAIL(level, errNo, ...) \
-  (DC_LOG(level, __VA_ARGS__), ::ObjectStore::RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, (errNo)))
+#define DC_FAIL(level, errNo, ...)                                            \
+  (DC_LOG(level, __VA_ARGS__), ::ObjectStore::countFailure((errNo), (level)), \
+   ::ObjectStore::RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, (errNo)))
 
 // The same two on behalf of an operation that calls a shared step: the line carries the caller's place.
 __attribute__((format(printf, 3, 4))) void logAt(const RMCodeLocation& where, int level, const char* format,

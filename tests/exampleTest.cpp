@@ -29,13 +29,15 @@ TEST(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {
     arguments += ' ' + path;
   }
   const auto run = [&] {
-    const std::string command = READ_THROUGH_PATH " " + (dir / "cache") + arguments + " >" + (dir / "out");
+    const std::string command = "METRICS=1 " READ_THROUGH_PATH " " + (dir / "cache") + arguments + " >" +
+                                (dir / "out") + " 2>" + (dir / "metrics");
     EXPECT_EQ(std::system(command.c_str()), 0);
     const std::string out = readFile(dir / "out");
     return out.substr(out.find("40 files"));
   };
   EXPECT_EQ(run(), "40 files, 190000 bytes from the origin\nhash size=20\n");
   EXPECT_EQ(run(), "40 files, 0 bytes from the origin\nhash size=20\n");
+  EXPECT_NE(readFile(dir / "metrics").find("\ndiskcache_segments 20\n"), std::string::npos);
   writeFile(dir / "file7", std::string(7000, 'y'));
   EXPECT_EQ(run(), "40 files, 7000 bytes from the origin\nhash size=21\n");
 }

@@ -220,7 +220,8 @@ TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
   writeFile(deep + "/too deep", "");
   const size_t descriptors = openDescriptors();
   log.setLevel(LogLevel::Info);
-  EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache))), "success");
+  uint64_t files = 0;
+  EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
   for (const char* child : {"a", "b", "c"}) {
     for (int i = 0; i < 20; ++i) EXPECT_TRUE(list().isInLru(std::to_string(i) + child, false));
   }
@@ -258,7 +259,8 @@ TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
     log.clear(), found.clear();
     FaultPlan plan;
     if (*c.call) plan.fail(c.call, c.nth, EIO);
-    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache))), "success");
+    uint64_t files = 0;
+    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(outcome(add("new")), "ENOSPC") << "asks for each in turn";
     std::set<std::string> tagged;

@@ -100,6 +100,7 @@ TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
   EXPECT_EQ(metric("diskcached_objects_total{result=\"hit\"}"), 3);
   EXPECT_EQ(metric("diskcached_objects_total{result=\"miss\"}"), 3);
   EXPECT_EQ(metric("diskcache_client_stored_blocks_total"), 3);
+  EXPECT_EQ(metric("diskcache_segments"), 3);
   EXPECT_EQ(nlohmann::json::parse(admin("/purge?prefix=p%2F", "POST").body)["purged"], 2);
   EXPECT_FALSE(get("/p/a").isHit());
   EXPECT_TRUE(get("/q").isHit());

@@ -85,7 +85,7 @@ constexpr Metric OF_THE_SERVER[] = {{"DC.PruningMode", "diskcache_mode_info"},
                                     {"DC.SegmentsInCache", "diskcache_segments"},
                                     {"DC.LRUEntriesMax", "diskcache_recency_list_entries_limit"},
                                     {"DC.LRUEntriesCur", "diskcache_recency_list_entries"}};
-constexpr Metric COUNTERS[] = {{"DC.numPruned", "diskcache_pruned_segments_total"},
+constexpr Metric COUNTERS[] = {{"DC.numPruned", "diskcache_evictions_total"},
                                {"DC.delayMs", "diskcache_write_delay_seconds_total"},
                                {"DC.errOutOfSpace", "diskcache_out_of_space_errors_total"}};
 

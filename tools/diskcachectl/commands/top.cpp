@@ -103,8 +103,7 @@ Rates ratesOf(const Sample& before, const Sample& after) {
   if (hits && misses) rates.hitRatio = quotient(hits, *hits + *misses);
   rates.diskBytes = since.perSecond({"diskcache_client_read_bytes_total"}, "from=\"disk\"");
   rates.originBytes = since.perSecond({"diskcache_client_read_bytes_total"}, "from=\"origin\"");
-  rates.evictions = since.perSecond({"diskcache_client_evicted_blocks_total", "diskcache_evictions_total",
-                                     "diskcache_pruned_segments_total"});
+  rates.evictions = since.perSecond({"diskcache_client_evicted_blocks_total", "diskcache_evictions_total"});
   rates.evictedAge = quotient(since.rise({"diskcache_client_evicted_age_seconds_sum"}),
                               since.rise({"diskcache_client_evicted_age_seconds_count"}));
   rates.delay =

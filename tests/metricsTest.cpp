@@ -1,0 +1,204 @@
+// The engine's page of metrics: each figure after operations whose outcome is known.
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+
+#include "diskcache/diskcacheSpace.h"
+#include "support/metricsText.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+#include "tests/support/metricsFault.h"
+#include "tests/support/smallFileSystem.h"
+
+namespace ObjectStore {
+namespace {
+
+class MetricsTest : public EngineTest {
+ protected:
+  MetricsTest() {
+    options.maxLruEntries = 5;
+    options.prunerCallback = [this](auto& /*dir*/, auto& /*path*/, auto& guid) { return remove(guid); };
+  }
+  void TearDown() override { cache.reset(); }
+
+  bool remove(const guid_t& guid, Recycle recycle = Recycle::No) {
+    return !cache->deleteSegment(ctx, guid, false, false, recycle).IsError();
+  }
+  std::string page() {
+    std::string text;
+    cache->renderMetrics(text);
+    EXPECT_EQ(faultOf(text), "") << text;
+    return '\n' + text;
+  }
+  // -1 for one that is not told.
+  double metric(const std::string& name) {
+    const std::string text = page();
+    const size_t at = text.find("\ndiskcache_" + name + ' ');
+    return at == std::string::npos ? -1
+                                   : std::stod(text.substr(text.find_last_of(' ', text.find('\n', at + 1))));
+  }
+  double writes(const std::string& operation, const std::string& outcome) {
+    return metric("writes_total{operation=\"" + operation + "\",outcome=\"" + outcome + "\"}");
+  }
+  // Of all engines in this process: only the difference tells.
+  double errors(int number) {
+    return std::max(
+        metric("errors_total{errno=\"" + std::to_string(number) + "\",name=\"" + outcome(number) + "\"}"),
+        0.0);
+  }
+  double ofVolume(const std::string& name) {
+    return metric("volume_" + name + "{index=\"1\",directory=\"" + MetricsText::escaped(volumes[0]) + "\"}");
+  }
+  // Segments on the disk, by a walk.
+  double segmentFiles() {
+    double files = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(volumes[0]))
+      files += entry.is_regular_file() && entry.path().string().find("/recycle/") == std::string::npos;
+    return files;
+  }
+
+  EngineOptions options;
+};
+
+TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
+  start(options);
+  using Figures = std::vector<double>;
+  const auto figures = [&] {
+    return Figures{metric("list_hits_total"),
+                   metric("list_misses_total"),
+                   metric("evictions_total{by=\"list\"}"),
+                   writes("create", "done"),
+                   writes("create", "no_room"),
+                   writes("create", "failed"),
+                   writes("write", "done"),
+                   writes("write", "failed"),
+                   writes("replace", "done"),
+                   errors(ENOENT),
+                   errors(EEXIST),
+                   errors(EINVAL),
+                   errors(ENOSPC)};
+  };
+  const auto write = [&](const guid_t& guid) {
+    return cache->writeSections(ctx, guid, {section(0, "TEXT")}, false, ForceDiskLoc::Default);
+  };
+  for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
+  std::vector<SectionPlace> places(1);
+  int fd = -1;
+  const struct {
+    const char* name;
+    std::function<CZuError()> call;
+    const char* outcome;
+    Figures risen;
+  } cases[] = {
+      {"a hit", [&] { return get("aaaa"), CZuError(); }, "success", {1}},
+      {"a miss, for which bbbb goes",
+       [&] { return get("none"), CZuError(); },
+       "success",
+       {0, 1, 1, 0, 0, 0, 0, 0, 0, 1}},
+      {"a miss that is asked for", [&] { return cache->openSection(fd, places, ctx, "gone"); }, "ENOENT", {}},
+      {"there already",
+       [&] { return create("aaaa", {section(0, "text")}); },
+       "EEXIST",
+       {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}},
+      {"a bad name", [&] { return create("a/b", {}); }, "EINVAL", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1}},
+      {"a write", [&] { return write("aaaa"); }, "success", {1, 0, 0, 0, 0, 0, 1}},
+      {"a write to none", [&] { return write("none"); }, "ENOENT", {1, 0, 0, 0, 0, 0, 0, 1, 0, 1}},
+      {"a replacement",
+       [&] { return cache->replaceSegment(ctx, "eeee", {section(0, "new")}); },
+       "success",
+       {1, 0, 0, 0, 0, 0, 0, 0, 1}},
+      {"a full cache, for which cccc goes",
+       [&] {
+         cache->setOutOfSpace(true);
+         CZuError error = create("ffff", {section(0, "text")});
+         cache->setOutOfSpace(false);
+         return error;
+       },
+       "ENOSPC",
+       {0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}},
+  };
+  for (const auto& c : cases) {
+    Figures expected = figures();
+    for (size_t i = 0; i < c.risen.size(); ++i) expected[i] += c.risen[i];
+    EXPECT_EQ(outcome(c.call()), c.outcome) << c.name;
+    EXPECT_EQ(figures(), expected) << c.name;
+  }
+  EXPECT_EQ(metric("segments"), 3);
+  EXPECT_EQ(metric("recency_list_entries"), 5);
+  EXPECT_EQ(metric("recency_list_entries_limit"), 5);
+  EXPECT_EQ(metric("high_watermark_ratio"), FAR_WM / 100.0);
+  EXPECT_EQ(metric("mode_info{mode=\"lru\"}"), 1);
+  Access::space(*cache).stats().delayMs += 1500;
+  EXPECT_EQ(metric("write_delay_seconds_total"), 1.5);
+}
+
+TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
+  options.maxLruEntries = 100;
+  ctx.useNonPrunableDir = true;
+  start(options);
+  const std::pair<const char*, std::function<void()>> steps[] = {
+      {"made",
+       [&] {
+         for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
+       }},
+      {"removed", [&] { remove("aaaa"); }},
+      {"copied", [&] { (void)cache->markDirty(ctx, "bbbb", false); }},
+      {"moved", [&] { (void)cache->markDirty(ctx, "cccc", true); }},
+      {"recycled", [&] { remove("dddd", Recycle::Yes); }},
+      {"restarted, beside what is no segment",
+       [&] {
+         for (const char* name : {"/marker", "/ctx/ab/cd/abcd.temp"}) writeFile(volumes[0] + name, "");
+         start(options);
+         for (const char* name : {"/marker", "/ctx/ab/cd/abcd.temp"})
+           std::filesystem::remove(volumes[0] + name);
+       }},
+      {"put back", [&] { (void)cache->moveToPrunable(ctx, "bbbb"); }},
+      {"copied again", [&] { (void)cache->markDirty(ctx, "bbbb", false); }},
+      {"both removed", [&] { remove("bbbb"); }},
+      {"cleared", [&] { (void)cache->clearCache(); }},
+      {"made anew", [&] { put("aaaa", "text"); }},
+  };
+  for (const auto& [name, step] : steps) {
+    step();
+    EXPECT_EQ(metric("segments"), segmentFiles()) << name;
+  }
+  remove("aaaa");
+  writeFile(pathOf("0123"), "by nobody's leave");
+  remove("0123");
+  EXPECT_NE(page().find("\ndiskcache_segments -1\n"), std::string::npos) << "signed";
+  options.mode = PruningMode::Random;  // where nobody counts what is there
+  start(options);
+  EXPECT_EQ(page().find("diskcache_segments"), std::string::npos);
+  EXPECT_EQ(metric("mode_info{mode=\"random\"}"), 1);
+}
+
+TEST_F(MetricsTest, AVolumeIsToldAsItIsNow) {
+  SmallFileSystem disk(8, SmallFileSystem::TMPFS, 100);
+  SKIP_WITHOUT(disk);
+  options.volumesIn = disk / "a \"b\\c";
+  start(options);
+  EXPECT_EQ(ofVolume("has_room"), 1);
+  EXPECT_EQ(ofVolume("capacity_bytes"), 8 << 20);
+  EXPECT_EQ(ofVolume("reserved_bytes"), (8 << 20) / 20);
+  EXPECT_EQ(ofVolume("inodes"), 100);
+  const double inodes = ofVolume("free_inodes");
+  writeFile(disk / "ballast", std::string(std::filesystem::space(disk.path()).available, 'b'));
+  EXPECT_EQ(ofVolume("free_bytes"), 0);
+  EXPECT_EQ(ofVolume("free_inodes"), inodes - 1);
+  EXPECT_EQ(ofVolume("has_room"), 0);
+  const double refused = errors(ENOSPC);
+  EXPECT_EQ(outcome(create("aaaa", {section(0, "text")})), "ENOSPC");
+  EXPECT_EQ(writes("create", "no_room"), 1);
+  EXPECT_EQ(metric("out_of_space_errors_total"), 1);
+  EXPECT_EQ(errors(ENOSPC), refused + 1);
+
+  FaultPlan plan;
+  plan.failAlways("statvfs", EIO);
+  EXPECT_EQ(ofVolume("present"), 0);
+  EXPECT_EQ(ofVolume("free_bytes"), -1);
+  plan.clearFaults();
+  EXPECT_EQ(ofVolume("present"), 1);
+}
+
+}  // namespace
+}  // namespace ObjectStore
