@@ -82,6 +82,38 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   EXPECT_EQ(line["client"], "127.0.0.1");
 }
 
+TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
+  const std::string config = dir / "config";
+  const auto hits = [&] {
+    int count = 0;
+    for (int i = 0; i < 20; ++i) count += get("/o" + std::to_string(i)).isHit() ? 1 : 0;
+    return count;
+  };
+  const auto used = [&] { return metric("diskcache_client_used_bytes"); };
+  for (int i = 0; i < 20; ++i) store.put("o" + std::to_string(i), bytesOf("bound", 60'000));
+  leftToConfig = "max-bytes";
+  writeFile(config, "max-bytes = \"1G\"\n");
+  start({"--config=" + config});
+  hits();
+  EXPECT_EQ(hits(), 20);
+  EXPECT_GE(used(), 20 * 60'000);
+  const auto reload = [&](const std::string& size, uint64_t bytes) {
+    writeFile(config, "max-bytes = \"" + size + "\"\n");
+    server->tell(SIGHUP);
+    EXPECT_TRUE(
+        eventually([&] { return nlohmann::json::parse(admin("/status").body)["max_bytes"] == bytes; }));
+  };
+  reload("512K", 512 << 10);
+  EXPECT_TRUE(eventually([&] { return used() <= 512 << 10; })) << used();
+  EXPECT_GE(used(), 60'000);  // no more is given up than must be
+  hits();
+  EXPECT_LE(used(), 512 << 10);
+  reload("2G", uint64_t{2} << 30);
+  hits();
+  EXPECT_EQ(hits(), 20);
+  EXPECT_EQ(logged().find("next start"), std::string::npos);
+}
+
 TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
   start();
   for (const std::string name : {"p/a", "p/b", "q"}) {

@@ -119,6 +119,9 @@ class ServerTest : public ::testing::Test {
                                     "--listen=127.0.0.1:0",
                                     "--admin=127.0.0.1:0",
                                     "--memory=64M"};
+    std::erase_if(all, [&](const std::string& usual) {
+      return !leftToConfig.empty() && usual.starts_with("--" + leftToConfig + '=');
+    });
     // An option given again takes the place of the usual one.
     for (const std::string& option : more) {
       std::erase_if(all, [&](const std::string& usual) {
@@ -165,6 +168,7 @@ class ServerTest : public ::testing::Test {
   Store store{dir};
   std::string volume = dir / "volume";
   std::vector<std::string> environment;
+  std::string leftToConfig;  // the name of a usual option that is not given
   std::unique_ptr<Process> server;
   uint16_t port = 0, adminPort = 0;
 

@@ -122,6 +122,7 @@ class Server {
       keepWhatCannotChange(*running);
       m_log.setLevel(running->logLevel);
       m_service.change(running, std::move(credentials));
+      m_cache.setMaxBytes(running->maxBytes);
       DC_LOG(Notice, "the configuration was read anew");
     } catch (const BadOptions& error) {
       DC_LOG(Error, "Error: the configuration stays as it was: %s", error.what());
@@ -134,7 +135,6 @@ class Server {
     wanted.origin = running->origin;
     wanted.root = running->root;
     wanted.volumes = running->volumes;
-    wanted.maxBytes = running->maxBytes;
     wanted.blockSize = running->blockSize;
     wanted.writeBack = running->writeBack;
     wanted.listen = running->listen;

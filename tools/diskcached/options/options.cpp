@@ -236,7 +236,6 @@ std::vector<std::string> needRestart(const Options& running, const Options& want
   compare("origin", running.origin, wanted.origin);
   compare("root", running.root, wanted.root);
   compare("volume", running.volumes, wanted.volumes);
-  compare("max-bytes", running.maxBytes, wanted.maxBytes);
   compare("block-size", running.blockSize, wanted.blockSize);
   compare("reserve", running.reserve, wanted.reserve);
   compare("mode", running.mode, wanted.mode);
