@@ -18,7 +18,8 @@ namespace {
 using workload::mix;
 
 constexpr uint32_t OBJECTS = 200'000;
-constexpr uint64_t REQUESTS = 2'000'000;  // the first half warms up and is not counted
+constexpr uint64_t REQUESTS = 2'000'000;
+constexpr uint64_t WARMING = REQUESTS / 2;  // not counted
 constexpr double EXPONENT = 0.9;
 constexpr double MEDIAN_SIZE = 128 << 10, SIGMA = 1.5;  // log-normal
 constexpr unsigned IN_FLIGHT = 16;                      // requests for each node at any time
@@ -123,13 +124,13 @@ Outcome run(const Trace& trace, const Ring& ring, unsigned nodes, uint64_t bytes
     slot = node;
     ++inFlight[node];
     const bool isHit = caches[node].ask(object, trace.sizes);
-    if (n < REQUESTS / 2) continue;
+    if (n < WARMING) continue;
     hits += isHit ? 1 : 0;
     ++asked[node];
   }
-  const double counted = REQUESTS - REQUESTS / 2;
+  constexpr auto COUNTED = static_cast<double>(REQUESTS - WARMING);
   const auto busiest = static_cast<double>(*std::max_element(asked.begin(), asked.end()));
-  return {static_cast<double>(hits) / counted, busiest * nodes / counted};
+  return {static_cast<double>(hits) / COUNTED, busiest * nodes / COUNTED};
 }
 
 // The share of objects that belong to another node when there are `after` nodes instead of `before`.
