@@ -5,6 +5,7 @@
 #include <malloc.h>
 
 #include <cerrno>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <set>
@@ -128,6 +129,99 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
   }
 }
 
+// A known segment keeps the volume and the directory that it came with, and so the client is asked.
+TEST_F(LruTest, AnEntryKeepsWhereItWasFirstSeen) {
+  EngineOptions options;
+  options.volumes = 2;
+  options.maxLruEntries = 5;
+  Texts told;
+  options.prunerCallback = [&](auto& name, auto& path, auto& guid) {
+    told = {name, path, guid};
+    return true;
+  };
+  start(options);
+  DiskCacheContext other = makeContext("other");
+  (void)cache->registerContext(other);
+  for (const VolIndex volume : {VolIndex{2}, VolIndex{1}})
+    EXPECT_EQ(outcome(list().addToLru("first", volume, volume == 2 ? "ctx" : "other")), "success");
+  for (const char* guid : {"b", "c", "d", "e", "f"}) EXPECT_EQ(outcome(add(guid)), "success");
+  EXPECT_EQ(told, (Texts{"ctx", volumes[1] + "/ctx/fi/rs/first", "first"}));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "successfully pruned: [first]"));
+  std::map<std::string, std::string> status;
+  list().getStatus(status);
+  EXPECT_EQ(status["DC.LRUEntriesMax"] + status["DC.LRUEntriesCur"], "55");
+}
+
+// Whichever operation touches the list does so before it looks at a file, also of a segment that is not there.
+TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
+  const std::string text = "text";
+  const std::vector<Section> in{section(0, text)};
+  std::vector<Section> out = in;
+  std::vector<SectionV> all;
+  std::vector<unsigned char> data;
+  uint64_t size = 0;
+  const auto read = [&](bool touches) { return cache->readSections(ctx, "abcd", out, touches); };
+  const struct {
+    const char* name;
+    bool touches;
+    std::function<CZuError()> call;
+  } cases[] = {
+      {"readSections", true, [&] { return read(true); }},
+      {"readSections, quietly", false, [&] { return read(false); }},
+      {"readAllSections", true, [&] { return all.clear(), cache->readAllSections(ctx, "abcd", all); }},
+      {"readCompleteSection", true, [&] { return cache->readCompleteSection(ctx, "abcd", 0, data); }},
+      {"getSectionSize", false, [&] { return cache->getSectionSize(size, ctx, "abcd", 0, 0); }},
+      {"doesSegmentExist", false, [&] { return cache->doesSegmentExist(ctx, "abcd"), CZuError(); }},
+      {"getOverriddenSegment", false, [&] { return cache->getOverriddenSegment(ctx, "abcd"), CZuError(); }},
+      {"IsSegmentOpened", false, [&] { return cache->IsSegmentOpened("abcd"), CZuError(); }},
+      {"createSegment", true, [&] { return create("abcd", in); }},
+      {"writeSections", true,
+       [&] { return cache->writeSections(ctx, "abcd", in, false, ForceDiskLoc::Default); }},
+      {"replaceSegment", true, [&] { return cache->replaceSegment(ctx, "abcd", in); }},
+      {"truncateSection", true, [&] { return cache->truncateSection(ctx, "abcd", 0, 0, 1); }},
+      {"syncSegment", true, [&] { return cache->syncSegment(ctx, "abcd"); }},
+      {"markDirty", true, [&] { return cache->markDirty(ctx, "abcd", false); }},
+      {"moveToPrunable", true, [&] { return cache->moveToPrunable(ctx, "abcd"); }},
+      {"deleteSegment", false, [&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); }},
+  };
+  startWith([](auto&&...) { return false; });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove(pathOf("abcd"));
+    list().clearLru();
+    (void)c.call();
+    EXPECT_EQ(order(), c.touches ? "abcd" : "") << "of a segment that is not there";
+    list().clearLru();
+    if (!isCached("abcd")) put("abcd", text);
+    for (const char* guid : {"abcd", "newer"}) (void)add(guid);
+    (void)c.call();
+    EXPECT_EQ(order(), c.touches ? "abcdnewer" : "newerabcd");
+    list().clearLru();
+    list().init(1);
+    (void)add("kept");
+    log.clear();
+    const FaultPlan plan;
+    EXPECT_EQ(outcome(c.call()) == "ENOSPC", c.touches);
+    EXPECT_EQ(order(), "kept");
+    list().init(5);
+    if (!c.touches) continue;
+    EXPECT_EQ(plan.count("open") + plan.count("access"), 0U);
+    const std::string line = log.takeTexts(LogLevel::Error).back();
+    const char* const part = c.name == std::string("createSegment") ? "Error: Can't insert into LRU: [abcd]"
+                                                                    : "Error: can't add [abcd] to LRU";
+    EXPECT_NE(line.find(part), line.npos) << line;
+  }
+}
+
+TEST_F(LruTest, ItTestsItselfAndLeavesTheListAsItWas) {
+  startWith({});
+  EXPECT_EQ(outcome(add("a")), "success");
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(list().testLru());
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("\ntestLru-1\ntestLru-2\na\n"), std::string::npos);
+  EXPECT_EQ(order(), "a");
+}
+
 TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {
   const auto heap = [] {
     const struct mallinfo2 info = mallinfo2();
@@ -232,6 +326,74 @@ TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
       log.has(LogLevel::Error, "Error: [" + deepest + "] is more than 64 directories deep, not scanned"));
   for (const LogLine& line : log.take())
     EXPECT_EQ(line.operation.find("scanEntries"), line.operation.npos) << line.operation;
+}
+
+// What init makes of the bound, and of what lies on the volumes; a volume that cannot be listed ends it.
+TEST_F(LruTest, InitBoundsTheListAndScansInModeLruOnly) {
+  const struct {
+    PruningMode mode;
+    uint64_t asked;
+    const char* failing;
+    std::string result, bound, entries;
+  } cases[] = {{PruningMode::Lru, 0, "", "success", "5", "4"},
+               {PruningMode::Lru, 4, "", "success", "5", "4"},
+               {PruningMode::Lru, 6, "", "success", "6", "4"},
+               {PruningMode::Random, 5, "", "success", "5", "0"},
+               {PruningMode::Lru, 7, "opendir", "EIO", "7", "0"}};
+  const Texts dirs = {dir / "vol1", dir / "vol2"};
+  for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol2/u", "/vol2/b/v"})
+    writeFile(dir.path() + file, "");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.asked << c.failing);
+    log.clear();
+    cache = std::make_unique<DiskCache>(PersistentVolumes::No);
+    FaultPlan plan;
+    if (*c.failing) plan.fail(c.failing, 1, EIO);
+    EXPECT_EQ(outcome(cache->init(dir / "root", dirs, FAR_WM, FAR_WM, FAR_WM, c.asked, nullptr, c.mode)),
+              c.result);
+    EXPECT_EQ(log.has(LogLevel::Setup, "maxLruEntries set too low, setting to 5"), c.asked < 5);
+    EXPECT_EQ(log.has(LogLevel::Notice, "scanning segments"), c.mode == PruningMode::Lru);
+    EXPECT_EQ(log.has(LogLevel::Segment, "Finished scanning segments"),
+              c.mode == PruningMode::Lru && c.result == "success");
+    std::map<std::string, std::string> status;
+    cache->getStatus(status);
+    EXPECT_EQ(status["DC.LRUEntriesMax"], c.bound);
+    EXPECT_EQ(status["DC.LRUEntriesCur"], c.entries);
+    VolIndex volume = 0;
+    if (c.entries == "4") {
+      EXPECT_TRUE(list().findVolume("s", volume) && volume == 1);
+      EXPECT_TRUE(list().findVolume("v", volume) && volume == 2);
+    }
+    // The migrator is the last to be made ready.
+    EXPECT_EQ(outcome(cache->migrate(1, "", dir / "vol3")), "EINVAL");
+    EXPECT_EQ(cache->migrate(1, dirs[0], dir / "vol3") == 0, c.result == "success");
+  }
+}
+
+// With one volume its number is filled in at every registration, with two the client's own stays.
+TEST_F(LruTest, RegisteringFillsInTheOnlyVolume) {
+  for (const unsigned count : {1U, 2U}) {
+    EngineOptions options;
+    options.volumes = count;
+    start(options);
+    for (int refs = 1; refs <= 2; ++refs) {
+      DiskCacheContext other = makeContext("other");
+      other.volume = 7;
+      log.clear();
+      EXPECT_EQ(outcome(cache->registerContext(other)), "success");
+      EXPECT_EQ(other.volume, count == 1 ? 1 : 7);
+      EXPECT_TRUE(other.registered);
+      EXPECT_EQ(log.has(LogLevel::Setup, "assigning volume 1"), count == 1);
+      EXPECT_TRUE(refs == 1 ? log.has(LogLevel::Setup, "ctxt [other] refCount [1]")
+                            : log.has(LogLevel::Info, "Info: dir [other] already registered. refCount [2]"));
+    }
+    DiskCacheContext gone = makeContext("other");
+    gone.registered = true;
+    gone.volume = 9;
+    EXPECT_EQ(outcome(cache->unregisterContext(gone)), "success");
+    EXPECT_TRUE(log.has(LogLevel::Setup, "ctxt [other] refCount [1]"));
+    EXPECT_TRUE(!gone.registered && gone.volume == 9);
+  }
 }
 
 TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
