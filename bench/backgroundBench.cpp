@@ -129,7 +129,8 @@ void compareScan(Figures& figures, DiskcacheLRU& list, const std::string& top) {
   const double bare = secondsOf([&] { require(walkByPath(top, stat) == FILES, "files"); });
   const double scanned = secondsOf([&] {
     list.clearLru();
-    require(scanDirForSegments(list, top, 1, "ctx") == 0, "scan");
+    uint64_t files = 0;
+    require(scanDirForSegments(list, top, 1, "ctx", files) == 0, "scan");
   });
   figures["diskcache/speed"] = bare / scanned;
   figures["diskcache/ms"] = scanned * 1e3;

@@ -1,6 +1,7 @@
 // Section records: changing them in place, finding the last one, room for new ones, and what is accounted.
 #include <sys/stat.h>
 
+#include <functional>
 #include <future>
 #include <tuple>
 
@@ -118,6 +119,74 @@ TEST_F(FormatTest, AllocatedBytesAreAccounted) {
   EXPECT_EQ(outcome(create("abce", {})), "ENOSPC");
   EXPECT_TRUE(log.has(LogLevel::Segment, "simulating out of space"));
   EXPECT_EQ(Access::space(*cache).used() - before, allocated());
+}
+
+// How often each operation starts and stops each counter, on a segment of types 3 and 0, then 1 as well.
+TEST_F(FormatTest, OperationsTimeTheirCallsUnderTheCountersTheyAreKnownBy) {
+  const std::string text = "0123456789";
+  std::vector<Section> one{section(0, text)};
+  const std::vector<Section> two{section(3, text), section(0, text)}, other{section(1, text)};
+  std::vector<SectionV> all;
+  std::vector<unsigned char> data;
+  uint64_t size = 0;
+  const std::pair<std::function<CZuError()>, const char*> cases[] = {
+      {[&] { return cache->createSegment(ctx, "abcd", two, true, false, false); },
+       "Sync 1 DiskWrite 7 Open 1 Seek 2 Close 1 "},
+      {[&] { return cache->writeSections(ctx, "abcd", one, false, ForceDiskLoc::Default); },
+       "diskWrite 1 DiskRead 2 DiskWrite 2 Open 1 Close 1 "},
+      {[&] { return cache->writeSections(ctx, "abcd", other, true, ForceDiskLoc::Default); },
+       "diskWrite 1 Sync 1 DiskRead 1 DiskWrite 3 Open 1 Seek 1 Close 1 "},
+      {[&] { return cache->readSections(ctx, "abcd", one, true); }, "diskRead 1 DiskRead 3 Open 1 "},
+      {[&] { return cache->readAllSections(ctx, "abcd", all); },  // the header's read counts as a write
+       "diskRead 1 DiskRead 6 DiskWrite 1 Open 1 Seek 3 "},
+      {[&] { return cache->readCompleteSection(ctx, "abcd", 0, data); }, "diskRead 1 DiskRead 3 Open 1 "},
+      {[&] { return cache->getSectionSize(size, ctx, "abcd", 0, 0); }, "DiskRead 2 Open 1 "},
+      {[&] { return cache->doesSegmentExist(ctx, "abcd") ? CZuError() : CZuError(); }, ""},
+      {[&] { return cache->truncateSection(ctx, "abcd", 1, 0, 4); },  // reads the front that it may put back
+       "DiskRead 2 DiskWrite 2 Open 1 Close 1 "},
+      {[&] { return cache->syncSegment(ctx, "abcd"); }, "Sync 1 Open 1 Close 1 "},
+      {[&] { return cache->replaceSegment(ctx, "abcd", one); }, "DiskWrite 4 Open 1 Seek 1 Close 1 "},
+      {[&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); }, "Fstat 1 "}};
+  start();
+  for (const auto& [call, timed] : cases) {
+    ThrdPerfCounter counter;
+    counter.enable(true);
+    g_object_store_counter = &counter;
+    g_object_store_enable_perf = true;
+    EXPECT_EQ(outcome(call()), "success") << timed;
+    g_object_store_enable_perf = false;
+    g_object_store_counter = nullptr;
+    std::string seen;
+    for (const auto& row : counter.table())
+      seen +=
+          row.name.substr(row.name.starts_with("DiskCache") ? 9 : 0) + ' ' + std::to_string(row.count) + ' ';
+    EXPECT_EQ(seen, timed);
+  }
+}
+
+// Both forms of a header's writer write the same bytes, and tell when they cannot.
+TEST_F(FormatTest, TheHeaderIsWrittenAlikeToAStream) {
+  start();
+  const std::string path = dir / "header";
+  std::FILE* stream = std::fopen(path.c_str(), "wb");
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(outcome(writeSegmentHeader(stream)), "success");
+  std::fclose(stream);
+  EXPECT_EQ(readFile(path), std::string("\xdc\xdc\x01\0", 4) + std::string(132, '\0'));
+  EXPECT_EQ(outcome(create("empty", {})), "success");
+  EXPECT_EQ(bytesOf("empty"), readFile(path));
+  stream = std::fopen(path.c_str(), "rb");
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(outcome(writeSegmentHeader(stream)), "EBADF");
+  std::fclose(stream);
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), std::vector<std::string>{"Error: Can't write header (9)"});
+  EXPECT_TRUE(cache->checkAccess(ctx, "empty", 0, nullptr) && cache->checkAccess(ctx, "none", ~0U, nullptr));
+  EXPECT_EQ(outcome(cache->setSparseFileAttribute(ctx, "none")), "success");
+  EXPECT_FALSE(cache->IsSegmentOpened("empty"));
+  const unsigned desc = cache->openSegment("empty");
+  EXPECT_TRUE(cache->IsSegmentOpened("empty") && !cache->IsSegmentOpened("none"));
+  cache->closeSegment(desc);
+  EXPECT_FALSE(cache->IsSegmentOpened("empty"));
 }
 
 }  // namespace

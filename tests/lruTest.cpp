@@ -1,18 +1,16 @@
-// The recency list and the start-up scan that fills it.
+// The recency list.
 #include "diskcache/diskcacheLru.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <cerrno>
+#include <functional>
 #include <iostream>
 #include <random>
-#include <set>
 #include <sstream>
 
-#include "diskcache/diskcacheScan.h"
 #include "diskcache/diskcacheSpace.h"
-#include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 
@@ -128,6 +126,101 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
   }
 }
 
+// A known segment keeps the volume and the directory that it came with, and so the client is asked.
+TEST_F(LruTest, AnEntryKeepsWhereItWasFirstSeen) {
+  EngineOptions options;
+  options.volumes = 2;
+  options.maxLruEntries = 5;
+  Texts told;
+  options.prunerCallback = [&](auto& name, auto& path, auto& guid) {
+    told = {name, path, guid};
+    return true;
+  };
+  start(options);
+  DiskCacheContext other = makeContext("other");
+  (void)cache->registerContext(other);
+  for (const VolIndex volume : {VolIndex{2}, VolIndex{1}})
+    EXPECT_EQ(outcome(list().addToLru("first", volume, volume == 2 ? "ctx" : "other")), "success");
+  for (const char* guid : {"b", "c", "d", "e", "f"}) EXPECT_EQ(outcome(add(guid)), "success");
+  EXPECT_EQ(told, (Texts{"ctx", volumes[1] + "/ctx/fi/rs/first", "first"}));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "successfully pruned: [first]"));
+  std::map<std::string, std::string> status;
+  list().getStatus(status);
+  EXPECT_EQ(status["DC.LRUEntriesMax"] + status["DC.LRUEntriesCur"], "55");
+}
+
+// Whichever operation touches the list does so before it looks at a file, also of a segment that is not there.
+TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
+  const std::string text = "text";
+  const std::vector<Section> in{section(0, text)};
+  std::vector<Section> out = in;
+  std::vector<SectionV> all;
+  std::vector<unsigned char> data;
+  uint64_t size = 0;
+  const auto read = [&](bool touches) { return cache->readSections(ctx, "abcd", out, touches); };
+  const struct {
+    const char* name;
+    bool touches;
+    std::function<CZuError()> call;
+  } cases[] = {
+      {"readSections", true, [&] { return read(true); }},
+      {"readSections, quietly", false, [&] { return read(false); }},
+      {"readAllSections", true, [&] { return all.clear(), cache->readAllSections(ctx, "abcd", all); }},
+      {"readCompleteSection", true, [&] { return cache->readCompleteSection(ctx, "abcd", 0, data); }},
+      {"getSectionSize", false, [&] { return cache->getSectionSize(size, ctx, "abcd", 0, 0); }},
+      {"doesSegmentExist", false, [&] { return cache->doesSegmentExist(ctx, "abcd"), CZuError(); }},
+      {"getOverriddenSegment", false, [&] { return cache->getOverriddenSegment(ctx, "abcd"), CZuError(); }},
+      {"IsSegmentOpened", false, [&] { return cache->IsSegmentOpened("abcd"), CZuError(); }},
+      {"createSegment", true, [&] { return create("abcd", in); }},
+      {"writeSections", true,
+       [&] { return cache->writeSections(ctx, "abcd", in, false, ForceDiskLoc::Default); }},
+      {"replaceSegment", true, [&] { return cache->replaceSegment(ctx, "abcd", in); }},
+      {"truncateSection", true, [&] { return cache->truncateSection(ctx, "abcd", 0, 0, 1); }},
+      {"syncSegment", true, [&] { return cache->syncSegment(ctx, "abcd"); }},
+      {"markDirty", true, [&] { return cache->markDirty(ctx, "abcd", false); }},
+      {"moveToPrunable", true, [&] { return cache->moveToPrunable(ctx, "abcd"); }},
+      {"deleteSegment", false, [&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); }},
+  };
+  startWith([](auto&&...) { return false; });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove(pathOf("abcd"));
+    list().clearLru();
+    (void)c.call();
+    EXPECT_EQ(order(), c.touches ? "abcd" : "") << "of a segment that is not there";
+    list().clearLru();
+    if (!isCached("abcd")) put("abcd", text);
+    for (const char* guid : {"abcd", "newer"}) (void)add(guid);
+    (void)c.call();
+    EXPECT_EQ(order(), c.touches ? "abcdnewer" : "newerabcd");
+    list().clearLru();
+    list().init(1);
+    (void)add("kept");
+    log.clear();
+    const FaultPlan plan;
+    EXPECT_EQ(outcome(c.call()) == "ENOSPC", c.touches);
+    EXPECT_EQ(order(), "kept");
+    list().init(5);
+    if (!c.touches) continue;
+    EXPECT_EQ(plan.count("open") + plan.count("access"), 0U);
+    std::string lines;
+    for (const std::string& line : log.takeTexts(LogLevel::Error)) lines += line + '\n';
+    const bool creates = c.name == std::string("createSegment");
+    const char* const part =
+        creates ? "Error: Can't insert into LRU: [abcd]" : "Error: can't add [abcd] to LRU";
+    EXPECT_NE(lines.find(part), lines.npos) << lines;
+  }
+}
+
+TEST_F(LruTest, ItTestsItselfAndLeavesTheListAsItWas) {
+  startWith({});
+  EXPECT_EQ(outcome(add("a")), "success");
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(list().testLru());
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("\ntestLru-1\ntestLru-2\na\n"), std::string::npos);
+  EXPECT_EQ(order(), "a");
+}
+
 TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {
   const auto heap = [] {
     const struct mallinfo2 info = mallinfo2();
@@ -202,71 +295,6 @@ TEST_F(LruTest, GivesUpTheOldestAskedForAndTellsWithoutCounting) {
   list().clearLru();
   EXPECT_EQ(outcome(list().giveUpOldest(2, given)), "success");
   EXPECT_EQ(given, 0U);
-}
-
-TEST_F(LruTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
-  namespace fs = std::filesystem;
-  EngineOptions options;
-  start(options);
-  for (const char* child : {"a", "b", "c"}) {
-    const std::string below = volumes[0] + '/' + child;
-    for (int i = 0; i < 20; ++i) writeFile(below + '/' + std::to_string(i) + child, "");
-    for (const char* other : {"a", "b", "c"})
-      fs::create_directory_symlink("../" + std::string(other), below + "/to-" + other);
-    fs::create_directory_symlink("..", below + "/up");
-  }
-  std::string deep = volumes[0] + "/deep";
-  for (int i = 0; i < 80; ++i) deep += "/d";
-  writeFile(deep + "/too deep", "");
-  const size_t descriptors = openDescriptors();
-  log.setLevel(LogLevel::Info);
-  uint64_t files = 0;
-  EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
-  for (const char* child : {"a", "b", "c"}) {
-    for (int i = 0; i < 20; ++i) EXPECT_TRUE(list().isInLru(std::to_string(i) + child, false));
-  }
-  EXPECT_FALSE(list().isInLru("too deep", false));
-  EXPECT_EQ(openDescriptors(), descriptors);
-  const std::string deepest = deep.substr(0, deep.size() - 2 * (80 - 64 + 1 - 1));
-  EXPECT_TRUE(log.has(LogLevel::Info, "Info: [" + volumes[0] + "/a/up] leads back up, not scanned"));
-  EXPECT_TRUE(
-      log.has(LogLevel::Error, "Error: [" + deepest + "] is more than 64 directories deep, not scanned"));
-  for (const LogLine& line : log.take())
-    EXPECT_EQ(line.operation.find("scanEntries"), line.operation.npos) << line.operation;
-}
-
-TEST_F(LruTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
-  for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol1/u"}) writeFile(dir.path() + file, "");
-  startWith({});
-  std::set<std::string> found;
-  ctx.prunerCallback = [&](auto&, auto& path, auto&) { return found.insert(path), false; };
-  for (const char* child : {"a", "recycle", "u"}) ctx.dir = child, (void)cache->registerContext(ctx);
-  Texts children;
-  readChildren(children, volumes[0]);
-  const struct {
-    const char* call;
-    size_t nth, tag;
-    Texts failures;
-  } cases[] = {
-      {"", 0, 0, {}},
-      {"opendir", 2, 1, {"Error: can't open directory [" + volumes[0] + "] (5)"}},
-      {"fstatat", 1, 1, {"Error: can't stat [" + volumes[0] + '/' + children[0] + "] (5)"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.call);
-    list().clearLru();
-    list().init(3);
-    log.clear(), found.clear();
-    FaultPlan plan;
-    if (*c.call) plan.fail(c.call, c.nth, EIO);
-    uint64_t files = 0;
-    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
-    EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(outcome(add("new")), "ENOSPC") << "asks for each in turn";
-    std::set<std::string> tagged;
-    for (const char* file : {"s", "t", "u"}) tagged.insert(cache->guid2path(file, 1, children[c.tag]));
-    EXPECT_EQ(found, tagged);
-  }
 }
 
 }  // namespace

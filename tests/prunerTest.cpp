@@ -111,6 +111,71 @@ TEST_F(PrunerTest, AWalkLeavesReplacementsAndNonPrunableDirectoriesAlone) {
   EXPECT_FALSE(fs::exists(top));
 }
 
+// As if shuffled by hand: each place from the second on changes with the one that rand() names.
+TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
+  const auto shuffled = [](Texts items) {
+    for (size_t i = 1; i < items.size(); ++i)
+      std::swap(items[i], items[static_cast<size_t>(rand()) % (i + 1)]);
+    return items;
+  };
+  options.lowWM = 0;
+  options.volumes = 4;
+  start(options);
+  Access::setSpace(*cache, 1, 100);
+  for (const char* name : {"a", "b", "d"}) {
+    DiskCacheContext other = makeContext(name);
+    (void)cache->registerContext(other);
+  }
+  for (const unsigned seed : {1U, 2U, 3U}) {
+    srand(seed);
+    Texts expected;
+    for (const std::string& volume : shuffled(volumes)) {
+      for (const std::string& name : shuffled({"a", "b", "ctx", "d"})) {
+        expected.push_back("pruning in [" + volume + '/' + name + "] [" + name + ']');
+        expected.push_back("can't open directory " + volume + '/' + name + " (2)");
+      }
+    }
+    log.clear();
+    srand(seed);
+    EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+    Texts seen = log.takeTexts(LogLevel::Segment);
+    std::erase_if(seen, [](auto& line) { return line.starts_with("pruning in vol") || line[0] == 'd'; });
+    EXPECT_EQ(seen, expected);
+  }
+}
+
+TEST_F(PrunerTest, AnEntryThatCannotBeSeenEndsItsBranchOnlyAndRecencyStaysAsItIs) {
+  options.lowWM = 0;
+  options.prunerCallback = [](auto&, const std::string& path, auto&) { return fs::remove(path); };
+  start(options);
+  DiskCacheContext other = makeContext("other"), silent = makeContext("silent");
+  other.prunerCallback = options.prunerCallback;
+  for (DiskCacheContext* c : {&other, &silent}) (void)cache->registerContext(*c);
+  const Texts files = {"/ctx/aa/1", "/other/aa/1", "/silent/aa/1"};
+  for (const std::string& file : files) writeFile(volumes[0] + file, "x");
+  for (const char* guid : {"oldest", "newest"}) put(guid, "text");
+  fs::remove(pathOf("newest"));  // so that only the oldest is met
+  Access::setSpace(*cache, 1, 100);
+  FaultPlan plan;
+  plan.fail("fstatat", 1, EACCES);  // the first entry of whichever directory comes first
+  EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+  EXPECT_EQ(log.takeTexts(LogLevel::Error).size(), 1U);
+  for (const std::string& file : files) writeFile(volumes[0] + file, "x");
+  const auto counted = [&] { return Access::space(*cache).stats().numPruned.value(); };
+  const uint64_t before = counted();
+  EXPECT_GE(before, 1U) << "the other branches were walked";
+  log.clear();
+  EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
+  EXPECT_EQ(counted() - before, 3U) << "also without a callback";
+  EXPECT_EQ(treeOf(volumes[0] + "/silent"), (Texts{"aa/", "aa/1"}));
+  EXPECT_FALSE(fs::exists(volumes[0] + "/other"));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "removed directory [" + volumes[0] + "/other]"));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "File is in LRU. cannot prune [" + pathOf("oldest") + ']'));
+  testing::internal::CaptureStdout();
+  Access::lru(*cache).dumpLru();
+  EXPECT_TRUE(testing::internal::GetCapturedStdout().ends_with("\nnewest\noldest\n"));
+}
+
 TEST_F(PrunerTest, AWalkCallsNobodyWhoHasUnregistered) {
   options.lowWM = 0;
   int calls = 0;
@@ -140,6 +205,73 @@ TEST_F(PrunerTest, LinesNameTheOperationAndNotItsSteps) {
     walked += line.operation.find("deletePrunableSegsInDir") != line.operation.npos;
   }
   EXPECT_GE(walked, 3U);
+}
+
+// Begins above the high watermark, goes on to the low one, and decides by what it has measured itself.
+TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
+  const std::string always = "1", never = "18446744073709551615";
+  const std::string noMore = "no more pruning candidates", isDone = "pruning success";
+  const struct {
+    std::string timeout, minutes, high, low;
+    Texts seen;  // of the lines that tell how far it went
+    int asked;
+  } cases[] = {{"0", "5", never, always, {}, 0},
+               {"7", "7", always, never, {"deleting prunable segments", "reached low watermark", isDone}, 0},
+               {"7200", "7200", always, always, {"deleting prunable segments", noMore}, 2},
+               {"10000", "7200", "0", "0", {}, 0},  // percents of what is there, not of what was set
+               {"", "5", never, never, {}, 0}};
+  int asked = 0;
+  options.mode = PruningMode::Random;
+  options.prunerCallback = [&](auto&&...) { return ++asked, false; };
+  for (int i = 0; i < 2; ++i) writeFile(dir / "vol1/ctx/" + std::to_string(i), "");
+  start(options);
+  ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [5] minutes"));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.timeout + ' ' + c.high + ' ' + c.low);
+    ConfigStore::set(CONFIG_SECTION, "DiskCacheHighWMBytes", c.high);
+    ConfigStore::set(CONFIG_SECTION, "DiskCacheLowWMBytes", c.low);
+    ConfigStore::set(CONFIG_SECTION, "DiskCachePrunerTimeout", c.timeout);
+    if (c.timeout.empty()) ConfigStore::unset(CONFIG_SECTION, "DiskCachePrunerTimeout");
+    Access::setSpace(*cache, 10'000, 10);
+    asked = 0;
+    log.clear();
+    pruner().wakeupPrunerThread();
+    ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [" + c.minutes + "] minutes"));
+    EXPECT_TRUE(log.has(LogLevel::Info, "Old m_totalCacheUsed 10000 m_totalCache 10"));
+    EXPECT_NE(Access::space(*cache).capacity(), 10U);
+    EXPECT_TRUE(log.has(LogLevel::NoSpace, "Pruner Thread will wakeup in [" + c.minutes + "] minutes"));
+    Texts seen = log.takeTexts(LogLevel::Segment);
+    std::erase_if(seen, [](auto& line) { return line.starts_with("pruning ") && line != "pruning success"; });
+    std::erase_if(seen, [](auto& line) { return line.starts_with("checking whether"); });
+    EXPECT_EQ(seen, c.seen);
+    EXPECT_EQ(asked, c.asked);
+  }
+  log.clear();
+  cache.reset();
+  const Texts end = log.takeTexts(LogLevel::Info);
+  EXPECT_TRUE(std::count(end.begin(), end.end(), "cache: exiting pruner thread") == 1);
+  EXPECT_TRUE(std::none_of(end.begin(), end.end(), [](auto& line) { return line.starts_with("New "); }))
+      << "told to stop, it measures nothing";
+}
+
+TEST_F(PrunerTest, ItsListsAreOfDirectoriesAndALineEach) {
+  for (const char* path : {"/a/x", "/noprune/x", "/b/noprune/x", "/file"}) writeFile(dir.path() + path, "");
+  fs::create_directory_symlink("a", dir / "link");
+  Texts names = {"kept"};
+  EXPECT_EQ(getDirList(names, dir.path()), 0);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (Texts{"a", "b", "kept"}));
+  EXPECT_EQ(outcome(getDirList(names, dir / "none")), "ENOENT");
+  {
+    FaultPlan plan;
+    plan.fail("fstatat", 1, EACCES);
+    EXPECT_EQ(outcome(getDirList(names, dir / "a")), "EACCES");
+  }
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), (Texts{"Error: can't open directory " + (dir / "none") + " (2)",
+                                                   "Error: can't stat " + (dir / "a/x") + " (13)"}));
+  testing::internal::CaptureStdout();
+  dumpList({"one", "", "two"});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "one\n\ntwo\n");
 }
 
 TEST_F(PrunerTest, ItsThreadWalksWhenOverTheHighWatermarkAndEndsOnceTheRunningCallbackHas) {

@@ -43,7 +43,17 @@ class ReadTest : public EngineTest {
   }
   std::string readWhole(int32_t type) {
     std::vector<unsigned char> data;
-    return told(cache->readCompleteSection(ctx, SEGMENT, type, data));
+    const std::string text = told(cache->readCompleteSection(ctx, SEGMENT, type, data));
+    return text + (data.empty() ? "" : ' ' + std::string(data.begin(), data.end()));
+  }
+  // told() and of each section " type/subType" and the payload.
+  std::string readAll(std::vector<SectionV> all = {}) {
+    std::string text = told(cache->readAllSections(ctx, SEGMENT, all));
+    for (const SectionV& s : all) {
+      text += ' ' + std::to_string(s.type) + '/' + std::to_string(s.subType);
+      text.append(s.data.begin(), s.data.end());
+    }
+    return text;
   }
   std::string sizeOf(int32_t type) {
     uint64_t size = 99;
@@ -71,6 +81,105 @@ TEST_F(ReadTest, ReadsWhatThereIsAndTellsMismatches) {
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect disk cache version (0x2); -1 Error"));
   writeFile(pathOf(SEGMENT), bytes.replace(0, 1, "\2"));
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect magic number (0xdc02); -1 Error: invalid"));
+}
+
+// The record of type 3 lies at 136, its payload at 152; that of type 0 at 158 and 174 to the end, 179.
+TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
+  const std::string good = bytesOf(SEGMENT), path = '[' + pathOf(SEGMENT) + ']';
+  const auto pointing = [&](size_t type, uint64_t offset) {
+    return std::string(good).replace(8 + 8 * type, 8, reinterpret_cast<const char*>(&offset), 8);
+  };
+  const std::string noFront = "success; -1 Error: incomplete descriptor in " + path + " section ";
+  const std::string noPayload = "error 0; -1 Error: can't read file " + path + " len=";
+  const std::pair<std::string, std::string> cases[] = {
+      {good, "success 3/9worlds 0/7hello"},
+      {pointing(5, 136), "success 3/9worlds 3/9worlds 0/7hello"},
+      {good.substr(0, 170), noFront + "1 (0,0) 3/9worlds"},
+      {good.substr(0, 136), noFront + "0 (0,0) 0/0"},  // one less, not only those that were read
+      {pointing(3, 1 << 20), noFront + "1 (0,0) 0/7hello"},
+      {pointing(3, ~0UL),
+       "success; -1 Error: Can't seek to 18446744073709551615 in " + path + " (22) 0/7hello"},
+      {good.substr(0, 176), noPayload + "5 (0) 3/9worlds 0/7"},
+      {std::string(good).replace(166, 1, 1, '\0'), noPayload + "0 (0) 3/9worlds 0/7"},
+      {std::string(good).replace(8, 48, 48, '\0'), "success"}};
+  for (const auto& [bytes, got] : cases) {
+    writeFile(pathOf(SEGMENT), bytes);
+    EXPECT_EQ(readAll(), got);
+  }
+  std::filesystem::remove(pathOf(SEGMENT));
+  EXPECT_EQ(readAll(), "ENOENT; -1 Error: can't open file " + path + " (2)");
+  EXPECT_EQ(readAll(std::vector<SectionV>(1)), "EINVAL; -1 Error: sections must be empty 0/0");
+}
+
+TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
+  const std::string good = bytesOf(SEGMENT), path = '[' + pathOf(SEGMENT) + ']';
+  const std::string noFile = "; -1 Error: can't read file " + path + ' ';
+  const auto empty = [&](char type) {
+    return std::string(good).replace(158, 1, 1, type).replace(166, 1, 1, '\0');
+  };
+  const std::string wrong = "EINVAL; -1 Error: wrong type found=1 expected=0";
+  const std::string header =
+      "EIO; -1 Error: can't read segment header, size=100 (0); -1 Error: invalid "
+      "segment header for " +
+      path;
+  // the file; what readSections, readCompleteSection and getSectionSize tell of type 0
+  const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
+      {good, "success 5/0hello...", "success hello", "success 5"},
+      {good.substr(0, 100), header + " 8/0........", header, header + " 99"},
+      {good.substr(0, 170), "success; -1 Error: can't read descriptor " + path + " len=16 (12,0) 0/0........",
+       "error 0" + noFile + "(12,0)", "error 0" + noFile + "len=16 (12,0) 99"},
+      {good.substr(0, 176), "error 0" + noFile + "len=5 (2,0) 8/0he......",
+       "error 0" + noFile + "len=5 (0,0)", "success 5"},
+      {empty(0), "success 0/0........", "success", "success 0"},
+      {empty(1), "success 0/0........", wrong + "; left open 1", wrong + " 0"}};
+  for (const auto& [bytes, some, whole, size] : cases) {
+    writeFile(pathOf(SEGMENT), bytes);
+    EXPECT_EQ(readSome(0), some);
+    EXPECT_EQ(readWhole(0), whole);
+    EXPECT_EQ(sizeOf(0), size);
+  }
+}
+
+TEST_F(ReadTest, SectionsAreFilledInTheOrderAskedUpToOneThatCannotBe) {
+  std::string buffers[] = {"........", "....", "........", "........"};
+  std::vector<Section> asked = {section(0, buffers[0]), section(4, buffers[1]), section(3, buffers[2], 0, 2),
+                                section(6, buffers[3])};
+  EXPECT_EQ(told(cache->readSections(ctx, SEGMENT, asked, false)),
+            "EINVAL; -1 Error: invalid section type (6); -1 Error: can't search for section in [" +
+                pathOf(SEGMENT) + ']');
+  std::string got;
+  for (size_t i = 0; i < asked.size(); ++i)
+    got += std::to_string(asked[i].len) + '/' + std::to_string(asked[i].status) + buffers[i] + ' ';
+  EXPECT_EQ(got, "5/0hello... 0/2.... 4/0rlds.... 8/0........ ");
+  std::vector<Section> none;
+  EXPECT_EQ(told(cache->readSections(ctx, SEGMENT, none, false)), "success");
+  std::filesystem::resize_file(pathOf(SEGMENT), 0);
+  EXPECT_TRUE(told(cache->readSections(ctx, SEGMENT, none, false)).starts_with("EIO; "));
+}
+
+// An empty second directory is none for the question whether a segment exists, and one for those who read it.
+TEST_F(ReadTest, TheCopyInTheSecondPlaceCountsForWhoHasOne) {
+  const std::string good = bytesOf(SEGMENT), regular = pathOf(SEGMENT);
+  const auto marked = [&](char c) { return std::string(good).replace(174, 1, 1, c); };
+  // useNonPrunableDir, nonprunableDir, which copies are there (Regular, Override, in the volume Itself)
+  const std::tuple<bool, std::string, std::string, bool, std::string> cases[] = {
+      {true, "np", "RO", true, "success Oello"},
+      {true, "np", "O", true, "success Oello"},
+      {true, "np", "R", true, "success Rello"},
+      {false, "np", "RO", true, "success Rello"},
+      {false, "np", "O", false, "ENOENT; -1 Error: can't open file [" + regular + "] (2)"},
+      {true, "", "I", false, "success Iello"},
+      {true, "", "RI", true, "success Iello"}};
+  for (const auto& [uses, second, copies, exists, got] : cases) {
+    SCOPED_TRACE(copies + " in " + second);
+    for (const char* place : {"ctx", "np", "ab"}) std::filesystem::remove_all(volumes[0] + '/' + place);
+    for (const char copy : copies)
+      writeFile(cache->guid2path(SEGMENT, 1, copy == 'R' ? "ctx" : copy == 'O' ? "np" : ""), marked(copy));
+    ctx.useNonPrunableDir = uses;
+    ctx.nonprunableDir = second;
+    EXPECT_EQ(cache->doesSegmentExist(ctx, SEGMENT), exists);
+    EXPECT_EQ(readWhole(0), got);
+  }
 }
 
 // Neither an honest miss nor a read costs more calls than its looks, whatever moves elsewhere.

@@ -3,14 +3,17 @@
 
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <system_error>
 #include <thread>
 
 #include "support/atomicCounter.h"
 #include "support/config.h"
 #include "support/event.h"
+#include "support/lock.h"
 #include "support/perfCounters.h"
 #include "support/thread.h"
 #include "tests/support/faults.h"
@@ -83,6 +86,9 @@ const std::string ESCAPED =
 TEST(LogTest, DefaultWriterKeepsOneLineALine) {
   const TempDir dir;
   const std::string path = dir / "cache.log";
+  const std::time_t begin = std::time(nullptr);
+  setenv("TZ", "UTC-5", 1);  // stamps are in UTC all the same
+  tzset();
   {
     FileLogWriter writer(LogLevel::Error, path);
     errno = ENOSPC;
@@ -94,10 +100,18 @@ TEST(LogTest, DefaultWriterKeepsOneLineALine) {
   }
   FileLogWriter(LogLevel::Error, path).write(9, "g()", 3, 0, 0, "%s", std::string(100000, '\n').c_str());
 
+  unsetenv("TZ");
+  tzset();
   const std::string text = readFile(path);
   const std::string first = " -1 void f(int):12 [a\\x0ab\\x1b\\x7f\\x09\xc3\xa9" + ESCAPED + "]\n";
   const size_t second = 27 + first.size();
   EXPECT_EQ(text.substr(27, first.size()), first) << "behind the time";
+  std::tm utc{};
+  const char* const fraction = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S.", &utc);
+  ASSERT_TRUE(fraction && fraction - text.c_str() == 20) << text.substr(0, 27);
+  EXPECT_EQ(text.substr(20, 7).find_first_not_of("0123456789"), 6U);
+  EXPECT_EQ(text[26], 'Z');
+  EXPECT_TRUE(timegm(&utc) >= begin && timegm(&utc) <= std::time(nullptr)) << text.substr(0, 27);
   EXPECT_EQ(text.substr(second + 27, 14), "  9 g():3 \\x0a");
   EXPECT_EQ(text.substr(text.size() - 9), "\\x0a\\x0a\n") << "cut, but not within a character";
   EXPECT_LE(text.size() - second, 16U << 10);
@@ -123,6 +137,26 @@ TEST(ConfigTest, TextsBecomeNumbers) {
     const std::string line = "-1 Error: Can't parse [n]: [" + text + ']';
     EXPECT_EQ(log.takeTexts(), Texts(value == 77, line));
   }
+}
+
+// A value belongs to the instance that the process was when it was set.
+TEST(ConfigTest, ValuesBelongToAnInstanceUntilTheyAreUnset) {
+  const std::string before = KXPI_Focus::getFocus();
+  EXPECT_EQ(before, "Instance001");
+  for (const char* name : {"n", "m"}) ConfigStore::set(CONFIG_SECTION, name, "1");
+  KXPI_Focus::setProcessFocus("Instance002");
+  EXPECT_EQ(lookUp("n"), 77U);
+  ConfigStore::set(CONFIG_SECTION, "n", "2");
+  EXPECT_EQ(lookUp("n"), 2U);
+  for (int i = 0; i < 2; ++i) ConfigStore::unset(CONFIG_SECTION, "n");
+  EXPECT_EQ(lookUp("n"), 77U);
+  KXPI_Focus::setProcessFocus(before);
+  ConfigStore::unset("other section", "n");
+  EXPECT_EQ(lookUp("n"), 1U);
+  ConfigStore::unset(CONFIG_SECTION, "n");
+  EXPECT_EQ(lookUp("n") + lookUp("m"), 78U);
+  ConfigStore::clear();
+  EXPECT_EQ(lookUp("m"), 77U);
 }
 
 TEST(ConfigTest, FilesAreTakenWholeOrNotAtAll) {
@@ -209,6 +243,103 @@ TEST(CountersTest, NoTimingSpansAChangeOfASwitch) {
   EXPECT_EQ(perf.table().size(), 1U);
   g_object_store_enable_perf = false;
   g_object_store_counter = nullptr;
+}
+
+// As many as it is made, and no more: the sum, the mean and the longest of two timings belong together.
+TEST(CountersTest, EachStopAddsItsOwnTimeOnItsOwnThread) {
+  LogCapture log;
+  ThrdPerfCounter perf;
+  perf.enable(true);
+  perf.StartPerfCounter("stopped elsewhere", PERF_OPEN);
+  std::thread([&] { perf.StopPerfCounter("", PERF_OPEN, 0); }).join();
+  EXPECT_TRUE(perf.table().empty());
+  perf.StopPerfCounter("", PERF_OPEN, 0);
+  perf.StopPerfCounter("", PERF_OPEN, 0);  // a second stop has no start
+  EXPECT_EQ(log.takeTexts(), Texts{});
+  perf.logEachStop(true);
+  constexpr std::chrono::nanoseconds LONG = std::chrono::milliseconds(4);
+  for (const auto pause : {LONG, LONG / 4}) {
+    for (const int id : {PERF_OPEN, PERF_SYNC}) perf.StartPerfCounter("", id);
+    std::this_thread::sleep_for(pause);
+    for (const int id : {PERF_SYNC, PERF_OPEN}) perf.StopPerfCounter("", id, 0);
+  }
+  const auto rows = perf.table();
+  ASSERT_EQ(rows.size(), 2U);
+  EXPECT_EQ(rows[0].name + rows[1].name, "DiskCacheSyncDiskCacheOpen") << "in order of number";
+  EXPECT_EQ(rows[0].count, 2U);
+  EXPECT_EQ(rows[1].count, 3U);
+  for (const auto& row : rows) {
+    EXPECT_GE(row.maxNs, static_cast<uint64_t>(LONG.count()));
+    EXPECT_GE(row.totalNs, row.maxNs + static_cast<uint64_t>(LONG.count()) / 4);
+    EXPECT_DOUBLE_EQ(row.meanNs, static_cast<double>(row.totalNs) / static_cast<double>(row.count));
+  }
+  const Texts lines = log.takeTexts(LogLevel::Notice);
+  ASSERT_EQ(lines.size(), 8U) << "each stop tells of every counter";
+  EXPECT_TRUE(lines[0].starts_with("For All The Files: DiskCacheSync count=1 total_ns=")) << lines[0];
+  perf._LogPerfCounters("one", PERF_OPEN);
+  const Texts one = log.takeTexts(LogLevel::Notice);
+  ASSERT_EQ(one.size(), 1U);
+  EXPECT_EQ(one[0], "one: DiskCacheOpen count=3 total_ns=" + std::to_string(rows[1].totalNs) +
+                        " mean_ns=" + one[0].substr(one[0].find("mean_ns=") + 8));
+  std::string names;
+  for (size_t id = 0; id < NUM_PERF_COUNTERS; ++id) {
+    EXPECT_EQ(PerfCounters()[id].id, id);
+    if (id >= 33 && id % 2 == 0) names += PerfCounters()[id].name + ' ';
+  }
+  EXPECT_EQ(names,
+            "addToDirEnt diskWrite custom2 DiskCacheSync DiskCacheDiskRead DiskCacheOpen DiskCacheClose "
+            "stream_lock_wait ");
+}
+
+// Whether a thread that wants a lock gets it only after this one's work is done.
+bool isHeldThrough(KxCriticalSection& section, const std::function<void()>& work) {
+  std::atomic<bool> isDone = false;
+  std::promise<void> wanted;
+  std::thread other;
+  bool wasDone = false;
+  {
+    const KxCriticalSectionLock outer(&section);
+    other = std::thread([&] {
+      wanted.set_value();
+      const KxCriticalSectionLock waiting(&section);
+      wasDone = isDone;
+    });
+    wanted.get_future().wait();
+    work();
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    isDone = true;
+  }
+  other.join();
+  return wasDone;
+}
+bool isFree(KxCriticalSection& section) {
+  auto entered = std::async(std::launch::async, [&] { const KxCriticalSectionLock once(&section); });
+  const bool free = entered.wait_for(LONGEST_WAIT) == std::future_status::ready;
+  if (!free) section.leave();  // so that the test ends
+  return free;
+}
+
+TEST(LockTest, AGuardHoldsWhatItWasGivenLastAndLeavesItOnce) {
+  KxCriticalSection first, second;
+  const KxCriticalSectionLock nothing(nullptr);
+  EXPECT_TRUE(isHeldThrough(first, [&] {
+    KxCriticalSectionLock moving(&second);
+    moving.resetCriticalSection(&first);
+    EXPECT_TRUE(isFree(second));
+    moving.resetCriticalSection(nullptr);
+  }));
+  KxCriticalSectionLock taking(nullptr);
+  taking.resetCriticalSection(&second);
+  auto entered = std::async(std::launch::async, [&] { const KxCriticalSectionLock once(&second); });
+  EXPECT_EQ(entered.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
+  taking.resetCriticalSection(nullptr);
+  entered.get();
+  {
+    const KxCriticalSectionLock outer(&first);
+    const KxCriticalSectionUnlock open(first);
+    EXPECT_TRUE(isFree(first));
+  }
+  EXPECT_TRUE(isFree(first) && isFree(second));
 }
 
 TEST(CountersTest, LoseNoUpdate) {

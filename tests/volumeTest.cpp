@@ -166,6 +166,15 @@ TEST_F(VolumeTest, TheRotationFollowsEachChange) {
   EXPECT_EQ((cache->removeAllVolumes(), choose(1)), Indexes{0});
 }
 
+TEST_F(VolumeTest, TheFreeSpaceListIsPrinted) {
+  Volume first, second;
+  first.dir = "/a", second.dir = "/b";
+  first.free = 7;
+  testing::internal::CaptureStdout();
+  printFreeSpaceList({&second, &first});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "free space list\n/b free=0\n/a free=7\n");
+}
+
 TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   const SmallFileSystem small(20);
   SKIP_WITHOUT(small);

@@ -1,0 +1,156 @@
+// How an engine begins: what init and registering fill in, and the scan for segments that are on the volumes.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <set>
+
+#include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheScan.h"
+#include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
+
+namespace ObjectStore {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class StartTest : public EngineTest {
+ protected:
+  DiskcacheLRU& list() { return Access::lru(*cache); }
+};
+
+TEST_F(StartTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
+  namespace fs = std::filesystem;
+  EngineOptions options;
+  start(options);
+  for (const char* child : {"a", "b", "c"}) {
+    const std::string below = volumes[0] + '/' + child;
+    for (int i = 0; i < 20; ++i) writeFile(below + '/' + std::to_string(i) + child, "");
+    for (const char* other : {"a", "b", "c"})
+      fs::create_directory_symlink("../" + std::string(other), below + "/to-" + other);
+    fs::create_directory_symlink("..", below + "/up");
+  }
+  std::string deep = volumes[0] + "/deep";
+  for (int i = 0; i < 80; ++i) deep += "/d";
+  writeFile(deep + "/too deep", "");
+  const size_t descriptors = openDescriptors();
+  log.setLevel(LogLevel::Info);
+  uint64_t files = 0;
+  EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
+  for (const char* child : {"a", "b", "c"}) {
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(list().isInLru(std::to_string(i) + child, false));
+  }
+  EXPECT_FALSE(list().isInLru("too deep", false));
+  EXPECT_EQ(openDescriptors(), descriptors);
+  const std::string deepest = deep.substr(0, deep.size() - 2 * (80 - 64 + 1 - 1));
+  EXPECT_TRUE(log.has(LogLevel::Info, "Info: [" + volumes[0] + "/a/up] leads back up, not scanned"));
+  EXPECT_TRUE(
+      log.has(LogLevel::Error, "Error: [" + deepest + "] is more than 64 directories deep, not scanned"));
+  for (const LogLine& line : log.take())
+    EXPECT_EQ(line.operation.find("scanEntries"), line.operation.npos) << line.operation;
+}
+
+// What init makes of the bound, and of what lies on the volumes; a volume that cannot be listed ends it.
+TEST_F(StartTest, InitBoundsTheListAndScansInModeLruOnly) {
+  const struct {
+    PruningMode mode;
+    uint64_t asked;
+    const char* failing;
+    std::string result, bound, entries;
+  } cases[] = {{PruningMode::Lru, 0, "", "success", "5", "4"},
+               {PruningMode::Lru, 4, "", "success", "5", "4"},
+               {PruningMode::Lru, 6, "", "success", "6", "4"},
+               {PruningMode::Random, 5, "", "success", "5", "0"},
+               {PruningMode::Lru, 7, "opendir", "EIO", "7", "0"}};
+  const Texts dirs = {dir / "vol1", dir / "vol2"};
+  for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol2/u", "/vol2/b/v"})
+    writeFile(dir.path() + file, "");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.asked << c.failing);
+    log.clear();
+    cache = std::make_unique<DiskCache>(PersistentVolumes::No);
+    FaultPlan plan;
+    if (*c.failing) plan.fail(c.failing, 1, EIO);
+    EXPECT_EQ(outcome(cache->init(dir / "root", dirs, FAR_WM, FAR_WM, FAR_WM, c.asked, nullptr, c.mode)),
+              c.result);
+    EXPECT_EQ(log.has(LogLevel::Setup, "maxLruEntries set too low, setting to 5"), c.asked < 5);
+    EXPECT_EQ(log.has(LogLevel::Notice, "scanning segments"), c.mode == PruningMode::Lru);
+    EXPECT_EQ(log.has(LogLevel::Segment, "Finished scanning segments"),
+              c.mode == PruningMode::Lru && c.result == "success");
+    std::map<std::string, std::string> status;
+    cache->getStatus(status);
+    EXPECT_EQ(status["DC.LRUEntriesMax"], c.bound);
+    EXPECT_EQ(status["DC.LRUEntriesCur"], c.entries);
+    VolIndex volume = 0;
+    if (c.entries == "4") {
+      EXPECT_TRUE(list().findVolume("s", volume) && volume == 1);
+      EXPECT_TRUE(list().findVolume("v", volume) && volume == 2);
+    }
+    // The migrator is the last to be made ready.
+    EXPECT_EQ(outcome(cache->migrate(1, "", dir / "vol3")), "EINVAL");
+    EXPECT_EQ(cache->migrate(1, dirs[0], dir / "vol3") == 0, c.result == "success");
+  }
+}
+
+// With one volume its number is filled in at every registration, with two the client's own stays.
+TEST_F(StartTest, RegisteringFillsInTheOnlyVolume) {
+  for (const VolIndex count : {VolIndex{1}, VolIndex{2}}) {
+    EngineOptions options;
+    options.volumes = count;
+    start(options);
+    DiskCacheContext other = makeContext("other");
+    const Texts lines = {"ctxt [other] refCount [1]", "Info: dir [other] already registered. refCount [2]"};
+    for (const int level : {LogLevel::Setup, LogLevel::Info}) {
+      other.volume = 7;
+      other.registered = false;
+      log.clear();
+      EXPECT_EQ(outcome(cache->registerContext(other)), "success");
+      EXPECT_EQ(other.volume, count == 1 ? 1 : 7);
+      EXPECT_TRUE(other.registered);
+      EXPECT_EQ(log.has(LogLevel::Setup, "assigning volume 1"), count == 1);
+      EXPECT_TRUE(log.has(level, lines[level == LogLevel::Info]));
+    }
+    other.volume = 9;
+    EXPECT_EQ(outcome(cache->unregisterContext(other)), "success");
+    EXPECT_TRUE(log.has(LogLevel::Setup, lines[0]));
+    EXPECT_TRUE(!other.registered && other.volume == 9);
+  }
+}
+
+TEST_F(StartTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
+  for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol1/u"}) writeFile(dir.path() + file, "");
+  start();
+  std::set<std::string> found;
+  ctx.prunerCallback = [&](auto&, auto& path, auto&) { return found.insert(path), false; };
+  for (const char* child : {"a", "recycle", "u"}) ctx.dir = child, (void)cache->registerContext(ctx);
+  Texts children;
+  readChildren(children, volumes[0]);
+  const struct {
+    const char* call;
+    size_t nth, tag;
+    Texts failures;
+  } cases[] = {
+      {"", 0, 0, {}},
+      {"opendir", 2, 1, {"Error: can't open directory [" + volumes[0] + "] (5)"}},
+      {"fstatat", 1, 1, {"Error: can't stat [" + volumes[0] + '/' + children[0] + "] (5)"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.call);
+    list().clearLru();
+    list().init(3);
+    log.clear(), found.clear();
+    FaultPlan plan;
+    if (*c.call) plan.fail(c.call, c.nth, EIO);
+    uint64_t files = 0;
+    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
+    for (int i = 0; i < 3; ++i)
+      EXPECT_EQ(outcome(list().addToLru("new", 1, ctx.dir)), "ENOSPC") << "asks for each in turn";
+    std::set<std::string> tagged;
+    for (const char* file : {"s", "t", "u"}) tagged.insert(cache->guid2path(file, 1, children[c.tag]));
+    EXPECT_EQ(found, tagged);
+  }
+}
+
+}  // namespace
+}  // namespace ObjectStore
