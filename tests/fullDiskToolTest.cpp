@@ -206,6 +206,36 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   EXPECT_TRUE(fs::exists(dir / "a/blocks/volume.id"));
 }
 
+TEST_F(FullDiskToolTest, WarmTakesAListAtARateAndShowsHowFarItIs) {
+  std::string list = "# name, file\n\n";
+  for (const char* id : {"0011one", "0022two", "0033three"}) {
+    writeFile(dir / "from/" + id, std::string(60'000, 'x'));
+    list += std::string(id) + '\t' + (dir / "from/") + id + '\n';
+  }
+  writeFile(dir / "list", list);
+  const std::string warm = "warm --context data " + root + "--list " + (dir / "list ");
+  const auto start = std::chrono::steady_clock::now();
+  const std::string shown = onTerminal(warm + "--rate 100KB --volume " + (dir / "a"));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1800));
+  const size_t bar = shown.find("warm [");
+  ASSERT_NE(bar, std::string::npos) << shown;
+  EXPECT_NE(shown.find("2 of 3", bar), std::string::npos) << shown;
+  EXPECT_NE(shown.find("\r\033[K3 stored (175.8 KiB), 0 were there, 0 left out"), std::string::npos)
+      << "the bar stays: " << shown;
+
+  writeFile(dir / "list", list + "0044four\t" + (dir / "none\n"));
+  const json again = parsed(warm, 1);
+  EXPECT_EQ(again, (json{{"stored", 0}, {"known", 3}, {"left_out", 1}, {"bytes", 0}}));
+  EXPECT_EQ(err, "diskcachectl: " + (dir / "none: No such file or directory, left out\n"));
+  writeFile(dir / "list", list + "0044four\n");
+  expectFailure(warm, 2, "list:6: expected: a name, a tab, a file");
+
+  writeFile(dir / "list", "a key\t" + (dir / "from/0011one\tv7\n"));
+  const std::string objects = "--root " + (dir / "objects ");
+  ASSERT_EQ(run("warm " + objects + "--volume " + (dir / "b --list ") + (dir / "list")), 0) << err;
+  EXPECT_EQ(parsed("explain --key 'a key' --version v7 " + objects)["cached"], true);
+}
+
 TEST_F(FullDiskToolTest, ExplainTellsWhatIsInTheWay) {
   const std::string path = segment("keep", "0011one", 30);
   writeFile(dir / "a/recycle/0022two", "recycled");

@@ -185,6 +185,17 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   EXPECT_EQ(run("du --volume " + (dir / "a")), 0);
 }
 
+TEST_F(LookingToolTest, ABlockThatIsNotUploadedYetTellsItsObject) {
+  const std::string ls = "ls --volume " DISKCACHE_SOURCE_DIR "/tests/data/1.0/client/vol1 --context staged";
+  const json listed = parsed(ls)["segments"];
+  ASSERT_EQ(listed.size(), 1U) << out;
+  EXPECT_EQ(listed[0]["key"], "bucket/staged");
+  EXPECT_EQ(listed[0]["version"], "v");
+  EXPECT_EQ(listed[0]["block"], 0);
+  ASSERT_EQ(run(ls), 0) << err;
+  EXPECT_NE(out.find("  block 0 of bucket/staged v\n"), std::string::npos) << out;
+}
+
 TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
   std::filesystem::create_directories(dir / "here");
   writeFile(dir / "root/volume_info",

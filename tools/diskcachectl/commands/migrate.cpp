@@ -254,7 +254,7 @@ void run(Options options) {
   catchInterrupts();
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
-  RootClaim claim(options.root);
+  const RootClaim claim(options.root);
   const KnownCache known(options.root);
   const auto& noted = known.migration;
   const bool isResumed =
@@ -269,7 +269,6 @@ void run(Options options) {
   settle(plan, options, source);
   const uint64_t files = countFiles(plan, source, options.destination);
   if (isResumed && options.isComplete) copyLeftBehind(plan, source, options.destination);
-  claim.passOn();
   VolumeMove::expect();
   std::optional<CacheSession> session;
   session.emplace(options, isResumed ? CacheSession::Use::Resume : CacheSession::Use::Change);

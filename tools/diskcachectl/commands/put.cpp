@@ -246,7 +246,8 @@ void run(Options options) {
   }
   RootClaim claim(options.root);
   const auto layout = prepare(options, input);
-  claim.passOn();
+  makeDirectory(options.root);
+  claim.takeMade();
   CacheSession session(options, CacheSession::Use::Fill);
   if (layout) {
     overwrite(session, *layout, session.require(options).front(), options, input);

@@ -34,7 +34,7 @@ struct Options : SegmentOptions {
 };
 
 void run(Options options) {
-  RootClaim claim(options.root);
+  const RootClaim claim(options.root);
   const KnownCache known(options.root);
   known.refuseMove();
   options.volumes =
@@ -42,7 +42,6 @@ void run(Options options) {
   if (known.find(options.volumes, options.context, options.nonprunable, options.id).empty()) {
     throw Failure(ExitStatus::CheckFailed, options.id + ": not in the cache");
   }
-  claim.passOn();
   CacheSession session(options, CacheSession::Use::Change);
   ordered_json deleted = ordered_json::array();
   for (const Copy& copy : session.require(options)) {

@@ -237,10 +237,10 @@ class Throttle {
 
 void warm(const Options& options, const std::vector<Item>& items, Target& target) {
   Throttle throttle(options.rate);
-  Progress progress("warm");
+  std::optional<Progress> progress("warm");
   uint64_t stored = 0, known = 0, leftOut = 0, bytes = 0;
   for (size_t i = 0; i < items.size(); ++i) {
-    progress.show(i, items.size());
+    progress->show(i, items.size());
     const Source source(items[i].file);
     try {
       if (source.error() != 0) throw Failure(ExitStatus::CheckFailed, std::strerror(source.error()));
@@ -257,6 +257,7 @@ void warm(const Options& options, const std::vector<Item>& items, Target& target
       printError(fmt::format("{}: {}, left out", items[i].file, failure.what()));
     }
   }
+  progress.reset();  // wiped before the result comes
   if (options.isJson) {
     printJson({{"stored", stored}, {"known", known}, {"left_out", leftOut}, {"bytes", bytes}});
   } else {
@@ -275,7 +276,6 @@ void prepare(Options& options) {
     for (std::string& volume : options.volumes) volume = fs::absolute(volume);
     return;
   }
-  const RootClaim claim(options.root);
   const KnownCache known(options.root);
   known.refuseMove();
   const bool addsVolume = options.addsVolume || known.volumes.empty();
@@ -287,9 +287,13 @@ void run(Options options) {
     throw Failure(ExitStatus::BadInput, "warm: one of --from and --list is required (see --help)");
   }
   const std::vector<Item> items = options.from.empty() ? itemsOfList(options) : itemsOfDirectory(options);
+  RootClaim claim(options.root);
   prepare(options);
+  makeDirectory(options.root);
+  claim.takeMade();
   std::unique_ptr<Target> target;
   if (options.context.empty()) {
+    claim.passOnClient();
     target = std::make_unique<Objects>(options);
   } else {
     target = std::make_unique<Segments>(options);

@@ -69,6 +69,15 @@ std::vector<uint64_t> HitCurve::sizes(uint64_t most) const {
   return sizes;
 }
 
+double HitCurve::hitsWithin(uint64_t reach) const {
+  double sum = 0;
+  for (const Tally& tally : m_tallies) {
+    if (!tally.hits.empty())
+      sum += static_cast<double>(tally.hits[std::min<uint64_t>(reach, tally.hits.size() - 1)]);
+  }
+  return sum;
+}
+
 CurvePoint HitCurve::at(uint64_t entries) const {
   const uint64_t reach = m_share >= 1 ? entries : scaled(entries, m_share);
   CurvePoint point{entries};
@@ -84,15 +93,19 @@ CurvePoint HitCurve::at(uint64_t entries) const {
   point.hitRatio = sum / sampled;
   if (sum > 0) point.bytes = scaled(m_bytes[static_cast<size_t>(sum) - 1], 1 / m_share);
   if (hits.size() == 1) return point;
-  // How much the groups of objects differ from the whole: the error of a ratio estimated from clusters, and what a
-  // distance that is itself counted in a sample is off.
+  // How much the groups of objects differ from the whole: the error of a ratio estimated from clusters.
   double squares = 0;
   for (size_t i = 0; i < hits.size(); ++i) {
     const double off = hits[i] - point.hitRatio * static_cast<double>(m_tallies[i].requests);
     squares += off * off;
   }
   const auto groups = static_cast<double>(GROUPS);
-  point.error = std::sqrt(squares * groups / (groups - 1)) / sampled;
+  const double clusters = std::sqrt(squares * groups / (groups - 1)) / sampled;
+  // A distance counted in a sample is off by itself, which tells where the curve is steep.
+  const auto off = static_cast<uint64_t>(std::ceil(std::sqrt(static_cast<double>(reach) * (1 - m_share))));
+  const double rise = hitsWithin(reach + off) - sum;
+  const double fall = sum - hitsWithin(reach - std::min(reach, off));
+  point.error = std::hypot(clusters, std::max(rise, fall) / sampled);
   return point;
 }
 

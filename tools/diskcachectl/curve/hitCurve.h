@@ -42,6 +42,9 @@ class HitCurve {
     uint64_t requests = 0;
   };
 
+  // Of the whole sample, after finish(); `reach` in its objects.
+  double hitsWithin(uint64_t reach) const;
+
   const double m_share;
   const uint64_t m_limit;  // an object belongs to the sample when its hash is not above
   const bool m_keepsSize;

@@ -107,23 +107,24 @@ void tellServer(const std::string& root) {
   if (const auto server = serverOn(root)) printError(fmt::format("{}: {} runs on it", root, server->text()));
 }
 
-RootClaim::RootClaim(const std::string& root) {
-  m_rootFd = take(root, root + "/.", O_RDONLY | O_DIRECTORY);
-  try {
-    m_clientFd = take(root, root + CLIENT_LOCK, O_RDONLY);
-  } catch (...) {
-    passOn();
-    throw;
-  }
+// The destructor runs when the second lock is not to be had.
+RootClaim::RootClaim(const std::string& root) : RootClaim() {
+  m_root = root;
+  takeMade();
+  m_clientFd = take(m_root, m_root + CLIENT_LOCK, O_RDONLY);
 }
 
 RootClaim::~RootClaim() {
-  passOn();
-  if (m_clientFd >= 0) close(m_clientFd);
+  passOnClient();
+  if (m_rootFd >= 0) close(m_rootFd);
 }
 
-void RootClaim::passOn() {
-  if (m_rootFd >= 0) close(std::exchange(m_rootFd, -1));
+void RootClaim::takeMade() {
+  if (m_rootFd < 0) m_rootFd = take(m_root, m_root + "/.", O_RDONLY | O_DIRECTORY);
+}
+
+void RootClaim::passOnClient() {
+  if (m_clientFd >= 0) close(std::exchange(m_clientFd, -1));
 }
 
 }  // namespace diskcachectl

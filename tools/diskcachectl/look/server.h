@@ -22,7 +22,7 @@ std::optional<Server> serverOn(const std::string& root);
 void tellServer(const std::string& root);
 
 // What a server takes of a root directory, held for as long as this lives: one that is started meanwhile finds the
-// cache in use.
+// cache in use. An engine of this process goes on all the same, so that the lock is never let go in between.
 class RootClaim {
  public:
   // Throws a Failure that names the process when a server has the cache. A root that is not there is free.
@@ -31,10 +31,15 @@ class RootClaim {
   RootClaim(const RootClaim&) = delete;
   RootClaim& operator=(const RootClaim&) = delete;
 
-  // Leaves the root directory's lock to an engine of this process.
-  void passOn();
+  // Takes a root that was not there and has been made since.
+  void takeMade();
+  // Leaves "client.lock" to a cache of named objects of this process, which opens only when nobody has that.
+  void passOnClient();
 
  private:
+  RootClaim() = default;
+
+  std::string m_root;
   int m_rootFd = -1;
   int m_clientFd = -1;
 };
