@@ -90,6 +90,7 @@ void OpenCache::enterBlocks() {
       if (options.onProgress) options.onProgress({dir, blocks});
     });
   }
+  engine->countFound(found.size());
   std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.madeAt < b.madeAt; });
   DiskCacheContext context;
   context.dir = BLOCKS_DIR;
@@ -114,6 +115,7 @@ CZuError OpenCache::enterStaged() {
   for (const VolIndex volume : volumes.indexes()) {
     findBlocks(volumes.dirOf(volume) + '/' + STAGED_DIR, volume, found, {});
   }
+  engine->countFound(found.size());
   for (const FoundBlock& block : found) {
     account.add(block.volume, block.bytes);
     objects[block.id.object].push_back(block);

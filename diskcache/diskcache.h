@@ -111,7 +111,7 @@ class DISKCACHE_EXPORT DiskCache {
   // The space counters do not change.
   CZuError truncateSection(const DiskCacheContext& ctx, guid_t guid, int32_t type, int32_t sub,
                            uint64_t size);
-  // Flushes the segment's copies to disk; ENOENT only when the context has two places and neither is there.
+  // Flushes the segment's copies to disk; ENOENT only when a context with two places has neither.
   CZuError syncSegment(const DiskCacheContext& ctx, const guid_t& guid);
   // Removes the segment's copies, or moves them to the volume's directory "recycle". `nonPrun` leaves the
   // regular copy alone, `prun` the non-prunable one. A missing copy is success.
@@ -165,6 +165,7 @@ class DISKCACHE_EXPORT DiskCache {
   // Enters a segment on ctx.volume as the most recently used one, as creating it does: a known one keeps its
   // volume. For segments that the start-up scan did not see. ENOSPC when a full list could not make room.
   CZuError remember(const DiskCacheContext& ctx, const guid_t& guid);
+  void countFound(uint64_t segments);  // such segments, for renderMetrics
   // Takes a segment out of the recency list; its file stays.
   void forget(const guid_t& guid);
   // Asks the callbacks about the `n` least recently used segments, oldest first, as a full list does in mode
@@ -185,8 +186,7 @@ class DISKCACHE_EXPORT DiskCache {
   CZuError copyOverrideSegment(const DiskCacheContext& ctx, const guid_t& guid, bool move);
   // The path of the copy to use; "" for an identifier that is refused or a volume that is not known.
   std::string getOverriddenSegment(const DiskCacheContext& ctx, const guid_t& guid);
-  // Succeeds and does nothing.
-  CZuError setSparseFileAttribute(const DiskCacheContext& ctx, const guid_t& guid);
+  CZuError setSparseFileAttribute(const DiskCacheContext& ctx, const guid_t& guid);  // does nothing
 
   // ---- Keeping a segment open -------------------------------------------------------------------------
   // An open segment is left alone by the pruner. A descriptor is 1 to 4294967294; 0 means failure.

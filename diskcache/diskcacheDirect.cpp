@@ -186,6 +186,8 @@ CZuError DiskCache::remember(const DiskCacheContext& ctx, const guid_t& guid) {
   return m_state->lru.addToLru(guid, ctx.volume, ctx.dir);
 }
 
+void DiskCache::countFound(uint64_t segments) { m_state->space.addFiles(static_cast<int64_t>(segments)); }
+
 void DiskCache::forget(const guid_t& guid) { m_state->lru.removeFromLru(guid); }
 
 CZuError DiskCache::giveUpOldest(uint64_t n, uint64_t& given) try {
