@@ -119,7 +119,8 @@ class Pruning {
     for (const auto* names : {&m_options.contexts, &m_options.nonprunable}) {
       for (const std::string& name : *names) {
         for (const std::string& volume : volumes) {
-          const std::string root = volume + '/' + name;
+          std::string root = volume;
+          root.append(1, '/').append(name);
           if (LookedAt(root, O_DIRECTORY).error() == 0) roots.push_back(root);
         }
       }
