@@ -26,6 +26,13 @@ Exchange::Exchange(Service& itsService, ClientStream& itsClient)
 }
 
 Exchange::~Exchange() {
+  try {
+    account();
+  } catch (...) {  // a line of the access log is no reason to end
+  }
+}
+
+void Exchange::account() {
   if (m_status == 0) return;
   service.stats.countAnswer(m_status);
   service.stats.bodyBytes += m_bodyBytes;

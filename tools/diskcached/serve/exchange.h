@@ -73,6 +73,8 @@ class Exchange {
   const std::shared_ptr<const Options> options;
 
  private:
+  void account();  // in the counters and the access log
+
   asio::awaitable<void> sendContinue();
 
   Parser m_parser;
