@@ -22,7 +22,7 @@
 namespace diskcachectl {
 namespace {
 
-int fail(ExitStatus status, std::string_view text) {
+int exitWith(ExitStatus status, std::string_view text) {
   text = text.substr(0, text.find_last_not_of(" \n") + 1);
   if (!text.empty()) printError(text);
   return static_cast<int>(status);
@@ -31,7 +31,7 @@ int fail(ExitStatus status, std::string_view text) {
 // Ends a parse that stopped: by --help or --version with success, otherwise as wrong usage.
 int finishParse(const CLI::App& program, const CLI::ParseError& stop) {
   if (stop.get_exit_code() != 0) {
-    return fail(ExitStatus::BadInput, fmt::format("{} (see --help)", stop.what()));
+    return exitWith(ExitStatus::BadInput, fmt::format("{} (see --help)", stop.what()));
   }
   std::ostringstream text;
   program.exit(stop, text, text);
@@ -55,14 +55,14 @@ int run(int argc, char** argv) {
   program.set_version_flag("--version", "diskcachectl " DISKCACHE_VERSION);
   program.require_subcommand(1);
   program.failure_message([](const CLI::App*, const CLI::Error& error) { return std::string(error.what()); });
-  for (const auto add :
-       {addInspect, addVerify, addLs, addDu, addVolumesCommand, addPut, addGet, addRm, addExists, addStatus,
-        addMigrate, addPrune, addClean, addForget, addExplain, addTop, addCurve, addWarm, addReplay}) {
+  for (const auto add : {inspect::add, verify::add, ls::add, du::add, volumes::add, put::add, get::add,
+                         rm::add, exists::add, status::add, migrate::add, prune::add, clean::add, forget::add,
+                         explain::add, top::add, curve::add, warm::add, replay::add}) {
     add(program);
   }
 
   if (const std::string why = whyNoSubcommand(program, argc, argv); !why.empty()) {
-    return fail(ExitStatus::BadInput, why);
+    return exitWith(ExitStatus::BadInput, why);
   }
   int status = 0;
   try {
@@ -70,10 +70,10 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& stop) {
     status = finishParse(program, stop);
   } catch (const Failure& failure) {
-    status = fail(failure.status(), failure.what());
+    status = exitWith(failure.status(), failure.what());
   }
   if (std::fflush(stdout) != 0 && status == 0)
-    return fail(ExitStatus::Error, "cannot write to standard output");
+    return exitWith(ExitStatus::Error, "cannot write to standard output");
   return status;
 }
 
@@ -87,6 +87,6 @@ int main(int argc, char** argv) {
   try {
     return diskcachectl::run(argc, argv);
   } catch (const std::exception& error) {
-    return diskcachectl::fail(diskcachectl::ExitStatus::Error, error.what());
+    return diskcachectl::exitWith(diskcachectl::ExitStatus::Error, error.what());
   }
 }

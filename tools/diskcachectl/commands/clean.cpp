@@ -32,7 +32,7 @@
 #include "look/server.h"
 #include "look/treeWalk.h"
 
-namespace diskcachectl {
+namespace diskcachectl::clean {
 namespace {
 
 using nlohmann::ordered_json;
@@ -209,7 +209,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addClean(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("clean", "Lists or removes what serves nobody");
   command->footer(HELP);
@@ -225,4 +225,4 @@ void addClean(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::clean

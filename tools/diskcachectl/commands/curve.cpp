@@ -23,7 +23,7 @@
 #include "curve/picture.h"
 #include "curve/traceReader.h"
 
-namespace diskcachectl {
+namespace diskcachectl::curve {
 namespace {
 
 constexpr const char* HELP =
@@ -140,7 +140,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addCurve(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("curve", "Tells the hit ratio of every cache size from a trace");
   command->footer(HELP);
@@ -163,4 +163,4 @@ void addCurve(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::curve

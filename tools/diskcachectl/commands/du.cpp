@@ -30,7 +30,7 @@
 #include "look/treeWalk.h"
 #include "look/volumeFile.h"
 
-namespace diskcachectl {
+namespace diskcachectl::du {
 namespace {
 
 using nlohmann::ordered_json;
@@ -292,7 +292,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addDu(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("du", "Adds up the space of volumes by top-level directory");
   command->footer(HELP);
@@ -308,4 +308,4 @@ void addDu(CLI::App& program) {
   });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::du

@@ -14,7 +14,7 @@
 #include "look/server.h"
 #include "replay/cacheSession.h"
 
-namespace diskcachectl {
+namespace diskcachectl::exists {
 namespace {
 
 using nlohmann::ordered_json;
@@ -49,7 +49,7 @@ void run(const SegmentOptions& options) {
 
 }  // namespace
 
-void addExists(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<SegmentOptions>();
   CLI::App* command = program.add_subcommand("exists", "Tells whether a segment is cached, and where");
   command->footer(HELP);
@@ -58,4 +58,4 @@ void addExists(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::exists

@@ -29,7 +29,7 @@
 #include "look/segmentDecoder.h"
 #include "look/server.h"
 
-namespace diskcachectl {
+namespace diskcachectl::explain {
 namespace {
 
 using nlohmann::ordered_json;
@@ -225,7 +225,7 @@ std::string whyNoId(const std::string& id) {
 
 }  // namespace
 
-void addExplain(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("explain", "Tells why a segment or object is cached or is not");
   command->footer(HELP);
@@ -248,4 +248,4 @@ void addExplain(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::explain

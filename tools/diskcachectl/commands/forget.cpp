@@ -25,7 +25,7 @@
 #include "look/server.h"
 #include "replay/cacheSession.h"
 
-namespace diskcachectl {
+namespace diskcachectl::forget {
 namespace {
 
 constexpr const char* HELP =
@@ -85,7 +85,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addForget(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("forget", "Takes a lost volume out of what a cache knows");
   command->footer(HELP);
@@ -95,4 +95,4 @@ void addForget(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::forget

@@ -23,7 +23,7 @@
 #include "look/server.h"
 #include "replay/cacheSession.h"
 
-namespace diskcachectl {
+namespace diskcachectl::get {
 namespace {
 
 using namespace ObjectStore;
@@ -176,7 +176,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addGet(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("get", "Reads a section of a segment");
   command->footer(HELP);
@@ -188,4 +188,4 @@ void addGet(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::get

@@ -23,7 +23,7 @@
 #include "look/looking.h"
 #include "look/segmentDecoder.h"
 
-namespace diskcachectl {
+namespace diskcachectl::inspect {
 namespace {
 
 using nlohmann::ordered_json;
@@ -132,7 +132,7 @@ void run(const std::vector<std::string>& paths, bool isJson) {
 
 }  // namespace
 
-void addInspect(CLI::App& program) {
+void add(CLI::App& program) {
   struct Options {
     std::vector<std::string> paths;
     bool isJson = false;
@@ -145,4 +145,4 @@ void addInspect(CLI::App& program) {
   command->callback([options] { run(options->paths, options->isJson); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::inspect

@@ -31,7 +31,7 @@
 #include "look/segmentDecoder.h"
 #include "look/treeWalk.h"
 
-namespace diskcachectl {
+namespace diskcachectl::ls {
 namespace {
 
 constexpr const char* HELP =
@@ -251,7 +251,7 @@ class Listing {
 
 }  // namespace
 
-void addLs(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("ls", "Lists the segments on volumes");
   command->footer(HELP);
@@ -274,4 +274,4 @@ void addLs(CLI::App& program) {
   });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::ls

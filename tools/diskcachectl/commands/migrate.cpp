@@ -33,7 +33,7 @@
 #include "support/file.h"
 #include "support/log.h"
 
-namespace diskcachectl {
+namespace diskcachectl::migrate {
 namespace {
 
 using namespace ObjectStore;
@@ -291,7 +291,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addMigrate(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("migrate", "Moves a volume to another directory");
   command->footer(HELP);
@@ -316,4 +316,4 @@ void addMigrate(CLI::App& program) {
   });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::migrate

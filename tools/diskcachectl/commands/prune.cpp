@@ -32,7 +32,7 @@
 #include "look/server.h"
 #include "look/treeWalk.h"
 
-namespace diskcachectl {
+namespace diskcachectl::prune {
 namespace {
 
 using nlohmann::ordered_json;
@@ -244,7 +244,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addPrune(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("prune", "Frees space on a stopped cache");
   command->footer(HELP);
@@ -269,4 +269,4 @@ void addPrune(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::prune

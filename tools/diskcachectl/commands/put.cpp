@@ -30,7 +30,7 @@
 #include "replay/cacheSession.h"
 #include "support/file.h"
 
-namespace diskcachectl {
+namespace diskcachectl::put {
 namespace {
 
 using namespace ObjectStore;
@@ -270,7 +270,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addPut(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("put", "Stores a section of a segment");
   command->footer(HELP);
@@ -284,4 +284,4 @@ void addPut(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::put

@@ -23,7 +23,7 @@
 #include "replay/workload.h"
 #include "support/log.h"
 
-namespace diskcachectl {
+namespace diskcachectl::replay {
 namespace {
 
 // In mode random the pruner passes over what is in the recency list, so that a long list would keep all.
@@ -162,7 +162,7 @@ std::string toBytes(std::string& size) {
 
 }  // namespace
 
-void addReplay(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("replay", "Plays requests against a cache and checks every hit");
   command->footer(HELP);
@@ -227,4 +227,4 @@ void addReplay(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::replay

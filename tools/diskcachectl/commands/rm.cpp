@@ -14,7 +14,7 @@
 #include "look/server.h"
 #include "replay/cacheSession.h"
 
-namespace diskcachectl {
+namespace diskcachectl::rm {
 namespace {
 
 using nlohmann::ordered_json;
@@ -57,7 +57,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addRm(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("rm", "Deletes a segment");
   command->footer(HELP);
@@ -70,4 +70,4 @@ void addRm(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::rm

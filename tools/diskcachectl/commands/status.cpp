@@ -26,7 +26,7 @@
 #include "look/server.h"
 #include "look/treeWalk.h"
 
-namespace diskcachectl {
+namespace diskcachectl::status {
 namespace {
 
 using nlohmann::ordered_json;
@@ -228,7 +228,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addStatus(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("status", "Prints what can be known of a cache from outside");
   command->footer(HELP);
@@ -247,4 +247,4 @@ void addStatus(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::status

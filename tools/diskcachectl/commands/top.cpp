@@ -26,7 +26,7 @@
 #include "common/units.h"
 #include "live/metricsPage.h"
 
-namespace diskcachectl {
+namespace diskcachectl::top {
 namespace {
 
 using nlohmann::ordered_json;
@@ -215,7 +215,7 @@ void run(const Options& options) {
 
 }  // namespace
 
-void addTop(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("top", "Shows the rates of a running server");
   command->footer(HELP);
@@ -230,4 +230,4 @@ void addTop(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::top

@@ -33,7 +33,7 @@
 #include "look/server.h"
 #include "look/treeWalk.h"
 
-namespace diskcachectl {
+namespace diskcachectl::verify {
 namespace {
 
 using nlohmann::ordered_json;
@@ -263,7 +263,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addVerify(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("verify", "Checks every segment file below directories");
   command->footer(HELP);
@@ -278,4 +278,4 @@ void addVerify(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::verify

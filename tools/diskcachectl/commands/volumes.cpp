@@ -17,7 +17,7 @@
 #include "look/server.h"
 #include "look/volumeFile.h"
 
-namespace diskcachectl {
+namespace diskcachectl::volumes {
 namespace {
 
 using nlohmann::ordered_json;
@@ -79,7 +79,7 @@ void run(const std::string& root, bool isJson) {
 
 }  // namespace
 
-void addVolumesCommand(CLI::App& program) {
+void add(CLI::App& program) {
   struct Options {
     std::string root;
     bool isJson = false;
@@ -92,4 +92,4 @@ void addVolumesCommand(CLI::App& program) {
   command->callback([options] { run(options->root, options->isJson); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::volumes

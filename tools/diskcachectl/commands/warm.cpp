@@ -36,7 +36,7 @@
 #include "look/server.h"
 #include "replay/cacheSession.h"
 
-namespace diskcachectl {
+namespace diskcachectl::warm {
 namespace {
 
 using namespace ObjectStore;
@@ -303,7 +303,7 @@ void run(Options options) {
 
 }  // namespace
 
-void addWarm(CLI::App& program) {
+void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
   CLI::App* command = program.add_subcommand("warm", "Fills a cache before its server starts");
   command->footer(HELP);
@@ -329,4 +329,4 @@ void addWarm(CLI::App& program) {
   command->callback([options] { run(*options); });
 }
 
-}  // namespace diskcachectl
+}  // namespace diskcachectl::warm
