@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "common/failure.h"
+#include "replay/cacheSession.h"
 #include "support/config.h"
 
 namespace diskcachectl {
@@ -18,14 +19,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* CONTEXT_DIR = "replay";
-// Used space can never be over ten times the capacity: without a budget no watermark has an effect.
-constexpr int NEVER = 1000;
 // The pruner removes directories that it finds empty, also one that was just made for a new segment.
 constexpr int CREATE_ATTEMPTS = 10;
-
-[[noreturn]] void fail(const std::string& what, const CZuError& error) {
-  throw Failure(ExitStatus::Error, fmt::format("{}: {}", what, error.AsString()));
-}
 
 // Names of the directories on top of the volumes.
 std::set<std::string> topDirectories(const std::vector<std::string>& volumes) {

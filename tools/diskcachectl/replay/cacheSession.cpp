@@ -29,8 +29,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Used space can never be over ten times the capacity.
-constexpr int NEVER = 1000;
 // In mode lru a list that every segment fits into, so that none has to be given up.
 constexpr uint64_t MAX_ENTRIES = uint64_t{1} << 48;
 

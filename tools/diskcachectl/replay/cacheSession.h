@@ -15,6 +15,9 @@ class App;
 
 namespace diskcachectl {
 
+// A watermark without effect: used space can never be over ten times the capacity.
+constexpr int NEVER = 1000;
+
 struct CacheOptions {
   std::string root;
   std::vector<std::string> volumes;

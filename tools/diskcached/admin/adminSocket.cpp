@@ -1,6 +1,5 @@
 #include "admin/adminSocket.h"
 
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -18,7 +17,6 @@ using asio::ip::tcp;
 
 namespace {
 
-constexpr auto AS_TUPLE = asio::as_tuple(asio::use_awaitable);
 constexpr std::chrono::seconds PATIENCE(10);
 constexpr unsigned MOST_AT_ONCE = 64;
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
+#include "http/text.h"
+
 namespace diskcached {
 namespace {
-
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
 bool isTokenCharacter(char c) {
   return (lower(c) >= 'a' && lower(c) <= 'z') || (c >= '0' && c <= '9') ||
@@ -15,12 +15,6 @@ bool isToken(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
 }
 bool isControl(char c) { return (static_cast<unsigned char>(c) < 32 && c != '\t') || c == 127; }
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
 
 // The lines of a head, each without its end.
 class Lines {
@@ -77,11 +71,6 @@ Refusal refusalOfField(std::string_view line, Seen& seen) {
 }
 
 }  // namespace
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
-}
 
 HeadEnd findHeadEnd(std::string_view bytes, size_t from) {
   size_t at = from > 3 ? from - 3 : 0;

@@ -22,6 +22,4 @@ struct Refusal {
 // or hosts, a length beside a transfer coding, a coding other than chunked.
 Refusal refusalOf(std::string_view head);
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b);
-
 }  // namespace diskcached

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "http/headGuard.h"
+#include "http/text.h"
 
 namespace diskcached {
 

@@ -3,22 +3,12 @@
 #include <algorithm>
 #include <charconv>
 
+#include "http/text.h"
+
 namespace diskcached {
 namespace {
 
 constexpr std::string_view UNIT = "bytes=";
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-bool startsWithUnit(std::string_view text) {
-  return text.size() >= UNIT.size() && std::equal(UNIT.begin(), UNIT.end(), text.begin(), [](char a, char b) {
-           return a == (b >= 'A' && b <= 'Z' ? b + 32 : b);
-         });
-}
 
 }  // namespace
 
@@ -30,7 +20,7 @@ std::optional<uint64_t> parseNumber(std::string_view text) {
 }
 
 RangeChoice chooseRange(std::string_view header, uint64_t objectSize) {
-  if (!startsWithUnit(header)) return {};
+  if (!equalsIgnoringCase(header.substr(0, UNIT.size()), UNIT)) return {};
   header = trimmed(header.substr(UNIT.size()));
   const size_t dash = header.find('-');
   if (dash == std::string_view::npos || header.find(',') != std::string_view::npos) return {};

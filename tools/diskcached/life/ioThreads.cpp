@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/executor_work_guard.hpp>
@@ -24,7 +23,6 @@ using asio::ip::tcp;
 namespace {
 
 constexpr std::chrono::milliseconds SWEEP(200);
-constexpr auto AS_TUPLE = asio::as_tuple(asio::use_awaitable);
 
 }  // namespace
 

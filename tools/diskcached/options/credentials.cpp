@@ -42,7 +42,7 @@ std::string readPrivateFile(const std::string& path) {
   return text;
 }
 
-std::string trimmed(const std::string& text) {
+std::string withoutBlanks(const std::string& text) {
   const size_t first = text.find_first_not_of(" \t\r"), last = text.find_last_not_of(" \t\r");
   return first == std::string::npos ? "" : text.substr(first, last - first + 1);
 }
@@ -61,7 +61,8 @@ std::optional<Credentials> readCredentials(const std::string& path) {
   for (std::string line; std::getline(lines, line);) {
     const size_t equals = line.find('=');
     if (equals == std::string::npos) continue;
-    const std::string name = trimmed(line.substr(0, equals)), value = trimmed(line.substr(equals + 1));
+    const std::string name = withoutBlanks(line.substr(0, equals)),
+                      value = withoutBlanks(line.substr(equals + 1));
     if (name == "aws_access_key_id") found.accessKey = value;
     if (name == "aws_secret_access_key") found.secret = value;
     if (name == "aws_session_token") found.sessionToken = value;

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <cerrno>
 
@@ -12,7 +11,6 @@ namespace diskcached {
 
 namespace {
 
-constexpr auto AS_TUPLE = asio::as_tuple(asio::use_awaitable);
 // Others of this thread get their turn after so many bytes.
 constexpr uint64_t FAIR_SHARE = 1 << 20;
 constexpr std::chrono::seconds LINGER(1);

@@ -20,7 +20,7 @@ bool isForwarded(std::string_view name) {
   return true;
 }
 
-OriginCall callOf(const Exchange& exchange) {
+OriginCall passedOn(const Exchange& exchange) {
   OriginCall call;
   call.method = exchange.method();
   call.key = exchange.target().key;
@@ -91,7 +91,7 @@ asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   Service& service = exchange.service;
   ++service.stats.passed;
   const auto spool = std::make_shared<Spool>();
-  const auto call = std::make_shared<OriginCall>(callOf(exchange));
+  const auto call = std::make_shared<OriginCall>(passedOn(exchange));
   call->hasBody = exchange.hasBody();
   call->body = co_await takeBody(exchange, *spool);
   const auto stream = std::make_shared<PassStream>();

@@ -8,7 +8,7 @@ namespace diskcached {
 
 namespace {
 
-constexpr size_t PIECE = 256 << 10;
+constexpr size_t SPOOLED_AT_ONCE = 256 << 10;
 
 void check(int errNo) {
   if (errNo != 0) throw Refused(507, fmt::format("the body can't be kept: {}", std::strerror(errNo)));
@@ -19,11 +19,11 @@ void check(int errNo) {
 asio::awaitable<std::span<const std::byte>> takeBody(Exchange& exchange, Spool& spool) {
   if (!exchange.hasBody()) co_return std::span<const std::byte>();
   WorkerPool& disks = exchange.service.disks;
-  const auto share = exchange.service.memory.take(PIECE);
+  const auto share = exchange.service.memory.take(SPOOLED_AT_ONCE);
   if (!share) throw Overloaded();
   check(co_await disks.run([&] { return spool.open(exchange.options->root); }));
-  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(PIECE);
-  const std::span<std::byte> piece(buffer.get(), PIECE);
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(SPOOLED_AT_ONCE);
+  const std::span<std::byte> piece(buffer.get(), SPOOLED_AT_ONCE);
   while (const size_t got = co_await exchange.receiveBody(piece)) {
     check(co_await disks.run([&] { return spool.append(piece.first(got)); }));
   }

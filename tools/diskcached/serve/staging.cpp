@@ -15,15 +15,15 @@ using ObjectStore::RMErrorUtil;
 
 namespace {
 
-constexpr uint64_t PIECE = 1 << 20;
+constexpr uint64_t COPIED_AT_ONCE = 1 << 20;
 
 // One span of an object that lies in blocks.
 CZuError spoolObject(const ObjectStore::StagedObject& object, const std::string& dir, Spool& spool,
                      std::span<const std::byte>& bytes) {
   int errNo = spool.open(dir);
-  std::vector<std::byte> piece(std::min(object.size, PIECE));
+  std::vector<std::byte> piece(std::min(object.size, COPIED_AT_ONCE));
   for (uint64_t at = 0; errNo == 0 && at < object.size; at += piece.size()) {
-    piece.resize(std::min(object.size - at, PIECE));
+    piece.resize(std::min(object.size - at, COPIED_AT_ONCE));
     if (const CZuError error = object.read(at, piece); error.IsError()) return error;
     errNo = spool.append(piece);
   }

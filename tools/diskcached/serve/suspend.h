@@ -1,6 +1,7 @@
 // How a coroutine of an I/O thread waits for what another thread does.
 #pragma once
 
+#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -12,6 +13,9 @@
 namespace diskcached {
 
 namespace asio = boost::asio;
+
+// Awaited, an operation gives its error code beside its result instead of throwing it.
+constexpr auto AS_TUPLE = asio::as_tuple(asio::use_awaitable);
 
 // Sleeps until the function that `start` is given is called, once and by any thread.
 template <typename Start>
