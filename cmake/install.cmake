@@ -25,6 +25,14 @@ foreach(header IN LISTS publicHeaders)
   install(FILES ${PROJECT_SOURCE_DIR}/${header} DESTINATION ${headerDir}/${folder} COMPONENT development)
 endforeach()
 
+# Who only builds the libraries needs nothing to write manuals with, and goes without.
+find_program(SCDOC scdoc)
+if(SCDOC)
+  foreach(page IN ITEMS DiskCache.3 ObjectCache.3)
+    diskcache_manual(${page} development)
+  endforeach()
+endif()
+
 set_target_properties(diskcache-client PROPERTIES INSTALL_RPATH "$ORIGIN")
 function(install_library library component)
   install(TARGETS ${library} EXPORT diskcacheTargets
@@ -33,13 +41,10 @@ function(install_library library component)
 endfunction()
 install_library(diskcache engine)
 install_library(diskcache-client client)
-# A program and its manual.
 function(install_program program)
   file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
   install(TARGETS ${program} COMPONENT tools)
-  install(FILES ${PROJECT_BINARY_DIR}/man/man1/${program}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
-          COMPONENT tools)
 endfunction()
 if(DISKCACHE_BUILD_TOOLS)
   install_program(diskcachectl)
