@@ -211,8 +211,8 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("clean", "Lists or removes what serves nobody");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "clean", "Lists or removes what serves nobody", HELP, [options] { run(*options); });
   addRoot(*command, options->root)->required();
   addVolumes(*command, options->volumes, true);
   makeVolumesOptional(*command);
@@ -222,7 +222,6 @@ void add(CLI::App& program) {
       ->transform(CLI::Validator(ageToNumber, ""));
   command->add_flag("--remove", options->removes, "Delete what is found");
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::clean

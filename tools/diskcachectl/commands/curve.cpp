@@ -142,8 +142,8 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("curve", "Tells the hit ratio of every cache size from a trace");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "curve", "Tells the hit ratio of every cache size from a trace",
+                                 HELP, [options] { run(*options); });
   command->add_option("--trace", options->trace, "Lines: id,size[,...] or # comment")
       ->required()
       ->type_name("FILE");
@@ -160,7 +160,6 @@ void add(CLI::App& program) {
       ->type_name("FILE")
       ->check(CLI::Validator(whyNoPicture, ""));
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::curve

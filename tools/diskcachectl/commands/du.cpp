@@ -263,6 +263,9 @@ ordered_json asJson(const VolumeUsage& volume, bool hasHistograms) {
 }
 
 void run(const Options& options) {
+  if (options.root.empty() && options.volumes.empty()) {
+    throw Failure(ExitStatus::BadInput, "du: one of --root and --volume is required (see --help)");
+  }
   std::vector<std::string> dirs = options.volumes;
   auto worst = ExitStatus::Success;
   if (dirs.empty()) {
@@ -294,18 +297,12 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("du", "Adds up the space of volumes by top-level directory");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "du", "Adds up the space of volumes by top-level directory", HELP,
+                                 [options] { run(*options); });
   CLI::Option* root = addRoot(*command, options->root);
-  CLI::Option* volumes = addVolumes(*command, options->volumes, true)->excludes(root);
+  addVolumes(*command, options->volumes, true)->excludes(root);
   command->add_flag("--histogram", options->hasHistograms, "Add how large and how old the segments are");
   addJson(*command, options->isJson);
-  command->callback([options, root, volumes] {
-    if (root->empty() && volumes->empty()) {
-      throw Failure(ExitStatus::BadInput, "du: one of --root and --volume is required (see --help)");
-    }
-    run(*options);
-  });
 }
 
 }  // namespace diskcachectl::du

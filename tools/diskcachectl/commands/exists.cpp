@@ -51,11 +51,10 @@ void run(const SegmentOptions& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<SegmentOptions>();
-  CLI::App* command = program.add_subcommand("exists", "Tells whether a segment is cached, and where");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "exists", "Tells whether a segment is cached, and where", HELP,
+                                 [options] { run(*options); });
   addSegmentOptions(*command, *options);
   makeVolumesOptional(*command);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::exists

@@ -227,8 +227,8 @@ std::string whyNoId(const std::string& id) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("explain", "Tells why a segment or object is cached or is not");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "explain", "Tells why a segment or object is cached or is not",
+                                 HELP, [options] { run(*options); });
   addRoot(*command, options->root)->required();
   addVolumes(*command, options->volumes, false);
   makeVolumesOptional(*command);
@@ -245,7 +245,6 @@ void add(CLI::App& program) {
       ->type_name("")
       ->check(CLI::Validator(whyNoId, ""));
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::explain

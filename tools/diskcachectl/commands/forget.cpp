@@ -87,12 +87,11 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("forget", "Takes a lost volume out of what a cache knows");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "forget", "Takes a lost volume out of what a cache knows", HELP,
+                                 [options] { run(*options); });
   addRoot(*command, options->root)->required();
   command->add_option("VOLUME", options->volume, "Its directory, or its index")->required()->type_name("");
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::forget

@@ -178,14 +178,13 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("get", "Reads a section of a segment");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "get", "Reads a section of a segment", HELP, [options] { run(*options); });
   addSegmentOptions(*command, *options);
   makeVolumesOptional(*command);
   addSectionType(*command, options->type);
   command->add_option("FILE", options->file, "Where it goes; - for standard output, as without it")
       ->type_name("");
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::get

@@ -138,11 +138,10 @@ void add(CLI::App& program) {
     bool isJson = false;
   };
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("inspect", "Decodes segment files and names what is wrong");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "inspect", "Decodes segment files and names what is wrong", HELP,
+                                 [options] { run(options->paths, options->isJson); });
   command->add_option("FILE", options->paths, "Segment files")->required()->type_name("");
   addJson(*command, options->isJson);
-  command->callback([options] { run(options->paths, options->isJson); });
 }
 
 }  // namespace diskcachectl::inspect

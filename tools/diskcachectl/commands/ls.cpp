@@ -249,12 +249,17 @@ class Listing {
   ExitStatus m_worst = ExitStatus::Success;
 };
 
+void run(const Options& options) {
+  const ExitStatus status = Listing(options).run();
+  if (status != ExitStatus::Success) throw Failure(status);
+}
+
 }  // namespace
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("ls", "Lists the segments on volumes");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "ls", "Lists the segments on volumes", HELP, [options] { run(*options); });
   addVolumes(*command, options->volumes, true)->required();
   command->add_option("--context", options->context, "Only this directory of the volumes")->type_name("NAME");
   command
@@ -268,10 +273,6 @@ void add(CLI::App& program) {
       ->type_name("N")
       ->check(CLI::Range(size_t{1}, size_t{1} << 48).description(""));
   addJson(*command, options->isJson);
-  command->callback([options] {
-    const ExitStatus status = Listing(*options).run();
-    if (status != ExitStatus::Success) throw Failure(status);
-  });
 }
 
 }  // namespace diskcachectl::ls

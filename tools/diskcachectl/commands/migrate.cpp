@@ -251,6 +251,7 @@ void printResult(const Options& options, const std::string& source, const Plan& 
 }
 
 void run(Options options) {
+  options.destination = fs::absolute(options.destination);  // the cache may run elsewhere
   catchInterrupts();
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
@@ -293,8 +294,8 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("migrate", "Moves a volume to another directory");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "migrate", "Moves a volume to another directory", HELP,
+                                 [options] { run(*options); });
   addCacheOptions(*command, *options, true);
   makeVolumesOptional(*command);
   addAddVolume(*command, options->addsVolume);
@@ -310,10 +311,6 @@ void add(CLI::App& program) {
       command->add_flag("--leave-behind", options->leavesBehind, "Go on without what stays behind");
   command->add_flag("--complete", options->isComplete, "Copy what would stay behind before the migration")
       ->excludes(leave);
-  command->callback([options] {
-    options->destination = fs::absolute(options->destination);  // the cache may run elsewhere
-    run(*options);
-  });
 }
 
 }  // namespace diskcachectl::migrate

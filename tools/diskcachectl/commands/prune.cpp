@@ -246,8 +246,8 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("prune", "Frees space on a stopped cache");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "prune", "Frees space on a stopped cache", HELP, [options] { run(*options); });
   addRoot(*command, options->root)->required();
   addVolumes(*command, options->volumes, true);
   makeVolumesOptional(*command);
@@ -266,7 +266,6 @@ void add(CLI::App& program) {
       ->transform(CLI::Validator(ageToNumber, ""));
   command->add_flag("--dry-run", options->isDry, "Only tell what would go");
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::prune

@@ -272,8 +272,8 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("put", "Stores a section of a segment");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "put", "Stores a section of a segment", HELP, [options] { run(*options); });
   addSegmentOptions(*command, *options);
   makeVolumesOptional(*command);
   addAddVolume(*command, options->addsVolume);
@@ -281,7 +281,6 @@ void add(CLI::App& program) {
   command->add_flag("--sync", options->isSynced, "Return when it is on disk for good");
   command->add_option("FILE", options->file, "Where it comes from; - for standard input, as without it")
       ->type_name("");
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::put

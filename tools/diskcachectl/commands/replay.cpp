@@ -164,8 +164,8 @@ std::string toBytes(std::string& size) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("replay", "Plays requests against a cache and checks every hit");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "replay", "Plays requests against a cache and checks every hit",
+                                 HELP, [options] { run(*options); });
 
   const auto add = [command](const char* name, auto& value, const char* type, const char* description) {
     return command->add_option(name, value, description)->type_name(type);
@@ -224,7 +224,6 @@ void add(CLI::App& program) {
       ->needs(log)
       ->check(range(-1, 9))
       ->capture_default_str();
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::replay

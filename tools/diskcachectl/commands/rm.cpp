@@ -59,15 +59,13 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("rm", "Deletes a segment");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "rm", "Deletes a segment", HELP, [options] { run(*options); });
   addSegmentOptions(*command, *options);
   makeVolumesOptional(*command);
   addAddVolume(*command, options->addsVolume);
   command->add_flag_callback(
       "--recycle", [options] { options->recycle = Recycle::Yes; },
       "Move the files to the volume's directory \"recycle\" instead");
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::rm

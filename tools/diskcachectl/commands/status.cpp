@@ -230,8 +230,8 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("status", "Prints what can be known of a cache from outside");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "status", "Prints what can be known of a cache from outside", HELP,
+                                 [options] { run(*options); });
   addRoot(*command, options->root)->required();
   addVolumes(*command, options->volumes, true);
   makeVolumesOptional(*command);
@@ -244,7 +244,6 @@ void add(CLI::App& program) {
       ->type_name("table|json|prometheus")
       ->check(CLI::IsMember({"table", "json", "prometheus"}).description(""))
       ->capture_default_str();
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::status

@@ -217,8 +217,8 @@ void run(const Options& options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("top", "Shows the rates of a running server");
-  command->footer(HELP);
+  CLI::App* command =
+      addCommand(program, "top", "Shows the rates of a running server", HELP, [options] { run(*options); });
   command->add_option("URL", options->url, "The server's page of metrics")->required()->type_name("");
   command->add_option("--interval", options->interval, "Seconds from one look to the next")
       ->type_name("S")
@@ -227,7 +227,6 @@ void add(CLI::App& program) {
   command->add_option("--count", options->count, "How many times (default: until it is ended)")
       ->type_name("N");
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::top

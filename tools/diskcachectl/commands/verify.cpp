@@ -265,8 +265,8 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("verify", "Checks every segment file below directories");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "verify", "Checks every segment file below directories", HELP,
+                                 [options] { run(*options); });
   command->add_option("PATH", options->paths, "Volumes, directories or files (default: the root's volumes)")
       ->type_name("");
   CLI::Option* root = addRoot(*command, options->root);
@@ -275,7 +275,6 @@ void add(CLI::App& program) {
       ->type_name("N")
       ->check(CLI::Range(size_t{1}, size_t{1024}).description(""));
   addJson(*command, options->isJson);
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::verify

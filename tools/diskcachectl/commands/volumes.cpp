@@ -85,11 +85,10 @@ void add(CLI::App& program) {
     bool isJson = false;
   };
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("volumes", "Shows a cache's volumes and their file systems");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "volumes", "Shows a cache's volumes and their file systems", HELP,
+                                 [options] { run(options->root, options->isJson); });
   addRoot(*command, options->root)->required();
   addJson(*command, options->isJson);
-  command->callback([options] { run(options->root, options->isJson); });
 }
 
 }  // namespace diskcachectl::volumes

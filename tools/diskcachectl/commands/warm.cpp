@@ -305,8 +305,8 @@ void run(Options options) {
 
 void add(CLI::App& program) {
   const auto options = std::make_shared<Options>();
-  CLI::App* command = program.add_subcommand("warm", "Fills a cache before its server starts");
-  command->footer(HELP);
+  CLI::App* command = addCommand(program, "warm", "Fills a cache before its server starts", HELP,
+                                 [options] { run(*options); });
   addCacheOptions(*command, *options, true);
   makeVolumesOptional(*command);
   addAddVolume(*command, options->addsVolume);
@@ -326,7 +326,6 @@ void add(CLI::App& program) {
   addSize("--rate", options->rate, "At most so many bytes in a second (50MiB)");
   addSize("--max-bytes", options->maxBytes, "What objects may take on disk");
   addSize("--block-size", options->blockSize, "Of objects (default: 4MiB)");
-  command->callback([options] { run(*options); });
 }
 
 }  // namespace diskcachectl::warm

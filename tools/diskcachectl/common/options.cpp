@@ -8,8 +8,17 @@
 #include <CLI/Validators.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 namespace diskcachectl {
+
+CLI::App* addCommand(CLI::App& program, const std::string& name, const std::string& summary,
+                     const std::string& help, std::function<void()> run) {
+  CLI::App* command = program.add_subcommand(name, summary);
+  command->footer(help);
+  command->callback(std::move(run));
+  return command;
+}
 
 CLI::Option* addRoot(CLI::App& command, std::string& dir) {
   return command.add_option("--root", dir, "Directory of the cache's own files")->type_name("DIR");

@@ -1,6 +1,7 @@
 // Options that several subcommands take, under one name and with one meaning.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,10 @@ class Option;
 }  // namespace CLI
 
 namespace diskcachectl {
+
+// A subcommand that does `run` when it is the one that was given, after its options were read.
+CLI::App* addCommand(CLI::App& program, const std::string& name, const std::string& summary,
+                     const std::string& help, std::function<void()> run);
 
 CLI::Option* addRoot(CLI::App& command, std::string& dir);
 
