@@ -73,7 +73,7 @@ CZuError DiskcacheLRU::insert(const Key& key, VolIndex vol, const std::string& d
         m_table.moveToFront(known);
         return {};
       }
-      m_table.reserve(key.guid, dir);
+      if (!m_table.isReserved()) m_table.reserve(key.guid, dir);
     } else if (!m_table.empty()) {
       m_table.erase(m_table.oldest());  // the entry goes, the counter stays: see m_numEntries
     }

@@ -68,8 +68,13 @@ int DiskCacheMigrator::init(MigrationCB callback) {
   m_isReady = true;
   std::string content;
   const int rc = readWholeFile(pathInRoot(MIGRATE_FILE), content);
-  // None there; but something that is no file, or far too large for one, makes no sense either.
-  if (rc != 0 && rc != EINVAL && rc != EFBIG) return 0;
+  if (rc == ENOENT || rc == ENOTDIR) return 0;
+  // Something that is no file, or far too large for one, makes no sense. What can't be read is not taken for absent:
+  // clients would work on at the source, and a later start go on from what they have changed since.
+  if (rc != 0 && rc != EINVAL && rc != EFBIG) {
+    DC_LOG(LogLevel::Error, "Error: can't read [%s] (%d)", pathInRoot(MIGRATE_FILE).c_str(), rc);
+    return rc;
+  }
   std::string_view rest = content;
   const std::string index(takeLine(rest));
   const std::string source(takeLine(rest));

@@ -25,6 +25,13 @@ constexpr const char* TIMEOUT_KEY = "DiskCachePrunerTimeout";  // minutes
 constexpr unsigned long DEFAULT_TIMEOUT = 5;
 constexpr unsigned long MAX_TIMEOUT = 7200;  // five days
 
+int readTimeout(unsigned long& minutes) {
+  minutes = getRegistryValue<unsigned long>(TIMEOUT_KEY, DEFAULT_TIMEOUT, 0,
+                                            std::numeric_limits<unsigned long>::max());
+  minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
+  return 0;
+}
+
 // Every order is as likely: each item changes places with one of those up to itself.
 template <typename T>
 void shuffle(std::vector<T>& items) {
@@ -58,29 +65,29 @@ void* DiskCachePruner::threadEntry(void* pruner) {
 void DiskCachePruner::run(const RMCodeLocation& where) {
   DC_LOG_AT(where, LogLevel::Info, "cache: entering pruner thread");
   while (!m_stop) {
-    unsigned long minutes = getRegistryValue<unsigned long>(TIMEOUT_KEY, DEFAULT_TIMEOUT, 0,
-                                                            std::numeric_limits<unsigned long>::max());
-    minutes = minutes == 0 ? DEFAULT_TIMEOUT : std::min(minutes, MAX_TIMEOUT);
+    unsigned long minutes = DEFAULT_TIMEOUT;
+    guarded(where, [&] { return readTimeout(minutes); });
     DC_LOG_AT(where, LogLevel::NoSpace, "Pruner Thread will wakeup in [%lu] minutes", minutes);
     m_space.waitForWakeup(minutes * 60000);
     if (m_stop) break;
-    if (const int rc = m_volumes.refreshCacheUtilizationData(); rc != 0) {
-      DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
-    }
-    if (!m_space.isOverHighWatermark()) continue;
-    PrunerError result = PrunerError::GoOn;
-    while (result == PrunerError::GoOn) {
-      try {
-        result = deletePrunableSegments();
-      } catch (...) {                    // memory ran out in mid-walk: the next wake-up tries again
-        (void)failWithException(where);  // logged
-        break;
-      }
-      if (result == PrunerError::Exhausted) DC_LOG_AT(where, LogLevel::Segment, "no more pruning candidates");
-      if (result == PrunerError::Done) DC_LOG_AT(where, LogLevel::Segment, "pruning success");
-    }
+    // Where memory runs out the next wake-up tries again.
+    guarded(where, [&] { return makeRoom(where); });
   }
   DC_LOG_AT(where, LogLevel::Info, "cache: exiting pruner thread");
+}
+
+int DiskCachePruner::makeRoom(const RMCodeLocation& where) {
+  if (const int rc = m_volumes.refreshCacheUtilizationData(); rc != 0) {
+    DC_LOG_AT(where, LogLevel::Error, "Error %d getting current cache utilization", rc);
+  }
+  if (!m_space.isOverHighWatermark()) return 0;
+  PrunerError result = PrunerError::GoOn;
+  while (result == PrunerError::GoOn) {
+    result = deletePrunableSegments();
+    if (result == PrunerError::Exhausted) DC_LOG_AT(where, LogLevel::Segment, "no more pruning candidates");
+    if (result == PrunerError::Done) DC_LOG_AT(where, LogLevel::Segment, "pruning success");
+  }
+  return 0;
 }
 
 PrunerError DiskCachePruner::deletePrunableSegments() {

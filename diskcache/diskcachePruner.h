@@ -69,6 +69,7 @@ class DiskCachePruner {
   bool isInUse(const guid_t& name, const RMCodeLocation& where);
   static void* threadEntry(void* pruner);
   void run(const RMCodeLocation& where);
+  int makeRoom(const RMCodeLocation& where);
 
   DiskCacheSpace& m_space;
   DiskCacheContexts& m_contexts;

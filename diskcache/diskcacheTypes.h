@@ -73,7 +73,8 @@ using PrunerCallback =
     std::function<bool(const std::string& dir, const std::string& path, const std::string& guid)>;
 
 // Told once how a migration ended: error 0 for success, otherwise a system error number. Called from a
-// migration thread; must not throw and must not destroy the engine.
+// migration thread, or where none could be started from within migrate() or init(); must not throw and must
+// not destroy the engine.
 using MigrationCB = void (*)(int error, const std::string& source, const std::string& destination);
 
 // One directory tree of a client. The client fills it in, registers it and passes it to every operation: the

@@ -68,8 +68,8 @@ CZuError openNewFile(SegmentFile& file, NewSegment& place, const RMCodeLocation&
                 file.error());
 }
 
-CZuError syncDescriptor(int fd, const std::string& path, const RMCodeLocation& where) {
-  const auto [rc, error] = timedCall(__func__, PERF_SYNC, [&] { return fsync(fd); });
+CZuError syncDescriptor(const char* operation, int fd, const std::string& path, const RMCodeLocation& where) {
+  const auto [rc, error] = timedCall(operation, PERF_SYNC, [&] { return fsync(fd); });
   if (rc == 0) return {};
   return failAt(where, LogLevel::Error, error, "Error: can't fsync file [%s] (%d)", path.c_str(), error);
 }
@@ -112,7 +112,7 @@ CZuError fillNewSegment(DiskCacheState& engine, int fd, const std::string& path,
   engine.space.addUsed(static_cast<int64_t>(allocated));
   DC_LOG_AT(where, LogLevel::Accounting, "Trace: m_totalCacheUsed (%llu) ADD allocatedSize: [%llu]",
             static_cast<unsigned long long>(engine.space.used()), static_cast<unsigned long long>(allocated));
-  return sync ? syncDescriptor(fd, path, where) : CZuError();
+  return sync ? syncDescriptor("createSegment", fd, path, where) : CZuError();
 }
 
 CZuError makeSegment(DiskCacheState& engine, DiskCacheContext& ctx, const guid_t& guid,
@@ -168,8 +168,9 @@ CZuError DiskCache::createSegment(DiskCacheContext& ctx, const guid_t& guid,
   m_state->space.delayWriteToSegment();
   DC_LOG(LogLevel::Segment, "cache: creating segment [%s] secs=%lu sync=%d nonPrune=%d", guid.c_str(),
          sections.size(), sync, nonPrune);
-  return counted.ends(m_state->space.askForRoom(
-      makeSegment(*m_state, ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION)));
+  const CZuError error = makeSegment(*m_state, ctx, guid, sections, sync, nonPrune, RM_CODE_LOCATION);
+  if (m_state->space.isOutOfSpace()) return counted.ends(error);  // simulated: there is no want of room
+  return counted.ends(m_state->space.askForRoom(error));
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
@@ -257,7 +258,8 @@ CZuError writeInTurn(DiskCacheState& engine, const DiskCacheContext& ctx, const 
     return error;
   }
   if (sync) {
-    if (const CZuError error = syncDescriptor(target.file.fd(), target.path, where); error.IsError())
+    if (const CZuError error = syncDescriptor("writeSections", target.file.fd(), target.path, where);
+        error.IsError())
       return error;
   }
   target.file.closeTimed();

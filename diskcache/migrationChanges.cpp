@@ -61,11 +61,12 @@ int MigrationChanges::append(const std::string& name) {
     m_hasFile = true;
   }
   const auto length = static_cast<ssize_t>(name.size() + 1);  // with the NUL that every string ends with
-  if (write(m_fd, name.c_str(), static_cast<size_t>(length)) == length) {
+  const ssize_t written = write(m_fd, name.c_str(), static_cast<size_t>(length));
+  if (written == length) {
     m_end += length;
     return 0;
   }
-  const int rc = lastError();
+  const int rc = written < 0 ? lastError() : ENOSPC;  // a write is cut short where there is no more room
   [[maybe_unused]] const int cut = ftruncate(m_fd, m_end);  // the next name must not continue half a name
   return rc;
 }

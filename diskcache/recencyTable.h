@@ -49,6 +49,8 @@ class RecencyTable {
   // Enters what was reserved as the newest. REQUIRES: reserve() of that identifier, and no insertion or swap
   // since; the identifier is not in the table.
   void pushFront(const Key& key, VolIndex volume) noexcept;
+  // Whether what reserve() got is still there.
+  bool isReserved() const { return m_reservedDir != NO_DIR; }
   // Gives back what reserve() got when the entry is not to come.
   void dropReserve() noexcept;
 
