@@ -211,25 +211,6 @@ TEST_F(MigratorTest, AChangeThatCannotBeNotedAfterTheSwitchFailsNothing) {
   EXPECT_EQ(get("kept"), "the new text");
 }
 
-// Where the source's other directories, its recycle directory too, have been copied already.
-TEST_F(MigratorTest, WhatIsRecycledMeanwhileIsOnTheSideInUseAfterwards) {
-  for (const bool fails : {false, true}) {
-    startWithFour();
-    ctx.dir = "spare";
-    put("gone", "text");
-    ASSERT_TRUE(!fails || mkfifo((source + "/ctx/odd").c_str(), 0600) == 0);
-    HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
-    EXPECT_EQ(cache->migrate(1, source, target), 0);
-    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
-    EXPECT_EQ(outcome(cache->deleteSegment(ctx, "gone", false, false, Recycle::Yes)), "success");
-    hold.release();
-    EXPECT_EQ(ends(), ended(fails ? "EINVAL" : "success", target));
-    EXPECT_EQ(fs::exists(source + "/recycle/gone"), fails);
-    EXPECT_EQ(fs::exists(target + "/recycle/gone"), !fails);
-    ctx.dir = "ctx";
-  }
-}
-
 TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
   startWithFour();
   HoldAtLine hold(log, "Opening disk segment for [fresh]");  // at the source's path, which is looked up again
