@@ -155,8 +155,8 @@ CZuError DiskCache::openSection(int& fd, std::vector<SectionPlace>& places, cons
     return DC_FAIL(level, missing, "Error: can't open file [%s] (%d)", path.c_str(), missing);
   }
   PlaceFinder finder(file.fd(), places);
-  const auto damaged = [&](int rc) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: [%s] is no whole segment (%d)", path.c_str(), rc);
+  const auto damaged = [&, where = RM_CODE_LOCATION](int rc) {
+    return failAt(where, LogLevel::Error, rc, "Error: [%s] is no whole segment (%d)", path.c_str(), rc);
   };
   if (const int rc = finder.readHead(); rc != 0) return damaged(rc);
   for (size_t i = 0; i < places.size(); ++i) {

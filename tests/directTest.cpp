@@ -146,6 +146,7 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_TRUE(cache->findVolume("b2", volume));
   EXPECT_EQ(volume, 2);
   EXPECT_FALSE(cache->findVolume("none", volume));
+  EXPECT_EQ(volume, 2) << "is left alone";
   EXPECT_TRUE(cache->touch("a1"));
   EXPECT_FALSE(cache->touch("none"));
   cache->forget("c3");
@@ -156,7 +157,9 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   uint64_t given = 7;
   EXPECT_EQ(outcome(cache->giveUpOldest(3, given)), "ENOSPC");  // b2 refuses and goes to the front
   EXPECT_EQ(given, 0U);
+  log.clear();
   EXPECT_EQ(outcome(cache->giveUpOldest(2, given)), "success");
+  EXPECT_NE(log.take().back().operation.find("giveUpOldest"), std::string::npos);
   EXPECT_EQ(given, 2U);
   refused.clear();
   EXPECT_EQ(outcome(cache->giveUpOldest(9, given)), "success");

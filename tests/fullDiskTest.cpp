@@ -60,13 +60,10 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   writeFile(disk / "ballast", std::string(freeBytes(), 'b'));
   EXPECT_EQ(outcome(create("another", {section(0, "text")})), "ENOSPC");  // in the first write of its file
   EXPECT_TRUE(log.has(-1, "Error: Can't write header (28)"));
-  const auto write = [&](const Section& s) {
-    return outcome(cache->writeSections(ctx, "0", {s}, false, ForceDiskLoc::Default));
-  };
-  EXPECT_EQ(write(section(1, "appended")), "ENOSPC");
+  EXPECT_EQ(write({section(1, "appended")}, "0"), "ENOSPC");
   EXPECT_TRUE(log.has(4, "Error: out of space"));
   EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 3U);
-  EXPECT_EQ(write(section(0, "extended", 0, 2 * LONGEST)), "ENOSPC");
+  EXPECT_EQ(write({section(0, "extended", 0, 2 * LONGEST)}, "0"), "ENOSPC");
 
   while (made-- > 0) {
     EXPECT_TRUE(get(std::to_string(made)) == payloadOf(made)) << made;
@@ -79,10 +76,10 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
 
 // Room for so many KiB more, whichever write of an operation it is that finds no more of it.
 TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
-  for (const auto kind : {SmallFileSystem::TMPFS, SmallFileSystem::EXT4}) {
-    const SmallFileSystem small(8, kind);
+  for (const auto fileSystem : {SmallFileSystem::TMPFS, SmallFileSystem::EXT4}) {
+    const SmallFileSystem small(8, fileSystem);
     if (!small.available()) {
-      std::cout << "this process may not mount file system " << kind << '\n';
+      std::cout << "this process may not mount file system " << fileSystem << '\n';
       continue;
     }
     EngineOptions options;
@@ -91,24 +88,17 @@ TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
     const std::string part(3000, 'p'), more(9000, 'm');
     put("000", part);
     writeFile(small / "ballast", "");
-    const std::function<std::string(const std::string&)> operations[] = {
-        [&](auto& id) {
-          return outcome(create(id, {section(0, part), section(1, part), section(2, part)}));
-        },
-        [&](auto& id) {
-          return outcome(cache->replaceSegment(ctx, id, {section(0, part), section(1, more)}));
-        },
-        [&](auto&) {
-          return write({section(0, more), section(0, part, 0, 9000)});
-        },
-        [&](auto&) {
-          return write({section(1, part), section(2, part), section(3, more)});
-        }};
+    enum { CREATE, REPLACE, WRITE };
+    const std::pair<int, std::vector<Section>> operations[] = {
+        {CREATE, {section(0, part), section(1, part), section(2, part)}},
+        {REPLACE, {section(0, part), section(1, more)}},
+        {WRITE, {section(0, more), section(0, part, 0, 9000)}},
+        {WRITE, {section(1, part), section(2, part), section(3, more)}}};
     size_t refusals = 0;
     for (unsigned room = 0; room < 24; ++room) {
-      for (const auto& operation : operations) {
-        SCOPED_TRACE(testing::Message() << kind << ' ' << room << ' ' << &operation - operations);
-        const std::string id = "000" + std::to_string(room) + std::to_string(&operation - operations);
+      for (const auto& [kind, sections] : operations) {
+        SCOPED_TRACE(testing::Message() << fileSystem << ' ' << room << ' ' << kind);
+        const std::string id = "000" + std::to_string(room) + std::to_string(kind);
         std::filesystem::remove(pathOf("000"));
         put("000", part);
         writeFile(pathOf(id), "");
@@ -116,7 +106,9 @@ TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
         fillUp(small / "ballast", room * 1024);
         Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0, volume.free = 1 << 30; });
         const uint64_t counted = Access::space(*cache).stats().errOutOfSpace.value();
-        const std::string told = operation(id);
+        const std::string told = kind == CREATE    ? outcome(create(id, sections))
+                                 : kind == REPLACE ? outcome(cache->replaceSegment(ctx, id, sections))
+                                                   : write(sections);
         EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value() - counted, told == "success" ? 0U : 1U);
         EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
         refusals += told == "ENOSPC";

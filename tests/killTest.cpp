@@ -6,13 +6,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <random>
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/inMemory.h"
-#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -52,45 +50,6 @@ struct KillTest : InMemory, EngineTest {
 
   std::mt19937 random{20};  // the same kills every time
 };
-
-TEST_F(KillTest, AMigrationGoesOnAtTheNextStart) {
-  const std::string source = dir / "vol1", target = dir / "new/vol1", info = dir / "root/volume_info";
-  EngineOptions options;
-  options.persistent = PersistentVolumes::Yes;
-  options.mode = PruningMode::Random;  // starts without a scan, which would take most of the kills
-  std::map<guid_t, std::string> texts;
-  const auto isLeft = [&] { return fs::exists(dir / "root/migrate"); };
-  const auto migrate = [&] {  // or goes on with it, or finds it done
-    const bool resumes = isLeft(), switched = fs::exists(info) && readFile(info) == target + ",1\n";
-    options.volumesIn = switched ? dir / "new" : "";
-    log.take();
-    start(options);
-    EXPECT_EQ(resumes || switched ? 0 : cache->migrate(1, source, target), 0);
-    for (const auto& [guid, text] : texts) EXPECT_EQ(get(guid), text) << guid << " beside the copying";
-    EXPECT_TRUE((switched && !resumes) || log.waitFor("exiting migration thread numJobs=0"));
-    cache.reset();
-  };
-  start(options);
-  for (int i = 0; i < 24; ++i) {
-    const guid_t guid = "ab" + std::to_string(10 + i);
-    put(guid, texts[guid] = text('a' + i));
-    if (i % 2 == 0) (void)cache->markDirty(ctx, guid, i % 4 == 0);
-  }
-  cache.reset();
-  fs::copy(source + "/ctx", source + "/more", fs::copy_options::recursive);  // one entry for each worker
-  const int wanted = static_cast<int>(soaked(50));
-  size_t calls = 0;
-  for (int kills = 0; kills < wanted && !HasFailure();) {
-    for (const char* name : {"root", "new"}) fs::remove_all(dir / name);
-    while (calls > 0 && isKilled(1 + random() % calls, migrate)) kills += isLeft();
-    const FaultPlan plan;
-    migrate();
-    if (calls == 0) calls = plan.count(FaultPlan::ANY);
-    EXPECT_FALSE(isLeft());
-    EXPECT_EQ(readFile(info), target + ",1\n");
-    EXPECT_EQ(std::system(("diff -r " + source + ' ' + target).c_str()), 0);
-  }
-}
 
 TEST_F(KillTest, WhatHadReturnedIsLeftAndNothingForeign) {
   const guid_t S = "abcd-s", T = "abcd-t", guids[] = {S, T};

@@ -265,37 +265,5 @@ TEST_F(LruTest, WithoutMemoryNothingIsDroppedOrAsked) {
   }
 }
 
-TEST_F(LruTest, GivesUpTheOldestAskedForAndTellsWithoutCounting) {
-  std::string asked;
-  startWith([&](auto&, auto&, auto& guid) {
-    uint64_t none = 0;
-    EXPECT_EQ(outcome(list().giveUpOldest(1, none)), "ENOSPC") << "not while it decides";
-    return asked += guid, guid != "c";
-  });
-  for (const char* guid : {"a", "b", "c", "d"}) EXPECT_EQ(outcome(add(guid)), "success");
-  const uint64_t hits = Access::space(*cache).stats().lruHits,
-                 misses = Access::space(*cache).stats().lruMisses;
-  VolIndex volume = 9;
-  EXPECT_TRUE(list().touch("a") && !list().touch("x") && !list().findVolume("x", volume));
-  EXPECT_EQ(volume, 9);
-  EXPECT_TRUE(list().findVolume("b", volume));
-  EXPECT_EQ(volume, ctx.volume);
-  EXPECT_EQ(order(), "adcb");
-  EXPECT_EQ(Access::space(*cache).stats().lruHits - hits + Access::space(*cache).stats().lruMisses - misses,
-            0U);
-
-  uint64_t given = 9;
-  log.clear();
-  EXPECT_EQ(outcome(list().giveUpOldest(3, given)), "ENOSPC");
-  EXPECT_EQ(asked + ' ' + order(), "bc cad");
-  EXPECT_EQ(given, 1U);
-  EXPECT_NE(log.take().back().operation.find("giveUpOldest"), std::string::npos);
-  EXPECT_EQ(outcome(list().giveUpOldest(2, given)), "success");
-  EXPECT_EQ(order(), "c");
-  list().clearLru();
-  EXPECT_EQ(outcome(list().giveUpOldest(2, given)), "success");
-  EXPECT_EQ(given, 0U);
-}
-
 }  // namespace
 }  // namespace ObjectStore

@@ -226,7 +226,7 @@ struct MigrationKillTest : InMemory, EngineTest {
 };
 
 TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
-  const auto wanted = static_cast<unsigned>(std::min<size_t>(soaked(20), 1000));
+  const auto wanted = static_cast<unsigned>(std::min<size_t>(soaked(50), 1000));
   std::mt19937 random{11};
   unsigned resumed = 0, resumptionsKilled = 0;
   for (unsigned kills = 0; kills < wanted && !HasFailure(); ++kills) {

@@ -78,6 +78,7 @@ TEST_F(OpenTest, DescriptorsGoRound) {
   start();
   for (const unsigned expected : {1U, 2U, 3U}) EXPECT_EQ(cache->openSegment("a"), expected);
   cache->closeSegment(1U);
+  EXPECT_TRUE(cache->IsSegmentOpened("a") && !cache->IsSegmentOpened("none"));
   EXPECT_EQ(cache->openSegment("b"), 4U) << "a number is not used again at once";
   Access::setNextHandle(*cache, 0xFFFFFFFE);
   for (const unsigned expected : {0xFFFFFFFEU, 1U, 5U}) EXPECT_EQ(cache->openSegment("c"), expected);
@@ -86,6 +87,7 @@ TEST_F(OpenTest, DescriptorsGoRound) {
   EXPECT_EQ(log.takeTexts(),
             (Texts{"-1 Error: Can't find descriptor 0", "-1 Error: Can't find descriptor 5"}));
   EXPECT_EQ(Access::openSegments(*cache) + Access::openHandles(*cache), 0U);
+  EXPECT_FALSE(cache->IsSegmentOpened("a"));
 }
 
 TEST_F(MoveTest, AChangeNeedsTheNameOfTheNonPrunableDirectory) {

@@ -53,9 +53,26 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
     Access::space(*cache).delayWriteToSegment();
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
-  plan.takeTrace();
-  put("abcdef", "text");
-  EXPECT_EQ(plan.trace().front(), "nanosleep") << "before anything is touched";
+  // Over the high watermark every change is delayed before anything is touched, and new bytes wake the pruner.
+  ctx.useNonPrunableDir = true;
+  const std::string text = "text";
+  const std::vector<Section> in{section(0, text)};
+  const std::pair<std::function<CZuError()>, bool> changes[] = {
+      {[&] { return create("abcdef", in); }, true},
+      {[&] { return cache->writeSections(ctx, "abcdef", in, false, ForceDiskLoc::Default); }, true},
+      {[&] { return cache->markDirty(ctx, "abcdef", false); }, false},
+      {[&] { return cache->moveToPrunable(ctx, "abcdef"); }, false}};
+  for (const bool isOver : {false, true}) {
+    for (const auto& [change, wakes] : changes) {
+      SCOPED_TRACE(&change - &changes[0].first);
+      Access::setSpace(*cache, isOver ? 600'000 : 400'000, 1'000'000);
+      plan.takeTrace();
+      EXPECT_EQ(outcome(change()), "success");
+      EXPECT_EQ(plan.trace().front() == "nanosleep", isOver);
+      EXPECT_EQ(Access::space(*cache).waitForWakeup(0), isOver && wakes);
+    }
+    (void)cache->deleteSegment(ctx, "abcdef", false, false, Recycle::No);
+  }
 }
 
 TEST_F(SpaceTest, StatusAndCountersAreTold) {

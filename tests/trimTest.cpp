@@ -1,10 +1,8 @@
 // Truncating, syncing and deleting segments.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
@@ -73,16 +71,6 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
     EXPECT_EQ(Access::openSegments(*cache), 0U);
   }
   writeFile(path, whole);
-  const auto before = signal(SIGXFSZ, SIG_IGN);
-  rlimit limit{};
-  getrlimit(RLIMIT_FSIZE, &limit);
-  const rlimit small{4096, limit.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &small);
-  EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 1UL << 60)), "EFBIG");
-  setrlimit(RLIMIT_FSIZE, &limit);
-  signal(SIGXFSZ, before);
-  EXPECT_EQ(readFile(path), whole);
-
   EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, 2, 9, 4)), "success");
   writeFile(override, whole);
   ctx.useNonPrunableDir = true;
@@ -133,31 +121,6 @@ TEST_F(TrimTest, DeletionFollowsItsFlags) {
     EXPECT_EQ(used - Access::space(*cache).used(), recycle ? 0 : given);
     EXPECT_EQ(segments - Access::space(*cache).segments(),
               recycle ? 0U : unsigned{takesRegular} + takesOverride);
-  }
-}
-
-TEST_F(TrimTest, DeletionStopsAtTheCallThatFails) {
-  const std::string bare = "Input/output error (5)", pushed = "Error: Can't delete [abcdef]: " + bare;
-  const struct {
-    size_t nth;  // of access, stat and unlink for the override and for the other
-    std::string error, line;
-  } cases[] = {
-      {2, pushed, "Error: can't stat [" + override + "] (5)"},
-      {3, pushed, "Error: can't unlink file [" + override + "] (5)"},
-      {5, bare, "Error: can't stat [" + path + "] (5)"},
-      {6, bare, "Error: can't unlink file [" + path + "] (5)"},
-  };
-  ctx.useNonPrunableDir = true;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.nth);
-    for (const std::string& file : {path, override}) writeFile(file, whole);
-    FaultPlan plan;
-    plan.fail(FaultPlan::ANY, c.nth, EIO);
-    EXPECT_EQ(cache->deleteSegment(ctx, GUID, false, false, Recycle::No).AsString(), c.error);
-    EXPECT_EQ(plan.trace().size(), c.nth) << "went on after a failure";
-    EXPECT_EQ(fs::exists(override), c.error == pushed);
-    EXPECT_TRUE(fs::exists(path));
-    EXPECT_TRUE(log.has(LogLevel::Error, c.line));
   }
 }
 

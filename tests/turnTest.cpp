@@ -75,6 +75,7 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
       return perform(waiter);
     });
     EXPECT_TRUE(areWaiting(1));
+    EXPECT_LE(plan.count("opendir"), 1U) << "a migration lists its directories again after the wait";
     auto later = async([this] { return write(section(0, "cd", 0, 4)); });
     EXPECT_TRUE(areWaiting(2));
     plan.takeTrace();

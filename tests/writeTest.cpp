@@ -23,10 +23,11 @@ using F = ForceDiskLoc;
 const std::string SEGMENT = "abcd-1";
 constexpr uint64_t ONE_WRITE = 2'147'479'552;  // bytes that the system moves at most
 // Whose lines these are: operations that a reader of the log knows, never steps of one.
-const std::set<std::string> SPEAKERS{"createSegment",      "writeSections",     "replaceSegment",
-                                     "readSections",       "readAllSections",   "readCompleteSection",
-                                     "appendSection",      "modifySection",     "findSection",
-                                     "writeSegmentHeader", "readSegmentHeader", "getNextVolWithSpace"};
+const std::set<std::string> SPEAKERS{"createSegment",      "writeSections",        "replaceSegment",
+                                     "readSections",       "readAllSections",      "readCompleteSection",
+                                     "appendSection",      "modifySection",        "findSection",
+                                     "writeSegmentHeader", "readSegmentHeader",    "getNextVolWithSpace",
+                                     "deleteSegment",      "deleteSegmentInternal"};
 const std::string HELLO = "hello";
 const std::string LONG = std::string(9'997, '\0') + "end";
 
@@ -189,6 +190,21 @@ rename | ENOSPC [old] aside [0.]; -1 DETAILS: Can't rename [FILE.temp] to [FILE]
   EXPECT_EQ(shown(pathOf(SEGMENT)), " [0.16.39.0.end5.0.7.0.5.0.hello]");
 }
 
+TEST_F(WriteTest, DeletionAtEachFailingCall) {
+  ctx.useNonPrunableDir = true;
+  const auto remove = [&] {
+    writeFile(nonPrunablePathOf(SEGMENT), "override");
+    return cache->deleteSegment(ctx, SEGMENT, false, false, Recycle::No);
+  };
+  EXPECT_EQ(sweepWrites("\xdc\xdc\1\0\0\0\0\0old"s, remove, false), R"(
+access stat unlink access stat unlink access access access access | success none counted new
+stat | ENOSPC [old]; -1 Error: can't stat [VOL/noprune-ctx/ab/cd/abcd-1] (28); -1 DETAILS: Error: Can't delete [abcd-1]: No space left on device (28)
+unlink | ENOSPC [old]; -1 Error: can't unlink file [VOL/noprune-ctx/ab/cd/abcd-1] (28); -1 DETAILS: Error: Can't delete [abcd-1]: No space left on device (28)
+stat | ENOSPC [old] counted new; -1 Error: can't stat [FILE] (28)
+unlink | ENOSPC [old] counted new; -1 Error: can't unlink file [FILE] (28)
+)");
+}
+
 TEST_F(WriteTest, ReadersAtEachFailingCall) {
   put(SEGMENT, HELLO);
   const auto readOne = [&] {
@@ -247,10 +263,8 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
   two[0].len = two[0].bufferSize = ONE_WRITE + 1;
   EXPECT_EQ(outcome(cache->writeSections(ctx, "abcd-0", two, false, F::Default)), "EFBIG");
   EXPECT_EQ(get("abcd-0"), "makes the directories");
-  const auto make = [&] { return outcome(create(SEGMENT, {section(0, HELLO)})); };
-  EXPECT_EQ(run(make, 7, ENOSPC),
+  EXPECT_EQ(run([&] { return outcome(create(SEGMENT, {section(0, HELLO)})); }, 7, ENOSPC),
             "ENOSPC; 4 Error: can't write to file FD (MAX,28); 4 Error: can't append section to [FILE]");
-  EXPECT_EQ(run(make), "EEXIST; -1 Error: File already exists: [FILE]");
 }
 
 TEST_F(WriteTest, WhereSectionsAreWrittenTo) {

@@ -1,6 +1,8 @@
 // A log writer that keeps its lines, so that a test can read them, wait for one or hold its writer.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -18,6 +20,11 @@
 namespace ObjectStore {
 
 constexpr std::chrono::seconds LONGEST_WAIT(30);
+
+// Parts of the names of an operation's steps: a line names what a reader of the log can look up.
+constexpr const char* STEPS[] = {"copyEntries",  "pruneEntries",      "scanEntries",
+                                 "enableVolume", "setUpVolumes",      "lambda",
+                                 "isEnd",        "DiskCacheContexts", "SegmentRecords::"};
 
 struct LogLine {
   int level;
@@ -40,6 +47,9 @@ class LogCapture final : public CLogWriterInterface {
     va_end(args);
     std::unique_lock lock(m_mutex);
     m_lines.push_back({level, operation, text});
+    for (const char* step : STEPS) {
+      EXPECT_EQ(m_lines.back().operation.find(step), std::string::npos) << operation << ": " << text;
+    }
     const std::shared_ptr<Hold> hold = m_hold;
     const bool holds = hold && !hold->reached && text.find(hold->part) != std::string::npos;
     if (holds) hold->reached = true;
