@@ -116,8 +116,7 @@ TEST_F(EngineToolTest, StatusInEachFormat) {
   EXPECT_EQ(status["counters"].at("DC.errOutOfSpace"), nullptr);
   EXPECT_EQ(status["status"]["DC.TotalCache"],
             status["volumes"][0]["total"].get<uint64_t>() + status["volumes"][1]["total"].get<uint64_t>());
-  EXPECT_EQ(status["volumes"][1]["directory"], dir / "b");
-  EXPECT_EQ(status["volumes"][1]["index"], 2);
+  expectFields(status["volumes"][1], {{"directory", dir / "b"}, {"index", 2}});
   ASSERT_EQ(run("status --format prometheus " + cache), 0) << err;
   EXPECT_NE(out.find("\ndiskcache_volume_free_bytes{index=\"2\",directory=\"" + (dir / "b\"} ")),
             std::string::npos)

@@ -1,4 +1,4 @@
-// Figures of diskcachectl: hit curves of traces, and the rates of a live server.
+// diskcachectl top: the rates of a live server.
 #ifdef DISKCACHECTL_PATH
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -6,9 +6,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cmath>
-#include <filesystem>
-#include <random>
 #include <thread>
 
 #include "tests/support/toolFixture.h"
@@ -62,57 +59,7 @@ class PageServer {
   std::thread m_thread;
 };
 
-struct LiveToolTest : ToolTest {
-  // A trace with popular objects and a loop, which makes a step in its curve.
-  void writeTrace(size_t requests, unsigned objects) {
-    std::mt19937 random(7);
-    std::string text = "# id,size\n";
-    for (size_t i = 0; i < requests; ++i) {
-      const double share = std::pow(static_cast<double>(random() % 100'000) / 100'000, 1.5);
-      const unsigned object =
-          i % 3 == 0 ? static_cast<unsigned>(i) % (objects / 4) : static_cast<unsigned>(share * objects);
-      text += "object-" + std::to_string(object) + ',' + std::to_string(100 + object % 400) + ",x\n";
-    }
-    writeFile(dir / "trace", text);
-  }
-  const std::string trace = "--trace " + (dir / "trace ");
-};
-
-TEST_F(LiveToolTest, ASampleTellsItsError) {
-  writeTrace(300'000, 30'000);
-  const json exact = parsed("curve " + trace);
-  const json sample = parsed("curve --sample 0.25 " + trace);
-  const size_t at = err.find("at most ");
-  ASSERT_NE(at, std::string::npos) << err;
-  const double told = std::stod(err.substr(at + 8)) / 100;
-  EXPECT_LT(told, 0.15);
-  EXPECT_EQ(sample["requests"], 300'000);
-  for (const json& point : sample["points"]) {
-    const size_t entries = std::min(point["entries"].get<size_t>(), exact["objects"].get<size_t>());
-    if (entries < 40) continue;  // ten of the sample: distances are too coarse below
-    EXPECT_NEAR(point["hit_ratio"].get<double>(), exact["points"][entries - 1]["hit_ratio"].get<double>(),
-                2 * told)
-        << point;
-  }
-}
-
-TEST_F(LiveToolTest, CurvesAreDrawn) {
-  writeTrace(500, 40);
-  ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.svg")), 0) << err;
-  EXPECT_NE(out.find("HIT RATIO"), std::string::npos);
-  const std::string svg = readFile(dir / "curve.svg");
-  EXPECT_EQ(svg.substr(0, 5), "<svg ");
-  EXPECT_NE(svg.find("</svg>"), std::string::npos);
-  if (std::system("command -v gnuplot >/dev/null 2>&1") == 0) {
-    ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.png")), 0) << err;
-    EXPECT_EQ(readFile(dir / "curve.png").substr(1, 3), "PNG");
-  } else {
-    expectFailure("curve " + trace + "--picture " + (dir / "curve.png"), 2, "needs gnuplot");
-  }
-  expectFailure("curve --trace /dev/null", 2, "holds no request");
-  expectFailure("curve --trace " + (dir / "none"), 2, "No such file");
-  expectFailure("curve --sample 2 " + trace, 2, "no share");
-}
+using LiveToolTest = ToolTest;
 
 TEST_F(LiveToolTest, TopShowsTheRatesOfALiveServer) {
   // A page with these counters: hits from table and disk, misses, bytes from disk, ages and number of the evicted.

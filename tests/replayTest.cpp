@@ -113,6 +113,42 @@ TEST_F(ReplayTest, ACurveTellsWhatEachSizeWouldFind) {
   }
 }
 
+TEST_F(ReplayTest, ASampleTellsItsError) {
+  writeTrace(300'000, 15'000, Sized);
+  const nlohmann::json exact = parsed("curve " + trace);
+  const nlohmann::json sample = parsed("curve --sample 0.25 " + trace);
+  const size_t at = err.find("at most ");
+  ASSERT_NE(at, std::string::npos) << err;
+  const double told = std::stod(err.substr(at + 8)) / 100;
+  EXPECT_LT(told, 0.15);
+  EXPECT_EQ(sample["requests"], 300'000);
+  for (const nlohmann::json& point : sample["points"]) {
+    const size_t entries = std::min(point["entries"].get<size_t>(), exact["objects"].get<size_t>());
+    if (entries < 40) continue;  // ten of the sample: distances are too coarse below
+    EXPECT_NEAR(point["hit_ratio"].get<double>(), exact["points"][entries - 1]["hit_ratio"].get<double>(),
+                2 * told)
+        << point;
+  }
+}
+
+TEST_F(ReplayTest, CurvesAreDrawn) {
+  writeTrace(500, 40, Sized);
+  ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.svg")), 0) << err;
+  EXPECT_NE(out.find("HIT RATIO"), std::string::npos);
+  const std::string svg = readFile(dir / "curve.svg");
+  EXPECT_EQ(svg.substr(0, 5), "<svg ");
+  EXPECT_NE(svg.find("</svg>"), std::string::npos);
+  if (std::system("command -v gnuplot >/dev/null 2>&1") == 0) {
+    ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.png")), 0) << err;
+    EXPECT_EQ(readFile(dir / "curve.png").substr(1, 3), "PNG");
+  } else {
+    expectFailure("curve " + trace + "--picture " + (dir / "curve.png"), 2, "needs gnuplot");
+  }
+  expectFailure("curve --trace /dev/null", 2, "holds no request");
+  expectFailure("curve --trace " + (dir / "none"), 2, "No such file");
+  expectFailure("curve --sample 2 " + trace, 2, "no share");
+}
+
 TEST_F(ReplayTest, ARecordedReplayIsATrace) {
   for (int i = 100; i < 130; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
   const std::string run = "--json - --requests 200 ";
@@ -195,7 +231,8 @@ TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandom) {
   ASSERT_EQ(replay(run + "--json -"), 0) << err;
   EXPECT_EQ(nlohmann::json::parse(out)["bytes_written"], 3 * segments().size());
   ASSERT_EQ(replay(run), 0) << err;
-  EXPECT_EQ(out.find("requests                   700\nhits                       "), 0U) << out;
+  EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
+  EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
 }
 
 }  // namespace

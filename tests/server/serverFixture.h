@@ -73,21 +73,8 @@ class Store {
   void put(const std::string& name, const std::string& content) const {
     writeFile(files + '/' + name, content);
   }
-  // The requests that came since the last time: "METHOD PATH STATUS BYTES".
-  std::vector<std::string> requests() {
-    std::istringstream lines(readFile(m_dir + "/access.log").substr(m_seen));
-    std::vector<std::string> found;
-    for (std::string line; std::getline(lines, line);) {
-      m_seen += line.size() + 1;
-      found.push_back(line);
-    }
-    return found;
-  }
-  uint64_t bodyBytes() {
-    uint64_t bytes = 0;
-    for (const std::string& line : requests()) bytes += std::stoull(line.substr(line.rfind(' ') + 1));
-    return bytes;
-  }
+  // The requests that came, "METHOD PATH STATUS BYTES" a line.
+  std::string requests() const { return readFile(m_dir + "/access.log"); }
 
   uint16_t port = 0;
 
@@ -107,7 +94,6 @@ class Store {
   const std::string m_dir;
   std::string m_extra;  // lines of the configuration
   std::unique_ptr<Process> m_process;
-  size_t m_seen = 0;
 
  public:
   const std::string files;

@@ -40,14 +40,13 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
        "STREAMING-AWS4-HMAC-SHA256-PAYLOAD\r\n\r\n",
        "501"},
   };
-  store.requests();
   for (const auto& c : cases) {
     const std::string got = RawClient(port).exchange(c.bytes);
     EXPECT_TRUE(got.starts_with(std::string("HTTP/1.1 ") + c.status)) << c.bytes.substr(0, 200) << '\n'
                                                                       << got;
     EXPECT_EQ(got.find("HTTP/1.1", 1), std::string::npos) << got;  // nothing that was hidden is answered
   }
-  for (const std::string& request : store.requests()) EXPECT_EQ(request.find("hidden"), std::string::npos);
+  EXPECT_EQ(store.requests().find("hidden"), std::string::npos);
   EXPECT_EQ(this->get("/x").body, "x");
 }
 

@@ -48,7 +48,7 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
   store.stop();
   const Reply staged = put("/a:b/staged", content, {"Content-Type: text/odd", "x-amz-meta-colour: red"});
   ASSERT_EQ(staged.status, 200);
-  for (const char* content : {"old", "new"}) EXPECT_EQ(put("/a:b/twice", content).status, 200);
+  for (const char* text : {"old", "new"}) EXPECT_EQ(put("/a:b/twice", text).status, 200);
   const auto expectVisible = [&] {
     const Reply got = get("/a:b/staged");
     EXPECT_EQ(got.body, content);
