@@ -61,7 +61,8 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
   ASSERT_EQ(run("get " + segment("0022second --type 3 ") + (dir / "copy") + " --json"), 0) << err;
   EXPECT_EQ(json::parse(out)["bytes"], 3);
   EXPECT_EQ(readFile(dir / "copy"), "two");
-  EXPECT_EQ(run("put " + segment("0044piped") + " <" + (dir / "copy")), 0) << err;
+  for (const bool isNew : {true, false})
+    EXPECT_EQ(parsed("put " + segment("0044piped") + " <" + (dir / "copy"))["created"], isNew);
   EXPECT_EQ(get("0044piped"), "two");
 
   EXPECT_EQ(put("0055kept", "protected", "--nonprunable keep"), 0) << err;

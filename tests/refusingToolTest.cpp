@@ -139,6 +139,8 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"get " + cache + "0011first", 0, "one"},
       {"get " + cache + typo + "0011first", 0, "one"},
       {"get " + cache + "nosuch", 1, "nosuch: not in the cache"},
+      {"get " + cache + "0011first " + dir.path(), 2, dir.path() + ": Is a directory"},
+      {"get --json " + cache + "0011first", 2, "--json needs FILE"},
       {"exists " + cache + "0022second", 0, "ctx/00/22/0022second"},
       {"exists " + cache + typo + "nosuch", 1, "nosuch"},
       {"status " + root, 0, "not known from outside"},
