@@ -117,7 +117,7 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"put --type 6 " + cache + "0011x " + in, 2, "--type"},
       {"put " + cache + on("x,y") + "0011x " + in, 2, "x,y"},
       {"get --context ../x " + root + "0011first", 2, "../x"},
-      {"get --context " + dir.path() + ' ' + root + "0011first", 2, dir.path()},
+      {"get --context " + dir.path() + ' ' + root + "0011first", 2, "lies below no volume"},
       {"status --format xml " + root, 2, "--format"},
       {"exists --root " + (dir / "no ") + on("a") + "--context ctx x", 2, "no: "},
       {"prune " + root + "--bytes 1", 2, "--context is required"},
