@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "tests/support/clientFixture.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -16,21 +17,13 @@ class ClientModelTest : public ClientTest {
     const size_t number = random() % KEYS;
     const std::string key = std::to_string(number), version = std::to_string(random() % 2);
     const uint64_t size = sizeOf(number), from = size == 0 ? 0 : random() % size;
-    std::string buffer(random() % 200000, 'x');
-    const ReadResult got =
-        cache->read(key, version, from, std::as_writable_bytes(std::span(buffer)),
-                    [&](uint64_t at, std::span<std::byte> to) { return answer(key, version, size, at, to); });
-    const size_t expected = std::min<uint64_t>(buffer.size(), size - from);
-    EXPECT_EQ(outcome(got.error), "success") << got.error.AsString();
-    EXPECT_EQ(got.bytes, expected);
-    EXPECT_EQ(got.objectSize, size);
-    EXPECT_TRUE(buffer.starts_with(bytesOf(key, version, from, expected))) << "wrong bytes of " << key;
+    ReadResult got;
+    EXPECT_EQ(readInto(got, key, size, from, random() % 200000, version), "right")
+        << key << got.error.AsString();
   }
   void stageOne(std::minstd_rand& random) {
     const size_t number = random() % KEYS;
-    const std::string key = std::to_string(number), version = std::to_string(random() % 2);
-    const std::string bytes = bytesOf(key, version, 0, sizeOf(number));
-    const std::string told = outcome(cache->stage(key, version, std::as_bytes(std::span(bytes))));
+    const std::string told = stage(std::to_string(number), sizeOf(number), std::to_string(random() % 2));
     EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
   }
   void work(unsigned seed, size_t operations) {
@@ -53,8 +46,7 @@ class ClientModelTest : public ClientTest {
 };
 
 TEST_F(ClientModelTest, EightThreadsAndRestarts) {
-  const char* const soak = std::getenv("DISKCACHE_SOAK");
-  const size_t operations = 250 * (soak ? std::strtoul(soak, nullptr, 10) : 1);
+  const size_t operations = soaked(250);
   ObjectCacheOptions chosen = options(2);
   chosen.maxBytes = 3 << 20;
   chosen.hotBlocks = 20;
@@ -62,15 +54,7 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
   for (unsigned life = 0; life < 4; ++life) {
     chosen.verify = static_cast<Verify>(life % 3);
     start(chosen);
-    ASSERT_EQ(outcome(cache->flush(
-                  [&](const StagedObject& object) {
-                    std::string bytes(object.size, 'x');
-                    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
-                    EXPECT_EQ(bytes, bytesOf(object.key, object.version, 0, object.size));
-                    return error;
-                  },
-                  2)),
-              "success");
+    ASSERT_EQ(outcome(cache->flush(upload, 2)), "success");
     {
       std::vector<std::jthread> threads;
       for (unsigned t = 0; t < 8; ++t)
@@ -80,6 +64,7 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
     const ObjectCacheMetrics metrics = cache->metrics();
     EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
     EXPECT_GT(metrics.evictedBlocks, 50U);
+    EXPECT_GT(metrics.hotHits + metrics.coldHits, 100U);
     EXPECT_EQ(metrics.damagedBlocks, 0U);
     uint64_t onDisk = 0;
     for (const std::string& path : files()) onDisk += (std::filesystem::file_size(path) + 4095) / 4096 * 4096;

@@ -34,29 +34,18 @@ std::string hex(std::span<const std::byte> bytes) {
 
 TEST(ClientTrailerTest, GoldenBytes) {
   EXPECT_EQ(hex(encodeTrailer(sample())),
-            "4f434254"
-            "0100"
-            "0000"
-            "02000000"
-            "00000200"
+            "4f43425401000000"
+            "0200000000000200"
             "0100050000000000"
             "0100010000000000"
             "0504030201000000"
-            "02000000"
-            "03000000"
-            "01000000"
-            "02000000"
+            "0200000003000000"
+            "0100000002000000"
             "1111111111111111"
             "2222222222222222"
-            "6b6579"
-            "76"
-            "01000000"
-            "61"
-            "02000000"
-            "7879"
-            "01000000"
-            "62"
-            "00000000"
+            "6b657976"
+            "0100000061020000007879"
+            "010000006200000000"
             "d116cf49d58ae750");
   EXPECT_EQ(blockName({objectIdOf("bucket/key", "v1"), 0xabc}), "a3511bf6c4cb8f59c8bc3a62e9391da200000abc");
 }
@@ -111,7 +100,7 @@ TEST(ClientTrailerTest, NamesComeBack) {
   const BlockId block{objectIdOf("ab", "c"), 7};
   EXPECT_EQ(parseBlockName(blockName(block)), block);
   EXPECT_NE(objectIdOf("ab", "c"), objectIdOf("a", "bc"));
-  EXPECT_EQ(objectIdOf(std::string(600, 'k'), "v"), objectIdOf(std::string(600, 'k'), "v"));
+  EXPECT_NE(objectIdOf(std::string(600, 'k'), "v"), objectIdOf(std::string(600, 'k'), "w"));
   for (const char* other : {"", "volume.id", "0123456789abcdef0123456789abcdef0000000G",
                             "0123456789abcdef0123456789abcdef000000000"})
     EXPECT_FALSE(parseBlockName(other)) << other;

@@ -8,38 +8,38 @@
 namespace ObjectStore {
 namespace {
 
-TEST(ExampleTest, TheFirstOneAsksTheOriginOnceForEachObject) {
-  const TempDir dir;
-  const auto run = [&] {
-    const std::string command = FIRST_OBJECT_PATH " " + (dir / "cache") + " >" + (dir / "out");
-    EXPECT_EQ(std::system(command.c_str()), 0);
+struct ExampleTest : ::testing::Test {
+  // Runs a program on a cache of its own; what it prints from `part` on.
+  std::string run(const std::string& program, const std::string& arguments, const char* part) {
+    const std::string output = " >" + (dir / "out") + " 2>" + (dir / "metrics");
+    EXPECT_EQ(std::system(("METRICS=1 " + program + ' ' + (dir / "cache") + arguments + output).c_str()), 0);
     const std::string out = readFile(dir / "out");
-    return out.substr(out.find("index=2\n") + 8);
-  };
-  EXPECT_EQ(run(), "100 times asked, 0 times wrong\nhash size=100\n");
-  EXPECT_EQ(run(), "0 times asked, 0 times wrong\nhash size=100\n");
+    return out.substr(out.find(part));
+  }
+  const TempDir dir;
+};
+
+TEST_F(ExampleTest, TheFirstOneAsksTheOriginOnceForEachObject) {
+  for (const std::string times : {"100", "0"}) {
+    EXPECT_EQ(run(FIRST_OBJECT_PATH, "", "index=2\n"),
+              "index=2\n" + times + " times asked, 0 times wrong\nhash size=100\n");
+  }
 }
 
-TEST(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {
-  const TempDir dir;
-  std::string arguments;
+TEST_F(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {
+  std::string files;
   for (int i = 0; i < 40; ++i) {
     const std::string path = dir / "file" + std::to_string(i % 20);  // each is asked for twice
     if (i < 20) writeFile(path, std::string(static_cast<size_t>(i) * 1000, 'x'));
-    arguments += ' ' + path;
+    files += ' ' + path;
   }
-  const auto run = [&] {
-    const std::string command = "METRICS=1 " READ_THROUGH_PATH " " + (dir / "cache") + arguments + " >" +
-                                (dir / "out") + " 2>" + (dir / "metrics");
-    EXPECT_EQ(std::system(command.c_str()), 0);
-    const std::string out = readFile(dir / "out");
-    return out.substr(out.find("40 files"));
-  };
-  EXPECT_EQ(run(), "40 files, 190000 bytes from the origin\nhash size=20\n");
-  EXPECT_EQ(run(), "40 files, 0 bytes from the origin\nhash size=20\n");
-  EXPECT_NE(readFile(dir / "metrics").find("\ndiskcache_segments 20\n"), std::string::npos);
-  writeFile(dir / "file7", std::string(7000, 'y'));
-  EXPECT_EQ(run(), "40 files, 7000 bytes from the origin\nhash size=21\n");
+  for (const auto& [bytes, size] : {std::pair{"190000", "20"}, {"0", "20"}, {"7000", "21"}}) {
+    EXPECT_EQ(run(READ_THROUGH_PATH, files, "40 files"),
+              std::string("40 files, ") + bytes + " bytes from the origin\nhash size=" + size + '\n');
+    EXPECT_NE(readFile(dir / "metrics").find(std::string("\ndiskcache_segments ") + size + '\n'),
+              std::string::npos);
+    if (bytes[0] == '0') writeFile(dir / "file7", std::string(7000, 'y'));
+  }
 }
 
 }  // namespace

@@ -64,58 +64,43 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   start(options);
   using Figures = std::vector<double>;
   const auto figures = [&] {
-    return Figures{metric("list_hits_total"),
-                   metric("list_misses_total"),
-                   metric("evictions_total{by=\"list\"}"),
-                   writes("create", "done"),
-                   writes("create", "no_room"),
-                   writes("create", "failed"),
-                   writes("write", "done"),
-                   writes("write", "failed"),
-                   writes("replace", "done"),
-                   errors(ENOENT),
-                   errors(EEXIST),
-                   errors(EINVAL),
-                   errors(ENOSPC)};
+    Figures all{metric("list_hits_total"), metric("list_misses_total"),
+                metric("evictions_total{by=\"list\"}")};
+    for (const char* outcome : {"done", "no_room", "failed"}) all.push_back(writes("create", outcome));
+    for (const char* outcome : {"done", "failed"}) all.push_back(writes("write", outcome));
+    all.push_back(writes("replace", "done"));
+    for (const int number : {ENOENT, EEXIST, EINVAL, ENOSPC}) all.push_back(errors(number));
+    return all;
   };
+  const auto look = [&](const guid_t& guid) { return get(guid), CZuError(); };
+  const auto make = [&](const guid_t& guid) { return create(guid, {section(0, "text")}); };
   const auto write = [&](const guid_t& guid) {
     return cache->writeSections(ctx, guid, {section(0, "TEXT")}, false, ForceDiskLoc::Default);
   };
+  const auto makeInFullCache = [&] {
+    cache->setOutOfSpace(true);
+    CZuError error = make("ffff");
+    cache->setOutOfSpace(false);
+    return error;
+  };
+  const auto replace = [&] { return cache->replaceSegment(ctx, "eeee", {section(0, "new")}); };
   for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
   std::vector<SectionPlace> places(1);
   int fd = -1;
   const struct {
-    const char* name;
-    std::function<CZuError()> call;
-    const char* outcome;
+    const char *name, *outcome;
     Figures risen;
+    std::function<CZuError()> call;
   } cases[] = {
-      {"a hit", [&] { return get("aaaa"), CZuError(); }, "success", {1}},
-      {"a miss, for which bbbb goes",
-       [&] { return get("none"), CZuError(); },
-       "success",
-       {0, 1, 1, 0, 0, 0, 0, 0, 0, 1}},
-      {"a miss that is asked for", [&] { return cache->openSection(fd, places, ctx, "gone"); }, "ENOENT", {}},
-      {"there already",
-       [&] { return create("aaaa", {section(0, "text")}); },
-       "EEXIST",
-       {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}},
-      {"a bad name", [&] { return create("a/b", {}); }, "EINVAL", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1}},
-      {"a write", [&] { return write("aaaa"); }, "success", {1, 0, 0, 0, 0, 0, 1}},
-      {"a write to none", [&] { return write("none"); }, "ENOENT", {1, 0, 0, 0, 0, 0, 0, 1, 0, 1}},
-      {"a replacement",
-       [&] { return cache->replaceSegment(ctx, "eeee", {section(0, "new")}); },
-       "success",
-       {1, 0, 0, 0, 0, 0, 0, 0, 1}},
-      {"a full cache, for which cccc goes",
-       [&] {
-         cache->setOutOfSpace(true);
-         CZuError error = create("ffff", {section(0, "text")});
-         cache->setOutOfSpace(false);
-         return error;
-       },
-       "ENOSPC",
-       {0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}},
+      {"a hit", "success", {1}, [&] { return look("aaaa"); }},
+      {"missed, so bbbb goes", "success", {0, 1, 1, 0, 0, 0, 0, 0, 0, 1}, [&] { return look("none"); }},
+      {"a miss asked for", "ENOENT", {}, [&] { return cache->openSection(fd, places, ctx, "gone"); }},
+      {"there already", "EEXIST", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}, [&] { return make("aaaa"); }},
+      {"a bad name", "EINVAL", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1}, [&] { return make("a/b"); }},
+      {"a write", "success", {1, 0, 0, 0, 0, 0, 1}, [&] { return write("aaaa"); }},
+      {"a write to none", "ENOENT", {1, 0, 0, 0, 0, 0, 0, 1, 0, 1}, [&] { return write("none"); }},
+      {"a replacement", "success", {1, 0, 0, 0, 0, 0, 0, 0, 1}, replace},
+      {"full, so cccc goes", "ENOSPC", {0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}, makeInFullCache},
   };
   for (const auto& c : cases) {
     Figures expected = figures();

@@ -1,4 +1,4 @@
-// diskcachectl replay, run as a process against caches on directories of the test's own.
+// diskcachectl replay and curve: what a trace gives with a cache of some size, compared with a plain list.
 #ifdef DISKCACHECTL_PATH
 #include <algorithm>
 #include <filesystem>
@@ -12,27 +12,32 @@ namespace {
 
 using Trace = std::vector<std::pair<std::string, uint64_t>>;  // identifiers and sizes
 
-// What a list of the `bound` last asked for, newest last, makes of a trace; it is as slow as it is plain.
-std::map<std::string, uint64_t> simulateLru(const Trace& trace, size_t bound) {
+// What a list of those last asked for, newest last, makes of a trace; it is as slow as it is plain.
+std::map<std::string, uint64_t> simulateLru(const Trace& trace, size_t maxEntries,
+                                            uint64_t maxBytes = UINT64_MAX) {
   std::map<std::string, uint64_t> counts;
   Trace recent;
+  uint64_t bytes = 0;
   for (const auto& asked : trace) {
     const bool isHit = std::count(recent.begin(), recent.end(), asked) != 0;
     ++counts[isHit ? "hits" : "misses"];
     counts[isHit ? "bytes_read" : "bytes_written"] += asked.second;
-    std::erase_if(recent, [&](const auto& other) { return other.first == asked.first; });
+    std::erase_if(recent, [&](const auto& other) {
+      bytes -= other.first == asked.first ? other.second : 0;
+      return other.first == asked.first;
+    });
     recent.push_back(asked);
-    if (recent.size() <= bound) continue;
-    recent.erase(recent.begin());
-    ++counts["pruned"];
+    for (bytes += asked.second; recent.size() > maxEntries || bytes > maxBytes; ++counts["pruned"]) {
+      bytes -= recent.front().second;
+      recent.erase(recent.begin());
+    }
   }
   return counts;
 }
 
 struct ReplayTest : ToolTest {
   std::string withCache(const std::string& arguments) const {
-    return "replay --root " + (dir / "root --volume ") + (dir / "on/a --volume ") + (dir / "on/b ") +
-           arguments;
+    return "replay " + root + on("on/a") + on("on/b") + arguments;
   }
   int replay(const std::string& arguments) { return run(withCache(arguments)); }
   void expectReplayFailure(const std::string& arguments, int status, const std::string& message) {
@@ -42,6 +47,24 @@ struct ReplayTest : ToolTest {
     std::vector<std::string> names = treeOf(dir / "on");
     std::erase_if(names, [](const std::string& name) { return name.back() == '/'; });
     return names;
+  }
+
+  // Popular objects and a loop just longer than the bound, of which now and then one is replaced by another of its
+  // name; or of as many sizes; or so that after all have been asked for once there is nothing new.
+  enum Kind { Replaced, Sized, Settled };
+  Trace writeTrace(size_t requests, size_t bound, Kind kind) {
+    Trace made;
+    std::string text = "# id,size\n";
+    std::mt19937 random(20);
+    for (size_t i = 0; i < requests; ++i) {
+      const size_t object[] = {random() % (bound / 2 + 1), i % (bound + 2), random() % (2 * bound)};
+      const size_t chosen = kind != Settled ? object[i % 3] : i < bound ? i : object[0];
+      const bool isReplaced = kind == Replaced && random() % 50 == 0;
+      made.emplace_back("object-" + std::to_string(chosen), 100 + isReplaced + (kind == Sized ? chosen : 0));
+      text += made.back().first + ',' + std::to_string(made.back().second) + ",17\n";
+    }
+    writeFile(dir / "trace", text);
+    return made;
   }
 
   const std::string trace = "--trace " + (dir / "trace ");
@@ -54,33 +77,88 @@ TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
   const std::tuple<size_t, int, std::string> runs[] = {
       {5, 1, ""}, {17, 1, ""}, {64, 1, ""}, {500, 1, move}, {500, 2, move}};
   for (const auto& [bound, threads, options] : runs) {
-    Trace asked;
-    std::string text;
-    std::mt19937 random(20);
-    for (size_t i = 0; i < 6000; ++i) {
-      // Popular objects, a loop just longer than the bound, and now and then an object that was replaced.
-      const size_t object[] = {random() % (bound / 2 + 1), i % (bound + 2), random() % (2 * bound)};
-      const bool isReplaced = random() % 50 == 0;
-      if (options.empty()) {
-        asked.emplace_back("object-" + std::to_string(object[i % 3]), 100 + isReplaced);
-      } else {
-        asked.emplace_back("object-" + std::to_string(i < bound ? i : object[0]), 100);
-      }
-      text += asked.back().first + ',' + std::to_string(asked.back().second) + ",17\n";
-    }
-    writeFile(dir / "trace", text);
+    const Trace asked = writeTrace(6000, bound, options.empty() ? Replaced : Settled);
     for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
     const std::string clients = " --threads " + std::to_string(threads) + " --json - ";
     ASSERT_EQ(replay(trace + "--max-entries " + std::to_string(bound) + clients + options), 0) << err;
     const auto json = nlohmann::json::parse(out);
+    auto expected = simulateLru(asked, bound);
+    for (const auto& [name, count] : expected) EXPECT_EQ(json[name], count) << bound << options << name;
     EXPECT_EQ(json["verify_failures"], 0);
-    for (const auto& [name, count] : simulateLru(asked, bound))
-      EXPECT_EQ(json[name], count) << bound << options << name;
+    EXPECT_DOUBLE_EQ(json["hit_ratio"], static_cast<double>(expected["hits"]) / 6000);
     const std::string first = dir / (options.empty() ? "on/a" : "on/moved");
     EXPECT_EQ(readFile(dir / "root/volume_info"), first + ",1\n" + (dir / "on/b,2\n"));
     if (!options.empty()) std::filesystem::remove_all(dir / "on/a");
     EXPECT_EQ(segments().size(), bound) << options;
   }
+}
+
+// Of each size the hits, and the bytes of the smallest cache, bounded in bytes, that finds as much.
+TEST_F(ReplayTest, ACurveTellsWhatEachSizeWouldFind) {
+  for (const Kind kind : {Replaced, Sized}) {
+    const Trace asked = writeTrace(2000, 40, kind);
+    const nlohmann::json curve = parsed("curve " + trace);
+    EXPECT_EQ(curve["requests"], 2000);
+    EXPECT_EQ(curve["points"].size(), curve["objects"]);
+    EXPECT_EQ(curve.size(), 3U);
+    for (size_t entries = 1; entries < curve["points"].size(); entries += 7) {
+      const nlohmann::json& point = curve["points"][entries - 1];
+      EXPECT_EQ(point["entries"], entries);
+      const uint64_t hits = simulateLru(asked, entries)["hits"];
+      EXPECT_DOUBLE_EQ(point["hit_ratio"], static_cast<double>(hits) / 2000) << entries;
+      if (kind != Sized || hits == 0) continue;
+      EXPECT_GE(simulateLru(asked, SIZE_MAX, point["bytes"])["hits"], hits) << point;
+      EXPECT_LT(simulateLru(asked, SIZE_MAX, point["bytes"].get<uint64_t>() - 1)["hits"], hits) << point;
+    }
+  }
+}
+
+TEST_F(ReplayTest, ASampleTellsItsError) {
+  writeTrace(300'000, 15'000, Sized);
+  const nlohmann::json exact = parsed("curve " + trace);
+  const nlohmann::json sample = parsed("curve --sample 0.25 " + trace);
+  const size_t at = err.find("at most ");
+  ASSERT_NE(at, std::string::npos) << err;
+  const double told = std::stod(err.substr(at + 8)) / 100;
+  EXPECT_LT(told, 0.15);
+  EXPECT_EQ(sample["requests"], 300'000);
+  for (const nlohmann::json& point : sample["points"]) {
+    const size_t entries = std::min(point["entries"].get<size_t>(), exact["objects"].get<size_t>());
+    if (entries < 40) continue;  // ten of the sample: distances are too coarse below
+    EXPECT_NEAR(point["hit_ratio"].get<double>(), exact["points"][entries - 1]["hit_ratio"].get<double>(),
+                2 * told)
+        << point;
+  }
+}
+
+TEST_F(ReplayTest, CurvesAreDrawn) {
+  writeTrace(500, 40, Sized);
+  ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.svg")), 0) << err;
+  EXPECT_NE(out.find("HIT RATIO"), std::string::npos);
+  const std::string svg = readFile(dir / "curve.svg");
+  EXPECT_EQ(svg.substr(0, 5), "<svg ");
+  EXPECT_NE(svg.find("</svg>"), std::string::npos);
+  if (std::system("command -v gnuplot >/dev/null 2>&1") == 0) {
+    ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.png")), 0) << err;
+    EXPECT_EQ(readFile(dir / "curve.png").substr(1, 3), "PNG");
+  } else {
+    expectFailure("curve " + trace + "--picture " + (dir / "curve.png"), 2, "needs gnuplot");
+  }
+  expectFailure("curve --trace /dev/null", 2, "holds no request");
+  expectFailure("curve --trace " + (dir / "none"), 2, "No such file");
+  expectFailure("curve --sample 2 " + trace, 2, "no share");
+}
+
+TEST_F(ReplayTest, ARecordedReplayIsATrace) {
+  for (int i = 100; i < 130; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
+  const std::string run = "--json - --requests 200 ";
+  ASSERT_EQ(replay(run + "--origin " + (dir / "origin --record ") + (dir / "trace")), 0) << err;
+  const auto hits = nlohmann::json::parse(out)["hits"];
+  const std::string recorded = readFile(dir / "trace");
+  EXPECT_EQ(std::count(recorded.begin(), recorded.end(), '\n'), 200);
+  for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
+  ASSERT_EQ(replay(run + trace), 0) << err;
+  EXPECT_EQ(nlohmann::json::parse(out)["hits"], hits);
 }
 
 TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
@@ -93,6 +171,8 @@ TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   };
   EXPECT_EQ(hitsAndBytes(""), std::pair(1, 100 + 7 + 5 + 2000));
   EXPECT_EQ(hitsAndBytes("--by-id"), std::pair(3, 100 + 7));
+  EXPECT_EQ(parsed("curve " + trace)["points"].back()["hit_ratio"], 1 / 5.0);
+  EXPECT_EQ(parsed("curve --by-id " + trace)["points"].back()["hit_ratio"], 3 / 5.0);
   expectReplayFailure("--by-id --origin " + dir.path(), 2, "--by-id");
 }
 
@@ -127,6 +207,7 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
     for (const std::string& line : lines) {
       writeFile(dir / "trace", "# comment\nok,5,more\n" + line + '\n');
       expectReplayFailure(trace, 2, (dir / "trace:3: ") + message);
+      if (line != "okok1,5") expectFailure("curve " + trace, 2, (dir / "trace:3: ") + message);
     }
   }
   EXPECT_FALSE(std::filesystem::exists(dir / "root"));
@@ -150,7 +231,8 @@ TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandom) {
   ASSERT_EQ(replay(run + "--json -"), 0) << err;
   EXPECT_EQ(nlohmann::json::parse(out)["bytes_written"], 3 * segments().size());
   ASSERT_EQ(replay(run), 0) << err;
-  EXPECT_EQ(out.find("requests                   700\nhits                       "), 0U) << out;
+  EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
+  EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
 }
 
 }  // namespace

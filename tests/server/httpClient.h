@@ -38,16 +38,13 @@ class HttpClient {
   HttpClient& operator=(const HttpClient&) = delete;
 
   Reply get(const std::string& path, const std::vector<std::string>& headers = {}) {
-    return ask("GET", path, headers, nullptr);
-  }
-  Reply head(const std::string& path, const std::vector<std::string>& headers = {}) {
-    return ask("HEAD", path, headers, nullptr);
+    return ask("GET", path, headers);
   }
   Reply put(const std::string& path, const std::string& body, const std::vector<std::string>& headers = {}) {
     return ask("PUT", path, headers, &body);
   }
-  Reply ask(const std::string& method, const std::string& path, const std::vector<std::string>& headers,
-            const std::string* body) {
+  Reply ask(const std::string& method, const std::string& path, const std::vector<std::string>& headers = {},
+            const std::string* body = nullptr) {
     curl_easy_reset(m_curl);
     Reply reply;
     curl_slist* list = nullptr;
@@ -133,7 +130,6 @@ class RawClient {
       text.remove_prefix(static_cast<size_t>(sent));
     }
   }
-  void sendEnd() const { shutdown(m_fd, SHUT_WR); }
   // What comes next; empty at the end.
   std::string receive() const {
     std::array<char, 64 << 10> bytes;

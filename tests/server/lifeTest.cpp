@@ -9,7 +9,13 @@
 namespace diskcached {
 namespace {
 
-using ServerLifeTest = ServerTest;
+struct ServerLifeTest : ServerTest {
+  void reload(const std::string& text) const {
+    writeFile(config, text);
+    server->tell(SIGHUP);
+  }
+  const std::string config = dir / "config";
+};
 
 TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
   const auto write = [&](const char* name, const std::string& text, mode_t mode) {
@@ -18,31 +24,23 @@ TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
     return dir / name;
   };
   const std::string secret = "aws_access_key_id = me\naws_secret_access_key = hush\n";
-  const struct {
-    std::string option, message;
-  } cases[] = {
-      {"--no-such-option=1", "no-such-option"},
+  std::vector<std::pair<std::string, std::string>> cases = {
       {"--config=" + write("unknown.conf", "fresh-fro = 5\n", 0600), "fresh-fro"},
       {"--config=" + (dir / "missing.conf"), "missing.conf"},
-      {"--origin=ftp://x", "--origin"},
-      {"--max-bytes=lots", "--max-bytes"},
-      {"--block-size=100000", "--block-size"},
-      {"--listen=8080", "--listen"},
-      {"--listen=192.0.2.1:80", "--listen"},
-      {"--fresh-for=soon", "--fresh-for"},
-      {"--mode=fast", "--mode"},
-      {"--memory=1K", "--memory"},
-      {"--max-connections=0", "--max-connections"},
       {"--access-log=" + (dir / "no/such/dir/log"), "--access-log"},
       {"--credentials=" + write("open", secret, 0644), "can be read by others"},
       {"--credentials=" + write("half", "aws_access_key_id = me\n", 0600), "lacks"},
       {"--credentials=" + (dir / "none"), "No such file"},
   };
-  for (const auto& c : cases) {
-    launch({c.option});
-    EXPECT_EQ(server->wait(), 2) << c.option;
+  for (const std::string option :
+       {"--no-such-option=1", "--origin=ftp://x", "--max-bytes=lots", "--block-size=100000", "--listen=8080",
+        "--listen=192.0.2.1:80", "--fresh-for=soon", "--mode=fast", "--memory=1K", "--max-connections=0"})
+    cases.emplace_back(option, option.substr(0, option.find('=')));
+  for (const auto& [option, message] : cases) {
+    launch({option});
+    EXPECT_EQ(server->wait(), 2) << option;
     const std::string said = logged();
-    EXPECT_NE(said.find(c.message), std::string::npos) << c.option << ": " << said;
+    EXPECT_NE(said.find(message), std::string::npos) << option << ": " << said;
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     EXPECT_EQ(said.find("hush"), std::string::npos);
   }
@@ -50,7 +48,7 @@ TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
 }
 
 TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
-  const std::string config = dir / "config", log = dir / "access.log";
+  const std::string log = dir / "access.log";
   writeFile(config, "fresh-for = \"immutable\"\n");
   store.put("x", "one");
   start({"--config=" + config});
@@ -58,13 +56,12 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   store.put("x", "changed");
   EXPECT_EQ(get("/x").body, "one");
   EXPECT_FALSE(std::filesystem::exists(log));
-  const auto reload = [&](const std::string& text, const std::string& said) {
-    writeFile(config, text);
-    server->tell(SIGHUP);
+  for (const auto& [text, said] :
+       {std::pair<std::string, std::string>{"fresh = 1\n", "stays as it was"},
+        {"fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew"}}) {
+    reload(text);
     EXPECT_TRUE(eventually([&] { return logged().find(said) != std::string::npos; })) << logged();
-  };
-  reload("fresh = 1\n", "stays as it was");
-  reload("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
+  }
   EXPECT_NE(logged().find("--io-threads takes effect at the next start"), std::string::npos);
   EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
   store.put("y", "y");
@@ -72,10 +69,8 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   EXPECT_NE(cacheStatus("/y").find("fwd=stale"), std::string::npos);
   ASSERT_TRUE(eventually(
       [&] { return std::filesystem::exists(log) && readFile(log).find("\"/y\"") != std::string::npos; }));
-  std::istringstream lines(readFile(log));
-  std::string first;
-  std::getline(lines, first);
-  const auto line = nlohmann::json::parse(first);
+  const std::string lines = readFile(log);
+  const auto line = nlohmann::json::parse(lines.substr(0, lines.find('\n')));
   EXPECT_EQ(line["target"], "/x");
   EXPECT_EQ(line["status"], 200);
   EXPECT_EQ(line["bytes"], 3);
@@ -83,7 +78,6 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
 }
 
 TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
-  const std::string config = dir / "config";
   const auto hits = [&] {
     int count = 0;
     for (int i = 0; i < 20; ++i) count += get("/o" + std::to_string(i)).isHit() ? 1 : 0;
@@ -91,24 +85,22 @@ TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
   };
   const auto used = [&] { return metric("diskcache_client_used_bytes"); };
   for (int i = 0; i < 20; ++i) store.put("o" + std::to_string(i), bytesOf("bound", 60'000));
-  leftToConfig = "max-bytes";
   writeFile(config, "max-bytes = \"1G\"\n");
-  start({"--config=" + config});
+  start({"--config=" + config, "--max-bytes="});
   hits();
   EXPECT_EQ(hits(), 20);
   EXPECT_GE(used(), 20 * 60'000);
-  const auto reload = [&](const std::string& size, uint64_t bytes) {
-    writeFile(config, "max-bytes = \"" + size + "\"\n");
-    server->tell(SIGHUP);
+  const auto resize = [&](const std::string& size, uint64_t bytes) {
+    reload("max-bytes = \"" + size + "\"\n");
     EXPECT_TRUE(
         eventually([&] { return nlohmann::json::parse(admin("/status").body)["max_bytes"] == bytes; }));
   };
-  reload("512K", 512 << 10);
+  resize("512K", 512 << 10);
   EXPECT_TRUE(eventually([&] { return used() <= 512 << 10; })) << used();
   EXPECT_GE(used(), 60'000);  // no more is given up than must be
   hits();
   EXPECT_LE(used(), 512 << 10);
-  reload("2G", uint64_t{2} << 30);
+  resize("2G", uint64_t{2} << 30);
   hits();
   EXPECT_EQ(hits(), 20);
   EXPECT_EQ(logged().find("next start"), std::string::npos);
@@ -121,18 +113,17 @@ TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
     EXPECT_EQ(get('/' + name).body, name);
     EXPECT_TRUE(get('/' + name).isHit());
   }
-  EXPECT_EQ(admin("/healthz").status, 200);
-  EXPECT_EQ(admin("/readyz").status, 200);
-  EXPECT_EQ(admin("/nothing").status, 404);
-  EXPECT_EQ(admin("/purge?prefix=p").status, 405);
+  for (const auto& [target, status] :
+       {std::pair{"/healthz", 200}, {"/readyz", 200}, {"/nothing", 404}, {"/purge?prefix=p", 405}})
+    EXPECT_EQ(admin(target).status, status) << target;
   EXPECT_EQ(admin("/purge", "POST").status, 400);
   const auto status = nlohmann::json::parse(admin("/status").body);
   EXPECT_EQ(status["state"], "ready");
   EXPECT_EQ(status["index_entries"], 3);
-  EXPECT_EQ(metric("diskcached_objects_total{result=\"hit\"}"), 3);
-  EXPECT_EQ(metric("diskcached_objects_total{result=\"miss\"}"), 3);
-  EXPECT_EQ(metric("diskcache_client_stored_blocks_total"), 3);
-  EXPECT_EQ(metric("diskcache_segments"), 3);
+  for (const char* name :
+       {"diskcached_objects_total{result=\"hit\"}", "diskcache_segments",
+        "diskcached_objects_total{result=\"miss\"}", "diskcache_client_stored_blocks_total"})
+    EXPECT_EQ(metric(name), 3) << name;
   EXPECT_EQ(nlohmann::json::parse(admin("/purge?prefix=p%2F", "POST").body)["purged"], 2);
   EXPECT_FALSE(get("/p/a").isHit());
   EXPECT_TRUE(get("/q").isHit());

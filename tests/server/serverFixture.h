@@ -12,11 +12,13 @@
 #include <vector>
 
 #include "tests/server/httpClient.h"
-#include "tests/server/process.h"
+#include "tests/support/process.h"
 #include "tests/support/tempDir.h"
 
 namespace diskcached {
 
+using ObjectStore::eventually;
+using ObjectStore::Process;
 using ObjectStore::readFile;
 using ObjectStore::TempDir;
 using ObjectStore::writeFile;
@@ -63,27 +65,17 @@ class Store {
     eventually([&] { return m_process->hasEnded() || RawClient(port).isConnected(); });
   }
   void stop() { m_process->end(SIGKILL); }
+  void restart(const std::string& withLines) {
+    stop();
+    m_extra = withLines;
+    start();
+  }
   void put(const std::string& name, const std::string& content) const {
     writeFile(files + '/' + name, content);
   }
-  // The requests that came since the last time: "METHOD PATH STATUS BYTES".
-  std::vector<std::string> requests() {
-    std::istringstream lines(readFile(m_dir + "/access.log").substr(m_seen));
-    std::vector<std::string> found;
-    for (std::string line; std::getline(lines, line);) {
-      m_seen += line.size() + 1;
-      found.push_back(line);
-    }
-    return found;
-  }
-  uint64_t bodyBytes() {
-    uint64_t bytes = 0;
-    for (const std::string& line : requests()) bytes += std::stoull(line.substr(line.rfind(' ') + 1));
-    return bytes;
-  }
+  // The requests that came, "METHOD PATH STATUS BYTES" a line.
+  std::string requests() const { return readFile(m_dir + "/access.log"); }
 
-  // Added to the configuration of the next start.
-  std::string extra;
   uint16_t port = 0;
 
  private:
@@ -96,12 +88,12 @@ class Store {
     for (const char* name : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
       text += std::string(name) + "_temp_path " + m_dir + "/tmp-" + name + ";\n";
     return text + "server { listen 127.0.0.1:" + std::to_string(port) + "; root " + files +
-           ";\ndav_methods PUT DELETE; create_full_put_path on;\n" + extra + "}\n}\n";
+           ";\ndav_methods PUT DELETE; create_full_put_path on;\n" + m_extra + "}\n}\n";
   }
 
   const std::string m_dir;
+  std::string m_extra;  // lines of the configuration
   std::unique_ptr<Process> m_process;
-  size_t m_seen = 0;
 
  public:
   const std::string files;
@@ -109,7 +101,8 @@ class Store {
 
 class ServerTest : public ::testing::Test {
  protected:
-  std::vector<std::string> arguments(std::vector<std::string> more = {}) const {
+  // An option of `more` takes the place of the usual one; with nothing behind its '=' it is not given at all.
+  std::vector<std::string> arguments(const std::vector<std::string>& more) const {
     std::vector<std::string> all = {DISKCACHED_PATH,
                                     "--origin=http://127.0.0.1:" + std::to_string(store.port),
                                     "--root=" + (dir / "root"),
@@ -119,17 +112,11 @@ class ServerTest : public ::testing::Test {
                                     "--listen=127.0.0.1:0",
                                     "--admin=127.0.0.1:0",
                                     "--memory=64M"};
-    std::erase_if(all, [&](const std::string& usual) {
-      return !leftToConfig.empty() && usual.starts_with("--" + leftToConfig + '=');
-    });
-    // An option given again takes the place of the usual one.
     for (const std::string& option : more) {
-      std::erase_if(all, [&](const std::string& usual) {
-        return option.find('=') != std::string::npos &&
-               usual.starts_with(option.substr(0, option.find('=') + 1));
-      });
+      const std::string name = option.substr(0, option.find('='));
+      std::erase_if(all, [&](const std::string& usual) { return usual.starts_with(name + '='); });
+      if (!option.ends_with('=')) all.push_back(option);
     }
-    all.insert(all.end(), more.begin(), more.end());
     return all;
   }
   void launch(const std::vector<std::string>& more = {}) {
@@ -154,9 +141,13 @@ class ServerTest : public ::testing::Test {
   Reply get(const std::string& path, const std::vector<std::string>& headers = {}) const {
     return HttpClient(port).get(path, headers);
   }
+  Reply put(const std::string& path, const std::string& body,
+            const std::vector<std::string>& headers = {}) const {
+    return HttpClient(port).put(path, body, headers);
+  }
   std::string cacheStatus(const std::string& path) const { return get(path).header("cache-status"); }
   Reply admin(const std::string& target, const std::string& method = "GET") const {
-    return HttpClient(adminPort).ask(method, target, {}, nullptr);
+    return HttpClient(adminPort).ask(method, target);
   }
   double metric(const std::string& name) const {
     const std::string text = '\n' + admin("/metrics").body;
@@ -168,7 +159,6 @@ class ServerTest : public ::testing::Test {
   Store store{dir};
   std::string volume = dir / "volume";
   std::vector<std::string> environment;
-  std::string leftToConfig;  // the name of a usual option that is not given
   std::unique_ptr<Process> server;
   uint16_t port = 0, adminPort = 0;
 

@@ -34,11 +34,6 @@ inline std::string bytesOf(std::string_view key, std::string_view version, uint6
 
 class ClientTest : public ::testing::Test {
  protected:
-  struct Asked {
-    uint64_t from;
-    uint64_t size;
-  };
-
   void TearDown() override {
     cache.reset();
     EXPECT_LE(openDescriptors(), m_descriptors);
@@ -73,19 +68,37 @@ class ClientTest : public ::testing::Test {
   // What a read gives, "right", or what is wrong with it.
   std::string read(std::string_view key, uint64_t size, uint64_t from, size_t count,
                    std::string_view version = "v") {
+    return readInto(result, key, size, from, count, version);
+  }
+  // The same for any thread, with a result of its own.
+  std::string readInto(ReadResult& got, std::string_view key, uint64_t size, uint64_t from, size_t count,
+                       std::string_view version = "v") {
     std::string buffer(count, 'x');
-    result =
+    got =
         cache->read(key, version, from, std::as_writable_bytes(std::span(buffer)),
                     [&](uint64_t at, std::span<std::byte> to) { return answer(key, version, size, at, to); });
-    if (!result) return outcome(result.error);
+    if (!got) return outcome(got.error);
     const uint64_t expected = from >= size ? 0 : std::min<uint64_t>(count, size - from);
-    if (result.bytes != expected) return "length " + std::to_string(result.bytes);
-    if (result.objectSize != size) return "size " + std::to_string(result.objectSize);
-    if (buffer.substr(0, expected) != bytesOf(key, version, from, expected)) return "wrong bytes";
+    if (got.bytes != expected) return "length " + std::to_string(got.bytes);
+    if (got.objectSize != size) return "size " + std::to_string(got.objectSize);
+    if (!buffer.starts_with(bytesOf(key, version, from, expected))) return "wrong bytes";
     return "right";
   }
   std::string readAll(std::string_view key, uint64_t size, std::string_view version = "v") {
     return read(key, size, 0, size, version);
+  }
+  std::string stage(std::string_view key, uint64_t size, std::string_view version = "v") {
+    const std::string bytes = bytesOf(key, version, 0, size);
+    const Metadata metadata = {{"etag", std::string(version)}};
+    return outcome(cache->stage(key, version, std::as_bytes(std::span(bytes)), metadata));
+  }
+  // An upload, to which all that was staged must come.
+  static CZuError upload(const StagedObject& object) {
+    std::string bytes(object.size, 'x');
+    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+    EXPECT_EQ(bytes, bytesOf(object.key, object.version, 0, object.size));
+    EXPECT_EQ(object.metadata.at("etag"), object.version);
+    return error;
   }
   // How often the origin was asked since the last time.
   size_t asked() { return originCalls.exchange(0); }
@@ -93,15 +106,10 @@ class ClientTest : public ::testing::Test {
   // Every block's file of a place ("blocks", "staged").
   std::vector<std::string> files(const std::string& place = "blocks") {
     std::vector<std::string> found;
-    for (const auto& volume : std::filesystem::directory_iterator(dir.path())) {
-      const auto below = volume.path() / place;
-      if (!std::filesystem::is_directory(below)) continue;
-      for (const auto& entry : std::filesystem::recursive_directory_iterator(below)) {
-        if (entry.is_regular_file() && entry.path().filename().string().size() == 40)
-          found.push_back(entry.path());
-      }
+    for (const std::string& name : treeOf(dir.path())) {
+      const bool isBlock = name.size() - name.rfind('/') == 41;
+      if (isBlock && name.find('/' + place + '/') != std::string::npos) found.push_back(dir / name);
     }
-    std::sort(found.begin(), found.end());
     return found;
   }
 

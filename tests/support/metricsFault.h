@@ -33,6 +33,7 @@ inline std::string faultOf(const std::string& text) {
       }
       continue;
     }
+    if (line.starts_with("# ")) continue;  // a comment
     if (!std::regex_match(line, part, sample)) return "no sample: " + line;
     if (type.empty() || !samples.insert(line.substr(0, line.rfind(' '))).second) return "stray: " + line;
     const std::string name = part[1], suffix = name.starts_with(family) ? name.substr(family.size()) : "?";

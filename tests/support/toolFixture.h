@@ -16,6 +16,7 @@
 namespace ObjectStore {
 
 struct ToolTest : ::testing::Test {
+  std::string on(const std::string& volume) const { return "--volume " + (dir / volume) + ' '; }
   // Runs "diskcachectl ARGUMENTS", which a shell reads; returns the exit status.
   int run(const std::string& arguments) {
     const std::string command = DISKCACHECTL_PATH " " + arguments;
@@ -50,6 +51,10 @@ struct ToolTest : ::testing::Test {
     EXPECT_EQ(run(arguments + " --json"), status) << arguments << '\n' << err;
     return nlohmann::json::parse(out, nullptr, false);
   }
+  // Each field of `part` with its value.
+  static void expectFields(nlohmann::json whole, const nlohmann::json& part) {
+    for (const auto& [name, value] : part.items()) EXPECT_EQ(whole[name], value) << name << " of " << whole;
+  }
   // Fails with this status and says so on one line.
   void expectFailure(const std::string& arguments, int status, const std::string& message) {
     EXPECT_EQ(run(arguments), status) << arguments;
@@ -58,6 +63,7 @@ struct ToolTest : ::testing::Test {
   }
 
   const TempDir dir;
+  const std::string root = "--root " + (dir / "root ");
   std::string out, err;
 };
 

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-namespace diskcached {
+namespace ObjectStore {
 
 // Whether something comes true within the time that even a busy machine needs.
 inline bool eventually(const std::function<bool()>& condition,
@@ -32,16 +32,14 @@ class Process {
  public:
   // Its output goes to a file.
   Process(const std::vector<std::string>& command, const std::string& output,
-          const std::vector<std::string>& environment = {}) {
+          std::vector<std::string> environment = {}) {
+    // What a sanitizer is told reaches the program too, and nothing else of this environment.
+    for (const std::string name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+      if (const char* const value = std::getenv(name.c_str())) environment.push_back(name + '=' + value);
+    }
     std::vector<char*> arguments, variables;
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     for (const std::string& variable : environment) variables.push_back(const_cast<char*>(variable.c_str()));
-    // What a sanitizer is told reaches the program too, and nothing else of this environment.
-    std::vector<std::string> inherited;
-    for (const std::string name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
-      if (const char* const value = std::getenv(name.c_str())) inherited.push_back(name + '=' + value);
-    }
-    for (const std::string& variable : inherited) variables.push_back(const_cast<char*>(variable.c_str()));
     arguments.push_back(nullptr);
     variables.push_back(nullptr);
     const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -62,16 +60,12 @@ class Process {
   void tell(int signal) const { kill(m_pid, signal); }
   // The exit status, or the negative signal, once it has ended.
   int wait() {
-    if (!m_status) {
-      int status = 0;
-      waitpid(m_pid, &status, 0);
-      m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
+    (void)hasEnded(0);
     return *m_status;
   }
-  bool hasEnded() {
+  bool hasEnded(int options = WNOHANG) {
     int status = 0;
-    if (!m_status && waitpid(m_pid, &status, WNOHANG) == m_pid)
+    if (!m_status && waitpid(m_pid, &status, options) == m_pid)
       m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     return m_status.has_value();
   }
@@ -85,4 +79,4 @@ class Process {
   std::optional<int> m_status;
 };
 
-}  // namespace diskcached
+}  // namespace ObjectStore
