@@ -2,12 +2,14 @@
 // share: help, man page and completion.
 #ifdef DISKCACHECTL_PATH
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 
+#include "diskcache/segmentFormat.h"
 #include "tests/support/metricsFault.h"
 #include "tests/support/process.h"
 #include "tests/support/smallFileSystem.h"
@@ -98,6 +100,32 @@ TEST_F(EngineToolTest, WhatIsNotAsItShouldBeIsToldAndKept) {
   EXPECT_EQ(readFile(dir / "root/migrate").substr(0, 2), "1\n");
 }
 
+TEST_F(EngineToolTest, LargeSectionsAndThoseOfOtherProgramsComeBackWhole) {
+  // More than put holds in memory at a time, from a file and through a pipe.
+  writeFile(dir / "large", "front");
+  std::filesystem::resize_file(dir / "large", 256 << 20);
+  std::ofstream(dir / "large", std::ios::app) << "behind";
+  ASSERT_EQ(run("put " + segment("0011large ") + (dir / "large")), 0) << err;
+  const std::string piped = "cat " + (dir / "large") + " | " DISKCACHECTL_PATH " put " + segment("0022piped");
+  ASSERT_EQ(run("--version; " + piped), 0) << err;
+  for (const char* id : {"0011large ", "0022piped "}) {
+    ASSERT_EQ(run("get " + segment(id) + (dir / "copy")), 0) << err;
+    EXPECT_EQ(std::system(("cmp " + (dir / "large ") + (dir / "copy")).c_str()), 0) << id;
+  }
+
+  // A sub-type is its owner's, and stays.
+  ASSERT_EQ(put("0033typed", "one"), 0) << err;
+  std::string whole = readFile(pathOf("0033typed"));
+  whole[SEGMENT_HEADER_SIZE + offsetof(SectionDesc, subType)] = 7;
+  writeFile(pathOf("0033typed"), whole);
+  EXPECT_EQ(put("0033typed", "two"), 0) << err;
+  EXPECT_EQ(get("0033typed"), "two");
+  // Type 5 is never the last section.
+  ASSERT_EQ(put("0033typed", "first", "--type 5"), 0) << err;
+  EXPECT_EQ(put("0033typed", "longer", "--type 5"), 2);
+  EXPECT_EQ(get("0033typed", "--type 5"), "first");
+}
+
 TEST_F(EngineToolTest, AFullDiskIsOneLine) {
   const SmallFileSystem disk(4);
   SKIP_WITHOUT(disk);
@@ -105,6 +133,9 @@ TEST_F(EngineToolTest, AFullDiskIsOneLine) {
   const std::string segment = root + "--volume " + (disk / "v") + " --context ctx 0011big ";
   expectFailure("put " + segment + (dir / "in"), 3, "No space left");
   EXPECT_EQ(run("exists " + segment), 1) << "half of it stayed";
+  ASSERT_EQ(put("0022big", std::string(8 << 20, 'x')), 0) << err;
+  expectFailure("get " + this->segment("0022big ") + (disk / "copy"), 3, "No space left");
+  EXPECT_EQ(treeOf(disk.path()).size(), treeOf(disk / "v").size() + 1) << "a part of it stayed";
 }
 
 TEST_F(EngineToolTest, StatusInEachFormat) {

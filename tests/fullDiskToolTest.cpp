@@ -66,6 +66,18 @@ TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
   }
 }
 
+TEST_F(FullDiskToolTest, PruneToAShareOfTheFileSystem) {
+  const SmallFileSystem disk(8);
+  SKIP_WITHOUT(disk);
+  for (const char* id : {"0011a", "0022b", "0033c", "0044d"}) {
+    writeFile(dir / "in", std::string(1 << 20, 'x'));
+    ASSERT_EQ(run("put " + root + "--volume " + disk.path() + " --context data " + id + ' ' + (dir / "in")),
+              0)
+        << err;
+  }
+  EXPECT_EQ(parsed("prune " + root + "--context data --to 30")["segments"], 2);
+}
+
 TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   const std::string sound = segment("data", "0011sound", 5);
   const std::string bytes = readFile(sound), at = dir / "a/data/00/";

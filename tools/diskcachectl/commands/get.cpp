@@ -29,7 +29,7 @@ namespace {
 using namespace ObjectStore;
 namespace fs = std::filesystem;
 
-constexpr uint64_t CHUNK = uint64_t{256} << 20;
+constexpr uint64_t CHUNK = uint64_t{8} << 20;
 
 constexpr const char* HELP =
     R"(Writes one section's bytes to FILE, which appears whole or not at all, or to standard output. A server

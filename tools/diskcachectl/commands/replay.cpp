@@ -16,6 +16,7 @@
 
 #include "commands/commands.h"
 #include "common/failure.h"
+#include "common/options.h"
 #include "common/units.h"
 #include "replay/cacheClient.h"
 #include "replay/replayRun.h"
