@@ -34,12 +34,15 @@ HotTable::Found HotTable::find(const BlockId& block) {
   Slot& slot = slotOf(shard, block);
   if (!slot.block) return {};
   slot.isUsed = slot.isCopyUsed = true;
-  bool isCopyDue = false;
-  if (!slot.copy && m_maxBytes > 0 && ++slot.found == FINDS_BEFORE_COPY) {
-    slot.found = 0;
-    isCopyDue = mayHaveCopy(*slot.block);
-  }
-  return {slot.block, slot.copy, isCopyDue};
+  return {slot.block, slot.copy, isCopyDue(slot)};
+}
+
+bool HotTable::isCopyDue(Slot& slot) const {
+  if (m_maxBytes == 0 || slot.copy || !mayHaveCopy(*slot.block)) return false;
+  const bool isFull = bytes() + costOfCopy(*slot.block) > m_maxBytes;
+  if (++slot.found < (isFull ? FINDS_BEFORE_DISPLACING : FINDS_BEFORE_COPY)) return false;
+  slot.found = 0;
+  return true;
 }
 
 void HotTable::insert(const BlockId& block, Block open) {

@@ -24,7 +24,8 @@ class HotTable {
   using Block = std::shared_ptr<OpenBlock>;
   using Copy = std::shared_ptr<const std::byte[]>;  // of a whole payload
 
-  // A larger payload costs its copying out of memory as much as a system call does, or nearly.
+  // A hit from memory takes 0.15 of the time of one by `pread` for 4 KiB, 0.32 for 16 KiB, 0.40 for 32 KiB and
+  // 0.60 for 64 KiB, while the memory that it takes grows with the payload.
   static constexpr uint64_t LARGEST_COPY = 16 * 1024;
   // What a copy takes besides its payload: its count of users, the allocator's record and rounding.
   static constexpr uint64_t COPY_OVERHEAD = 64;
@@ -70,7 +71,8 @@ class HotTable {
   };
 
   static constexpr size_t SHARDS = 16, FIRST_SLOTS = 16;
-  static constexpr uint8_t FINDS_BEFORE_COPY = 2;  // so that one scan, or two, displace no copy
+  // So that a scan leaves no copy, and that a set too large for the memory does not displace itself all the time.
+  static constexpr uint8_t FINDS_BEFORE_COPY = 2, FINDS_BEFORE_DISPLACING = 8;
   // Who needs room for a copy looks at no more; his block's turn comes again.
   static constexpr size_t LOOKS_FOR_ROOM = 32, SLOTS_OF_LOOK = 64;
   static uint64_t tagOf(const BlockId& block) {
@@ -82,6 +84,7 @@ class HotTable {
   static void grow(Shard& shard) DC_REQUIRES(shard.lock);
   Slot closeOne(Shard& shard) DC_REQUIRES(shard.lock);
   Slot take(Shard& shard, size_t at) DC_REQUIRES(shard.lock);
+  bool isCopyDue(Slot& slot) const;
   bool takeBytes(uint64_t bytes);
   bool makeRoom(uint64_t bytes);
   void dropOneCopy(Shard& shard);
