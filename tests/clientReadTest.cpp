@@ -134,7 +134,7 @@ TEST_F(ClientReadTest, WaitersShareBytesAsTheyComeErrorsAndGiveUpByTheirDeadline
 TEST_F(ClientReadTest, AHitOfMemoryIsNoCallOneOfTheTableOneAndOneOfTheDiskThreeOrFour) {
   using Calls = std::vector<std::string>;
   for (const Verify verify : {Verify::Always, Verify::Never}) {
-    for (const uint64_t size : {16384, 16385}) {
+    for (const uint64_t size : {16384U, 16385U}) {
       ObjectCacheOptions chosen = options();
       chosen.verify = verify;
       start(chosen);
@@ -217,7 +217,7 @@ TEST_F(ClientReadTest, ABlockThatIsGivenUpLeavesMemoryAtOnce) {
 TEST_F(ClientReadTest, MemoryIsBoundedAndAScanDoesNotFlushIt) {
   constexpr uint64_t SIZE = 4000, COST = SIZE + 64;
   ObjectCacheOptions chosen = options();
-  for (const uint64_t wrong : {1, 17 * 1024 - 1}) {
+  for (const uint64_t wrong : {1U, 17U * 1024 - 1}) {
     chosen.maxHotBytes = wrong;
     EXPECT_EQ(openWith(chosen), "EINVAL") << wrong;
   }
