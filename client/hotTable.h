@@ -24,7 +24,7 @@ class HotTable {
   using Block = std::shared_ptr<OpenBlock>;
   using Copy = std::shared_ptr<const std::byte[]>;  // of a whole payload
 
-  // A hit from memory takes 0.15 of the time of one by `pread` for 4 KiB, 0.32 for 16 KiB, 0.40 for 32 KiB and
+  // A hit from memory takes 0.2 of the time of one by `pread` for 4 KiB, 0.32 for 16 KiB, 0.40 for 32 KiB and
   // 0.60 for 64 KiB, while the memory that it takes grows with the payload.
   static constexpr uint64_t LARGEST_COPY = 16 * 1024;
   // What a copy takes besides its payload: its count of users, the allocator's record and rounding.
