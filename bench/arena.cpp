@@ -50,6 +50,7 @@ std::vector<Contender> contenders() {
       cacheWith("random", {.mode = PruningMode::Random}),
       cacheWith("counters", {.watch = Watch::Counters}),
       cacheWith("log", {.watch = Watch::Log}),
+      clientWith("memory", {.verify = Verify::Always, .isInMemory = true}),
       clientWith("hot", {}),
       clientWith("hot+", {.verify = Verify::Always}),
       clientWith("cold", {.isHot = false}),

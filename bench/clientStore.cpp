@@ -15,6 +15,7 @@ namespace {
 constexpr const char* VERSION = "1";
 // A table for no more than what was just read: in a random order hardly anything is found in it.
 constexpr size_t COLD_TABLE = 16;
+constexpr uint64_t MEMORY = uint64_t{256} << 20;  // more than any set of small segments
 
 void requireSuccess(const CZuError& error, const char* operation) {
   if (error.IsError()) std::fprintf(stderr, "%s\n", error.AsString().c_str());
@@ -63,7 +64,8 @@ class ClientStore : public Store {
         m_cache({.root = dir + "/root",
                  .volumes = {dir + "/volume"},
                  .verify = options.verify,
-                 .hotBlocks = options.isHot ? 2 * guids.size() : COLD_TABLE}) {
+                 .hotBlocks = options.isHot ? 2 * guids.size() : COLD_TABLE,
+                 .maxHotBytes = options.isInMemory ? MEMORY : 0}) {
     rlimit limit{};
     require(getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
     limit.rlim_cur = limit.rlim_max;

@@ -8,7 +8,8 @@ namespace bench {
 
 struct ClientOptions {
   ObjectStore::Verify verify = ObjectStore::Verify::Never;
-  bool isHot = true;  // all blocks stay in the table of descriptors; otherwise none is found there
+  bool isHot = true;        // all blocks stay in the table of descriptors; otherwise none is found there
+  bool isInMemory = false;  // and the small ones' bytes in memory
 };
 
 // Segments are objects, made by reading them through from an origin. They cannot be overwritten: a changed

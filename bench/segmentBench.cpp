@@ -49,7 +49,7 @@ struct Effort {
 };
 
 const Effort FULL = {
-    {4 * KIB, 64 * KIB, 1024 * KIB, 4096 * KIB}, 9, 9, size_t{96} << 20, 8192, size_t{32} << 20, 500};
+    {4 * KIB, 64 * KIB, 1024 * KIB, 4096 * KIB}, 9, 9, size_t{96} << 20, 6144, size_t{32} << 20, 500};
 const Effort QUICK = {{4 * KIB, 4096 * KIB}, 3, 2, size_t{16} << 20, 1000, size_t{16} << 20, 100};
 
 size_t segmentsFor(const Work& work, size_t bytes, const Effort& effort) {

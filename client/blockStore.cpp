@@ -84,7 +84,7 @@ int syncDirectories(std::string path, const std::string& root) {
 }  // namespace
 
 bool BlockStore::isKnown(const BlockId& id) {
-  if (isStaged(id) || m_hot.find(id)) return true;
+  if (isStaged(id) || m_hot.find(id).block) return true;
   VolIndex volume = 0;
   return m_engine.findVolume(blockName(id), volume);
 }

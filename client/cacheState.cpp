@@ -39,7 +39,7 @@ OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters)
     : options(chosen),
       metrics(counters),
       engine(std::make_unique<DiskCache>(PersistentVolumes::Yes)),
-      hot(chosen.hotBlocks),
+      hot(chosen.hotBlocks, chosen.maxHotBytes),
       verified(chosen.verify == Verify::Once ? VERIFIED_BLOCKS : 0),
       volumes(*engine, account, chosen),
       room(*engine, volumes, account, hot, counters, chosen),

@@ -1,10 +1,21 @@
 #include "client/hotTable.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "client/openBlock.h"
 
 namespace ObjectStore {
+
+namespace {
+
+uint64_t costOfCopy(const OpenBlock& block) { return block.trailer().payloadSize + HotTable::COPY_OVERHEAD; }
+
+bool mayHaveCopy(const OpenBlock& block) {
+  return block.trailer().payloadSize > 0 && block.trailer().payloadSize <= HotTable::LARGEST_COPY;
+}
+
+}  // namespace
 
 HotTable::Slot& HotTable::slotOf(Shard& shard, const BlockId& block) {
   const uint64_t tag = tagOf(block);
@@ -16,24 +27,34 @@ HotTable::Slot& HotTable::slotOf(Shard& shard, const BlockId& block) {
   return shard.slots[at];
 }
 
-HotTable::Block HotTable::find(const BlockId& block) {
+HotTable::Found HotTable::find(const BlockId& block) {
   Shard& shard = shardOf(block);
   const KxCriticalSectionLock lock(&shard.lock);
-  if (shard.size == 0) return nullptr;
+  if (shard.size == 0) return {};
   Slot& slot = slotOf(shard, block);
-  slot.isUsed = slot.block != nullptr;
-  return slot.block;
+  if (!slot.block) return {};
+  slot.isUsed = slot.isCopyUsed = true;
+  return {slot.block, slot.copy, isCopyDue(slot)};
+}
+
+bool HotTable::isCopyDue(Slot& slot) const {
+  if (m_maxBytes == 0 || slot.copy || !mayHaveCopy(*slot.block)) return false;
+  const bool isFull = bytes() + costOfCopy(*slot.block) > m_maxBytes;
+  if (++slot.found < (isFull ? FINDS_BEFORE_DISPLACING : FINDS_BEFORE_COPY)) return false;
+  slot.found = 0;
+  return true;
 }
 
 void HotTable::insert(const BlockId& block, Block open) {
   if (m_boundOfShard == 0) return;
   Shard& shard = shardOf(block);
-  Block gone;  // destroyed, and with it closed, after the lock
+  Slot gone;  // destroyed, and with it closed, after the lock
   const KxCriticalSectionLock lock(&shard.lock);
   if (2 * (shard.size + 1) > shard.slots.size()) grow(shard);
   Slot* slot = &slotOf(shard, block);
   if (slot->block) {
-    gone = std::move(slot->block);
+    uncount(*slot);
+    gone = std::move(*slot);
   } else {
     if (shard.size >= m_boundOfShard) {
       gone = closeOne(shard);
@@ -41,7 +62,7 @@ void HotTable::insert(const BlockId& block, Block open) {
     }
     ++shard.size;
   }
-  *slot = {tagOf(block), std::move(open), false};
+  *slot = {tagOf(block), std::move(open)};
 }
 
 void HotTable::grow(Shard& shard) {
@@ -50,10 +71,10 @@ void HotTable::grow(Shard& shard) {
   for (Slot& slot : old) {
     if (slot.block) slotOf(shard, slot.block->id()) = std::move(slot);
   }
-  shard.hand = 0;
+  shard.hand = shard.copyHand = 0;
 }
 
-HotTable::Block HotTable::closeOne(Shard& shard) {
+HotTable::Slot HotTable::closeOne(Shard& shard) {
   for (;; shard.hand = (shard.hand + 1) & (shard.slots.size() - 1)) {
     Slot& slot = shard.slots[shard.hand];
     if (slot.block && !slot.isUsed) return take(shard, shard.hand);
@@ -62,8 +83,9 @@ HotTable::Block HotTable::closeOne(Shard& shard) {
 }
 
 // Those behind the gap that would no longer be found move up.
-HotTable::Block HotTable::take(Shard& shard, size_t at) {
-  Block taken = std::move(shard.slots[at].block);
+HotTable::Slot HotTable::take(Shard& shard, size_t at) {
+  uncount(shard.slots[at]);
+  Slot taken = std::move(shard.slots[at]);
   const size_t mask = shard.slots.size() - 1;
   for (size_t next = (at + 1) & mask; shard.slots[next].block; next = (next + 1) & mask) {
     const size_t home = shard.slots[next].tag & mask;
@@ -78,11 +100,57 @@ HotTable::Block HotTable::take(Shard& shard, size_t at) {
 
 void HotTable::erase(const BlockId& block) {
   Shard& shard = shardOf(block);
-  Block gone;
+  Slot gone;
   const KxCriticalSectionLock lock(&shard.lock);
   if (shard.size == 0) return;
   Slot& slot = slotOf(shard, block);
   if (slot.block) gone = take(shard, static_cast<size_t>(&slot - shard.slots.data()));
+}
+
+void HotTable::keep(const Block& block, Copy copy) {
+  const uint64_t bytes = costOfCopy(*block);
+  if (!makeRoom(bytes)) return;
+  Shard& shard = shardOf(block->id());
+  const KxCriticalSectionLock lock(&shard.lock);
+  Slot* const slot = shard.size == 0 ? nullptr : &slotOf(shard, block->id());
+  if (!slot || slot->block != block || slot->copy) {
+    m_bytes.fetch_sub(bytes, std::memory_order_relaxed);
+    return;
+  }
+  slot->copy = std::move(copy);
+  slot->isCopyUsed = false;
+}
+
+bool HotTable::takeBytes(uint64_t bytes) {
+  uint64_t held = m_bytes.load(std::memory_order_relaxed);
+  while (bytes <= m_maxBytes && held <= m_maxBytes - bytes) {
+    if (m_bytes.compare_exchange_weak(held, held + bytes, std::memory_order_relaxed)) return true;
+  }
+  return false;
+}
+
+bool HotTable::makeRoom(uint64_t bytes) {
+  for (size_t look = 0; look < LOOKS_FOR_ROOM; ++look) {
+    if (takeBytes(bytes)) return true;
+    dropOneCopy(m_shards[m_nextForRoom.fetch_add(1, std::memory_order_relaxed) % SHARDS]);
+  }
+  return takeBytes(bytes);
+}
+
+void HotTable::dropOneCopy(Shard& shard) {
+  Copy gone;
+  const KxCriticalSectionLock lock(&shard.lock);
+  for (size_t looked = 0; looked < std::min(SLOTS_OF_LOOK, shard.slots.size()); ++looked) {
+    Slot& slot = shard.slots[shard.copyHand++ & (shard.slots.size() - 1)];
+    if (!slot.copy || std::exchange(slot.isCopyUsed, false)) continue;
+    uncount(slot);
+    gone = std::move(slot.copy);
+    return;
+  }
+}
+
+void HotTable::uncount(const Slot& slot) {
+  if (slot.copy) m_bytes.fetch_sub(costOfCopy(*slot.block), std::memory_order_relaxed);
 }
 
 size_t HotTable::size() {

@@ -86,6 +86,7 @@ void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
   page.value("staged_bytes", "", "gauge", "Bytes staged now", metrics.stagedBytes);
   page.value("absent_volumes", "", "gauge", "Volumes without their marker", metrics.absentVolumes);
   page.value("hot_blocks", "", "gauge", "Descriptors of blocks open", metrics.hotBlocks);
+  page.value("hot_bytes", "", "gauge", "Bytes of memory that keep small blocks", metrics.hotBytes);
   for (const auto& [key, text] : metrics.engine) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
@@ -95,7 +96,8 @@ void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
         isMilliseconds ? engineName(key.substr(0, key.size() - 2)) + "_seconds" : engineName(key);
     page.value(name, "", "untyped", "The engine's " + key, isMilliseconds ? value / 1000 : value);
   }
-  renderHistogram(page, "hit_seconds", "Time of reads from disk, every 16th", metrics.hitSeconds, 1e-6, 1);
+  renderHistogram(page, "hit_seconds", "Time of reads from memory or disk, every 16th", metrics.hitSeconds,
+                  1e-6, 1);
   renderHistogram(page, "miss_seconds", "Time of reads that needed the origin", metrics.missSeconds, 1e-6, 2);
   renderHistogram(page, "evicted_age_seconds", "Age of blocks given up for room", metrics.evictedSeconds, 1,
                   2);

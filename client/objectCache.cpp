@@ -40,6 +40,7 @@ CZuError checkOptions(const ObjectCacheOptions& options) {
   if (!std::has_single_bit(options.blockSize) || options.blockSize < MIN_BLOCK_SIZE ||
       options.blockSize > MAX_BLOCK_SIZE)
     wrong = "blockSize";
+  if (options.maxHotBytes > 0 && options.maxHotBytes < HotTable::LEAST_BYTES) wrong = "maxHotBytes";
   return wrong ? RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EINVAL, "ObjectCacheOptions::%s makes no sense",
                                          wrong)
                : CZuError();
@@ -180,6 +181,7 @@ ObjectCacheMetrics ObjectCache::metrics() {
   metrics.stagedNow = staged.objects;
   metrics.stagedBytes = staged.bytes;
   metrics.hotBlocks = cache.hot.size();
+  metrics.hotBytes = cache.hot.bytes();
   cache.engine->getStatus(metrics.engine);
   cache.engine->getCounters(metrics.engine);
   return metrics;

@@ -36,7 +36,8 @@
 
 namespace ObjectStore {
 
-// Whether bytes from disk are compared with their checksums, 64 KiB by 64 KiB.
+// Whether bytes from disk are compared with their checksums, 64 KiB by 64 KiB. Those that are kept in memory
+// (ObjectCacheOptions::maxHotBytes) were compared when they were read for that, but for Never, and not again.
 enum class Verify {
   Always,  // each time: a chunk that is asked for in part is read whole
   Once,    // the first time in this process; after its descriptor was closed that is known of the last 65,536
@@ -67,10 +68,12 @@ struct ObjectCacheOptions {
   uint64_t reserve = 0;          // bytes to leave free on each volume's file system, if more than its 5 %
   uint64_t reserveFiles = 0;     // the same in inodes
   Verify verify = Verify::Always;
-  size_t hotBlocks = 0;            // descriptors to keep open; 0 is a quarter of RLIMIT_NOFILE, at most 4096
-  uint64_t maxFetch = 32 << 20;    // bytes in one request to the origin; at least a block
-  unsigned prefetchBlocks = 0;     // fetched beyond what was asked for, on sequential reads
-  std::chrono::seconds maxAge{0};  // older blocks are misses; 0 is no limit
+  size_t hotBlocks = 0;  // descriptors to keep open; 0 is a quarter of RLIMIT_NOFILE, at most 4096
+  // Memory for the bytes of blocks of up to 16 KiB among those, read again and again; 0, or 17 KiB and more.
+  uint64_t maxHotBytes = 64 << 20;
+  uint64_t maxFetch = 32 << 20;                   // bytes in one request to the origin; at least a block
+  unsigned prefetchBlocks = 0;                    // fetched beyond what was asked for, on sequential reads
+  std::chrono::seconds maxAge{0};                 // older blocks are misses; 0 is no limit
   std::function<bool(const Admission&)> admit{};  // empty admits all
   std::chrono::seconds useWindow{3600};           // of Admission::uses
   int highWatermark = 90;  // mode Random, percent of the file systems: when pruning begins,
@@ -136,7 +139,7 @@ struct ReadResult {
   size_t bytes = 0;  // read; less than asked for only at the object's end, and before an error
   uint64_t objectSize = 0;
   std::shared_ptr<const Metadata> metadata{};
-  uint32_t hits = 0;    // blocks from disk,
+  uint32_t hits = 0;    // blocks from memory or disk,
   uint32_t misses = 0;  // asked of the origin by this call,
   uint32_t joined = 0;  // and by another thread's
 
@@ -195,8 +198,9 @@ class DISKCACHE_EXPORT ObjectCache {
   // Ends the flush workers, each after the upload it is at, and gives root and volumes back.
   void close();
 
-  // Reads bytes [offset, offset + out.size()) of an object into `out`, from disk where they are, else from
-  // `origin`, which is asked once however many threads wait. An empty `out` asks for size and metadata only.
+  // Reads bytes [offset, offset + out.size()) of an object into `out`, from memory or disk where they are, else
+  // from `origin`, which is asked once however many threads wait. What of `out` lies behind the bytes returned may
+  // have been written to, too. An empty `out` asks for size and metadata only.
   // Only the origin's error is the caller's, but for ETIMEDOUT; ESTALE when the origin gives the object another
   // size than the cache knows for this version; ENOMEM.
   ReadResult read(std::string_view key, std::string_view version, uint64_t offset, std::span<std::byte> out,

@@ -12,12 +12,14 @@ namespace ObjectStore {
 // Every counter once: its field, its name and labels as Prometheus knows them, and what it counts. Those of one
 // name stand together.
 #define DISKCACHE_CLIENT_COUNTERS(X)                                                                \
-  X(hotHits, "hits_total", "{from=\"table\"}", "Blocks served from disk")                           \
-  X(coldHits, "hits_total", "{from=\"disk\"}", "Blocks served from disk")                           \
+  X(memoryHits, "hits_total", "{from=\"memory\"}", "Blocks served from memory or disk")             \
+  X(hotHits, "hits_total", "{from=\"table\"}", "Blocks served from memory or disk")                 \
+  X(coldHits, "hits_total", "{from=\"disk\"}", "Blocks served from memory or disk")                 \
   X(misses, "misses_total", "", "Blocks asked of the origin")                                       \
   X(joined, "joined_total", "", "Blocks waited for that another thread was fetching")               \
   X(originRequests, "origin_requests_total", "", "Calls of origin functions")                       \
   X(originErrors, "origin_errors_total", "", "Calls of origin functions that failed")               \
+  X(memoryBytes, "read_bytes_total", "{from=\"memory\"}", "Bytes read")                             \
   X(diskBytes, "read_bytes_total", "{from=\"disk\"}", "Bytes read")                                 \
   X(originBytes, "read_bytes_total", "{from=\"origin\"}", "Bytes read")                             \
   X(storedBlocks, "stored_blocks_total", "", "Blocks written")                                      \
@@ -53,6 +55,7 @@ struct ObjectCacheMetrics {
   uint64_t stagedBytes = 0;
   uint64_t absentVolumes = 0;  // given, but without their marker
   uint64_t hotBlocks = 0;      // descriptors open
+  uint64_t hotBytes = 0;       // of memory, for the bytes of some of them
 
   Histogram hitSeconds;      // bounds 1 µs · 2^i; every 16th hit of a thread is timed
   Histogram missSeconds;     // bounds 1 µs · 4^i; every read with a miss, from there on

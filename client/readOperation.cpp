@@ -5,6 +5,8 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <memory>
+#include <new>
 
 #include "client/originFetch.h"
 #include "support/log.h"
@@ -40,7 +42,8 @@ PinnedBlock ReadOperation::pin(uint64_t offset, uint64_t length) {
     fail(RM_CODE_LOCATION, EINVAL, "no object is so large");
   } else if (const Step step = fromCache(
                  blockOf(number), {}, false,
-                 [&](const HotTable::Block& block, size_t) {
+                 [&](const HotTable::Found& found, size_t) {
+                   const HotTable::Block& block = found.block;
                    const uint64_t size = block->trailer().payloadSize;
                    pinned.length = from >= size ? 0 : std::min(length, size - from);
                    pinned.fd = block->fd();
@@ -79,8 +82,8 @@ ReadOperation::Step ReadOperation::readSome(uint64_t offset, std::span<std::byte
 ReadOperation::Step ReadOperation::readFromCache(const BlockId& id, uint64_t from, std::span<std::byte> out,
                                                  bool mayDrop) {
   const auto front = from == 0 ? out : std::span<std::byte>();
-  return fromCache(id, front, mayDrop, [&](const HotTable::Block& block, size_t read) {
-    return fromBlock(*block, from, out, read);
+  return fromCache(id, front, mayDrop, [&](const HotTable::Found& found, size_t read) {
+    return fromBlock(found, from, out, read);
   });
 }
 
@@ -93,16 +96,16 @@ ReadOperation::Step ReadOperation::fromCache(const BlockId& id, std::span<std::b
 
 template <typename Use>
 ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, Use&& use) {
-  const HotTable::Block block = m_cache.hot.find(id);
-  if (!block || !block->isOf(m_key, m_version) || isExpired(*block)) return Step::Miss;
-  const Step step = use(block, 0);
+  const HotTable::Found found = m_cache.hot.find(id);
+  if (!found.block || !found.block->isOf(m_key, m_version) || isExpired(*found.block)) return Step::Miss;
+  const Step step = use(found, 0);
   if (step == Step::Miss) {
     m_cache.hot.erase(id);  // and look at the file itself
     return step;
   }
   // One that the list does not know was given up while it was read, or is staged.
-  if (!m_cache.engine->touch(block->name()) && !m_cache.store.isStaged(id)) m_cache.hot.erase(id);
-  m_cache.metrics.add(Count::hotHits);
+  if (!m_cache.engine->touch(found.block->name()) && !m_cache.store.isStaged(id)) m_cache.hot.erase(id);
+  m_cache.metrics.add(found.copy ? Count::memoryHits : Count::hotHits);
   return step;
 }
 
@@ -128,7 +131,7 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, std::span<std::by
     if (mayDrop) dropBroken(id, Count::expiredBlocks);
     return Step::Miss;
   }
-  const Step step = use(lookup.block, lookup.read);
+  const Step step = use({lookup.block}, lookup.read);
   if (step == Step::Miss) {
     if (mayDrop) dropBroken(id, Count::damagedBlocks);
     return step;
@@ -141,14 +144,43 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, std::span<std::by
 }
 
 // The first `read` bytes of `out` are there already.
-ReadOperation::Step ReadOperation::fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out,
-                                             size_t read) {
-  const BlockTrailer& trailer = block.trailer();
-  const uint64_t size =
-      from >= trailer.payloadSize ? 0 : std::min<uint64_t>(out.size(), trailer.payloadSize - from);
-  const BytesAre bytes = block.read(from, out.first(size), m_cache.options.verify, read >= size);
-  m_got = size;
-  return useBytes(block, bytes, size);
+ReadOperation::Step ReadOperation::fromBlock(const HotTable::Found& found, uint64_t from,
+                                             std::span<std::byte> out, size_t read) {
+  OpenBlock& block = *found.block;
+  const uint64_t payloadSize = block.trailer().payloadSize;
+  m_got = from >= payloadSize ? 0 : std::min<uint64_t>(out.size(), payloadSize - from);
+  out = out.first(m_got);
+  if (found.copy) {
+    if (!out.empty()) std::memcpy(out.data(), found.copy.get() + from, out.size());
+    m_cache.metrics.add(Count::memoryBytes, out.size());
+    return learnFrom(block);
+  }
+  const BytesAre bytes = found.isCopyDue && !out.empty()
+                             ? readAndKeep(found.block, from, out)
+                             : block.read(from, out, m_cache.options.verify, read >= out.size());
+  return useBytes(block, bytes, out.size());
+}
+
+// The whole payload, for the table to keep: checked now, whatever was found right before.
+BytesAre ReadOperation::readAndKeep(const HotTable::Block& block, uint64_t from, std::span<std::byte> out) {
+  const size_t size = block->trailer().payloadSize;
+  const Verify chosen = m_cache.options.verify;
+  HotTable::Copy copy;
+  try {
+    auto payload = std::make_shared_for_overwrite<std::byte[]>(size);
+    const BytesAre bytes =
+        block->read(0, {payload.get(), size}, chosen == Verify::Never ? chosen : Verify::Always);
+    if (bytes != BytesAre::Right) {
+      m_cache.verified.erase(block->id());
+      return bytes;
+    }
+    copy = std::move(payload);
+  } catch (const std::bad_alloc&) {
+    return block->read(from, out, chosen);
+  }
+  std::memcpy(out.data(), copy.get() + from, out.size());
+  m_cache.hot.keep(block, std::move(copy));
+  return BytesAre::Right;
 }
 
 // What a look at a block's bytes has come to.
@@ -156,8 +188,12 @@ ReadOperation::Step ReadOperation::useBytes(OpenBlock& block, BytesAre bytes, si
   if (bytes == BytesAre::Unreadable) m_cache.metrics.add(Count::diskErrors);
   if (bytes != BytesAre::Right) return Step::Miss;
   if (m_cache.options.verify == Verify::Once && block.isNewlyVerified()) m_cache.verified.insert(block);
-  ++m_result.hits;
   m_cache.metrics.add(Count::diskBytes, size);
+  return learnFrom(block);
+}
+
+ReadOperation::Step ReadOperation::learnFrom(const OpenBlock& block) {
+  ++m_result.hits;
   return learn(block.trailer().objectSize, block.metadata());
 }
 

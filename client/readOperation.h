@@ -26,7 +26,7 @@ class ReadOperation {
   BlockId blockOf(uint64_t number) const { return {m_object, static_cast<uint32_t>(number)}; }
   uint64_t blockSize() const { return m_cache.options.blockSize; }
   Step readSome(uint64_t offset, std::span<std::byte> out, const Origin& origin);
-  // Finds a block and has `use(block, read)` work with it, after the first `read` bytes of `front` were filled with
+  // Finds a block and has `use(found, read)` work with it, after the first `read` bytes of `front` were filled with
   // the front of its payload. A use that misses has found its bytes wrong.
   template <typename Use>
   Step fromCache(const BlockId& id, std::span<std::byte> front, bool mayDrop, Use&& use);
@@ -35,8 +35,10 @@ class ReadOperation {
   template <typename Use>
   Step fromDisk(const BlockId& id, std::span<std::byte> front, bool mayDrop, Use&& use);
   Step readFromCache(const BlockId& id, uint64_t from, std::span<std::byte> out, bool mayDrop);
-  Step fromBlock(OpenBlock& block, uint64_t from, std::span<std::byte> out, size_t read);
+  Step fromBlock(const HotTable::Found& found, uint64_t from, std::span<std::byte> out, size_t read);
+  BytesAre readAndKeep(const HotTable::Block& block, uint64_t from, std::span<std::byte> out);
   Step useBytes(OpenBlock& block, BytesAre bytes, size_t size);
+  Step learnFrom(const OpenBlock& block);
   Step fromFlight(const Landing& landing, uint64_t offset, std::span<std::byte> out);
   void dropBroken(const BlockId& id, Count reason);
   bool isExpired(const OpenBlock& block) const;

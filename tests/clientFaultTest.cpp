@@ -95,6 +95,7 @@ TEST_F(ClientFaultTest, DamageInAnyByteIsNoticedAndRepaired) {
 TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
   ObjectCacheOptions chosen = options();
   chosen.hotBlocks = 16;
+  chosen.maxHotBytes = 17 * 1024;
   start(chosen);
   constexpr size_t OBJECTS = 20;
   const auto sizeOf = [](size_t object) { return object * object * 400 + 1; };
@@ -119,6 +120,7 @@ TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
   }
   const ObjectCacheMetrics metrics = cache->metrics();
   EXPECT_GT(metrics.damagedBlocks, reads / 20);
+  EXPECT_GT(metrics.memoryHits, 0U);
   std::printf("%zu reads, %lu damaged blocks found\n", reads, metrics.damagedBlocks + metrics.leftovers);
 }
 

@@ -49,10 +49,11 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
   const size_t operations = soaked(250);
   ObjectCacheOptions chosen = options(2);
   chosen.maxBytes = 3 << 20;
-  chosen.hotBlocks = 20;
+  chosen.hotBlocks = 40;
   chosen.prefetchBlocks = 1;
   for (unsigned life = 0; life < 4; ++life) {
     chosen.verify = static_cast<Verify>(life % 3);
+    chosen.maxHotBytes = life % 2 == 0 ? 17 * 1024 : 60'000;
     start(chosen);
     ASSERT_EQ(outcome(cache->flush(upload, 2)), "success");
     {
@@ -63,6 +64,8 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
     EXPECT_TRUE(cache->drained(std::chrono::steady_clock::now() + LONGEST_WAIT));
     const ObjectCacheMetrics metrics = cache->metrics();
     EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
+    EXPECT_LE(metrics.hotBytes, chosen.maxHotBytes);
+    EXPECT_GT(metrics.memoryHits, 0U);
     EXPECT_GT(metrics.evictedBlocks, 50U);
     EXPECT_GT(metrics.hotHits + metrics.coldHits, 100U);
     EXPECT_EQ(metrics.damagedBlocks, 0U);

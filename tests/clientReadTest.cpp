@@ -1,9 +1,11 @@
 // Reading through an ObjectCache: ranges, flights, the table of descriptors, the optional parts.
+#include <array>
 #include <barrier>
 #include <future>
 #include <thread>
 
 #include "tests/support/clientFixture.h"
+#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 #include "tests/support/metricsFault.h"
 #include "tests/support/process.h"
@@ -129,23 +131,116 @@ TEST_F(ClientReadTest, WaitersShareBytesAsTheyComeErrorsAndGiveUpByTheirDeadline
   EXPECT_EQ(readAll("key", size), "right");
 }
 
-TEST_F(ClientReadTest, AHitOfTheTableIsOneCallAndOneOfTheDiskThreeOrFour) {
+TEST_F(ClientReadTest, AHitOfMemoryIsNoCallOneOfTheTableOneAndOneOfTheDiskThreeOrFour) {
   using Calls = std::vector<std::string>;
   for (const Verify verify : {Verify::Always, Verify::Never}) {
+    for (const uint64_t size : {16384U, 16385U}) {
+      ObjectCacheOptions chosen = options();
+      chosen.verify = verify;
+      start(chosen);
+      const std::string key = std::to_string(size + static_cast<unsigned>(verify));
+      EXPECT_EQ(readAll(key, size), "right");
+      FaultPlan plan;
+      EXPECT_EQ(readAll(key, size), "right");  // takes the descriptor into the table
+      EXPECT_EQ(plan.takeTrace(), (Calls{"open", "preadv"}));
+      EXPECT_EQ(readAll(key, size), "right");
+      EXPECT_EQ(plan.takeTrace(), Calls{"pread"});
+      const bool isSmall = size == 16384;
+      for (const bool isKept : {false, isSmall}) {
+        EXPECT_EQ(read(key, size, 100, 200), "right");
+        const char* const plain = isSmall || verify == Verify::Never ? "pread" : "preadv";
+        EXPECT_EQ(plan.takeTrace(), isKept ? Calls{} : Calls{plain});
+        EXPECT_EQ(cache->metrics().hotBytes, isSmall ? size + 64 : 0);
+      }
+      EXPECT_EQ(cache->metrics().memoryHits, isSmall ? 1U : 0U);
+      EXPECT_EQ(cache->metrics().memoryBytes, isSmall ? 200U : 0U);
+    }
+  }
+  EXPECT_EQ(asked(), 4U);
+}
+
+TEST_F(ClientReadTest, MemoryKeepsOnlyBytesThatAreRightAndCostsNoAllocation) {
+  for (const Verify verify : {Verify::Always, Verify::Once}) {
     ObjectCacheOptions chosen = options();
     chosen.verify = verify;
     start(chosen);
     const std::string key = "key " + std::to_string(static_cast<int>(verify));
-    EXPECT_EQ(readAll(key, 5000), "right");
-    FaultPlan plan;
-    EXPECT_EQ(readAll(key, 5000), "right");  // takes the descriptor into the table
-    EXPECT_EQ(plan.takeTrace(), (Calls{"open", "preadv"}));
-    EXPECT_EQ(readAll(key, 5000), "right");
-    EXPECT_EQ(plan.takeTrace(), Calls{"pread"});
-    EXPECT_EQ(read(key, 5000, 100, 200), "right");
-    EXPECT_EQ(plan.takeTrace(), Calls{verify == Verify::Always ? "preadv" : "pread"});
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(readAll(key, 300), "right");
+    for (const std::string& path : files()) {
+      std::string bytes = readFile(path);
+      if (const size_t at = bytes.find(bytesOf(key, "v", 0, 300)); at != std::string::npos) bytes[at] ^= 1;
+      writeFile(path, bytes);
+    }
+    EXPECT_EQ(read(key, 300, 299, 1), "right");  // would have kept all
+    EXPECT_EQ(asked(), 2U);
+    EXPECT_EQ(cache->metrics().damagedBlocks, 1U);
+    EXPECT_EQ(cache->metrics().hotBytes, 0U);
+
+    std::array<std::byte, 300> buffer;
+    const auto noOrigin = [](OriginRequest&) { return OriginAnswer(); };
+    for (const bool isKept : {false, true}) {
+      for (int i = 0; i < 2; ++i) EXPECT_EQ(readAll(key, 300), "right");
+      {
+        const FailingNew failing(1);  // no memory for a copy is no more the caller's trouble than no disk
+        const ReadResult got = cache->read(key, "v", 0, buffer, noOrigin);
+        EXPECT_TRUE(failing.happened() != isKept && got);
+      }
+      EXPECT_EQ(cache->metrics().hotBytes, isKept ? 364U : 0U);
+    }
+    for (const std::string& path : files()) std::filesystem::remove(path);
+    EXPECT_EQ(readAll(key, 300), "right");  // a block never changes
+    EXPECT_EQ(asked(), 0U);
   }
-  EXPECT_EQ(asked(), 2U);
+}
+
+TEST_F(ClientReadTest, ABlockThatIsGivenUpLeavesMemoryAtOnce) {
+  ObjectCacheOptions chosen = options();
+  start(chosen);
+  const std::string other = bytesOf("staged", "v", 0, 400);
+  const std::vector<std::function<void()>> waysOut{
+      [&] { cache->drop("key", "v", 300); },
+      [&] { cache->setMaxBytes(1); },
+      [&] { EXPECT_EQ(outcome(cache->stage("key", "v", std::as_bytes(std::span(other)))), "success"); },
+  };
+  for (const auto& giveUp : waysOut) {
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(readAll("key", 300), "right");
+    EXPECT_EQ(cache->metrics().hotBytes, 364U);
+    asked();
+    giveUp();
+    EXPECT_EQ(cache->metrics().hotBytes, 0U);
+    const ReadResult known = cache->describe("key", "v");
+    EXPECT_NE(known.objectSize, 300U);
+    cache->setMaxBytes(0);
+  }
+}
+
+TEST_F(ClientReadTest, MemoryIsBoundedAndAScanDoesNotFlushIt) {
+  constexpr uint64_t SIZE = 4000, COST = SIZE + 64;
+  ObjectCacheOptions chosen = options();
+  for (const uint64_t wrong : {1U, 17U * 1024 - 1}) {
+    chosen.maxHotBytes = wrong;
+    EXPECT_EQ(openWith(chosen), "EINVAL") << wrong;
+  }
+  chosen.maxHotBytes = 10 * COST + COST / 2;
+  start(chosen);
+  const auto readFavourites = [&] {
+    const uint64_t before = cache->metrics().memoryHits;
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(readAll("favourite" + std::to_string(i), SIZE), "right");
+    EXPECT_LE(cache->metrics().hotBytes, chosen.maxHotBytes);
+    return cache->metrics().memoryHits - before;
+  };
+  for (int i = 0; i < 4; ++i) readFavourites();
+  EXPECT_EQ(cache->metrics().hotBytes, 8 * COST);
+  for (int pass = 0; pass < 3; ++pass) {  // the origin, the disk, the table
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(readAll(std::to_string(i), SIZE), "right");
+    EXPECT_EQ(readFavourites(), 8U);
+  }
+  for (int i = 0; i < 200; ++i) {  // others come to be favourites
+    for (int j = 0; j < 3; ++j) EXPECT_EQ(readAll(std::to_string(i % 40), SIZE), "right");
+    EXPECT_LE(cache->metrics().hotBytes, chosen.maxHotBytes);
+  }
+  EXPECT_EQ(cache->metrics().hotBytes, 10 * COST);
+  EXPECT_LT(readFavourites(), 8U);
 }
 
 TEST_F(ClientReadTest, OnceHoldsBeyondTheDescriptorButNotForANewFile) {
@@ -276,9 +371,10 @@ TEST_F(ClientReadTest, MetricsAreOneTextThatAddsUp) {
   std::string text;
   cache->renderMetrics(text);
   for (const char* line :
-       {"diskcache_client_hits_total{from=\"table\"} 31\n", "diskcache_client_misses_total 1\n",
-        "# TYPE diskcache_client_hit_seconds histogram\n", "diskcache_client_miss_seconds_count 1\n",
-        "diskcache_client_hit_seconds_count 2\n",
+       {"diskcache_client_hits_total{from=\"memory\"} 29\n",
+        "diskcache_client_hits_total{from=\"table\"} 2\n", "diskcache_client_hot_bytes 164\n",
+        "diskcache_client_misses_total 1\n", "# TYPE diskcache_client_hit_seconds histogram\n",
+        "diskcache_client_miss_seconds_count 1\n", "diskcache_client_hit_seconds_count 2\n",
         "diskcache_writes_total{operation=\"create\",outcome=\"done\"} 1\n", "diskcache_segments 1\n"})
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
   EXPECT_EQ(faultOf(text), "");

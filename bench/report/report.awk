@@ -96,15 +96,15 @@ function rows(titles, names,    text, rule, name, w, s, threads, work, i) {
   return text
 }
 
-# ObjectCache: from its table of descriptors over the floor's, from disk over the engine's touching read, and the
+# ObjectCache: from memory and from its table of descriptors over the floor's, from disk over the engine's touching read, and the
 # share of a checked read that is its hash.
 function objects(    text, w, s, threads, work) {
-  text = sprintf("%-12s %7s thr %9s %9s %9s %7s %9s %9s %7s\n", "", "", "touching", "hot", "hot+", "hash", "cold", "cold+", "hash")
+  text = sprintf("%-12s %7s thr %9s %9s %9s %9s %7s %9s %9s %7s\n", "", "", "touching", "memory", "hot", "hot+", "hash", "cold", "cold+", "hash")
   for (w = 1; w <= 3; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads <= 2; ++threads) {
     work = WORKS[w] "/" SIZES[s] "/" threads
     if (!((work, "hot", "p50") in median)) continue
-    text = text sprintf("%-12s %7s  %d  %9s %9s %9s %7s %9s %9s %7s\n", WORKS[w], sizeName(SIZES[s]), threads,
-      number(work, "touching", "p50"), number(work, "hot", "p50"), number(work, "hot+", "p50"), share(work, "hot"),
+    text = text sprintf("%-12s %7s  %d  %9s %9s %9s %9s %7s %9s %9s %7s\n", WORKS[w], sizeName(SIZES[s]), threads,
+      number(work, "touching", "p50"), number(work, "memory", "p50"), number(work, "hot", "p50"), number(work, "hot+", "p50"), share(work, "hot"),
       sprintf("%.2f", overTouching(work, "cold")), sprintf("%.2f", overTouching(work, "cold+")), share(work, "cold"))
   }
   return text

@@ -45,6 +45,7 @@ ObjectStore::ObjectCacheOptions cacheOptions(const Options& options, StartState&
   chosen.maxFetch = options.blockSize;  // a client waits for no more than the block that it is at
   chosen.reserve = options.reserve;
   chosen.verify = options.verify;
+  chosen.maxHotBytes = 0;  // what is cached is sent by its descriptor
   chosen.replaceVolumes = options.replaceVolumes;
   chosen.onProgress = [&start](const ObjectStore::StartProgress& now) {
     start.setProgress(now.volume, now.blocks);
