@@ -98,6 +98,7 @@ template <typename Use>
 ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, Use&& use) {
   const HotTable::Found found = m_cache.hot.find(id);
   if (!found.block || !found.block->isOf(m_key, m_version) || isExpired(*found.block)) return Step::Miss;
+  m_isFromMemory = false;
   const Step step = use(found, 0);
   if (step == Step::Miss) {
     m_cache.hot.erase(id);  // and look at the file itself
@@ -105,7 +106,7 @@ ReadOperation::Step ReadOperation::fromHotTable(const BlockId& id, Use&& use) {
   }
   // One that the list does not know was given up while it was read, or is staged.
   if (!m_cache.engine->touch(found.block->name()) && !m_cache.store.isStaged(id)) m_cache.hot.erase(id);
-  m_cache.metrics.add(found.copy ? Count::memoryHits : Count::hotHits);
+  m_cache.metrics.add(m_isFromMemory ? Count::memoryHits : Count::hotHits);
   return step;
 }
 
@@ -151,6 +152,7 @@ ReadOperation::Step ReadOperation::fromBlock(const HotTable::Found& found, uint6
   m_got = from >= payloadSize ? 0 : std::min<uint64_t>(out.size(), payloadSize - from);
   out = out.first(m_got);
   if (found.copy) {
+    m_isFromMemory = true;
     if (!out.empty()) std::memcpy(out.data(), found.copy.get() + from, out.size());
     m_cache.metrics.add(Count::memoryBytes, out.size());
     return learnFrom(block);

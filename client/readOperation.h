@@ -55,6 +55,7 @@ class ReadOperation {
   bool m_knowsSize = false;
   std::optional<Stopwatch> m_missed;  // since the first miss
   size_t m_got = 0;                   // bytes of the last step
+  bool m_isFromMemory = false;        // whether the last hit of the table was
   ReadResult m_result;
 
   friend class OriginFetch;
