@@ -41,7 +41,8 @@ struct Fuzzer {
 };
 
 constexpr std::string_view WORDS =
-    "\r\n|\r\n\r\n|HTTP/1.0|/a/%2e%2e/b|/a%20b//c?x=%41&y|%00|http://h/k|, close|999999|\r\nContent-Length: "
+    "\r\n|\r\n\r\n|HTTP/1.0|/a/%2e%2e/b|/a%20b//c?x=%41&y|%00|%2541|http://h/k|, "
+    "close|999999|\r\nContent-Length: "
     "5|"
     "\r\nTransfer-Encoding: chunked|\r\nConnection: close|\r\nConnection: keep-alive|\r\nRange: bytes=-5|"
     "\r\nRange: bytes=0-18446744073709551615|\r\nIf-None-Match: \"a,b\", W/\"c\"|\r\nIf-Range: \"a,b\"|"
@@ -124,7 +125,7 @@ TEST(FuzzTest, ADamagedIndexLogTellsWhatItsWholeLinesTell) {
     EXPECT_EQ(told(text), text);
     const std::string cut = text.substr(0, fuzzer.below(text.size() + 1));
     EXPECT_EQ(told(cut), cut.ends_with(" .") ? cut + '\n' : cut.substr(0, cut.rfind('\n') + 1));
-    for (int i = 0; i < 4; ++i) fuzzer.damage(text, " |\n|18446744073709551615|%|");
+    for (int i = 0; i < 4; ++i) fuzzer.damage(text, " |\n|%|\n+ 1 9223372037 0 v k .\n|");
     text = told(text);
     EXPECT_EQ(told(text), text);
   }
