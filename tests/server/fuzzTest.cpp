@@ -41,9 +41,7 @@ struct Fuzzer {
 };
 
 constexpr std::string_view WORDS =
-    "\r\n|\r\n\r\n|HTTP/1.0|/a/%2e%2e/b|/a%20b//c?x=%41&y|%00|%2541|http://h/k|, "
-    "close|999999|\r\nContent-Length: "
-    "5|"
+    "\r\n|\r\n\r\n|HTTP/1.0|/a/%2e%2e/b|/a%20b//c?x=%41&y|%00|%2541|http://h/k|, close|\r\nContent-Length: 5|"
     "\r\nTransfer-Encoding: chunked|\r\nConnection: close|\r\nConnection: keep-alive|\r\nRange: bytes=-5|"
     "\r\nRange: bytes=0-18446744073709551615|\r\nIf-None-Match: \"a,b\", W/\"c\"|\r\nIf-Range: \"a,b\"|"
     "\r\nExpires: Sun, 06 Nov 1994 08:49:37 GMT|\r\nExpires: Fri, 31 Dec 9999 23:59:59 GMT|";
