@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "http/conditions.h"
+#include "http/headGuard.h"
 #include "http/httpDate.h"
 #include "http/range.h"
 #include "http/target.h"

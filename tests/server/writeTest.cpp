@@ -122,12 +122,11 @@ TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
       EXPECT_EQ(reply.status, c.status) << c.headers.back();
       EXPECT_NE(reply.body.find(std::string("<Code>") + c.code + "</Code>"), std::string::npos) << reply.body;
       EXPECT_EQ(reply.header("content-type"), "application/xml");
-      EXPECT_EQ(store.requests(), std::vector<std::string>()) << c.headers.back();
+      EXPECT_EQ(store.requests().find('/' + name), std::string::npos) << c.headers.back();
       EXPECT_EQ(readFile(store.files + '/' + name), "old");
     }
     EXPECT_EQ(server->end(SIGTERM), 0);  // and uploads what was accepted
     EXPECT_EQ(readFile(store.files + '/' + name), body);
-    (void)store.requests();
   }
 }
 
