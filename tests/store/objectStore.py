@@ -1,6 +1,7 @@
 """An object store that lives in a directory: objectStore.py DIR prepare SECRET ACCOUNT_PORT CONTAINER_PORT OBJECT_PORT
 PROXY_PORT makes its files, objectStore.py DIR account|container|object|proxy then runs one of its servers, all of which it
-needs. SECRET is that of the user test:tester. Nothing outside of the directory is read or written.
+needs. SECRET is that of the user test:tester. No file outside of the directory is written; the system's log and the
+memory cache are looked for on port 9 of loopback, where nobody is.
 """
 import getpass
 import os
@@ -52,8 +53,6 @@ user_test_tester = {secret} .admin
 [filter:slo]
 use = egg:swift#slo
 """
-
-
 
 
 def path(*names):
