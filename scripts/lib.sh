@@ -47,3 +47,47 @@ runTests() {
   step "testing build/$1" quietCtest "$1"
   sed -n '/tests passed/,$p' "$workDir/step.log" | sed '/^$/d'
 }
+
+# Processes that a script starts in $workDir, by name, and that never outlive it.
+declare -A processes=()
+
+# start NAME COMMAND...: what it says goes to NAME.log.
+start() {
+  setpriv --pdeathsig KILL -- "${@:2}" >>"$1.log" 2>&1 &
+  processes[$1]=$!
+  disown
+}
+
+# waitFor NAME URL [CURL_ARGUMENT...]: until the process of that name answers.
+waitFor() {
+  local deadline=$((SECONDS + 60))
+  while ((SECONDS < deadline)); do
+    curl -s -m 5 -o /dev/null "${@:3}" "$2" && return
+    if ! kill -0 "${processes[$1]}" 2>/dev/null; then
+      cat ./*.log >&2
+      fail "$1 has ended"
+    fi
+    sleep 0.05
+  done
+  cat ./*.log >&2
+  fail "$1 does not come"
+}
+
+stopProcesses() {
+  local name
+  kill -9 "${processes[@]}" 2>/dev/null || true
+  for name in "${!processes[@]}"; do
+    while kill -0 "${processes[$name]}" 2>/dev/null; do sleep 0.01; done
+  done
+}
+
+# choosePort NAME: into the variable, a port that nobody listens on, and below those that outgoing connections are given:
+# one of these may be anybody's at the moment when a server wants to listen on it.
+chosenPorts=""
+choosePort() {
+  local port
+  while port=$((10000 + RANDOM % 22000))
+    [[ " $chosenPorts " == *" $port "* ]] || (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do :; done
+  chosenPorts+=" $port"
+  printf -v "$1" %s "$port"
+}

@@ -4,6 +4,7 @@
 #include "http/headGuard.h"
 #include "http/range.h"
 #include "http/target.h"
+#include "origin/signature.h"
 
 namespace diskcached {
 namespace {
@@ -59,6 +60,25 @@ TEST(HttpTest, HeadsThatTwoCouldReadInTwoWaysAreRefused) {
   for (const auto& [status, heads] : cases) {
     for (const std::string& head : heads) EXPECT_EQ(refusalOf(head + "\r\n").status, status) << head;
   }
+}
+
+// The signature was calculated by another program.
+TEST(HttpTest, HeadersThatComeTwiceOrEmptyAreSigned) {
+  const Headers headers{{"X-Amz-Meta-A", " 1"},
+                        {"x-amz-meta-a-b", ""},
+                        {"Content-Type", "x"},
+                        {"x-amz-meta-a", "2  3 "},
+                        {"x-amz-meta-u", "\xc3\xa4"}};
+  const std::string body = "body";
+  const Headers ours =
+      signatureOf({"PUT", "store:81", "/bucket/a%20b", "x=1&y=", headers, std::as_bytes(std::span(body))},
+                  {"id:user", "secret", "token"}, "region", 1'000'000'000);
+  EXPECT_EQ(
+      headerOf(ours, "authorization"),
+      "AWS4-HMAC-SHA256 Credential=id:user/20010909/region/s3/aws4_request, SignedHeaders="
+      "host;x-amz-content-sha256;x-amz-date;x-amz-meta-a;x-amz-meta-a-b;x-amz-meta-u;x-amz-security-token, "
+      "Signature=86041c104d8b19b1dd5e985bdbdbea6edacff318928624732f76e74dd834d08b");
+  EXPECT_EQ(headerOf(ours, "x-amz-date"), "20010909T014640Z");
 }
 
 TEST(HttpTest, TheEndOfAHeadIsFoundWhereverTheBytesAreCut) {

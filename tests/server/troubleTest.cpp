@@ -36,6 +36,7 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
       {put + "Content-Length: 10\r\n\r\nabc", "408"},
       {"GET /a/../x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "400"},
       {"TRACE /x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "405"},
+      {get + "Connection: te\r\nConnection: close\r\n\r\n" + hidden, "200"},
       {"PUT /y HTTP/1.1\r\nHost: h\r\nConnection: close\r\nx-amz-content-sha256: "
        "STREAMING-AWS4-HMAC-SHA256-PAYLOAD\r\n\r\n",
        "501"},

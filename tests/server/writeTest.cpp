@@ -86,6 +86,50 @@ TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
   EXPECT_EQ(get("/gone").status, 404);
 }
 
+TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
+  const std::string body = "a body", md5 = "Content-MD5: ", sha = "x-amz-content-sha256: ";
+  const std::string itsMd5 = "df2YmYFQmVh3fN/Nxm4htQ==";
+  const std::string itsSha = "771824de42287642fa0fbe0b568b80cc3290e29b7d3cd6efbc7b1b8eb1037b04";
+  const struct {
+    std::vector<std::string> headers;
+    long status;
+    const char* code;
+  } cases[] = {
+      {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
+      {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg"}, 400, "InvalidDigest"},
+      {{md5 + "1B2M2Y8=sgTpgAmY7PhCfg=="}, 400, "InvalidDigest"},
+      {{md5 + itsMd5, md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
+      {{sha + std::string(64, '0')}, 400, "XAmzContentSHA256Mismatch"},
+      {{sha + itsSha.substr(1)}, 400, "InvalidDigest"},
+      {{md5 + itsMd5, sha + std::string(64, '0')}, 400, "XAmzContentSHA256Mismatch"},
+      {{sha + "STREAMING-AWS4-HMAC-SHA256-PAYLOAD"}, 501, "NotImplemented"},
+      {{sha + itsSha, sha + "STREAMING-UNSIGNED-PAYLOAD-TRAILER"}, 501, "NotImplemented"},
+      {{"Content-Encoding: gzip, AWS-chunked"}, 501, "NotImplemented"},
+      {{"x-amz-decoded-content-length: 6"}, 501, "NotImplemented"},
+      {{md5 + itsMd5, sha + itsSha}, 0, ""},
+      {{sha + "UNSIGNED-PAYLOAD"}, 0, ""},
+  };
+  for (const std::string name : {"whole", "part", "staged"}) {
+    const std::string target = '/' + name + (name == "part" ? "?partNumber=1&uploadId=1" : "");
+    start(name == "staged" ? std::vector<std::string>{"--write-back"} : std::vector<std::string>());
+    store.put(name, "old");
+    for (const auto& c : cases) {
+      const Reply reply = HttpClient(port).put(target, body, c.headers);
+      if (c.status == 0) {
+        EXPECT_EQ(reply.status / 100, 2) << c.headers.back();
+        continue;
+      }
+      EXPECT_EQ(reply.status, c.status) << c.headers.back();
+      EXPECT_NE(reply.body.find(std::string("<Code>") + c.code + "</Code>"), std::string::npos) << reply.body;
+      EXPECT_EQ(reply.header("content-type"), "application/xml");
+      EXPECT_EQ(store.requests().find('/' + name), std::string::npos) << c.headers.back();
+      EXPECT_EQ(readFile(store.files + '/' + name), "old");
+    }
+    EXPECT_EQ(server->end(SIGTERM), 0);  // and uploads what was accepted
+    EXPECT_EQ(readFile(store.files + '/' + name), body);
+  }
+}
+
 TEST_F(ServerWriteTest, WhatCannotBeStagedIsRefused) {
   const ObjectStore::SmallFileSystem small(16);
   SKIP_WITHOUT(small);

@@ -17,6 +17,8 @@ namespace diskcached {
 namespace {
 
 constexpr size_t WRITTEN_AT_ONCE = 1 << 20;
+constexpr uint64_t LAST_SECOND = std::chrono::duration_cast<std::chrono::seconds>(Clock::duration::max())
+                                     .count();  // that the clock reaches
 
 std::string lineOf(std::string_view key, const ObjectInfo* info) {
   if (info == nullptr || info->version.empty()) return fmt::format("- {} .\n", encodePath(key));
@@ -43,7 +45,7 @@ void readLine(std::string_view line, const IndexLog::Visit& visit) {
   if (words[0] == "-") return visit(std::move(*key), nullptr);
   const auto size = parseNumber(words[1]), checked = parseNumber(words[2]);
   auto version = decodeEscapes(words[4]);
-  if (!size || !checked || !version) return;
+  if (!size || !checked || *checked > LAST_SECOND || !version || version->empty()) return;
   auto info = std::make_shared<ObjectInfo>();
   info->version = std::move(*version);
   info->size = *size;

@@ -17,6 +17,12 @@ std::string lowered(std::string_view text) {
   return out;
 }
 
+// Stores name years that the clock does not reach.
+Clock::time_point clockTimeOf(std::time_t when) {
+  const auto last = std::chrono::duration_cast<seconds>(Clock::time_point::max().time_since_epoch());
+  return when > last.count() ? Clock::time_point::max() : Clock::from_time_t(std::max<std::time_t>(when, 0));
+}
+
 // What Cache-Control says to a cache that many share.
 struct Directives {
   bool mayStore = true;
@@ -115,7 +121,7 @@ ObjectInfo describeObject(Metadata kept, uint64_t size, const Options& options, 
   } else if (isForEver) {
     info.freshUntil = Clock::time_point::max();
   } else if (!info.header("expires").empty()) {
-    info.freshUntil = expires ? Clock::from_time_t(*expires) : now;
+    info.freshUntil = expires ? clockTimeOf(*expires) : now;
   } else {
     info.freshUntil = now + options.freshFor;
   }

@@ -58,7 +58,9 @@ std::string parseOrigin(std::string text) {
   if (!hasScheme || text.find_first_of("?#@ ") != std::string::npos)
     refuse("origin", text, "http(s)://HOST[:PORT][/PATH]");
   while (text.ends_with('/')) text.pop_back();
-  if (text.find("://") + 3 > text.size()) refuse("origin", text, "http(s)://HOST[:PORT][/PATH]");
+  const size_t colon = text.find("://");
+  if (colon == std::string::npos || text[colon + 3] == '/')
+    refuse("origin", text, "http(s)://HOST[:PORT][/PATH]");
   return text;
 }
 

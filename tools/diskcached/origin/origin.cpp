@@ -6,12 +6,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <random>
 #include <thread>
 
 #include "http/range.h"
 #include "http/target.h"
-#include "origin/digest.h"
+#include "origin/signature.h"
 
 namespace diskcached {
 
@@ -55,7 +56,6 @@ class Origin::Attempt {
     m_error[0] = '\0';
     address();
     headers(settings.credentials);
-    sign(settings.credentials);
     callbacks();
   }
 
@@ -102,19 +102,19 @@ class Origin::Attempt {
 
   void headers(const std::optional<Credentials>& credentials) {
     for (const auto& [name, value] : m_call.headers) m_headers.add(name, value);
-    if (credentials) {
-      m_headers.add("x-amz-content-sha256", sha256Of(m_call.body));
-      if (!credentials->sessionToken.empty())
-        m_headers.add("x-amz-security-token", credentials->sessionToken);
-    }
+    if (credentials) sign(*credentials);
     set(m_handle, CURLOPT_HTTPHEADER, m_headers.get());
   }
 
-  void sign(const std::optional<Credentials>& credentials) {
-    if (!credentials) return;
-    set(m_handle, CURLOPT_AWS_SIGV4, fmt::format("aws:amz:{}:s3", m_options.region).c_str());
-    set(m_handle, CURLOPT_USERNAME, credentials->accessKey.c_str());
-    set(m_handle, CURLOPT_PASSWORD, credentials->secret.c_str());
+  void sign(const Credentials& credentials) {
+    const std::string_view origin = m_options.origin;
+    const size_t host = origin.find("://") + 3, slash = std::min(origin.find('/', host), origin.size());
+    const std::string path = std::string(origin.substr(slash)) + '/' + encodePath(m_call.key);
+    const SignedParts parts{
+        m_call.method, origin.substr(host, slash - host), path, m_call.query, m_call.headers, m_call.body};
+    m_headers.add("Host", parts.host);
+    for (const auto& [name, value] : signatureOf(parts, credentials, m_options.region, std::time(nullptr)))
+      m_headers.add(name, value);
   }
 
   void callbacks() {

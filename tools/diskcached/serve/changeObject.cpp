@@ -106,18 +106,10 @@ asio::awaitable<void> putStaged(Exchange& exchange, std::span<const std::byte> b
   co_await exchange.sendHead(std::move(head), ClientStream::More::No);
 }
 
-void refuseUnsupported(const Exchange& exchange) {
-  if (exchange.target().key.empty()) throw Refused(405, "the root is no object");
-  // A body in signed pieces is for the one who can check its signatures.
-  if (exchange.header("x-amz-content-sha256").starts_with("STREAMING-"))
-    throw Refused(501, "bodies in signed chunks are not taken: sign the whole body, or none of it");
-}
-
 }  // namespace
 
 asio::awaitable<void> putObject(Exchange& exchange) {
   exchange.setCacheStatus("diskcached; fwd=method");
-  refuseUnsupported(exchange);
   ++exchange.service.stats.uploads;
   const auto spool = std::make_unique<Spool>();
   const auto bytes = co_await takeBody(exchange, *spool);
@@ -132,7 +124,6 @@ asio::awaitable<void> putObject(Exchange& exchange) {
 
 asio::awaitable<void> deleteObject(Exchange& exchange) {
   exchange.setCacheStatus("diskcached; fwd=method");
-  refuseUnsupported(exchange);
   ++exchange.service.stats.deletes;
   co_await exchange.skipBody();
   exchange.client.setDeadline(ClientStream::Time::max());

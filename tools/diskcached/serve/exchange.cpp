@@ -1,5 +1,7 @@
 #include "serve/exchange.h"
 
+#include <fmt/format.h>
+
 #include <boost/asio/as_tuple.hpp>
 #include <boost/beast/http/read.hpp>
 
@@ -59,7 +61,7 @@ void Exchange::parse(size_t headSize) {
   if (error && error != http::error::need_more) throw Refused(400, error.message());
   if (!m_parser.is_header_done()) throw Refused(400, "the head is no head");
   m_method = view(m_parser.get().method_string());
-  m_isKeptAlive = m_parser.get().keep_alive() && !service.isStopping();
+  m_isKeptAlive = m_parser.keep_alive() && !service.isStopping();
   const std::string_view target = view(m_parser.get().target());
   if (target.size() > options->maxUrlBytes) throw Refused(414, "the target is too long");
   auto parsed = parseTarget(target);
@@ -142,9 +144,9 @@ asio::awaitable<void> Exchange::sendFile(int file, uint64_t offset, uint64_t byt
   service.stats.fileBytes += bytes;
 }
 
-asio::awaitable<void> Exchange::sendText(AnswerHead head, std::string_view text) {
+asio::awaitable<void> Exchange::sendText(AnswerHead head, std::string_view type, std::string_view text) {
   addCacheStatus(head);
-  head.add("Content-Type", "text/plain");
+  head.add("Content-Type", type);
   head.add("Content-Length", text.size());
   co_await sendHead(std::move(head),
                     isHead() || text.empty() ? ClientStream::More::No : ClientStream::More::Yes);
@@ -155,8 +157,14 @@ asio::awaitable<void> Exchange::refuse(const Refused& refused) {
   AnswerHead head(refused.status);
   if (refused.status == 503) head.add("Retry-After", "1");
   if (!m_parser.is_done()) closeAfter();  // what is left of the request would be taken for the next one
-  const std::string text = refused.reason + '\n';
-  co_await sendText(std::move(head), text);
+  if (refused.code.empty()) {
+    const std::string text = refused.reason + '\n';
+    co_return co_await sendText(std::move(head), "text/plain", text);
+  }
+  const std::string text = fmt::format(
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Error><Code>{}</Code><Message>{}</Message></Error>\n",
+      refused.code, refused.reason);
+  co_await sendText(std::move(head), "application/xml", text);
 }
 
 }  // namespace diskcached

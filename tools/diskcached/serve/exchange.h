@@ -18,12 +18,14 @@ namespace diskcached {
 
 namespace http = boost::beast::http;
 
-// The request can't be served; to be answered so if nothing was sent yet.
+// The request can't be served; to be answered so if nothing was sent yet. With a code it is told as a store tells it,
+// which clients of stores understand.
 struct Refused : std::exception {
-  Refused(unsigned itsStatus, std::string itsReason) : status(itsStatus), reason(std::move(itsReason)) {}
+  Refused(unsigned itsStatus, std::string itsReason, std::string itsCode = "")
+      : status(itsStatus), reason(std::move(itsReason)), code(std::move(itsCode)) {}
   const char* what() const noexcept override { return reason.c_str(); }
   unsigned status;
-  std::string reason;
+  std::string reason, code;
 };
 
 class Exchange {
@@ -56,8 +58,8 @@ class Exchange {
   asio::awaitable<void> sendHead(AnswerHead head, ClientStream::More more);
   asio::awaitable<void> sendBody(std::span<const std::byte> bytes, ClientStream::More more);
   asio::awaitable<void> sendFile(int file, uint64_t offset, uint64_t bytes);
-  // A whole answer with a line of text, or without a body for HEAD.
-  asio::awaitable<void> sendText(AnswerHead head, std::string_view text);
+  // A whole answer with its body, or without one for HEAD.
+  asio::awaitable<void> sendText(AnswerHead head, std::string_view type, std::string_view text);
   asio::awaitable<void> refuse(const Refused& refused);
 
   void setCacheStatus(std::string status) { m_cacheStatus = std::move(status); }

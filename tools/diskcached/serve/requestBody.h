@@ -6,7 +6,8 @@
 
 namespace diskcached {
 
-// The body, for as long as the spool lives. Throws Refused: 413, 507 when the disk has no room for it.
+// The body, for as long as the spool lives. Throws Refused: 413, 507 when the disk has no room for it, 400 when it is
+// not what the client's digests say, 501 when it comes in signed pieces.
 asio::awaitable<std::span<const std::byte>> takeBody(Exchange& exchange, Spool& spool);
 
 }  // namespace diskcached
