@@ -137,7 +137,7 @@ TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
 TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
   const struct {
     const char *bytes, *header;
-  } cases[] = {{"new", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"new", "x-amz-acl: private"}};
+  } cases[] = {{"newer", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"newer", "x-amz-acl: private"}};
   start(writeBack);
   restartStore("if ($http_x_amz_meta_n = 1) { return 503; }");
   for (const auto& c : cases) {
