@@ -56,7 +56,8 @@ CZuError WriteBack::Object::read(uint64_t offset, std::span<std::byte> out) cons
     const size_t count = std::min<uint64_t>(out.size(), blockSize - from);
     const auto lookup = m_owner.m_store.open({id, static_cast<uint32_t>(offset / blockSize)}, key, version);
     if (!lookup.block || lookup.block->read(from, out.first(count), Verify::Always) != BytesAre::Right) {
-      return keyError(RM_CODE_LOCATION, EIO, key, "a staged block can't be read");
+      return m_owner.isStaged(*this) ? keyError(RM_CODE_LOCATION, EIO, key, "a staged block can't be read")
+                                     : keyError(RM_CODE_LOCATION, ENOENT, key, "is staged no more");
     }
     offset += count;
     out = out.subspan(count);
@@ -256,10 +257,9 @@ CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
 CZuError WriteBack::makePrunable(Object& object) {
   if (!claim(object)) return {};
   const int rc = release(object);
+  if (rc == 0) m_metrics.add(Count::uploadedObjects);  // before anybody sees that it is done
   unclaim(object, rc != 0);
-  if (rc != 0) return keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
-  m_metrics.add(Count::uploadedObjects);
-  return {};
+  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
 }
 
 // The first block's move is durable: a power cut must not bring back what may have been replaced at the store.
