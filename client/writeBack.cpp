@@ -81,6 +81,8 @@ WriteBack::Objects::iterator WriteBack::positionLocked(const Object& object) {
 
 bool WriteBack::isStaged(const Object& object) {
   const KxCriticalSectionLock lock(&m_lock);
+  Waitable waitable{m_lock};
+  while (object.isClaimed) m_changed.wait(waitable);
   return positionLocked(object) != m_objects.end();
 }
 

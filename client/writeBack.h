@@ -50,7 +50,7 @@ class WriteBack {
   using Objects = std::unordered_multimap<std::string_view, ObjectPointer>;
 
   ObjectPointer find(std::string_view key, std::string_view version);
-  bool isStaged(const Object& object);
+  bool isStaged(const Object& object);  // once nobody has a claim
   Objects::iterator positionLocked(const Object& object) DC_REQUIRES(m_lock);
   // Makes this thread the only one that makes it prunable or discards it, until unclaim(); false when it is
   // staged no more.
