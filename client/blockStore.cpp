@@ -70,13 +70,16 @@ std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
 
 unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
 
+int syncDirectoryOf(const std::string& path) {
+  errno = 0;
+  const Descriptor dir(::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return dir.fd >= 0 && fsync(dir.fd) == 0 ? 0 : errno != 0 ? errno : EIO;
+}
+
 // A file's name is on disk when its directory is, up to the volume.
 int syncDirectories(std::string path, const std::string& root) {
-  while (path.size() > root.size()) {
-    path.resize(path.rfind('/'));
-    errno = 0;
-    const Descriptor dir(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.fd < 0 || fsync(dir.fd) != 0) return errno != 0 ? errno : EIO;
+  for (; path.size() > root.size(); path.resize(path.rfind('/'))) {
+    if (const int rc = syncDirectoryOf(path); rc != 0) return rc;
   }
   return 0;
 }
@@ -263,7 +266,7 @@ void BlockStore::drop(const BlockId& id) {
   removeEverywhere(name);
 }
 
-int BlockStore::release(const BlockId& id) {
+int BlockStore::release(const BlockId& id, Durable durable) {
   const auto volume = m_room.staged.find(id);
   if (!volume) return 0;
   const DiskCacheContext context = contextOf(Place::Staged, *volume);
@@ -272,13 +275,23 @@ int BlockStore::release(const BlockId& id) {
   m_room.staged.erase(id);
   (void)m_engine.remember(contextOf(Place::Prunable, *volume),
                           blockName(id));  // it fails for want of memory: the next start finds the block
-  return 0;
+  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(blockName(id), *volume, STAGED_DIR))
+                                 : 0;
 }
 
-void BlockStore::discardStaged(const BlockId& id) {
+int BlockStore::discardStaged(const BlockId& id, Durable durable) {
+  const auto volume = m_room.staged.find(id);
+  if (!volume) return 0;
   m_hot.erase(id);
-  if (const auto volume = m_room.staged.find(id)) m_room.remove(blockName(id), *volume, STAGED_DIR);
+  const guid_t name = blockName(id);
+  const std::string path = m_engine.guid2path(name, *volume, STAGED_DIR);
+  m_room.remove(name, *volume, STAGED_DIR);
+  struct stat status {};
+  errno = 0;
+  if (lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR))
+    return errno != 0 ? errno : EIO;
   m_room.staged.erase(id);
+  return durable == Durable::Yes ? syncDirectoryOf(path) : 0;
 }
 
 }  // namespace ObjectStore

@@ -64,9 +64,11 @@ class BlockStore {
 
   // A block found in the staging place at the start; what its trailer says, if it has a whole one.
   std::optional<BlockTrailer> adoptStaged(const BlockId& id, VolIndex volume);
+  enum class Durable { No, Yes };
   // Makes a staged block prunable; 0 or why not.
-  int release(const BlockId& id);
-  void discardStaged(const BlockId& id);
+  int release(const BlockId& id, Durable durable);
+  // Removes a staged block; 0 or why not. It is staged no more as soon as its file is gone.
+  int discardStaged(const BlockId& id, Durable durable);
 
  private:
   struct Opened;

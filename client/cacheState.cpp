@@ -108,7 +108,8 @@ void OpenCache::enterBlocks() {
 }
 
 // An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. While a
-// volume is missing nothing goes: the first block may lie there.
+// volume is missing nothing goes: the first block may lie there. One that lacks another block stays, for its
+// volume to come back or for who gives it up.
 CZuError OpenCache::enterStaged() {
   std::unordered_map<ObjectId, std::vector<FoundBlock>, HashOfObject> objects;
   std::vector<FoundBlock> found;
@@ -132,12 +133,13 @@ CZuError OpenCache::enterStaged() {
       }
       if (block.id.number == 0) first = std::move(trailer);
     }
-    if (first &&
-        whole == std::max<uint64_t>((first->objectSize + options.blockSize - 1) / options.blockSize, 1)) {
-      writeBack.adopt(*first);
-    } else if (!first && isComplete) {
-      for (const FoundBlock& block : blocks) store.discardStaged(block.id);
-    } else {
+    if (first) writeBack.adopt(*first);
+    const bool isWhole =
+        first &&
+        whole == std::max<uint64_t>((first->objectSize + options.blockSize - 1) / options.blockSize, 1);
+    if (!first && isComplete) {
+      for (const FoundBlock& block : blocks) (void)store.discardStaged(block.id, BlockStore::Durable::No);
+    } else if (!isWhole) {
       DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", first ? first->key.c_str() : "?");
     }
   }

@@ -150,6 +150,19 @@ CZuError ObjectCache::stage(std::string_view key, std::string_view version, std:
   return keyError(RM_CODE_LOCATION, ENOMEM, key, "can't be staged");
 }
 
+CZuError ObjectCache::discardStaged(std::string_view key, std::string_view version) try {
+  if (!m_state->cache) return keyError(RM_CODE_LOCATION, EBADF, key, "the cache is not open");
+  return m_state->cache->writeBack.discard(key, version);
+} catch (const std::bad_alloc&) {
+  return keyError(RM_CODE_LOCATION, ENOMEM, key, "can't be given up");
+}
+
+std::vector<std::shared_ptr<const StagedObject>> ObjectCache::stagedObjects(
+    std::optional<std::string_view> key) {
+  if (!m_state->cache) return {};
+  return m_state->cache->writeBack.list(key);
+}
+
 CZuError ObjectCache::flush(Upload upload, unsigned parallel) try {
   if (!m_state->cache) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EBADF, "the cache is not open");
   return m_state->cache->writeBack.flush(std::move(upload), parallel);

@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -170,7 +171,8 @@ class StagedObject {
   Metadata metadata;
   std::chrono::system_clock::time_point stagedAt;
 
-  // Fills `out` from `offset`; the range must lie within the object. Checked like any read.
+  // Fills `out` from `offset`; the range must lie within the object. Checked like any read. ENOENT, also for an
+  // empty range, once the object is staged no more: it was given up, or uploaded.
   virtual CZuError read(uint64_t offset, std::span<std::byte> out) const = 0;
 
  protected:
@@ -221,6 +223,14 @@ class DISKCACHE_EXPORT ObjectCache {
   // Success when it is staged already. On an error (ENOSPC, those of the disk) nothing of it is left.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});
+  // Gives a staged object up: once this has returned success no upload of it begins, also after a kill or a power
+  // cut, and its blocks are gone. An upload under way is not waited for; what it still reads is ENOENT, and how it
+  // ends counts no more. So that it does not end at the store after this, the Upload and who calls this have to
+  // share a lock. ENOENT when it is not staged, or no longer. After the disk's errors it is staged as before,
+  // unless only making its end durable failed.
+  CZuError discardStaged(std::string_view key, std::string_view version);
+  // What is staged, of one key or of all, the oldest first. The objects live until close().
+  std::vector<std::shared_ptr<const StagedObject>> stagedObjects(std::optional<std::string_view> key = {});
   // Starts `parallel` workers that hand each staged object, oldest first, to `upload` and then make it prunable.
   // One that fails is tried again after 1 s, 2 s, ... up to 64 s. With 0 workers: one pass in this thread; the
   // first error of an upload is returned. EALREADY when workers run.

@@ -39,6 +39,7 @@ class WriteBack::Object final : public StagedObject {
 
   const ObjectId id;
   std::chrono::seconds pause{0};  // before the next try; belongs to the worker that has the object
+  bool isClaimed = false;         // belongs to the owner's lock
 
  private:
   WriteBack& m_owner;
@@ -48,13 +49,15 @@ CZuError WriteBack::Object::read(uint64_t offset, std::span<std::byte> out) cons
   if (offset > size || out.size() > size - offset) {
     return keyError(RM_CODE_LOCATION, EINVAL, key, "the range is not within the object");
   }
+  if (!m_owner.isStaged(*this)) return keyError(RM_CODE_LOCATION, ENOENT, key, "is staged no more");
   const uint64_t blockSize = m_owner.m_options.blockSize;
   while (!out.empty()) {
     const uint64_t from = offset % blockSize;
     const size_t count = std::min<uint64_t>(out.size(), blockSize - from);
     const auto lookup = m_owner.m_store.open({id, static_cast<uint32_t>(offset / blockSize)}, key, version);
     if (!lookup.block || lookup.block->read(from, out.first(count), Verify::Always) != BytesAre::Right) {
-      return keyError(RM_CODE_LOCATION, EIO, key, "a staged block can't be read");
+      return m_owner.isStaged(*this) ? keyError(RM_CODE_LOCATION, EIO, key, "a staged block can't be read")
+                                     : keyError(RM_CODE_LOCATION, ENOENT, key, "is staged no more");
     }
     offset += count;
     out = out.subspan(count);
@@ -62,23 +65,64 @@ CZuError WriteBack::Object::read(uint64_t offset, std::span<std::byte> out) cons
   return {};
 }
 
-bool WriteBack::isStaged(const ObjectId& id) {
+WriteBack::ObjectPointer WriteBack::find(std::string_view key, std::string_view version) {
   const KxCriticalSectionLock lock(&m_lock);
-  return m_objects.contains(id);
+  const auto [first, end] = m_objects.equal_range(key);
+  const auto found =
+      std::find_if(first, end, [&](const auto& each) { return each.second->version == version; });
+  return found == end ? nullptr : found->second;
+}
+
+WriteBack::Objects::iterator WriteBack::positionLocked(const Object& object) {
+  const auto [first, end] = m_objects.equal_range(object.key);
+  const auto found = std::find_if(first, end, [&](const auto& each) { return each.second.get() == &object; });
+  return found == end ? m_objects.end() : found;
+}
+
+bool WriteBack::isStaged(const Object& object) {
+  const KxCriticalSectionLock lock(&m_lock);
+  Waitable waitable{m_lock};
+  while (object.isClaimed) m_changed.wait(waitable);
+  return positionLocked(object) != m_objects.end();
+}
+
+bool WriteBack::claim(Object& object) {
+  const KxCriticalSectionLock lock(&m_lock);
+  Waitable waitable{m_lock};
+  while (object.isClaimed) m_changed.wait(waitable);
+  return object.isClaimed = positionLocked(object) != m_objects.end();
+}
+
+void WriteBack::unclaim(Object& object, bool isStagedStill) {
+  ObjectPointer last;  // ends after the lock
+  const KxCriticalSectionLock lock(&m_lock);
+  object.isClaimed = false;
+  if (!isStagedStill) {
+    m_bytes -= object.size;
+    m_ages.erase(m_ages.find(object.stagedAt));
+    const auto position = positionLocked(object);
+    last = std::move(position->second);
+    m_objects.erase(position);
+  }
+  m_changed.notify_all();
+}
+
+// All blocks are this thread's before it changes the first one: nobody fetches or drops one meanwhile. They are
+// taken in order, so two that want those of one object do not wait for each other.
+std::vector<std::unique_ptr<Flights::Flight>> WriteBack::takeBlocks(const Object& object) {
+  std::vector<std::unique_ptr<Flights::Flight>> flights;
+  for (uint32_t number = 0; number < object.blocks(); ++number)
+    flights.push_back(m_flights.take({object.id, number}));
+  return flights;
 }
 
 CZuError WriteBack::stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                           const Metadata& metadata) {
   const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, Clock::now());
-  // All blocks are this thread's before it writes the first one: nobody fetches or drops one meanwhile. They are
-  // taken in order, so two that stage one object do not wait for each other.
-  std::vector<std::unique_ptr<Flights::Flight>> flights;
-  for (uint32_t number = 0; number < object->blocks(); ++number)
-    flights.push_back(m_flights.take({object->id, number}));
-  if (isStaged(object->id)) return {};
+  const auto flights = takeBlocks(*object);
+  if (find(key, version)) return {};
   if (const int rc = storeBlocks(*object, bytes); rc != 0) {
-    for (uint32_t number = 0; number < object->blocks(); ++number)
-      m_store.discardStaged({object->id, number});
+    (void)discardBlocks(*object);
     return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
   }
   enter(object);
@@ -98,6 +142,37 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
   return 0;
 }
 
+CZuError WriteBack::discard(std::string_view key, std::string_view version) {
+  const ObjectPointer object = find(key, version);
+  const auto flights = object ? takeBlocks(*object) : std::vector<std::unique_ptr<Flights::Flight>>();
+  if (!object || !claim(*object)) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
+  const int rc = discardBlocks(*object);
+  unclaim(*object, m_store.isStaged({object->id, 0}));
+  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, key, "can't be given up");
+}
+
+// A block that stays behind the first one goes at the next start.
+int WriteBack::discardBlocks(const Object& object) {
+  const int rc = m_store.discardStaged({object.id, 0}, BlockStore::Durable::Yes);
+  if (m_store.isStaged({object.id, 0})) return rc;
+  for (uint32_t number = 1; number < object.blocks(); ++number)
+    (void)m_store.discardStaged({object.id, number}, BlockStore::Durable::No);
+  return rc;
+}
+
+std::vector<std::shared_ptr<const StagedObject>> WriteBack::list(std::optional<std::string_view> key) {
+  std::vector<std::shared_ptr<const StagedObject>> objects;
+  {
+    const KxCriticalSectionLock lock(&m_lock);
+    const auto [first, end] =
+        key ? m_objects.equal_range(*key) : std::pair(m_objects.begin(), m_objects.end());
+    for (auto at = first; at != end; ++at) objects.push_back(at->second);
+  }
+  std::sort(objects.begin(), objects.end(),
+            [](const auto& a, const auto& b) { return a->stagedAt < b->stagedAt; });
+  return objects;
+}
+
 void WriteBack::adopt(const BlockTrailer& first) {
   enter(std::make_shared<Object>(*this, first.key, first.version, first.objectSize, first.metadata,
                                  Clock::from_time_t(static_cast<time_t>(first.madeAt))));
@@ -108,7 +183,8 @@ void WriteBack::enter(ObjectPointer object) {
   m_bytes += object->size;
   m_ages.insert(object->stagedAt);
   m_due.emplace(object->stagedAt, object);
-  m_objects.emplace(object->id, std::move(object));
+  const std::string_view key = object->key;
+  m_objects.emplace(key, std::move(object));
   m_changed.notify_all();
 }
 
@@ -118,7 +194,7 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
     CZuError first;
     while (const ObjectPointer object = take(true, began)) {
       const CZuError error = uploadOne(*object, upload);
-      giveBack(object, !error.IsError());
+      if (error.IsError()) tryLater(object);
       if (error.IsError() && !first.IsError()) first = error;
     }
     return first;
@@ -140,7 +216,7 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
 
 void WriteBack::work(const Upload& upload) {
   while (const ObjectPointer object = take(false, {})) {
-    giveBack(object, !uploadOne(*object, upload).IsError());
+    if (uploadOne(*object, upload).IsError()) tryLater(object);
   }
 }
 
@@ -152,6 +228,7 @@ WriteBack::ObjectPointer WriteBack::take(bool isSinglePass, Clock::time_point pa
     if (!m_due.empty() && m_due.begin()->first <= now) {
       ObjectPointer object = std::move(m_due.begin()->second);
       m_due.erase(m_due.begin());
+      if (positionLocked(*object) == m_objects.end()) continue;
       return object;
     }
     if (isSinglePass) return nullptr;
@@ -172,36 +249,35 @@ CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
   } catch (...) {
     error = keyError(RM_CODE_LOCATION, EIO, object.key, "the upload threw");
   }
-  if (!error.IsError()) {
-    const int rc = release(object);
-    if (rc == 0) {
-      m_metrics.add(Count::uploadedObjects);
-      return {};
-    }
-    error = keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
-  }
+  if (!error.IsError()) error = makePrunable(object);
+  if (!error.IsError() || !isStaged(object)) return {};
   m_metrics.add(Count::failedUploads);
   DC_LOG(LogLevel::Error, "Error: upload of [%s] failed: %s", object.key.c_str(), error.AsString().c_str());
   return error;
 }
 
+CZuError WriteBack::makePrunable(Object& object) {
+  if (!claim(object)) return {};
+  const int rc = release(object);
+  if (rc == 0) m_metrics.add(Count::uploadedObjects);  // before anybody sees that it is done
+  unclaim(object, rc != 0);
+  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
+}
+
+// The first block's move is durable: a power cut must not bring back what may have been replaced at the store.
 int WriteBack::release(const Object& object) {
+  using Durable = BlockStore::Durable;
   for (uint32_t number = 0; number < object.blocks(); ++number) {
-    if (const int rc = m_store.release({object.id, number}); rc != 0) return rc;
+    const int rc = m_store.release({object.id, number}, number == 0 ? Durable::Yes : Durable::No);
+    if (rc != 0) return rc;
   }
   return 0;
 }
 
-void WriteBack::giveBack(const ObjectPointer& object, bool isUploaded) {
+void WriteBack::tryLater(const ObjectPointer& object) {
   const KxCriticalSectionLock lock(&m_lock);
-  if (isUploaded) {
-    m_bytes -= object->size;
-    m_ages.erase(m_ages.find(object->stagedAt));
-    m_objects.erase(object->id);
-  } else {
-    object->pause = std::clamp(object->pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
-    m_due.emplace(Clock::now() + object->pause, object);
-  }
+  object->pause = std::clamp(object->pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
+  m_due.emplace(Clock::now() + object->pause, object);
   m_changed.notify_all();
 }
 

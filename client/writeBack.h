@@ -1,13 +1,15 @@
 // Objects that are staged on disk and not uploaded yet, and the workers that upload them.
 //
 // Any thread may call anything but adopt() and stop(). No lock is held over work on files or an upload. An
-// object's first block is staged last and made prunable first: with it the object is staged, without it not.
+// object's first block is staged last and made prunable or discarded first: with it the object is staged, without
+// it not.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <thread>
 #include <unordered_map>
@@ -29,13 +31,15 @@ class WriteBack {
 
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata);
+  CZuError discard(std::string_view key, std::string_view version);
+  std::vector<std::shared_ptr<const StagedObject>> list(std::optional<std::string_view> key);
   CZuError flush(Upload upload, unsigned parallel);
   StagedStatus status();
   bool drained(std::chrono::steady_clock::time_point deadline);
   // Ends the workers, each after its upload.
   void stop();
 
-  // An object found at the start, all of whose blocks the store has adopted, by its first block's trailer.
+  // An object found at the start, whose blocks the store has adopted, by its first block's trailer.
   void adopt(const BlockTrailer& first);
 
  private:
@@ -43,13 +47,24 @@ class WriteBack {
   class Object;
   using ObjectPointer = std::shared_ptr<Object>;
 
-  bool isStaged(const ObjectId& id);
+  using Objects = std::unordered_multimap<std::string_view, ObjectPointer>;
+
+  ObjectPointer find(std::string_view key, std::string_view version);
+  bool isStaged(const Object& object);  // once nobody has a claim
+  Objects::iterator positionLocked(const Object& object) DC_REQUIRES(m_lock);
+  // Makes this thread the only one that makes it prunable or discards it, until unclaim(); false when it is
+  // staged no more.
+  bool claim(Object& object);
+  void unclaim(Object& object, bool isStagedStill);
+  std::vector<std::unique_ptr<Flights::Flight>> takeBlocks(const Object& object);
   int storeBlocks(Object& object, std::span<const std::byte> bytes);
+  int discardBlocks(const Object& object);
   void enter(ObjectPointer object);
   // The next object that is due, waited for unless in a single pass; null when there is none, or at the end.
   ObjectPointer take(bool isSinglePass, Clock::time_point passBegan);
   CZuError uploadOne(Object& object, const Upload& upload);
-  void giveBack(const ObjectPointer& object, bool isUploaded);
+  CZuError makePrunable(Object& object);
+  void tryLater(const ObjectPointer& object);
   void work(const Upload& upload);
   int release(const Object& object);
 
@@ -60,8 +75,9 @@ class WriteBack {
 
   KxCriticalSection m_lock;
   std::condition_variable_any m_changed;
-  std::unordered_map<ObjectId, ObjectPointer, HashOfObject> m_objects DC_GUARDED_BY(m_lock);
-  // Those that no worker has, by when they are to be tried: at first when they were staged.
+  Objects m_objects DC_GUARDED_BY(m_lock);  // by their keys
+  // Those that no worker has, by when they are to be tried: at first when they were staged. Those discarded stay
+  // until then.
   std::multimap<Clock::time_point, ObjectPointer> m_due DC_GUARDED_BY(m_lock);
   std::multiset<Clock::time_point> m_ages DC_GUARDED_BY(m_lock);
   uint64_t m_bytes DC_GUARDED_BY(m_lock) = 0;

@@ -34,7 +34,10 @@ class ClientModelTest : public ClientTest {
         readOne(random);
       } else if (choice < 95) {
         stageOne(random);
-      } else if (choice < 98) {
+      } else if (choice < 97) {
+        const std::string told = outcome(cache->discardStaged(std::to_string(random() % KEYS), "1"));
+        EXPECT_TRUE(told == "success" || told == "ENOENT") << told;
+      } else if (choice < 99) {
         const size_t number = random() % KEYS;
         cache->drop(std::to_string(number), "1", sizeOf(number));
       } else {
@@ -55,7 +58,16 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
     chosen.verify = static_cast<Verify>(life % 3);
     chosen.maxHotBytes = life % 2 == 0 ? 17 * 1024 : 60'000;
     start(chosen);
-    ASSERT_EQ(outcome(cache->flush(upload, 2)), "success");
+    ASSERT_EQ(outcome(cache->flush(
+                  [&](const StagedObject& object) {
+                    std::string bytes(object.size, 'x');
+                    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+                    const bool isGivenUp = RMErrorUtil::GetErrNo(error) == ENOENT;
+                    EXPECT_TRUE(isGivenUp || bytes == bytesOf(object.key, object.version, 0, object.size));
+                    return error;
+                  },
+                  2)),
+              "success");
     {
       std::vector<std::jthread> threads;
       for (unsigned t = 0; t < 8; ++t)

@@ -1,4 +1,7 @@
 // Write-back: staging, flushing, and what survives.
+#include <sys/wait.h>
+
+#include <future>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -74,6 +77,74 @@ TEST_F(ClientStageTest, FailedUploadsAreTriedAgainByWorkersThatCloseEnds) {
   EXPECT_TRUE(cache->drained(soon()));
   cache->close();
   EXPECT_EQ(stage("closed", 5), "EBADF");
+}
+
+// Of three blocks; a kill at each of its calls leaves the object whole or not staged.
+TEST_F(ClientStageTest, WhatIsGivenUpStaysSoAndAKillLeavesAllOrNothing) {
+  const size_t size = 3 * SMALL_BLOCK;
+  bool isGivenUp = false;
+  size_t whole = 0;
+  for (size_t call = 1; !isGivenUp; ++call) {
+    ASSERT_LT(call, 100U);
+    start();
+    EXPECT_EQ(stage("key", size), "success");
+    cache.reset();
+    const pid_t child = fork();
+    if (child == 0) {
+      if (openWith(options()) != "success") _exit(1);
+      FaultPlan plan;
+      plan.killAt(call);
+      const bool isSuccess = !cache->discardStaged("key", "v").IsError();
+      plan.clearFaults();
+      _exit(isSuccess ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    isGivenUp = WIFEXITED(status);
+    EXPECT_TRUE(!isGivenUp || WEXITSTATUS(status) == 0);
+    start();
+    const auto staged = cache->stagedObjects("key");
+    EXPECT_EQ(files("staged").size(), 3 * staged.size());
+    for (const auto& object : staged) EXPECT_EQ(outcome(check(*object)), "success");
+    whole += staged.size();
+    EXPECT_FALSE(isGivenUp && !staged.empty());
+  }
+  EXPECT_GT(whole, 0U);
+  FaultPlan plan;
+  EXPECT_EQ(stage("key", size), "success");
+  plan.failAlways("unlink", EIO);
+  EXPECT_EQ(outcome(cache->discardStaged("key", "v")), "EIO");
+  EXPECT_EQ(cache->staged().bytes, size);  // as it was
+  EXPECT_EQ(readAll("key", size), "right");
+  plan.clearFaults();
+  plan.takeTrace();
+  EXPECT_EQ(outcome(cache->discardStaged("key", "v")), "success");
+  EXPECT_EQ(plan.count("fsync"), 1U);
+  EXPECT_EQ(cache->metrics().usedBytes, 0U);
+  EXPECT_EQ(outcome(cache->discardStaged("key", "v")), "ENOENT");
+}
+
+TEST_F(ClientStageTest, AnUploadUnderWayCountsNoMoreWhenItsObjectIsGivenUp) {
+  start();
+  std::promise<void> began, mayGoOn;
+  std::vector<std::string> read;
+  const auto upload = [&](const StagedObject& object) {
+    if (read.empty()) {
+      began.set_value();
+      mayGoOn.get_future().wait();
+    }
+    read.push_back(outcome(object.read(0, {})));
+    return CZuError();
+  };
+  EXPECT_EQ(stage("key", 1000), "success");
+  EXPECT_EQ(outcome(cache->flush(upload, 1)), "success");
+  began.get_future().wait();
+  EXPECT_EQ(outcome(cache->discardStaged("key", "v")), "success");
+  EXPECT_EQ(stage("key", 1000), "success");  // anew: what comes of the first upload is not this one's
+  mayGoOn.set_value();
+  EXPECT_TRUE(cache->drained(soon()));
+  EXPECT_EQ(read, (std::vector<std::string>{"ENOENT", "success"}));
+  EXPECT_EQ(cache->metrics().uploadedObjects, 1U);
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {

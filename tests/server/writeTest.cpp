@@ -5,7 +5,29 @@
 namespace diskcached {
 namespace {
 
-using ServerWriteTest = ServerTest;
+class ServerWriteTest : public ServerTest {
+ protected:
+  std::vector<std::string> writeBack = {"--write-back", "--origin-retries=0", "--grace=20"};
+
+  // From now on the store refuses some requests, in nginx's words.
+  void restartStore(const std::string& refusing) {
+    store.stop();
+    store.extra = refusing;
+    store.start();
+  }
+  void restart(int signal) {
+    server->end(signal);
+    start(writeBack);
+  }
+  bool areUploaded() const {
+    return eventually([&] { return metric("diskcache_client_staged_objects") == 0; });
+  }
+  std::string stagedFile() const {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(volume + "/staged"))
+      if (entry.is_regular_file()) return entry.path();
+    return "";
+  }
+};
 
 TEST_F(ServerWriteTest, ChangesGoThroughToTheStoreAndAreSeenAtOnce) {
   start();
@@ -43,8 +65,7 @@ TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
 
 TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
   const std::string content = bytesOf("staged", 1'000'000);
-  const std::vector<std::string> options = {"--write-back", "--origin-retries=0", "--grace=20"};
-  start(options);
+  start(writeBack);
   store.stop();
   const Reply staged = put("/a:b/staged", content, {"Content-Type: text/odd", "x-amz-meta-colour: red"});
   ASSERT_EQ(staged.status, 200);
@@ -58,12 +79,10 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
     EXPECT_EQ(get("/a:b/twice").body, "new");
   };
   expectVisible();
-  server->end(SIGKILL);
-  start(options);
+  restart(SIGKILL);
   expectVisible();
   store.start();
-  ASSERT_TRUE(eventually([&] { return metric("diskcache_client_staged_objects") == 0; }))
-      << admin("/status").body;
+  ASSERT_TRUE(areUploaded()) << admin("/status").body;
   EXPECT_EQ(readFile(store.files + "/a:b/staged"), content);
   EXPECT_EQ(readFile(store.files + "/a:b/twice"), "new");
   EXPECT_EQ(get("/a:b/staged").body, content);
@@ -73,17 +92,101 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
 }
 
 TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
-  start({"--write-back", "--origin-retries=0"});
-  store.stop();
-  ASSERT_EQ(put("/gone", "x").status, 200);
-  ASSERT_TRUE(eventually([&] { return metric("diskcache_client_failed_uploads_total") > 0; }));
-  store.start();
-  EXPECT_EQ(HttpClient(port).ask("DELETE", "/gone").status, 204);
-  server->end(SIGKILL);
-  start({"--write-back", "--origin-retries=0"});
-  ASSERT_TRUE(eventually([&] { return metric("diskcache_client_staged_objects") == 0; }));
-  EXPECT_FALSE(std::filesystem::exists(store.files + "/gone"));
-  EXPECT_EQ(get("/gone").status, 404);
+  start(writeBack);
+  for (const int signal : {SIGKILL, SIGTERM}) {
+    restartStore("if ($request_method = PUT) { return 503; }");
+    ASSERT_EQ(put("/gone", "x").status, 200);
+    EXPECT_EQ(HttpClient(port).ask("DELETE", "/gone").status, 204);
+    EXPECT_EQ(get("/gone").status, 404);
+    restartStore("");
+    restart(signal);
+    ASSERT_TRUE(areUploaded());
+    EXPECT_FALSE(std::filesystem::exists(store.files + "/gone")) << signal;
+    EXPECT_EQ(get("/gone").status, 404) << signal;
+  }
+}
+
+TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
+  const struct {
+    const char *method, *query, *header;
+  } cases[] = {{"PUT", "?tagging", "A: b"},          {"POST", "", "A: b"},
+               {"POST", "?uploadId=1", "A: b"},      {"PUT", "", "If-Match: \"x\""},
+               {"PUT", "", "If-None-Match: *"},      {"PUT", "", "x-amz-acl: private"},
+               {"PUT", "", "x-amz-copy-source: /x"}, {"DELETE", "", "A: b"}};
+  start(writeBack);
+  restartStore("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
+  std::vector<std::string> paths;
+  for (const auto& c : cases) {
+    const std::string &path = paths.emplace_back("/k" + std::to_string(paths.size())), other = "other";
+    EXPECT_EQ(put(path, path).status, 200);
+    EXPECT_GE(HttpClient(port).ask(c.method, path + c.query, {c.header}, &other).status, 400);
+    EXPECT_EQ(get(path).body, path) << c.method << c.query << c.header;
+  }
+  restart(SIGKILL);
+  for (const std::string& path : paths) EXPECT_EQ(get(path).body, path);
+  restartStore("");
+  ASSERT_TRUE(areUploaded());
+  for (const std::string& path : paths) EXPECT_EQ(readFile(store.files + path), path);
+}
+
+TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
+  const struct {
+    const char *bytes, *header;
+  } cases[] = {{"newer", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"newer", "x-amz-acl: private"}};
+  start(writeBack);
+  restartStore("if ($http_x_amz_meta_n = 1) { return 503; }");
+  for (const auto& c : cases) {
+    for (const int signal : {0, SIGKILL}) {
+      std::filesystem::remove(store.files + "/k");
+      ASSERT_EQ(put("/k", "old", {"x-amz-meta-n: 1"}).status, 200);
+      EXPECT_EQ(put("/k", c.bytes, {c.header}).status / 100, 2);
+      EXPECT_NE(get("/k").header("x-amz-meta-n"), "1");
+      if (signal != 0) restart(signal);
+      ASSERT_TRUE(areUploaded()) << c.bytes << c.header;
+      EXPECT_EQ(readFile(store.files + "/k"), c.bytes) << c.header;
+      EXPECT_EQ(get("/k").body, c.bytes);
+    }
+  }
+}
+
+TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {
+  start(writeBack);
+  restartStore("if ($request_method = PUT) { return 503; }");
+  ASSERT_EQ(put("/k", "bytes").status, 200);
+  const std::string file = stagedFile();
+  std::filesystem::rename(file, dir / "aside");
+  EXPECT_EQ(get("/k").status, 503);
+  std::filesystem::rename(dir / "aside", file);
+  EXPECT_EQ(get("/k").body, "bytes");
+  restartStore("");
+  restart(SIGKILL);
+  ASSERT_TRUE(areUploaded());
+  EXPECT_EQ(readFile(store.files + "/k"), "bytes");
+}
+
+TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
+  const ObjectStore::SmallFileSystem small(16);
+  SKIP_WITHOUT(small);
+  writeBack.push_back("--root=" + (small / "root"));
+  start(writeBack);
+  restartStore("if ($request_method = PUT) { return 503; }");
+  store.put("k", "the store's");
+  EXPECT_EQ(get("/k").body, "the store's");
+  std::ofstream(small / "other") << std::string(17 << 20, 'x');
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = std::string(100, 'n') + std::to_string(i);
+    store.put(name, "x");
+    EXPECT_EQ(get('/' + name).body, "x");
+  }
+  EXPECT_NE(logged().find("can't be written"), std::string::npos);
+  EXPECT_EQ(put("/k", "first").status, 507);
+  std::filesystem::remove(small / "other");
+  for (const char* bytes : {"first", "second"}) ASSERT_EQ(put("/k", bytes).status, 200);
+  restart(SIGKILL);
+  EXPECT_EQ(get("/k").body, "second");
+  restartStore("");
+  ASSERT_TRUE(areUploaded());
+  EXPECT_EQ(readFile(store.files + "/k"), "second");
 }
 
 TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
@@ -114,7 +217,7 @@ TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
     start(name == "staged" ? std::vector<std::string>{"--write-back"} : std::vector<std::string>());
     store.put(name, "old");
     for (const auto& c : cases) {
-      const Reply reply = HttpClient(port).put(target, body, c.headers);
+      const Reply reply = put(target, body, c.headers);
       if (c.status == 0) {
         EXPECT_EQ(reply.status / 100, 2) << c.headers.back();
         continue;

@@ -68,6 +68,7 @@ class Server {
     if (!open()) return 1;
     const auto options = m_service.options();
     m_service.index.open(options->root + "/diskcached.index");
+    adoptStaged(m_service);
     if (options->writeBack || m_cache.staged().objects > 0) {
       if (const CZuError error = m_cache.flush(
               [this](const auto& object) { return uploadStaged(m_service, object); }, options->uploads);

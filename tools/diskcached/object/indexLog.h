@@ -1,18 +1,21 @@
 // What the index knows, in a file, so that a restart finds it: a line for each change, the last one of a key
 // counts.
 //
-//   + SIZE CHECKED STAGED VERSION KEY .      what is current; seconds since 1970, 0 or 1, both texts escaped
-//   - KEY .                                  no longer known, or deleted
+//   + SIZE CHECKED VERSION KEY .      what is current; seconds since 1970, both texts escaped
+//   - KEY .                           no longer known, or staged: then the cache knows
 //
 // A line that a kill or a full disk cut short does not end in " ." and does not count. Used under the index's
 // lock.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "client/descriptor.h"
 #include "object/objectInfo.h"
 
 namespace diskcached {
@@ -20,7 +23,6 @@ namespace diskcached {
 class IndexLog {
  public:
   IndexLog() = default;
-  ~IndexLog();
   IndexLog(const IndexLog&) = delete;
   IndexLog& operator=(const IndexLog&) = delete;
 
@@ -33,20 +35,22 @@ class IndexLog {
   // Begins a new file in place of the old one, with what `each` tells.
   int rewrite(const std::string& path, const std::function<void(const Visit&)>& each);
   int append(std::string_view key, const ObjectInfo* info);
-  // Makes all lines durable.
-  int sync();
-  // Whether it has grown to several times what it had when it was written anew.
-  bool isLong() const { return m_size > MIN_LONG && m_size > 4 * m_firstSize; }
+  int fail(int errNo);
+  // Whether it has grown to several times what it had when it was written anew, or is closed for a while.
+  bool isToBeRewritten() const;
+
+  // Makes what was written to a file durable, and its name; 0 or why not. Needs no lock.
+  using File = std::shared_ptr<const ObjectStore::Descriptor>;
+  File file() const { return m_file; }
+  static int sync(const std::string& path, const ObjectStore::Descriptor& file);
 
  private:
-  static constexpr uint64_t MIN_LONG = 16 << 20;
-
   int write(std::string_view text);
-  int fail(int errNo);
 
   std::string m_path;
-  int m_fd = -1;
+  File m_file;  // null: closed
   uint64_t m_size = 0, m_firstSize = 0;
+  std::chrono::steady_clock::time_point m_openAgainAt = std::chrono::steady_clock::time_point::max();
 };
 
 }  // namespace diskcached

@@ -25,24 +25,42 @@ bool ObjectIndex::putFound(std::string_view key, ObjectInfoPointer info, uint64_
   const KxCriticalSectionLock lock(&m_lock);
   if (changesOf(key) != ticket) return false;
   const auto known = m_positions.find(key);
+  if (known != m_positions.end() && known->second->info->isStaged) return false;
   const bool isNew =
       known == m_positions.end() ? info != nullptr : !info || known->second->info->version != info->version;
-  if (isNew) noteLocked(key, info.get());
-  setLocked(key, std::move(info));
+  isNew ? putLocked(key, std::move(info)) : setLocked(key, std::move(info));
   return true;
 }
 
 void ObjectIndex::change(std::string_view key, ObjectInfoPointer info) {
   const KxCriticalSectionLock lock(&m_lock);
   ++changesOf(key);
-  noteLocked(key, info.get());
-  setLocked(key, std::move(info));
+  putLocked(key, std::move(info));
 }
 
-void ObjectIndex::erase(std::string_view key) {
+ObjectInfoPointer ObjectIndex::forget(std::string_view key) {
   const KxCriticalSectionLock lock(&m_lock);
-  noteLocked(key, nullptr);
-  eraseLocked(key);
+  ++changesOf(key);
+  const auto known = m_positions.find(key);
+  if (known == m_positions.end() || known->second->info->isStaged) return nullptr;
+  ObjectInfoPointer info = known->second->info;
+  putLocked(key, nullptr);
+  return info;
+}
+
+bool ObjectIndex::erase(std::string_view key, const ObjectInfo& found) {
+  const KxCriticalSectionLock lock(&m_lock);
+  const auto known = m_positions.find(key);
+  if (known == m_positions.end() || known->second->info->version != found.version) return true;
+  if (known->second->info->isStaged) return false;
+  putLocked(key, nullptr);
+  return true;
+}
+
+// Noted last: the log may be written anew then, from what is in memory.
+void ObjectIndex::putLocked(std::string_view key, ObjectInfoPointer info) {
+  setLocked(key, info);
+  noteLocked(key, info.get());
 }
 
 void ObjectIndex::setLocked(std::string_view key, ObjectInfoPointer info) {
@@ -95,39 +113,45 @@ std::vector<std::pair<std::string, ObjectInfoPointer>> ObjectIndex::takePrefix(s
 
 void ObjectIndex::noteLocked(std::string_view key, const ObjectInfo* info) {
   (void)m_log.append(key, info);  // who reads the log is told when it can't be written
-  if (m_log.isLong()) rewriteLocked();
+  if (m_log.isToBeRewritten()) rewriteLocked();
 }
 
 void ObjectIndex::rewriteLocked() {
   (void)m_log.rewrite(m_logPath, [this](const IndexLog::Visit& visit) DC_NO_THREAD_SAFETY_ANALYSIS {
-    for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) visit(entry->key, entry->info);
+    for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) {
+      if (!entry->info->isStaged) visit(entry->key, entry->info);
+    }
   });
 }
 
 void ObjectIndex::open(const std::string& logPath) {
   const KxCriticalSectionLock lock(&m_lock);
   m_logPath = logPath;
-  IndexLog::read(logPath,
-                 [this](const std::string& key, ObjectInfoPointer info) DC_NO_THREAD_SAFETY_ANALYSIS {
-                   const auto known = m_positions.find(key);
-                   if (!info && known != m_positions.end() && known->second->info->isStaged) {
-                     auto deleted = std::make_shared<ObjectInfo>();
-                     deleted->isRemembered = true;
-                     info = std::move(deleted);
-                   }
-                   setLocked(key, std::move(info));
-                 });
+  IndexLog::read(logPath, [this](const std::string& key, ObjectInfoPointer info)
+                              DC_NO_THREAD_SAFETY_ANALYSIS { setLocked(key, std::move(info)); });
   rewriteLocked();
 }
 
 void ObjectIndex::save() {
-  const KxCriticalSectionLock lock(&m_lock);
-  rewriteLocked();
+  {
+    const KxCriticalSectionLock lock(&m_lock);
+    rewriteLocked();
+  }
+  sync();
 }
 
-int ObjectIndex::sync() {
+void ObjectIndex::sync() {
+  IndexLog::File file;
+  std::string path;
+  {
+    const KxCriticalSectionLock lock(&m_lock);
+    file = m_log.file();
+    path = m_logPath;
+  }
+  const int errNo = file ? IndexLog::sync(path, *file) : 0;
+  if (errNo == 0) return;
   const KxCriticalSectionLock lock(&m_lock);
-  return m_log.sync();
+  (void)m_log.fail(errNo);
 }
 
 size_t ObjectIndex::size() {

@@ -1,5 +1,5 @@
 // Key to what is known of the object, bounded: the one asked for least recently goes first,
-// unless it is staged, since then nobody else knows of it.
+// unless it is staged, since then nobody else knows of it. What is staged the cache tells at each start.
 //
 // Any thread may call anything; the lock is a leaf.
 #pragma once
@@ -24,22 +24,25 @@ class ObjectIndex {
 
   ObjectInfoPointer find(std::string_view key);
   // What a look at the store told, unless the key was changed since `ticket` was taken: the look may be older
-  // than the change. Null: the store has it no more. Whether it was put.
+  // than the change. What is staged stays. Null: the store has it no more. Whether it was put.
   uint64_t ticket(std::string_view key);
   bool putFound(std::string_view key, ObjectInfoPointer info, uint64_t ticket);
   // What a client has changed; null forgets the key.
   void change(std::string_view key, ObjectInfoPointer info);
-  void erase(std::string_view key);
+  // Takes out what may have changed; null when it is not known, or staged.
+  ObjectInfoPointer forget(std::string_view key);
+  // Forgets what was found unless another version is known by now; false when it is staged.
+  bool erase(std::string_view key, const ObjectInfo& found);
   // Takes all out whose keys begin so.
   std::vector<std::pair<std::string, ObjectInfoPointer>> takePrefix(std::string_view prefix);
   size_t size();
 
-  // Finds what a log tells and notes all changes in it from now on; a deletion stays noted as an entry
-  // without a version if the object was staged. To be called once, before anything else.
+  // Finds what a log tells and notes all changes in it from now on. To be called once, before anything else.
   void open(const std::string& logPath);
   // Notes durably what is in memory.
   void save();
-  int sync();
+  // Makes all that was noted durable; the lock is not held meanwhile.
+  void sync();
 
  private:
   struct Entry {
@@ -48,6 +51,7 @@ class ObjectIndex {
   };
   using Position = std::list<Entry>::iterator;
 
+  void putLocked(std::string_view key, ObjectInfoPointer info) DC_REQUIRES(m_lock);
   void setLocked(std::string_view key, ObjectInfoPointer info) DC_REQUIRES(m_lock);
   void eraseLocked(std::string_view key) DC_REQUIRES(m_lock);
   void shrinkLocked() DC_REQUIRES(m_lock);

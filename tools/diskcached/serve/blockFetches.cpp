@@ -81,6 +81,8 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
 void BlockFetches::fill(BlockFetch& fetch, const std::string& key, const ObjectInfo& info, uint64_t from) {
   int errNo = 0;
   const auto origin = [&](OriginRequest& request) -> OriginAnswer {
+    if (info.isStaged)  // the store has another object, if any; or it was replaced meanwhile, or uploaded
+      return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ESTALE, "what was staged is not to be had")};
     const auto to = request.to.first(std::min<uint64_t>(request.to.size(), info.size - request.from));
     const FetchOutcome outcome =
         fetchPart(m_origin, key, info, request.from, to, [&](std::span<const std::byte> bytes) {

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include "http/httpDate.h"
@@ -21,9 +22,22 @@ constexpr size_t MOST_TEXT = 64 << 10;  // of what the store says to a change
 struct Changed {
   OriginReply reply;
   std::string text;
+  GivenUp staged = GivenUp::Nothing;
 };
 
-// One change of a key at a time. What a look at the store tells that began before its end counts no more.
+// What is staged is not at the store yet: its answer to a condition would be about an older object.
+bool mustWaitForUpload(Service& service, const OriginCall& call) {
+  return !call.mayRepeat && !service.cache.stagedObjects(call.key).empty();
+}
+
+bool hasReplaced(const OriginCall& call, const Changed& changed) {
+  if (call.method == "DELETE" && changed.reply.status == 404 && changed.reply.error.empty()) return true;
+  // The answer to a copy begins before it is made.
+  return changed.reply.isSuccess() && changed.text.find("<Error>") == std::string::npos;
+}
+
+// One change of a key at a time. What a look at the store tells that began before its end counts no more. What is
+// staged goes when the store has made the change, and not before: else it is as if it had not been asked for.
 Changed changeAtStore(Service& service, OriginCall call) {
   Changed changed;
   call.onBody = [&](std::span<const std::byte> bytes) {
@@ -32,20 +46,14 @@ Changed changeAtStore(Service& service, OriginCall call) {
     return true;
   };
   const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
+  if (mustWaitForUpload(service, call)) throw Refused(503, "the object is to be uploaded first");
   changed.reply = service.origin.call(call);
+  if (hasReplaced(call, changed)) changed.staged = giveUpStaged(service, call.key);
   // Also after an error: the store may have done what it could not say.
   if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forget(call.key);
-  return changed;
-}
-
-// Also of an object that only this server has: then the store may know nothing of it.
-Changed removeAtStore(Service& service, const OriginCall& call) {
-  const ObjectInfoPointer known = service.index.find(call.key);
-  Changed changed = changeAtStore(service, call);
-  if (known && known->isStaged && changed.reply.status == 404) {
-    service.forget(call.key);
-    changed = {.reply = {.status = 204}, .text = ""};
-  }
+  // An object that only this server had: the store knows nothing of it.
+  if (changed.staged == GivenUp::All && changed.reply.status == 404)
+    changed = {.reply = {.status = 204}, .text = "", .staged = GivenUp::All};
   return changed;
 }
 
@@ -53,6 +61,7 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   const OriginReply& reply = changed.reply;
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
   if (reply.status == 0) throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
+  if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
   AnswerHead head(reply.status);
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
@@ -78,6 +87,17 @@ bool isConditional(const Exchange& exchange) {
   using http::field;
   return !exchange.header(field::if_match).empty() || !exchange.header(field::if_none_match).empty() ||
          !exchange.header(field::if_unmodified_since).empty();
+}
+
+// Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum.
+bool wantsMore(const Exchange& exchange) {
+  const Headers headers = forwardedHeaders(exchange);
+  return std::any_of(headers.begin(), headers.end(), [](const auto& header) {
+    const auto begins = [&](std::string_view with) {
+      return equalsIgnoringCase(std::string_view(header.first).substr(0, with.size()), with);
+    };
+    return begins("x-amz-") && !begins("x-amz-meta-");
+  });
 }
 
 asio::awaitable<void> putThrough(Exchange& exchange, std::span<const std::byte> bytes) {
@@ -114,8 +134,7 @@ asio::awaitable<void> putObject(Exchange& exchange) {
   const auto spool = std::make_unique<Spool>();
   const auto bytes = co_await takeBody(exchange, *spool);
   exchange.client.setDeadline(ClientStream::Time::max());
-  const bool isCopy = !exchange.header("x-amz-copy-source").empty();
-  if (exchange.options->writeBack && !isConditional(exchange) && !isCopy) {
+  if (exchange.options->writeBack && !isConditional(exchange) && !wantsMore(exchange)) {
     co_await putStaged(exchange, bytes);
   } else {
     co_await putThrough(exchange, bytes);
@@ -129,7 +148,7 @@ asio::awaitable<void> deleteObject(Exchange& exchange) {
   exchange.client.setDeadline(ClientStream::Time::max());
   OriginCall call = callOf(exchange);
   Service& service = exchange.service;
-  Changed changed = co_await service.passers.run([&] { return removeAtStore(service, call); });
+  const Changed changed = co_await service.passers.run([&] { return changeAtStore(service, call); });
   co_await relayChange(exchange, changed);
 }
 

@@ -171,7 +171,8 @@ asio::awaitable<void> getObject(Exchange& exchange) {
     if (!found.info->mayStore) co_return co_await passThrough(exchange, "fwd=bypass");
     if (found.isStale) ++service.stats.stale;
     if (co_await answerFound(exchange, found)) co_return;
-    service.index.erase(exchange.target().key);
+    if (!service.index.erase(exchange.target().key, *found.info))
+      throw Refused(503, "what is staged can't be read just now");
   }
   throw Refused(503, "the object changes all the time");
 }

@@ -90,6 +90,10 @@ Headers forwardedHeaders(const Exchange& exchange) {
 asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   Service& service = exchange.service;
   ++service.stats.passed;
+  // An object whose upload would come over the one that this makes.
+  if (exchange.method() == "POST" && queryValue(exchange.target().query, "uploadId") &&
+      !service.cache.stagedObjects(exchange.target().key).empty())
+    throw Refused(503, "the object is to be uploaded first");
   const auto spool = std::make_shared<Spool>();
   const auto call = std::make_shared<OriginCall>(passedOn(exchange));
   call->hasBody = exchange.hasBody();

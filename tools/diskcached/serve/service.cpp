@@ -7,12 +7,6 @@ namespace {
 // Longer queues would only keep clients waiting for what they have given up.
 constexpr size_t QUEUED_A_THREAD = 16;
 
-ObjectInfoPointer deletionMark() {
-  auto mark = std::make_shared<ObjectInfo>();
-  mark->isRemembered = true;
-  return mark;
-}
-
 }  // namespace
 
 Service::Service(std::shared_ptr<const Options> options, ObjectStore::ObjectCache& itsCache,
@@ -41,10 +35,7 @@ void Service::stopWorkers() {
 }
 
 void Service::forget(const std::string& key) {
-  const ObjectInfoPointer known = index.find(key);
-  // That a staged object was deleted must be known until its upload has been given up.
-  index.change(key, known && known->isStaged ? deletionMark() : nullptr);
-  if (known) cache.drop(key, known->version, known->size);
+  if (const ObjectInfoPointer known = index.forget(key)) cache.drop(key, known->version, known->size);
 }
 
 }  // namespace diskcached

@@ -35,7 +35,8 @@ class Service {
   // When no connection needs them any more.
   void stopWorkers();
 
-  // Forgets an object that was changed; a look at the store that is under way counts no more.
+  // Forgets an object that may have changed, unless it is staged; a look at the store that is under way counts no
+  // more.
   void forget(const std::string& key);
 
  private:

@@ -2,12 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 
 namespace diskcached {
+
+namespace {
+
+constexpr uint64_t SHARE_LEFT_FREE = 20;
+
+}  // namespace
 
 Spool::~Spool() {
   if (m_mapped != nullptr) munmap(m_mapped, m_size);
@@ -24,6 +31,7 @@ int Spool::open(const std::string& dir) {
 }
 
 int Spool::append(std::span<const std::byte> bytes) {
+  if (!hasRoom()) return ENOSPC;
   while (!bytes.empty()) {
     const ssize_t written = write(m_fd, bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
@@ -32,6 +40,12 @@ int Spool::append(std::span<const std::byte> bytes) {
     bytes = bytes.subspan(static_cast<size_t>(written));
   }
   return 0;
+}
+
+// Bodies must not take the last of the space from the files that say what is cached.
+bool Spool::hasRoom() const {
+  struct statvfs status {};
+  return fstatvfs(m_fd, &status) != 0 || status.f_bavail >= status.f_blocks / SHARE_LEFT_FREE;
 }
 
 int Spool::map(std::span<const std::byte>& bytes) {

@@ -17,13 +17,15 @@ class Spool {
   Spool(const Spool&) = delete;
   Spool& operator=(const Spool&) = delete;
 
-  // Each returns 0 or why not.
+  // Each returns 0 or why not. A twentieth of the file system stays free (ENOSPC).
   int open(const std::string& dir);
   int append(std::span<const std::byte> bytes);
   // Makes all that was appended one span, for as long as the spool lives.
   int map(std::span<const std::byte>& bytes);
 
  private:
+  bool hasRoom() const;
+
   int m_fd = -1;
   uint64_t m_size = 0;
   void* m_mapped = nullptr;

@@ -1,11 +1,13 @@
 #include "serve/staging.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <vector>
 
 #include "origin/digest.h"
 #include "serve/spool.h"
+#include "support/log.h"
 
 namespace diskcached {
 
@@ -41,10 +43,29 @@ OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std:
 
 // From now on the store's word counts; where it names the object alike, what is on disk stays of use.
 void markUploaded(Service& service, const ObjectStore::StagedObject& object, const OriginReply& reply) {
-  if (headerOf(reply.headers, "etag") != object.version) return service.index.change(object.key, nullptr);
+  const ObjectInfoPointer known = service.index.find(object.key);
+  if (known && known->isStaged && known->version != object.version) return;
   auto info = std::make_shared<ObjectInfo>(
       describeObject(object.metadata, object.size, *service.options(), Clock::now()));
+  if (headerOf(reply.headers, "etag") != info->version) info = nullptr;
   service.index.change(object.key, std::move(info));
+  service.index.sync();  // from its release on the cache does not tell of it any more
+}
+
+ObjectInfoPointer describeStaged(Metadata kept, uint64_t size, std::string_view version,
+                                 const Options& options, Clock::time_point when) {
+  auto info = std::make_shared<ObjectInfo>(describeObject(std::move(kept), size, options, when));
+  info->version = version;
+  info->mayStore = info->isStaged = true;
+  return info;
+}
+
+// The ETag; longer while the same bytes are staged, maybe with other headers.
+std::string freeVersion(Service& service, const std::string& key, std::string version) {
+  const auto staged = service.cache.stagedObjects(key);
+  const auto isTaken = [&](const auto& object) { return object->version == version; };
+  while (std::any_of(staged.begin(), staged.end(), isTaken)) version += '+';
+  return version;
 }
 
 }  // namespace
@@ -53,21 +74,46 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
                         Metadata kept, const Options& options) {
   const std::string etag = '"' + md5Of(bytes) + '"';
   kept["etag"] = etag;
-  auto info = std::make_shared<ObjectInfo>(describeObject(kept, bytes.size(), options, Clock::now()));
-  info->mayStore = info->isStaged = true;
   const KxCriticalSectionLock lock(&service.keyLocks.of(key));
-  CZuError error = service.cache.stage(key, etag, bytes, kept);
+  const std::string version = freeVersion(service, key, etag);
+  CZuError error = service.cache.stage(key, version, bytes, kept);
   if (error.IsError()) return {.error = std::move(error)};
-  service.index.change(key, std::move(info));
-  if (const int errNo = service.index.sync(); errNo != 0)
-    return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errNo, "the index can't be written")};
+  if (giveUpStaged(service, key, version) == GivenUp::Failed) {
+    (void)service.cache.discardStaged(key, version);
+    return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EIO, "what it replaces can't be given up")};
+  }
+  service.index.change(key, describeStaged(std::move(kept), bytes.size(), version, options, Clock::now()));
   return {.etag = etag};
+}
+
+GivenUp giveUpStaged(Service& service, const std::string& key, std::string_view replacement) {
+  GivenUp result = GivenUp::Nothing;
+  for (const auto& object : service.cache.stagedObjects(key)) {
+    if (object->version == replacement) continue;
+    const CZuError error = service.cache.discardStaged(key, object->version);
+    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) {
+      DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
+      return GivenUp::Failed;
+    }
+    result = GivenUp::All;
+  }
+  const ObjectInfoPointer known = service.index.find(key);
+  if (replacement.empty() && known && known->isStaged) service.index.change(key, nullptr);
+  return result;
+}
+
+void adoptStaged(Service& service) {
+  for (const auto& object : service.cache.stagedObjects()) {
+    const ObjectInfoPointer older = service.index.find(object->key);
+    if (older && older->isStaged) (void)service.cache.discardStaged(object->key, older->version);
+    service.index.change(object->key, describeStaged(object->metadata, object->size, object->version,
+                                                     *service.options(), object->stagedAt));
+  }
 }
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
   const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
-  const ObjectInfoPointer known = service.index.find(object.key);
-  if (known && known->version != object.version) return {};
+  if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
   Spool spool;
   std::span<const std::byte> bytes;
   if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError())

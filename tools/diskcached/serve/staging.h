@@ -1,4 +1,5 @@
-// Write-back: objects that are safe here before the store has them.
+// Write-back: objects that are safe here before the store has them. That they are staged the cache knows; the
+// index only makes them visible.
 #pragma once
 
 #include <span>
@@ -19,5 +20,14 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 
 // Gives a staged object to the store, unless it was replaced or deleted since.
 ObjectStore::CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object);
+
+// Gives up what is staged of a key, but for the version that replaces it: after the change has succeeded, so that
+// a kill leaves the state before or after it. To be called under the key's lock.
+enum class GivenUp { Nothing, All, Failed };
+GivenUp giveUpStaged(Service& service, const std::string& key, std::string_view replacement = {});
+
+// Makes known what the last run has staged; where it was killed in a change, the newer object counts. To be called
+// before uploads and requests.
+void adoptStaged(Service& service);
 
 }  // namespace diskcached
