@@ -26,13 +26,15 @@ struct Changed {
 // One change of a key at a time. What a look at the store tells that began before its end counts no more.
 Changed changeAtStore(Service& service, OriginCall call) {
   Changed changed;
+  bool isTooLong = false;
   call.onBody = [&](std::span<const std::byte> bytes) {
-    const size_t room = MOST_TEXT - changed.text.size();
-    changed.text.append(reinterpret_cast<const char*>(bytes.data()), std::min(bytes.size(), room));
-    return true;
+    isTooLong = bytes.size() > MOST_TEXT - changed.text.size();
+    if (!isTooLong) changed.text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return !isTooLong;
   };
   const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
   changed.reply = service.origin.call(call);
+  if (isTooLong) changed.reply.error = "the answer is too long";
   // Also after an error: the store may have done what it could not say.
   if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forget(call.key);
   return changed;
@@ -52,7 +54,8 @@ Changed removeAtStore(Service& service, const OriginCall& call) {
 asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   const OriginReply& reply = changed.reply;
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
-  if (reply.status == 0) throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
+  if (reply.status == 0 || !reply.error.empty())
+    throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
   AnswerHead head(reply.status);
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
