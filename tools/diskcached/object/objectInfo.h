@@ -23,7 +23,7 @@ struct ObjectInfo {
   Metadata headers;  // those that are cached, by lower-case name
   Clock::time_point checkedAt, freshUntil;
   Clock::time_point leaveAloneUntil{};  // until then served stale without asking a store in trouble
-  bool mayStore = true;                 // the store allows it, and there is a version to know it by;
+  bool mayStore = true;                 // the store allows it, and its version tells enough
   bool isWithoutRanges = false;         // the store gives this object as a whole only
   bool mayServeStale = true;            // the store allows it
   bool isStaged = false;                // not uploaded yet: nobody else has it

@@ -94,7 +94,8 @@ Found Lookups::ask(const std::string& key, uint64_t ticket, const Options& optio
     (void)m_index.putFound(key, nullptr, ticket);
     return {.reply = std::move(reply), .isAsked = true};
   }
-  if (known && known->version == info->version && known->isWithoutRanges) info->forbidParts(options);
+  info->isWithoutRanges = known && known->version == info->version && known->isWithoutRanges;
+  if (info->isWithoutRanges) info->forbidParts(options);
   if (!info->mayStore) info->freshUntil = std::min(info->freshUntil, now + REMEMBER_UNSTORABLE);
   auto made = std::make_shared<const ObjectInfo>(std::move(*info));
   // Changed by a client meanwhile: what he has made is newer than what was seen.
