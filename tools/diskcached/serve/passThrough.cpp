@@ -55,8 +55,8 @@ std::vector<std::string> changedBy(const OriginCall& call) {
 // begin to answer before it is done. Parts of an upload change nothing yet, and come side by side.
 OriginReply callStore(Service& service, OriginCall& call, PassStream& stream,
                       const std::vector<std::string>& changed) {
-  const bool isAlone = changed.empty() || queryValue(call.query, "partNumber");
-  KxCriticalSectionLock lock(isAlone ? nullptr : &service.keyLocks.of(call.key));
+  const bool isOfOne = changed.size() == 1 && !queryValue(call.query, "partNumber");
+  KxCriticalSectionLock lock(isOfOne ? &service.keyLocks.of(call.key) : nullptr);
   const auto forgetChanged = [&](const OriginReply& reply) {
     if (!reply.isSuccess() && !reply.isTrouble()) return;
     for (const std::string& key : changed) service.forget(key);
