@@ -1,8 +1,10 @@
 // The pure functions on requests, in tables.
 #include <gtest/gtest.h>
 
+#include "http/conditions.h"
 #include "http/headGuard.h"
-#include "http/range.h"
+#include "http/httpDate.h"
+#include "http/multiDelete.h"
 #include "http/target.h"
 #include "origin/signature.h"
 
@@ -34,6 +36,48 @@ TEST(HttpTest, TargetsNameKeysOrNothing) {
     EXPECT_FALSE(parseTarget(refused)) << refused;
   EXPECT_EQ(canonicalQuery("uploads&b=2&a=x y/z%7e&a=%41"), "a=A&a=x%20y%2Fz~&b=2&uploads=");
   EXPECT_EQ(queryValue("a=1&prefix=x%2Fy", "prefix"), "x/y");
+}
+
+TEST(HttpTest, OnlyWhatNamesOneVersionForCertainLetsAPartBeAnswered) {
+  const std::string_view date = "Sun, 06 Nov 1994 08:49:37 GMT", later = "Sun, 06 Nov 1994 08:49:38 GMT";
+  const std::time_t second = *parseHttpDate(std::string(date));
+  const struct {
+    std::string_view ifRange, etag;
+    std::time_t lookedAt;
+    bool mayBe;
+  } cases[] = {{"", "W/\"a\"", second, true},         {"\"a\"", "\"a\"", second, true},
+               {"W/\"a\"", "W/\"a\"", second, false}, {"\"a\"", "W/\"a\"", second, false},
+               {"W/\"a\"", "\"a\"", second, false},   {date, "\"a\"", second + 1, true},
+               {date, "\"a\"", second, false},        {later, "\"a\"", second + 9, false},
+               {"yesterday", "", second + 9, false}};
+  for (const auto& c : cases)
+    EXPECT_EQ(mayAnswerPart(c.ifRange, c.etag, date, c.lookedAt), c.mayBe) << c.ifRange << c.etag;
+}
+
+TEST(HttpTest, KeysToDeleteAreReadWholeOrNotAtAll) {
+  using Keys = std::vector<std::string>;
+  const auto object = [](const std::string& key) { return "<Object>\n<Key>" + key + "</Key></Object>"; };
+  const struct {
+    std::string xml;
+    Keys keys;
+  } cases[] = {
+      {object("a/b c") + object(""), {"a/b c", ""}},
+      {object("&lt;&gt;&amp;amp;&quot;&apos;"), {"<>&amp;\"'"}},
+      {object("&#65;&#x7f;&#xe4;&#x7ff;&#x800;&#8364;&#xffff;&#x10000;&#x10ffff;"),
+       {"A\x7f\xc3\xa4\xdf\xbf\xe0\xa0\x80\xe2\x82\xac\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}},
+      {"<s:Key xmlns:s='u'>a</s:Key ><Keys>b</Keys><Quiet/>", {"a"}},
+      {object("a") + object("&other;"), {}},
+      {object("a") + object("&#x110000;"), {}},
+      {object("&#;"), {}},
+      {object("&amp"), {}},
+      {object("&"), {}},
+      {object("<![CDATA[a]]>"), {}},
+      {object("a<!-- -->b"), {}},
+      {"<Key>a", {}},
+      {"<Key", {}},
+      {"", {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(keysToDelete(c.xml), c.keys) << c.xml;
 }
 
 TEST(HttpTest, HeadsThatTwoCouldReadInTwoWaysAreRefused) {

@@ -39,7 +39,7 @@ constexpr const char* HELP =
 Exit status: 0 success, 2 bad input, 3 the server does not answer at the start; later that is told, and it goes on.
 
 Example:
-  diskcachectl top http://localhost:8080/metrics)";
+  diskcachectl top http://localhost:9090/metrics)";
 
 struct Options {
   std::string url;

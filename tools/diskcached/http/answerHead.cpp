@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <boost/beast/http/status.hpp>
 #include <ctime>
 #include <iterator>
 
@@ -21,35 +22,15 @@ const std::string& dateNow() {
   return text;
 }
 
-}  // namespace
-
+// Without one for a status that nobody knows.
 std::string_view reasonOf(unsigned status) {
-  switch (status) {
-    case 200: return "OK";
-    case 201: return "Created";
-    case 204: return "No Content";
-    case 206: return "Partial Content";
-    case 304: return "Not Modified";
-    case 400: return "Bad Request";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 408: return "Request Timeout";
-    case 412: return "Precondition Failed";
-    case 413: return "Content Too Large";
-    case 414: return "URI Too Long";
-    case 416: return "Range Not Satisfiable";
-    case 417: return "Expectation Failed";
-    case 431: return "Request Header Fields Too Large";
-    case 501: return "Not Implemented";
-    case 502: return "Bad Gateway";
-    case 503: return "Service Unavailable";
-    case 504: return "Gateway Timeout";
-    case 505: return "HTTP Version Not Supported";
-    case 507: return "Insufficient Storage";
-    default: return "Status";
-  }
+  const auto known = boost::beast::http::int_to_status(status);
+  if (known == boost::beast::http::status::unknown) return "";
+  const auto reason = boost::beast::http::obsolete_reason(known);
+  return {reason.data(), reason.size()};
 }
+
+}  // namespace
 
 AnswerHead::AnswerHead(unsigned status) : m_status(status) {
   m_text.reserve(512);

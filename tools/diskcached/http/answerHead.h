@@ -7,8 +7,6 @@
 
 namespace diskcached {
 
-std::string_view reasonOf(unsigned status);
-
 class AnswerHead {
  public:
   explicit AnswerHead(unsigned status);

@@ -62,10 +62,12 @@ Verdict judge(const Conditions& conditions, std::string_view etag, std::string_v
   return Verdict::Proceed;
 }
 
-bool mayAnswerPart(std::string_view ifRange, std::string_view etag, std::string_view lastModified) {
+bool mayAnswerPart(std::string_view ifRange, std::string_view etag, std::string_view lastModified,
+                   std::time_t lookedAt) {
   if (ifRange.empty()) return true;
   if (ifRange.ends_with('"')) return isSame(ifRange, etag, Comparison::Strong);
-  return ifRange == lastModified;
+  const auto changed = parseHttpDate(std::string(lastModified));
+  return ifRange == lastModified && changed && *changed < lookedAt;
 }
 
 }  // namespace diskcached

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "http/text.h"
+
 namespace diskcached {
 namespace {
 
@@ -55,6 +57,13 @@ void eachParameter(std::string_view query, F visit) {
   }
 }
 
+bool isOfSignature(std::string_view name, bool isOldKind) {
+  const auto is = [name](std::string_view other) { return equalsIgnoringCase(name, other); };
+  if (isOldKind && (is("awsaccesskeyid") || is("signature") || is("expires"))) return true;
+  return is("x-amz-algorithm") || is("x-amz-credential") || is("x-amz-date") || is("x-amz-expires") ||
+         is("x-amz-signedheaders") || is("x-amz-signature") || is("x-amz-security-token");
+}
+
 }  // namespace
 
 std::optional<std::string> decodeEscapes(std::string_view text) {
@@ -102,6 +111,17 @@ std::string canonicalQuery(std::string_view query) {
   std::sort(parts.begin(), parts.end());
   std::string out;
   for (const std::string& part : parts) out += (out.empty() ? "" : "&") + part;
+  return out;
+}
+
+std::string withoutSignature(std::string_view query) {
+  const bool isOldKind = queryValue(query, "AWSAccessKeyId").has_value();
+  std::string out;
+  eachParameter(query, [&](std::string_view name, std::string_view value) {
+    if (isOfSignature(decodeEscapes(name).value_or(""), isOldKind)) return;
+    const char* const end = value.data() + value.size();
+    out.append(out.empty() ? "" : "&").append(name.data(), end);
+  });
   return out;
 }
 

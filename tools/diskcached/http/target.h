@@ -21,6 +21,9 @@ std::string encodePath(std::string_view key);
 // The same parameters in the order and spelling that a signature is taken over.
 std::string canonicalQuery(std::string_view query);
 
+// The same query without the parameters that sign a request: what they hold is a secret, and for one store only.
+std::string withoutSignature(std::string_view query);
+
 // Bytes with each escape replaced; none when one is broken.
 std::optional<std::string> decodeEscapes(std::string_view text);
 // The decoded value of the first parameter with this name.

@@ -10,6 +10,8 @@ namespace {
 
 using std::chrono::seconds;
 
+constexpr uint64_t MOST_SECONDS = 1U << 31U;
+
 std::string lowered(std::string_view text) {
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(),
@@ -40,7 +42,7 @@ void readDirective(std::string_view part, Directives& found) {
   if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
     value = value.substr(1, value.size() - 2);
   const auto number = parseNumber(value);
-  const auto age = number ? std::optional(seconds(std::min<uint64_t>(*number, 1U << 31U))) : std::nullopt;
+  const auto age = number ? std::optional(seconds(std::min(*number, MOST_SECONDS))) : std::nullopt;
   if (name == "no-store" || name == "private") found.mayStore = false;
   if (name == "no-cache") found.maxAge = found.sharedMaxAge = seconds(0);
   if (name == "must-revalidate" || name == "proxy-revalidate" || name == "no-cache")
@@ -101,27 +103,31 @@ std::optional<ObjectInfo> describeObject(const Headers& headers, const Options& 
                                          Clock::time_point now) {
   const auto size = parseNumber(headerOf(headers, "content-length"));
   if (!size) return std::nullopt;
-  return describeObject(cachedHeaders(headers), *size, options, now);
+  const seconds age(std::min(parseNumber(headerOf(headers, "age")).value_or(0), MOST_SECONDS));
+  return describeObject(cachedHeaders(headers), *size, options, now, age);
 }
 
-ObjectInfo describeObject(Metadata kept, uint64_t size, const Options& options, Clock::time_point now) {
+ObjectInfo describeObject(Metadata kept, uint64_t size, const Options& options, Clock::time_point now,
+                          seconds age) {
   ObjectInfo info;
   info.size = size;
   info.version = versionOf(kept, size);
   info.headers = std::move(kept);
-  info.checkedAt = now;
+  info.checkedAt = now - age;
   const Directives directives = readCacheControl(info.header("cache-control"));
   info.mayStore = directives.mayStore && !info.version.empty();
+  // Two objects of one weak tag, or of one date and size, may differ in bytes.
+  if (info.header("etag").empty() || info.header("etag").starts_with("W/")) info.forbidParts(options);
   info.mayServeStale = directives.mayServeStale;
   const bool isForEver = options.freshFor == seconds::max() || (directives.isImmutable && !directives.age());
-  const auto age = directives.age();
+  const auto lifetime = directives.age();
   const auto expires = parseHttpDate(std::string(info.header("expires")));
-  if (age) {
-    info.freshUntil = now + *age;
-  } else if (isForEver) {
-    info.freshUntil = Clock::time_point::max();
+  if (lifetime) {
+    info.freshUntil = info.checkedAt + *lifetime;
   } else if (!info.header("expires").empty()) {
     info.freshUntil = expires ? clockTimeOf(*expires) : now;
+  } else if (isForEver) {
+    info.freshUntil = Clock::time_point::max();
   } else {
     info.freshUntil = now + options.freshFor;
   }

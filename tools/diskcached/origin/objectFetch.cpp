@@ -18,12 +18,15 @@ class PartFetch {
       : m_origin(origin), m_key(key), m_info(info), m_from(from), m_to(to), m_onBytes(onBytes) {}
 
   FetchOutcome run() {
+    const std::string_view tag = m_info.header("etag");
+    const bool isStrong = !tag.empty() && !tag.starts_with("W/");
     for (unsigned breaks = 0; breaks < MOST_BREAKS; ++breaks) {
       const size_t before = m_got;
       const OriginReply reply = ask();
       if (m_got == m_to.size()) return {};
       if (m_errNo != 0) return {m_errNo, m_error};
-      if (m_got == before) return failure(reply);
+      // The rest may be that of other bytes, where the version does not tell these apart.
+      if (m_got == before || !isStrong) return failure(reply);
     }
     return {EIO, "the store breaks off again and again"};
   }
@@ -49,6 +52,9 @@ class PartFetch {
       return true;  // trouble, of which there is no body to take
     if (versionOf(cachedHeaders(reply.headers), m_info.size) != m_info.version)
       return stop(ESTALE, "the object has another version");
+    // Block by block, such an object would cost itself for each of its blocks.
+    if (reply.status == 200 && m_to.size() < m_info.size)
+      return stop(ENOTSUP, "the store knows no ranges of the object");
     m_skip = first;
     if (reply.status == 206) {
       const auto range = parseContentRange(headerOf(reply.headers, "content-range"));

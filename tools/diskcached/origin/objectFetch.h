@@ -12,7 +12,9 @@
 namespace diskcached {
 
 struct FetchOutcome {
-  int errNo = 0;  // ESTALE: the store has another version by now; ETIMEDOUT, EIO, EACCES
+  // ESTALE: the store has another version by now; ENOTSUP: it gives the whole object only; ETIMEDOUT, EIO,
+  // EACCES
+  int errNo = 0;
   std::string error{};
 };
 

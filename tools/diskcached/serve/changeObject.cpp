@@ -40,15 +40,17 @@ bool hasReplaced(const OriginCall& call, const Changed& changed) {
 // staged goes when the store has made the change, and not before: else it is as if it had not been asked for.
 Changed changeAtStore(Service& service, OriginCall call) {
   Changed changed;
+  bool isTooLong = false;
   call.onBody = [&](std::span<const std::byte> bytes) {
-    const size_t room = MOST_TEXT - changed.text.size();
-    changed.text.append(reinterpret_cast<const char*>(bytes.data()), std::min(bytes.size(), room));
-    return true;
+    isTooLong = bytes.size() > MOST_TEXT - changed.text.size();
+    if (!isTooLong) changed.text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return !isTooLong;
   };
   const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
   if (mustWaitForUpload(service, call)) throw Refused(503, "the object is to be uploaded first");
   changed.reply = service.origin.call(call);
   if (hasReplaced(call, changed)) changed.staged = giveUpStaged(service, call.key);
+  if (isTooLong) changed.reply.error = "the answer is too long";
   // Also after an error: the store may have done what it could not say.
   if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forget(call.key);
   // An object that only this server had: the store knows nothing of it.
@@ -60,7 +62,8 @@ Changed changeAtStore(Service& service, OriginCall call) {
 asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   const OriginReply& reply = changed.reply;
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
-  if (reply.status == 0) throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
+  if (reply.status == 0 || !reply.error.empty())
+    throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
   if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
   AnswerHead head(reply.status);
   for (const auto& [name, value] : reply.headers) {

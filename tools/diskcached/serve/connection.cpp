@@ -66,7 +66,7 @@ asio::awaitable<Connection::Head> Connection::receiveHead() {
     if (std::max(end.size, end.size == 0 ? received.size() : 0) > m_options->maxHeaderBytes)
       co_return co_await refuse(431, "the head is too long"), Head();
     if (end.size > 0) co_return Head{end.size};
-    looked = received.size();
+    looked = received == "\r" ? 0 : received.size();  // it may be half of an empty line
     if (co_await m_client.receive(RECEIVED_AT_ONCE)) continue;
     if (m_client.isTimedOut() && !m_client.received().empty()) {
       ++m_service.stats.timeouts;

@@ -42,9 +42,13 @@ void Exchange::account() {
   boost::system::error_code error;
   const auto peer = client.socket().remote_endpoint(error);
   const std::string address = error ? "" : peer.address().to_string();
+  std::string_view target = view(request().target());
+  const std::string_view path = target.substr(0, target.find('?'));
+  target.remove_prefix(std::min(path.size() + 1, target.size()));
+  const std::string query = withoutSignature(target);
   service.accessLog.write({.client = address,
                            .method = m_method,
-                           .target = view(request().target()),
+                           .target = fmt::format("{}{}{}", path, query.empty() ? "" : "?", query),
                            .range = header(http::field::range),
                            .cache = m_cacheStatus,
                            .status = m_status,
@@ -129,6 +133,7 @@ asio::awaitable<void> Exchange::skipBody() {
 
 asio::awaitable<void> Exchange::sendHead(AnswerHead head, ClientStream::More more) {
   m_status = head.status();
+  if (m_isKeptAlive && !speaksChunks()) head.add("Connection", "keep-alive");
   const std::string text = head.finish(m_isKeptAlive);
   co_await client.send(text, more);
 }

@@ -32,7 +32,7 @@ class Answer {
     }
     RangeChoice choice;
     if (mayAnswerPart(m_exchange.header(http::field::if_range), m_info.header("etag"),
-                      m_info.header("last-modified")))
+                      m_info.header("last-modified"), Clock::to_time_t(m_info.checkedAt)))
       choice = chooseRange(m_exchange.header(http::field::range), m_info.size);
     if (choice.kind == RangeChoice::Unsatisfiable) co_return co_await sendEmpty(416);
     const ByteRange range = choice.kind == RangeChoice::Part ? choice.range : ByteRange{0, m_info.size};
@@ -142,15 +142,19 @@ asio::awaitable<void> answerWithout(Exchange& exchange, const OriginReply& reply
   co_await passThrough(exchange, "fwd=miss");
 }
 
-// False when the store has got another version while its bytes were fetched.
-asio::awaitable<bool> answerFound(Exchange& exchange, Found found) {
+// 0, or why the object must be answered otherwise: ESTALE, the store has got another version while its bytes
+// were fetched; ENOTSUP, it gives the whole object only.
+asio::awaitable<int> answerFound(Exchange& exchange, const Found& found) {
   try {
-    Answer answer(exchange, std::move(found));
+    Answer answer(exchange, found);
     co_await answer.run();
-    co_return true;
+    co_return 0;
   } catch (const BytesMissing& missing) {
+    if (missing.errNo == ENOTSUP)
+      exchange.service.lookups.noteWithoutRanges(exchange.target().key, found.info->version,
+                                                 *exchange.options);
     if (exchange.isAnswered()) throw ClientGone();  // the rest can't be sent, so the connection must end
-    if (missing.errNo == ESTALE) co_return false;
+    if (missing.errNo == ESTALE || missing.errNo == ENOTSUP) co_return missing.errNo;
     if (missing.errNo == EAGAIN) throw Overloaded();
     throw Refused(missing.errNo == ETIMEDOUT ? 504 : 502, "the store does not give the object");
   } catch (const Overloaded&) {
@@ -170,7 +174,9 @@ asio::awaitable<void> getObject(Exchange& exchange) {
     if (!found.info) co_return co_await answerWithout(exchange, found.reply);
     if (!found.info->mayStore) co_return co_await passThrough(exchange, "fwd=bypass");
     if (found.isStale) ++service.stats.stale;
-    if (co_await answerFound(exchange, found)) co_return;
+    const int errNo = co_await answerFound(exchange, found);
+    if (errNo == 0) co_return;
+    if (errNo == ENOTSUP) co_return co_await passThrough(exchange, "fwd=bypass");
     if (!service.index.erase(exchange.target().key, *found.info))
       throw Refused(503, "what is staged can't be read just now");
   }

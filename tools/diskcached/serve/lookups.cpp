@@ -26,32 +26,33 @@ asio::awaitable<Found> Lookups::find(std::string key, std::shared_ptr<const Opti
 }
 
 Lookups::Pending Lookups::join(const std::string& key, const std::shared_ptr<const Options>& options) {
-  Pending pending;
+  const auto pending = std::make_shared<Look>(m_index.ticket(key));
   {
     const KxCriticalSectionLock lock(&m_lock);
     Pending& entry = m_pending[key];
-    if (entry) return entry;
-    pending = entry = std::make_shared<Watched<State>>();
+    if (entry && entry->ticket == pending->ticket) return entry;
+    entry = pending;
   }
   const bool isPosted = m_workers.post([this, key, options, pending] {
     State state{.isDone = true};
     try {
-      state.found = std::make_shared<const Found>(ask(key, *options));
+      state.found = std::make_shared<const Found>(ask(key, pending->ticket, *options));
     } catch (const std::exception&) {
       state.isOverloaded = true;  // no memory
     }
-    end(key, *pending, std::move(state));
+    end(key, pending, std::move(state));
   });
-  if (!isPosted) end(key, *pending, {.isDone = true, .isOverloaded = true});
+  if (!isPosted) end(key, pending, {.isDone = true, .isOverloaded = true});
   return pending;
 }
 
-void Lookups::end(const std::string& key, Watched<State>& pending, State state) {
+void Lookups::end(const std::string& key, const Pending& pending, State state) {
   {
     const KxCriticalSectionLock lock(&m_lock);
-    m_pending.erase(key);
+    if (const auto found = m_pending.find(key); found != m_pending.end() && found->second == pending)
+      m_pending.erase(found);
   }
-  pending.change([&](State& now) {
+  pending->change([&](State& now) {
     now = state;
     return true;
   });
@@ -65,13 +66,13 @@ ObjectInfoPointer Lookups::recall(const std::string& key, const ObjectInfo& reme
   if (!found || found.objectSize != remembered.size) return nullptr;
   auto info = std::make_shared<ObjectInfo>(
       describeObject(*found.metadata, found.objectSize, options, remembered.checkedAt));
+  if (info->version != remembered.version) return nullptr;  // stored without its headers
   info->isStaged = remembered.isStaged;
   info->mayStore = info->mayStore || info->isStaged;
   return info;
 }
 
-Found Lookups::ask(const std::string& key, const Options& options) {
-  const uint64_t ticket = m_index.ticket(key);
+Found Lookups::ask(const std::string& key, uint64_t ticket, const Options& options) {
   ObjectInfoPointer known = m_index.find(key);
   if (known && known->isRemembered) {
     known = recall(key, *known, options);
@@ -93,6 +94,8 @@ Found Lookups::ask(const std::string& key, const Options& options) {
     (void)m_index.putFound(key, nullptr, ticket);
     return {.reply = std::move(reply), .isAsked = true};
   }
+  info->isWithoutRanges = known && known->version == info->version && known->isWithoutRanges;
+  if (info->isWithoutRanges) info->forbidParts(options);
   if (!info->mayStore) info->freshUntil = std::min(info->freshUntil, now + REMEMBER_UNSTORABLE);
   auto made = std::make_shared<const ObjectInfo>(std::move(*info));
   // Changed by a client meanwhile: what he has made is newer than what was seen.
@@ -100,6 +103,17 @@ Found Lookups::ask(const std::string& key, const Options& options) {
     if (ObjectInfoPointer newer = m_index.find(key)) made = std::move(newer);
   }
   return {.info = std::move(made), .reply = std::move(reply), .isAsked = true, .wasKnown = known != nullptr};
+}
+
+void Lookups::noteWithoutRanges(const std::string& key, const std::string& version, const Options& options) {
+  const uint64_t ticket = m_index.ticket(key);
+  const ObjectInfoPointer known = m_index.find(key);
+  if (!known || known->version != version || known->isStaged) return;
+  auto noted = std::make_shared<ObjectInfo>(*known);
+  noted->isWithoutRanges = true;
+  noted->forbidParts(options);
+  noted->freshUntil = std::min(noted->freshUntil, Clock::now() + REMEMBER_UNSTORABLE);
+  (void)m_index.putFound(key, std::move(noted), ticket);
 }
 
 Found Lookups::troubled(const std::string& key, ObjectInfoPointer known, OriginReply reply, uint64_t ticket,

@@ -33,6 +33,8 @@ class Lookups {
 
   // Throws Overloaded.
   asio::awaitable<Found> find(std::string key, std::shared_ptr<const Options> options);
+  // Remembers that the store gives this version as a whole only.
+  void noteWithoutRanges(const std::string& key, const std::string& version, const Options& options);
 
  private:
   struct State {
@@ -40,11 +42,16 @@ class Lookups {
     bool isOverloaded = false;
     std::shared_ptr<const Found> found{};
   };
-  using Pending = std::shared_ptr<Watched<State>>;
+  struct Look : Watched<State> {
+    explicit Look(uint64_t itsTicket) : ticket(itsTicket) {}
+    const uint64_t ticket;  // of the index when it began
+  };
+  using Pending = std::shared_ptr<Look>;
 
+  // One that began after the last change of the key, so that nobody is told what was before it.
   Pending join(const std::string& key, const std::shared_ptr<const Options>& options);
-  void end(const std::string& key, Watched<State>& pending, State state);
-  Found ask(const std::string& key, const Options& options);
+  void end(const std::string& key, const Pending& pending, State state);
+  Found ask(const std::string& key, uint64_t ticket, const Options& options);
   ObjectInfoPointer recall(const std::string& key, const ObjectInfo& remembered, const Options& options);
   Found troubled(const std::string& key, ObjectInfoPointer known, OriginReply reply, uint64_t ticket,
                  const Options& options);

@@ -2,12 +2,21 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
+#include <utility>
+
+#include "http/multiDelete.h"
 #include "http/range.h"
 #include "serve/passStream.h"
 #include "serve/requestBody.h"
 
 namespace diskcached {
+
+using ObjectStore::KxCriticalSectionLock;
+
 namespace {
+
+constexpr size_t MOST_LISTED = 2 << 20;  // bytes of a list of keys to delete: a store takes 1000 of them
 
 bool isForwarded(std::string_view name) {
   if (isHopByHop(name)) return false;
@@ -24,12 +33,54 @@ OriginCall passedOn(const Exchange& exchange) {
   OriginCall call;
   call.method = exchange.method();
   call.key = exchange.target().key;
-  call.query = canonicalQuery(exchange.target().query);
+  call.query = canonicalQuery(withoutSignature(exchange.target().query));
   call.headers = forwardedHeaders(exchange);
   if (const std::string_view range = exchange.header(http::field::range); !range.empty())
     call.headers.emplace_back("Range", range);
   call.mayRepeat = call.method == "GET" || call.method == "HEAD";
   return call;
+}
+
+// The objects that a request may change: the one it names, and those that it lists.
+std::vector<std::string> changedBy(const OriginCall& call) {
+  if (call.method == "GET" || call.method == "HEAD" || call.method == "OPTIONS") return {};
+  std::vector<std::string> changed = {call.key};
+  if (call.method != "POST" || !queryValue(call.query, "delete")) return changed;
+  if (call.body.size() > MOST_LISTED) throw Refused(413, "the list of keys is too long");
+  const auto listed = keysToDelete({reinterpret_cast<const char*>(call.body.data()), call.body.size()});
+  if (listed.empty()) throw Refused(400, "the keys to delete can't be read");
+  const std::string bucket = call.key.empty() || call.key.ends_with('/') ? call.key : call.key + '/';
+  for (const std::string& key : listed) changed.push_back(bucket + key);
+  return changed;
+}
+
+// By the upload of an object that is staged here: it would come over the one that an upload in parts makes, and bring
+// back what a list of keys deletes.
+bool wouldBeUndone(Service& service, const OriginCall& call, const std::vector<std::string>& changed) {
+  if (call.method != "POST" || !(queryValue(call.query, "uploadId") || queryValue(call.query, "delete")))
+    return false;
+  return std::any_of(changed.begin(), changed.end(),
+                     [&](const std::string& key) { return !service.cache.stagedObjects(key).empty(); });
+}
+
+// Makes the call, and forgets what it changes before its answer can be seen, and again at the end: a store may
+// begin to answer before it is done. Parts of an upload change nothing yet, and come side by side.
+OriginReply callStore(Service& service, OriginCall& call, PassStream& stream,
+                      const std::vector<std::string>& changed) {
+  const bool isOfOne = changed.size() == 1 && !queryValue(call.query, "partNumber");
+  KxCriticalSectionLock lock(isOfOne ? &service.keyLocks.of(call.key) : nullptr);
+  const auto forgetChanged = [&](const OriginReply& reply) {
+    if (!reply.isSuccess() && !reply.isTrouble()) return;
+    for (const std::string& key : changed) service.forget(key);
+  };
+  call.onHead = [&](const OriginReply& reply) DC_NO_THREAD_SAFETY_ANALYSIS {
+    forgetChanged(reply);
+    lock.resetCriticalSection(nullptr);  // the client may be slow
+    return stream.putHead(reply);
+  };
+  OriginReply reply = service.origin.call(call);
+  forgetChanged(reply);
+  return reply;
 }
 
 // What the store answered, piece by piece; a length that it told is told on.
@@ -90,23 +141,17 @@ Headers forwardedHeaders(const Exchange& exchange) {
 asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   Service& service = exchange.service;
   ++service.stats.passed;
-  // An object whose upload would come over the one that this makes.
-  if (exchange.method() == "POST" && queryValue(exchange.target().query, "uploadId") &&
-      !service.cache.stagedObjects(exchange.target().key).empty())
-    throw Refused(503, "the object is to be uploaded first");
   const auto spool = std::make_shared<Spool>();
   const auto call = std::make_shared<OriginCall>(passedOn(exchange));
   call->hasBody = exchange.hasBody();
   call->body = co_await takeBody(exchange, *spool);
+  auto changed = changedBy(*call);
+  if (wouldBeUndone(service, *call, changed)) throw Refused(503, "what is staged is to be uploaded first");
   const auto stream = std::make_shared<PassStream>();
   const Abandon abandon(*stream);
-  call->onHead = [stream](const OriginReply& reply) { return stream->putHead(reply); };
   call->onBody = [stream](std::span<const std::byte> bytes) { return stream->putBody(bytes); };
-  const bool isChange = call->method != "GET" && call->method != "HEAD" && call->method != "OPTIONS";
-  const bool isPosted = service.passers.post([&service, call, stream, spool, isChange] {
-    OriginReply reply = service.origin.call(*call);
-    if (isChange) service.forget(call->key);
-    stream->end(std::move(reply));
+  const bool isPosted = service.passers.post([&service, call, stream, spool, changed = std::move(changed)] {
+    stream->end(callStore(service, *call, *stream, changed));
   });
   if (!isPosted) throw Overloaded();
   exchange.client.setDeadline(ClientStream::Time::max());
