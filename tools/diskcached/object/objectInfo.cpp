@@ -10,6 +10,9 @@ namespace {
 
 using std::chrono::seconds;
 
+// Of an object: 8 TiB in blocks of a MiB. Giving an object up means a look at each, whatever a store says of its size.
+constexpr uint64_t MOST_BLOCKS = 1 << 23;
+
 std::string lowered(std::string_view text) {
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(),
@@ -94,7 +97,7 @@ std::string versionOf(const Metadata& headers, uint64_t size) {
 std::optional<ObjectInfo> describeObject(const Headers& headers, const Options& options,
                                          Clock::time_point now) {
   const auto size = parseNumber(headerOf(headers, "content-length"));
-  if (!size) return std::nullopt;
+  if (!size || *size / options.blockSize >= MOST_BLOCKS) return std::nullopt;
   return describeObject(cachedHeaders(headers), *size, options, now);
 }
 

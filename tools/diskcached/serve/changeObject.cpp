@@ -12,8 +12,6 @@
 
 namespace diskcached {
 
-using ObjectStore::KxCriticalSectionLock;
-
 namespace {
 
 constexpr size_t MOST_TEXT = 64 << 10;  // of what the store says to a change
@@ -23,7 +21,7 @@ struct Changed {
   std::string text;
 };
 
-// One change of a key at a time. What a look at the store tells that began before its end counts no more.
+// What a look at the store tells that began before its end counts no more.
 Changed changeAtStore(Service& service, OriginCall call) {
   Changed changed;
   call.onBody = [&](std::span<const std::byte> bytes) {
@@ -31,10 +29,10 @@ Changed changeAtStore(Service& service, OriginCall call) {
     changed.text.append(reinterpret_cast<const char*>(bytes.data()), std::min(bytes.size(), room));
     return true;
   };
-  const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
+  const ObjectInfoPointer before = service.index.find(call.key);
   changed.reply = service.origin.call(call);
   // Also after an error: the store may have done what it could not say.
-  if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forget(call.key);
+  if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forgetOlder(call.key, before);
   return changed;
 }
 
@@ -43,10 +41,17 @@ Changed removeAtStore(Service& service, const OriginCall& call) {
   const ObjectInfoPointer known = service.index.find(call.key);
   Changed changed = changeAtStore(service, call);
   if (known && known->isStaged && changed.reply.status == 404) {
-    service.forget(call.key);
+    service.forgetOlder(call.key, known);
     changed = {.reply = {.status = 204}, .text = ""};
   }
   return changed;
+}
+
+// One change of a key at a time.
+template <typename F>
+asio::awaitable<Changed> inTurn(Service& service, const std::string& key, F change) {
+  const auto turn = co_await service.keyTurns.take(key);
+  co_return co_await service.changers.run(std::move(change));
 }
 
 asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
@@ -54,10 +59,11 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
   if (reply.status == 0) throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
   AnswerHead head(reply.status);
+  const std::string connection = valuesOf(reply.headers, "connection");
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
                         equalsIgnoringCase(name, "content-length");
-    if (!isHopByHop(name) && !isOurs) head.add(name, value);
+    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
   }
   if (reply.status != 204) head.add("content-length", changed.text.size());
   exchange.addCacheStatus(head);
@@ -86,7 +92,7 @@ asio::awaitable<void> putThrough(Exchange& exchange, std::span<const std::byte> 
   call.body = bytes;
   call.mayRepeat = !isConditional(exchange);
   Service& service = exchange.service;
-  const Changed changed = co_await service.passers.run([&] { return changeAtStore(service, call); });
+  const Changed changed = co_await inTurn(service, call.key, [&] { return changeAtStore(service, call); });
   co_await relayChange(exchange, changed);
 }
 
@@ -95,7 +101,7 @@ asio::awaitable<void> putStaged(Exchange& exchange, std::span<const std::byte> b
   Service& service = exchange.service;
   Metadata kept = cachedHeaders(forwardedHeaders(exchange));
   kept["last-modified"] = formatHttpDate(std::time(nullptr));
-  const StageResult staged = co_await service.passers.run(
+  const StageResult staged = co_await service.changers.run(
       [&] { return stageObject(service, exchange.target().key, bytes, std::move(kept), *exchange.options); });
   exchange.setCacheStatus("diskcached; fwd=method; detail=staged");
   if (staged.error.IsError()) throw Refused(507, "the object can't be staged");
@@ -138,7 +144,7 @@ asio::awaitable<void> deleteObject(Exchange& exchange) {
   exchange.client.setDeadline(ClientStream::Time::max());
   OriginCall call = callOf(exchange);
   Service& service = exchange.service;
-  Changed changed = co_await service.passers.run([&] { return removeAtStore(service, call); });
+  Changed changed = co_await inTurn(service, call.key, [&] { return removeAtStore(service, call); });
   co_await relayChange(exchange, changed);
 }
 

@@ -9,8 +9,8 @@
 namespace diskcached {
 namespace {
 
-bool isForwarded(std::string_view name) {
-  if (isHopByHop(name)) return false;
+bool isForwarded(std::string_view name, std::string_view connection) {
+  if (isHopByHop(name, connection)) return false;
   // What is about this connection, and what signs the request to this server: the one to the store is signed
   // anew.
   for (const std::string_view own : {"host", "content-length", "expect", "authorization", "accept-encoding",
@@ -35,11 +35,12 @@ OriginCall passedOn(const Exchange& exchange) {
 // What the store answered, piece by piece; a length that it told is told on.
 asio::awaitable<void> relay(Exchange& exchange, PassStream& stream, const OriginReply& reply) {
   AnswerHead head(reply.status);
+  const std::string connection = valuesOf(reply.headers, "connection");
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
                         equalsIgnoringCase(name, "content-length") ||
                         equalsIgnoringCase(name, "cache-status");
-    if (!isHopByHop(name) && !isOurs) head.add(name, value);
+    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
   }
   const auto size = parseNumber(headerOf(reply.headers, "content-length"));
   const bool hasBody = !exchange.isHead() && reply.status != 204 && reply.status != 304;
@@ -81,9 +82,10 @@ Headers forwardedHeaders(const Exchange& exchange) {
   Headers headers;
   for (const auto& field : exchange.request()) {
     const std::string_view name(field.name_string().data(), field.name_string().size());
-    if (isForwarded(name))
-      headers.emplace_back(name, std::string_view(field.value().data(), field.value().size()));
+    headers.emplace_back(name, std::string_view(field.value().data(), field.value().size()));
   }
+  const std::string connection = valuesOf(headers, "connection");
+  std::erase_if(headers, [&](const auto& header) { return !isForwarded(header.first, connection); });
   return headers;
 }
 
@@ -99,9 +101,15 @@ asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   call->onHead = [stream](const OriginReply& reply) { return stream->putHead(reply); };
   call->onBody = [stream](std::span<const std::byte> bytes) { return stream->putBody(bytes); };
   const bool isChange = call->method != "GET" && call->method != "HEAD" && call->method != "OPTIONS";
-  const bool isPosted = service.passers.post([&service, call, stream, spool, isChange] {
-    OriginReply reply = service.origin.call(*call);
-    if (isChange) service.forget(call->key);
+  WorkerPool& workers = isChange ? service.changers : service.passers;
+  const bool isPosted = workers.post([&service, call, stream, spool, isChange] {
+    OriginReply reply;
+    try {
+      reply = service.origin.call(*call);
+      if (isChange && reply.mayHaveChanged()) service.forget(call->key);
+    } catch (const std::exception& error) {
+      reply = {.error = error.what()};
+    }
     stream->end(std::move(reply));
   });
   if (!isPosted) throw Overloaded();

@@ -41,6 +41,10 @@ OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std:
 
 // From now on the store's word counts; where it names the object alike, what is on disk stays of use.
 void markUploaded(Service& service, const ObjectStore::StagedObject& object, const OriginReply& reply) {
+  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
+  if (const ObjectInfoPointer known = service.index.find(object.key);
+      known && known->version != object.version)
+    return;  // replaced meanwhile
   if (headerOf(reply.headers, "etag") != object.version) return service.index.change(object.key, nullptr);
   auto info = std::make_shared<ObjectInfo>(
       describeObject(object.metadata, object.size, *service.options(), Clock::now()));
@@ -65,7 +69,7 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 }
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
-  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
+  const auto turn = service.keyTurns.wait(object.key);
   const ObjectInfoPointer known = service.index.find(object.key);
   if (known && known->version != object.version) return {};
   Spool spool;
