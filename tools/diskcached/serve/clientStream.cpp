@@ -40,14 +40,16 @@ asio::awaitable<bool> ClientStream::receive(size_t most) {
     if (got == 0) co_return false;
     if (isInterrupted()) continue;
     if (!wouldBlock()) throw ClientGone();
-    if (!co_await waitFor(asio::ip::tcp::socket::wait_read)) co_return false;
+    const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_read);
+    if (!isUsable) co_return false;
   }
 }
 
 asio::awaitable<void> ClientStream::writable() {
   if (m_isCancelled) throw ClientGone();
   touch();
-  if (!co_await waitFor(asio::ip::tcp::socket::wait_write)) throw ClientGone();
+  const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_write);
+  if (!isUsable) throw ClientGone();
 }
 
 asio::awaitable<bool> ClientStream::waitFor(asio::ip::tcp::socket::wait_type what) {
