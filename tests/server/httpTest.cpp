@@ -4,6 +4,7 @@
 #include "http/headGuard.h"
 #include "http/range.h"
 #include "http/target.h"
+#include "object/objectInfo.h"
 
 namespace diskcached {
 namespace {
@@ -59,6 +60,12 @@ TEST(HttpTest, HeadsThatTwoCouldReadInTwoWaysAreRefused) {
   for (const auto& [status, heads] : cases) {
     for (const std::string& head : heads) EXPECT_EQ(refusalOf(head + "\r\n").status, status) << head;
   }
+}
+
+TEST(HttpTest, ASizeThatNoObjectHasIsNotBelieved) {
+  for (const auto& [size, isBelieved] : {std::pair{"8000000000000", true}, {"4611686018427387904", false}})
+    EXPECT_EQ(describeObject({{"ETag", "x"}, {"Content-Length", size}}, Options(), Clock::now()).has_value(),
+              isBelieved);
 }
 
 TEST(HttpTest, TheEndOfAHeadIsFoundWhereverTheBytesAreCut) {

@@ -39,12 +39,15 @@ OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std:
   return call;
 }
 
+bool isReplaced(Service& service, const ObjectStore::StagedObject& object) {
+  const ObjectInfoPointer known = service.index.find(object.key);
+  return known && known->version != object.version;
+}
+
 // From now on the store's word counts; where it names the object alike, what is on disk stays of use.
 void markUploaded(Service& service, const ObjectStore::StagedObject& object, const OriginReply& reply) {
   const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
-  if (const ObjectInfoPointer known = service.index.find(object.key);
-      known && known->version != object.version)
-    return;  // replaced meanwhile
+  if (isReplaced(service, object)) return;
   if (headerOf(reply.headers, "etag") != object.version) return service.index.change(object.key, nullptr);
   auto info = std::make_shared<ObjectInfo>(
       describeObject(object.metadata, object.size, *service.options(), Clock::now()));
@@ -70,8 +73,10 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
   const auto turn = service.keyTurns.wait(object.key);
-  const ObjectInfoPointer known = service.index.find(object.key);
-  if (known && known->version != object.version) return {};
+  {
+    const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));  // it may be on the way into the index
+    if (isReplaced(service, object)) return {};
+  }
   Spool spool;
   std::span<const std::byte> bytes;
   if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError())
