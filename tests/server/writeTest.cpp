@@ -41,8 +41,10 @@ TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
   EXPECT_EQ(HttpClient(port).ask("MKCOL", "/list/new/").status, 405);  // the store's word
   store.put("kept", "kept");
   EXPECT_EQ(get("/kept").body, "kept");
-  EXPECT_EQ(HttpClient(port).ask("POST", "/kept").status, 405);
-  EXPECT_TRUE(get("/kept").isHit());  // nothing was changed
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(HttpClient(port).ask("POST", "/kept").status, 405);
+    EXPECT_TRUE(get("/kept").isHit());  // nothing was changed
+  }
 }
 
 TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {

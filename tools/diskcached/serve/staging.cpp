@@ -74,7 +74,8 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
   const auto turn = service.keyTurns.wait(object.key);
   {
-    const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));  // it may be on the way into the index
+    const KxCriticalSectionLock lock(
+        &service.keyLocks.of(object.key));  // it may be on the way into the index
     if (isReplaced(service, object)) return {};
   }
   Spool spool;
