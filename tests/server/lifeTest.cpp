@@ -56,13 +56,24 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   store.put("x", "changed");
   EXPECT_EQ(get("/x").body, "one");
   EXPECT_FALSE(std::filesystem::exists(log));
-  for (const auto& [text, said] :
-       {std::pair<std::string, std::string>{"fresh = 1\n", "stays as it was"},
-        {"fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew"}}) {
+  const auto reloadUntil = [&](const std::string& text, const std::string& said) {
+    const size_t before = logged().size();
     reload(text);
-    EXPECT_TRUE(eventually([&] { return logged().find(said) != std::string::npos; })) << logged();
+    EXPECT_TRUE(eventually([&] { return logged().find(said, before) != std::string::npos; })) << logged();
+    return logged().substr(before);
+  };
+  reloadUntil("fresh = 1\n", "stays as it was");
+  reloadUntil("origin-retries = 0\naccess-log = \"" + (dir / "no/such/log") + "\"\n", "stays as it was");
+  store.stop();
+  const double tried = metric("diskcached_origin_requests_total");
+  EXPECT_EQ(get("/z").status, 502);
+  EXPECT_EQ(metric("diskcached_origin_requests_total") - tried, 3);  // as ever
+  store.start();
+  for (int i = 0; i < 2; ++i) {
+    const std::string said =
+        reloadUntil("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
+    EXPECT_NE(said.find("--io-threads takes effect at the next start"), std::string::npos) << said;
   }
-  EXPECT_NE(logged().find("--io-threads takes effect at the next start"), std::string::npos);
   EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
   store.put("y", "y");
   EXPECT_EQ(get("/y").body, "y");
@@ -117,6 +128,7 @@ TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
        {std::pair{"/healthz", 200}, {"/readyz", 200}, {"/nothing", 404}, {"/purge?prefix=p", 405}})
     EXPECT_EQ(admin(target).status, status) << target;
   EXPECT_EQ(admin("/purge", "POST").status, 400);
+  EXPECT_EQ(HttpClient(adminPort).ask("POST", "/purge?prefix=", {"Origin: http://page"}).status, 403);
   const auto status = nlohmann::json::parse(admin("/status").body);
   EXPECT_EQ(status["state"], "ready");
   EXPECT_EQ(status["index_entries"], 3);
@@ -159,6 +171,21 @@ TEST_F(ServerLifeTest, FinishesItsAnswersWhenToldToStopAndTellsTheManager) {
   EXPECT_EQ(server->wait(), 0);
   EXPECT_FALSE(RawClient(port).isConnected());
   close(manager);
+}
+
+TEST_F(ServerLifeTest, CutsOffWhatIsUnderWayAtTheEndOfTheGrace) {
+  store.put("big", bytesOf("big", 32 << 20));
+  start({"--grace=1", "--write-back", "--origin-timeout=600"});
+  const RawClient reader(port), writer(port);
+  reader.send("GET /big?pass HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_NE(reader.receive(), "");  // and takes no more
+  store.freeze();
+  EXPECT_EQ(put("/staged", "x").status, 200);
+  writer.send("PUT /through HTTP/1.1\r\nHost: h\r\nIf-Match: x\r\nContent-Length: 1\r\n\r\nx");
+  ASSERT_TRUE(eventually([&] { return metric("diskcached_client_uploads_total") == 2; }));
+  server->tell(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return server->hasEnded(); }));
+  EXPECT_EQ(server->wait(), 0);
 }
 
 }  // namespace

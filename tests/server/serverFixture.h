@@ -65,6 +65,9 @@ class Store {
     eventually([&] { return m_process->hasEnded() || RawClient(port).isConnected(); });
   }
   void stop() { m_process->end(SIGKILL); }
+  // Connections stay, and nothing is answered until it is thawed.
+  void freeze() const { m_process->tell(SIGSTOP); }
+  void thaw() const { m_process->tell(SIGCONT); }
   void restart(const std::string& withLines) {
     stop();
     m_extra = withLines;

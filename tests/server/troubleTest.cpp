@@ -25,6 +25,8 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
       {put + "Transfer-Encoding: chunked\r\n\r\n5x\r\nabc", "400"},
       {put + "Transfer-Encoding: chunked\r\n\r\n5\nhello\r\n0\r\n\r\n" + hidden, "400"},
       {put + "Transfer-Encoding: chunked\r\n\r\n-1\r\nabc", "400"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n5;" + std::string(100'000, 'a'), "431"},
+      {put + "Transfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\nA: " + std::string(100'000, 'a'), "431"},
       {put + "Content-Length: 10241\r\n\r\n", "413"},
       {put + "Transfer-Encoding: chunked\r\n\r\n2900\r\n" + std::string(0x2900, 'x') + "\r\n0\r\n\r\n",
        "413"},
@@ -49,6 +51,53 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
   }
   EXPECT_EQ(store.requests().find("hidden"), std::string::npos);
   EXPECT_EQ(this->get("/x").body, "x");
+}
+
+TEST_F(ServerTroubleTest, NothingButWholeHeadersIsPassedOn) {
+  store.restart(
+      "location /saw { add_header X-Saw '[$http_x_amz_acl$http_x_named$http_x_kept]'; }\n"
+      "location /odd { add_header X-Kept kept; add_header 'X Bad' 1; add_header X-Cr \"b\\rInjected: c\"; "
+      "}\n");
+  store.put("odd", "odd");
+  start();
+  const std::string put =
+      "PUT /saw HTTP/1.1\r\nHost: h\r\nConnection: close, x-named\r\nX-Named: n\r\nX-Kept: kept\r\n"
+      "Transfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\nx-amz-acl: public-read\r\n\r\n";
+  const std::string saw = RawClient(port).exchange(put);
+  EXPECT_NE(saw.find("X-Saw: [kept]\r\n"), std::string::npos) << saw;
+  const std::string odd = RawClient(port).exchange("GET /odd?q HTTP/1.0\r\n\r\n");
+  EXPECT_NE(odd.find("X-Kept: kept\r\n"), std::string::npos) << odd;
+  for (const char* dropped : {"X Bad", "Injected"}) EXPECT_EQ(odd.find(dropped), std::string::npos) << odd;
+}
+
+TEST_F(ServerTroubleTest, TheSlowKeepNobodyElseWaiting) {
+  store.put("big", bytesOf("big", 32 << 20));
+  start({"--passing=1", "--memory=1M"});
+  const RawClient reader(port);
+  reader.send("GET /big?pass HTTP/1.1\r\nHost: h\r\n\r\n");
+  EXPECT_NE(reader.receive(), "");  // and takes no more
+  std::vector<std::unique_ptr<RawClient>> writers;
+  for (int i = 0; i < 16; ++i) {
+    writers.push_back(std::make_unique<RawClient>(port));
+    writers.back()->send("PUT /w HTTP/1.1\r\nHost: h\r\nContent-Length: 2\r\n\r\nx");
+  }
+  ASSERT_TRUE(eventually([&] { return metric("diskcached_client_uploads_total") == 16; }));
+  EXPECT_EQ(get("/big").status, 200);
+  EXPECT_EQ(put("/w", "w").status / 100, 2);
+}
+
+TEST_F(ServerTroubleTest, AByteNowAndThenIsNotEnough) {
+  start({"--idle-timeout=1"});
+  const RawClient slow(port);
+  slow.send("PUT /w HTTP/1.1\r\nHost: h\r\nContent-Length: 100000\r\n\r\n");
+  std::string answer;
+  std::jthread listener([&] { answer = slow.receive(); });
+  EXPECT_TRUE(eventually([&] {
+    slow.send("x");
+    return metric("diskcached_answers_total{status=\"4xx\"}") == 1;
+  }));
+  listener.join();
+  EXPECT_TRUE(answer.starts_with("HTTP/1.1 408")) << answer;
 }
 
 TEST_F(ServerTroubleTest, TooManyClientsAreTurnedAwayAndMemoryIsBounded) {

@@ -61,6 +61,12 @@ TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
     EXPECT_NE(listing.header("cache-status").find("fwd=bypass"), std::string::npos);
   }
   EXPECT_EQ(HttpClient(port).ask("MKCOL", "/list/new/").status, 405);  // the store's word
+  store.put("kept", "kept");
+  EXPECT_EQ(get("/kept").body, "kept");
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(HttpClient(port).ask("POST", "/kept").status, 405);
+    EXPECT_TRUE(get("/kept").isHit());  // nothing was changed
+  }
 }
 
 TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
@@ -89,6 +95,19 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
   EXPECT_EQ(put("/last", content).status, 200);
   EXPECT_EQ(server->end(SIGTERM), 0);  // and uploads what is left
   EXPECT_EQ(readFile(store.files + "/last"), content);
+}
+
+TEST_F(ServerWriteTest, AnUploadUnderWayKeepsNoChangeOfTheKeyWaiting) {
+  start({"--write-back", "--origin-timeout=600"});
+  store.freeze();
+  const auto began = std::chrono::steady_clock::now();
+  for (const char last : {'1', '2', '3', '4', '5'})
+    EXPECT_EQ(put("/key", std::string(100'000, last)).status, 200);  // the first are uploaded meanwhile
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
+  store.thaw();
+  ASSERT_TRUE(eventually([&] { return metric("diskcache_client_staged_objects") == 0; }));
+  EXPECT_EQ(readFile(store.files + "/key"), std::string(100'000, '5'));
+  EXPECT_EQ(get("/key").body, std::string(100'000, '5'));
 }
 
 TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {

@@ -2,6 +2,7 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -18,18 +19,36 @@ using asio::ip::tcp;
 namespace {
 
 constexpr std::chrono::seconds PATIENCE(10);
+constexpr std::chrono::milliseconds PAUSE(200);
 constexpr unsigned MOST_AT_ONCE = 64;
+
+using Request = http::request<http::string_body>;
+
+asio::awaitable<Page> pageFor(const Request& request, Service& service, StartState& start) {
+  // Some page's form in the operator's browser.
+  if (request.count(http::field::origin) > 0) co_return Page{403, "text/plain", "not for browsers\n"};
+  const auto method = request.method_string(), target = request.target();
+  const auto make = [&] {
+    return adminPage(service, start, {method.data(), method.size()}, {target.data(), target.size()});
+  };
+  if (request.method() != http::verb::post || start.now().phase != Phase::Ready) co_return make();
+  try {
+    co_return co_await service.disks.run(
+        make);  // a purge takes long, and others are to be answered meanwhile
+  } catch (const Overloaded&) {
+    co_return Page{503, "text/plain", "overloaded\n"};
+  }
+}
 
 // One request a connection.
 asio::awaitable<void> answer(tcp::socket socket, Service& service, StartState& start) {
   boost::beast::tcp_stream stream(std::move(socket));
   stream.expires_after(PATIENCE);
   boost::beast::flat_buffer buffer;
-  http::request<http::string_body> request;
+  Request request;
   const auto [readError, got] = co_await http::async_read(stream, buffer, request, AS_TUPLE);
   if (readError) co_return;
-  const auto method = request.method_string(), target = request.target();
-  Page page = adminPage(service, start, {method.data(), method.size()}, {target.data(), target.size()});
+  Page page = co_await pageFor(request, service, start);
   http::response<http::string_body> response{static_cast<http::status>(page.status), 11};
   response.set(http::field::content_type, page.type);
   response.body() = request.method() == http::verb::head ? "" : std::move(page.body);
@@ -44,7 +63,12 @@ asio::awaitable<void> acceptAll(tcp::acceptor& acceptor, Service& service, Start
   for (;;) {
     auto [error, socket] = co_await acceptor.async_accept(AS_TUPLE);
     if (error == asio::error::operation_aborted) co_return;
-    if (error || *count >= MOST_AT_ONCE) continue;
+    if (error) {
+      asio::steady_timer pause(acceptor.get_executor(), PAUSE);  // for want of descriptors, mostly
+      co_await pause.async_wait(AS_TUPLE);
+      continue;
+    }
+    if (*count >= MOST_AT_ONCE) continue;
     ++*count;
     asio::co_spawn(acceptor.get_executor(), answer(std::move(socket), service, start),
                    [count](const std::exception_ptr&) { --*count; });

@@ -42,10 +42,12 @@ void renderOwnMetrics(Service& service, std::string& out) {
                 origin.bytes},
            Line{"connections", "", "Clients connected", "gauge", stats.connections},
            Line{"index_entries", "", "Objects whose versions are in memory", "gauge", service.index.size()},
-           Line{"memory_bytes", "", "Bytes of bodies in memory", "gauge", service.memory.used()},
+           Line{"memory_bytes", "", "Bytes of bodies in memory", "gauge", service.memoryUsed()},
            Line{"queued", "{pool=\"disk\"}", "Calls that wait for a thread", "gauge", service.disks.queued()},
            Line{"queued", "{pool=\"store\"}", "Calls that wait for a thread", "gauge",
                 service.fetchers.queued()},
+           Line{"queued", "{pool=\"change\"}", "Calls that wait for a thread", "gauge",
+                service.changers.queued()},
            Line{"queued", "{pool=\"pass\"}", "Calls that wait for a thread", "gauge",
                 service.passers.queued()},
        }) {
@@ -85,7 +87,7 @@ Page statusPage(Service& service, const StartState::Snapshot& now) {
   object["origin"] = service.options()->origin;
   object["connections"] = service.stats.connections.load();
   object["index_entries"] = service.index.size();
-  object["memory_bytes"] = service.memory.used();
+  object["memory_bytes"] = service.memoryUsed();
   if (now.phase != Phase::Starting) {
     const ObjectStore::ObjectCacheMetrics cache = service.cache.metrics();
     const ObjectStore::StagedStatus staged = service.cache.staged();
@@ -105,7 +107,7 @@ Page statusPage(Service& service, const StartState::Snapshot& now) {
 Page purge(Service& service, const StartState::Snapshot& now, std::string_view query) {
   const auto prefix = queryValue(query, "prefix");
   if (!prefix) return {400, "text/plain", "POST /purge?prefix=... (empty: all)\n"};
-  if (now.phase == Phase::Starting) return {503, "text/plain", "starting\n"};
+  if (now.phase != Phase::Ready) return {503, "text/plain", std::string(nameOf(now.phase)) + '\n'};
   const auto taken =
       service.index.takePrefix(prefix->starts_with('/') ? std::string_view(*prefix).substr(1) : *prefix);
   for (const auto& [key, info] : taken) service.cache.drop(key, info->version, info->size);

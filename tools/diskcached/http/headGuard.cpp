@@ -7,15 +7,6 @@
 namespace diskcached {
 namespace {
 
-bool isTokenCharacter(char c) {
-  return (lower(c) >= 'a' && lower(c) <= 'z') || (c >= '0' && c <= '9') ||
-         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-}
-bool isToken(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
-}
-bool isControl(char c) { return (static_cast<unsigned char>(c) < 32 && c != '\t') || c == 127; }
-
 // The lines of a head, each without its end.
 class Lines {
  public:
@@ -55,7 +46,7 @@ Refusal refusalOfField(std::string_view line, Seen& seen) {
   if (colon == std::string_view::npos || !isToken(line.substr(0, colon)))
     return {400, "a header's name is not one word before a colon"};
   const std::string_view name = line.substr(0, colon), value = trimmed(line.substr(colon + 1));
-  if (std::any_of(value.begin(), value.end(), isControl)) return {400, "a header holds a control character"};
+  if (hasControl(value)) return {400, "a header holds a control character"};
   if (equalsIgnoringCase(name, "host") && ++seen.hosts > 1) return {400, "two hosts"};
   if (equalsIgnoringCase(name, "content-length")) {
     if (++seen.lengths > 1) return {400, "two lengths"};
@@ -86,8 +77,7 @@ Refusal refusalOf(std::string_view head) {
   Lines lines(head);
   bool isOld = false;
   const std::string_view requestLine = lines.next();
-  if (std::any_of(requestLine.begin(), requestLine.end(), isControl))
-    return {400, "the request line holds a control character"};
+  if (hasControl(requestLine)) return {400, "the request line holds a control character"};
   if (const Refusal refusal = refusalOfRequestLine(requestLine, isOld); refusal.status != 0) return refusal;
   Seen seen;
   for (std::string_view line = lines.next(); !line.empty(); line = lines.next()) {

@@ -21,4 +21,15 @@ inline std::string_view trimmed(std::string_view text) {
   return text;
 }
 
+// What the name of a header is made of.
+inline bool isToken(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return (lower(c) >= 'a' && lower(c) <= 'z') || (c >= '0' && c <= '9') ||
+           std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+  });
+}
+// Of which no header's value holds one.
+inline bool isControl(char c) { return (static_cast<unsigned char>(c) < 32 && c != '\t') || c == 127; }
+inline bool hasControl(std::string_view text) { return std::any_of(text.begin(), text.end(), isControl); }
+
 }  // namespace diskcached

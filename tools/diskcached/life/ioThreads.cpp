@@ -22,7 +22,7 @@ using asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::milliseconds SWEEP(200);
+constexpr std::chrono::milliseconds SWEEP(200), LOOK(5);
 
 }  // namespace
 
@@ -48,8 +48,13 @@ class IoThread {
       if (m_connections.empty()) m_isEmpty = true;
     });
   }
+  void cutOff() {
+    asio::post(m_context, [this] {
+      for (Connection* connection : m_connections) connection->cutOff();
+    });
+  }
   bool isEmpty() const { return m_isEmpty; }
-  // After it nothing runs; what still waits is dropped.
+  // After it nothing runs.
   void join() {
     m_context.stop();
     if (m_thread.joinable()) m_thread.join();
@@ -151,13 +156,18 @@ void IoThreads::start(Service& service) {
 void IoThreads::stop(std::chrono::steady_clock::time_point deadline) {
   m_acceptor.close();
   for (const auto& thread : m_threads) thread->askToStop();
-  const auto areEmpty = [this] {
-    return std::all_of(m_threads.begin(), m_threads.end(),
-                       [](const auto& thread) { return thread->isEmpty(); });
-  };
-  while (!areEmpty() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  for (auto& thread : m_threads) thread->join();
+  while (!areEmpty() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(LOOK);
+}
+
+void IoThreads::cutOff() {
+  for (const auto& thread : m_threads) thread->cutOff();
+  while (!areEmpty()) std::this_thread::sleep_for(LOOK);
+  for (const auto& thread : m_threads) thread->join();
+}
+
+bool IoThreads::areEmpty() const {
+  return std::all_of(m_threads.begin(), m_threads.end(),
+                     [](const auto& thread) { return thread->isEmpty(); });
 }
 
 }  // namespace diskcached

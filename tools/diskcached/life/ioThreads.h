@@ -21,11 +21,16 @@ class IoThreads {
   IoThreads& operator=(const IoThreads&) = delete;
 
   void start(Service& service);
-  // Takes no more clients, and waits until those there are have gone; after the deadline they are cut off.
+  // Takes no more clients, and waits until those there are have gone or the deadline is over.
   void stop(std::chrono::steady_clock::time_point deadline);
+  // Ends what connections are left, and waits until none has anything to do with the service any more. So nothing that
+  // they wait for may take long by then.
+  void cutOff();
   uint16_t port() const;
 
  private:
+  bool areEmpty() const;
+
   boost::asio::io_context m_forAccepting{1};
   boost::asio::ip::tcp::acceptor m_acceptor{m_forAccepting};
   std::vector<std::unique_ptr<IoThread>> m_threads;

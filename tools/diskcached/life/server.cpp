@@ -115,32 +115,19 @@ class Server {
   void reload() {
     notifyManager("RELOADING=1");
     try {
-      std::shared_ptr<const Options> wanted =
+      const std::shared_ptr<Options> wanted =
           readOptions(static_cast<int>(m_arguments.size()) - 1, m_arguments.data());
-      for (const std::string& name : needRestart(*m_service.options(), *wanted))
+      const auto kept = keepWhatNeedsRestart(*m_service.options(), *wanted);
+      m_service.change(wanted, readCredentials(wanted->credentials));
+      m_log.setLevel(wanted->logLevel);
+      m_cache.setMaxBytes(wanted->maxBytes);
+      for (const std::string& name : kept)
         DC_LOG(Error, "Error: --%s takes effect at the next start", name.c_str());
-      auto credentials = readCredentials(wanted->credentials);
-      auto running = std::make_shared<Options>(*wanted);
-      keepWhatCannotChange(*running);
-      m_log.setLevel(running->logLevel);
-      m_service.change(running, std::move(credentials));
-      m_cache.setMaxBytes(running->maxBytes);
       DC_LOG(Notice, "the configuration was read anew");
     } catch (const BadOptions& error) {
       DC_LOG(Error, "Error: the configuration stays as it was: %s", error.what());
     }
     notifyManager("READY=1");
-  }
-
-  void keepWhatCannotChange(Options& wanted) const {
-    const auto running = m_service.options();
-    wanted.origin = running->origin;
-    wanted.root = running->root;
-    wanted.volumes = running->volumes;
-    wanted.blockSize = running->blockSize;
-    wanted.writeBack = running->writeBack;
-    wanted.listen = running->listen;
-    wanted.admin = running->admin;
   }
 
   void stop() {
@@ -154,6 +141,8 @@ class Server {
       DC_LOG(Error, "Error: %llu objects are not uploaded; they are safe on disk until the next start",
              static_cast<unsigned long long>(m_cache.staged().objects));
     }
+    m_service.origin.stop();
+    m_io.cutOff();
     m_service.stopWorkers();
     m_cache.close();
     m_service.index.save();

@@ -11,6 +11,8 @@ namespace {
 using std::chrono::seconds;
 
 constexpr uint64_t MOST_SECONDS = 1U << 31U;
+// Of an object: 8 TiB in blocks of a MiB. Giving an object up means a look at each, whatever a store says of its size.
+constexpr uint64_t MOST_BLOCKS = 1 << 23;
 
 std::string lowered(std::string_view text) {
   std::string out(text);
@@ -102,7 +104,7 @@ std::string versionOf(const Metadata& headers, uint64_t size) {
 std::optional<ObjectInfo> describeObject(const Headers& headers, const Options& options,
                                          Clock::time_point now) {
   const auto size = parseNumber(headerOf(headers, "content-length"));
-  if (!size) return std::nullopt;
+  if (!size || *size / options.blockSize >= MOST_BLOCKS) return std::nullopt;
   const seconds age(std::min(parseNumber(headerOf(headers, "age")).value_or(0), MOST_SECONDS));
   return describeObject(cachedHeaders(headers), *size, options, now, age);
 }

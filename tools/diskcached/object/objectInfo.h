@@ -46,7 +46,7 @@ Metadata cachedHeaders(const Headers& headers);
 // The version that an answer's validators make; empty when it has none.
 std::string versionOf(const Metadata& headers, uint64_t size);
 
-// From the answer to a HEAD, or none when it does not tell a size.
+// From the answer to a HEAD, or none when it does not tell a size, or one that no object has.
 std::optional<ObjectInfo> describeObject(const Headers& headers, const Options& options,
                                          Clock::time_point now);
 // The same of headers that were kept, from an answer that was so old when it came.

@@ -229,29 +229,31 @@ void check(Options& options) {
 
 }  // namespace
 
-std::vector<std::string> needRestart(const Options& running, const Options& wanted) {
+std::vector<std::string> keepWhatNeedsRestart(const Options& running, Options& wanted) {
   std::vector<std::string> names;
-  const auto compare = [&](const char* name, const auto& a, const auto& b) {
-    if (!(a == b)) names.emplace_back(name);
+  const auto keep = [&](const char* name, auto Options::*option) {
+    if (wanted.*option == running.*option) return;
+    wanted.*option = running.*option;
+    names.emplace_back(name);
   };
-  const auto place = [](const Address& address) { return address.host + ':' + std::to_string(address.port); };
-  compare("origin", running.origin, wanted.origin);
-  compare("root", running.root, wanted.root);
-  compare("volume", running.volumes, wanted.volumes);
-  compare("block-size", running.blockSize, wanted.blockSize);
-  compare("reserve", running.reserve, wanted.reserve);
-  compare("mode", running.mode, wanted.mode);
-  compare("verify", running.verify, wanted.verify);
-  compare("write-back", running.writeBack, wanted.writeBack);
-  compare("uploads", running.uploads, wanted.uploads);
-  compare("index-entries", running.indexEntries, wanted.indexEntries);
-  compare("listen", place(running.listen), place(wanted.listen));
-  compare("admin", place(running.admin), place(wanted.admin));
-  compare("io-threads", running.ioThreads, wanted.ioThreads);
-  compare("disk-threads", running.diskThreads, wanted.diskThreads);
-  compare("origin-connections", running.originConnections, wanted.originConnections);
-  compare("passing", running.passing, wanted.passing);
-  compare("memory", running.memory, wanted.memory);
+  keep("origin", &Options::origin);
+  keep("root", &Options::root);
+  keep("volume", &Options::volumes);
+  keep("block-size", &Options::blockSize);
+  keep("reserve", &Options::reserve);
+  keep("mode", &Options::mode);
+  keep("verify", &Options::verify);
+  keep("replace-volumes", &Options::replaceVolumes);
+  keep("write-back", &Options::writeBack);
+  keep("uploads", &Options::uploads);
+  keep("index-entries", &Options::indexEntries);
+  keep("listen", &Options::listen);
+  keep("admin", &Options::admin);
+  keep("io-threads", &Options::ioThreads);
+  keep("disk-threads", &Options::diskThreads);
+  keep("origin-connections", &Options::originConnections);
+  keep("passing", &Options::passing);
+  keep("memory", &Options::memory);
   return names;
 }
 

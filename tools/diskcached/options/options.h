@@ -15,6 +15,7 @@ namespace diskcached {
 struct Address {
   std::string host;
   uint16_t port = 0;
+  bool operator==(const Address&) const = default;
 };
 
 struct Options {
@@ -57,8 +58,8 @@ struct Options {
   int logLevel = 0;
 };
 
-// Whether two sets of options differ in what a running server cannot change; the names of these.
-std::vector<std::string> needRestart(const Options& running, const Options& wanted);
+// Undoes in `wanted` what a running server cannot change. The names of what was another.
+std::vector<std::string> keepWhatNeedsRestart(const Options& running, Options& wanted);
 
 class BadOptions : public std::runtime_error {
   using std::runtime_error::runtime_error;

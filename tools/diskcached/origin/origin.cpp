@@ -51,8 +51,8 @@ class HeaderList {
 // One try of one call.
 class Origin::Attempt {
  public:
-  Attempt(CURL* handle, const OriginCall& call, const Settings& settings)
-      : m_handle(handle), m_call(call), m_options(*settings.options) {
+  Attempt(CURL* handle, const OriginCall& call, const Settings& settings, const std::atomic<bool>& isStopped)
+      : m_handle(handle), m_call(call), m_options(*settings.options), m_isStopped(isStopped) {
     m_error[0] = '\0';
     address();
     headers(settings.credentials);
@@ -126,12 +126,28 @@ class Origin::Attempt {
     set(m_handle, CURLOPT_READDATA, this);
     set(m_handle, CURLOPT_SEEKFUNCTION, &Attempt::onSeek);
     set(m_handle, CURLOPT_SEEKDATA, this);
+    set(m_handle, CURLOPT_NOPROGRESS, 0L);
+    set(m_handle, CURLOPT_XFERINFOFUNCTION, &Attempt::onProgress);
+    set(m_handle, CURLOPT_XFERINFODATA, this);
   }
 
   static size_t onHeaderLine(char* data, size_t size, size_t count, void* self) {
-    static_cast<Attempt*>(self)->takeHeaderLine({data, size * count});
-    return size * count;
+    return endingOnThrow([&] {
+      static_cast<Attempt*>(self)->takeHeaderLine({data, size * count});
+      return size * count;
+    });
   }
+  // Nothing may be thrown through libcurl.
+  template <typename F>
+  static size_t endingOnThrow(F take) {
+    try {
+      return take();
+    } catch (const std::exception&) {  // no memory
+      return 0;
+    }
+  }
+  // Others may read a line of another form than a name and a value in another way than it is read here: nobody gets
+  // one.
   void takeHeaderLine(std::string_view line) {
     while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
     if (line.starts_with("HTTP/")) {  // a new answer: what came before was an interim one
@@ -139,17 +155,25 @@ class Origin::Attempt {
       m_reply.status =
           static_cast<unsigned>(parseNumber(line.substr(std::min(space + 1, line.size()), 3)).value_or(0));
       m_reply.headers.clear();
+      m_isLineKept = false;
       return;
     }
+    if (line.empty()) return;
+    if (line.front() == ' ' || line.front() == '\t') return takeFolded(trimmed(line));
     const size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return;
-    std::string_view value = line.substr(colon + 1);
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    m_reply.headers.emplace_back(line.substr(0, colon), value);
+    const std::string_view name = line.substr(0, colon);
+    m_isLineKept = colon != std::string_view::npos && isToken(name) && !hasControl(line.substr(colon + 1));
+    if (m_isLineKept) m_reply.headers.emplace_back(name, trimmed(line.substr(colon + 1)));
+  }
+  // A header that goes on in another line makes one line.
+  void takeFolded(std::string_view text) {
+    if (m_isLineKept && !hasControl(text)) m_reply.headers.back().second.append(1, ' ').append(text);
   }
 
   static size_t onBody(char* data, size_t size, size_t count, void* self) {
-    return static_cast<Attempt*>(self)->takeBody({reinterpret_cast<const std::byte*>(data), size * count});
+    return endingOnThrow([&] {
+      return static_cast<Attempt*>(self)->takeBody({reinterpret_cast<const std::byte*>(data), size * count});
+    });
   }
   size_t takeBody(std::span<const std::byte> bytes) {
     if (!m_isHeadGiven && !giveHead()) return 0;
@@ -182,13 +206,20 @@ class Origin::Attempt {
     return CURL_SEEKFUNC_OK;
   }
 
+  // Asked once a second at least, also while nothing comes.
+  static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return static_cast<Attempt*>(self)->m_isStopped ? 1 : 0;
+  }
+
   CURL* const m_handle;
   const OriginCall& m_call;
   const Options& m_options;
+  const std::atomic<bool>& m_isStopped;
   HeaderList m_headers;
   OriginReply m_reply;
   char m_error[CURL_ERROR_SIZE];
   size_t m_sent = 0;
+  bool m_isLineKept = false;  // the last one
   bool m_isHeadGiven = false;
   bool m_isEnough = false;
 };
@@ -248,7 +279,8 @@ OriginReply Origin::call(const OriginCall& call) {
   const auto chosen = settings();
   const unsigned retries = call.mayRepeat ? chosen->options->originRetries : 0;
   for (unsigned attempt = 0;; ++attempt) {
-    const bool isLast = attempt >= retries || m_isStopped;
+    if (m_isStopped) return {.error = "the server stops"};
+    const bool isLast = attempt >= retries;
     CURL* const handle = takeHandle();
     if (handle == nullptr) return {.error = "no memory for a request"};
     // A head that tells of trouble is not handed on while there may be another try.
@@ -259,7 +291,7 @@ OriginReply Origin::call(const OriginCall& call) {
       isHandedOn = true;
       return !call.onHead || call.onHead(reply);
     };
-    OriginReply reply = Attempt(handle, guarded, *chosen).run();
+    OriginReply reply = Attempt(handle, guarded, *chosen, m_isStopped).run();
     giveBack(handle);
     ++m_figures.requests;
     m_figures.bytes += reply.bodyBytes;

@@ -30,6 +30,8 @@ struct OriginReply {
   bool isSuccess() const { return status >= 200 && status < 300 && error.empty(); }
   // What is worth another try, or a stale answer: the store is down rather than of another opinion.
   bool isTrouble() const { return status == 0 || !error.empty() || status == 429 || status >= 500; }
+  // A change that the store refused has changed nothing there.
+  bool mayHaveChanged() const { return isTrouble() || status < 400; }
 };
 
 struct OriginCall {
@@ -62,7 +64,7 @@ class Origin {
 
   // From now on; calls under way go on with what they began with.
   void change(std::shared_ptr<const Options> options, std::optional<Credentials> credentials);
-  // Ends pauses between tries.
+  // Ends calls that are under way, and makes no more.
   void stop() { m_isStopped = true; }
 
   const OriginFigures& figures() const { return m_figures; }

@@ -62,7 +62,11 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
     m_fetches.emplace(name, fetch);
   }
   const bool isPosted = m_workers.post([this, fetch, key, info, number, name] {
-    fill(*fetch, key, *info, number * m_blockSize);
+    try {
+      fill(*fetch, key, *info, number * m_blockSize);
+    } catch (const std::exception&) {
+      fetch->finish(ENOMEM);
+    }
     const KxCriticalSectionLock lock(&m_lock);
     m_fetches.erase(name);
   });

@@ -13,8 +13,6 @@
 
 namespace diskcached {
 
-using ObjectStore::KxCriticalSectionLock;
-
 namespace {
 
 constexpr size_t MOST_TEXT = 64 << 10;  // of what the store says to a change
@@ -25,19 +23,14 @@ struct Changed {
   GivenUp staged = GivenUp::Nothing;
 };
 
-// What is staged is not at the store yet: its answer to a condition would be about an older object.
-bool mustWaitForUpload(Service& service, const OriginCall& call) {
-  return !call.mayRepeat && !service.cache.stagedObjects(call.key).empty();
-}
-
 bool hasReplaced(const OriginCall& call, const Changed& changed) {
   if (call.method == "DELETE" && changed.reply.status == 404 && changed.reply.error.empty()) return true;
   // The answer to a copy begins before it is made.
   return changed.reply.isSuccess() && changed.text.find("<Error>") == std::string::npos;
 }
 
-// One change of a key at a time. What a look at the store tells that began before its end counts no more. What is
-// staged goes when the store has made the change, and not before: else it is as if it had not been asked for.
+// What a look at the store tells that began before its end counts no more. What was staged before goes when the store
+// has made the change, and not earlier: else it is as if it had not been asked for. What is staged meanwhile comes after.
 Changed changeAtStore(Service& service, OriginCall call) {
   Changed changed;
   bool isTooLong = false;
@@ -46,10 +39,11 @@ Changed changeAtStore(Service& service, OriginCall call) {
     if (!isTooLong) changed.text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     return !isTooLong;
   };
-  const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
-  if (mustWaitForUpload(service, call)) throw Refused(503, "the object is to be uploaded first");
+  const auto before = service.cache.stagedObjects(call.key);
+  if (!call.mayRepeat && !before.empty()) throw Refused(503, "the object is to be uploaded first");
   changed.reply = service.origin.call(call);
-  if (hasReplaced(call, changed)) changed.staged = giveUpStaged(service, call.key);
+  const KxCriticalSectionLock lock(&service.keyLocks.of(call.key));
+  if (hasReplaced(call, changed)) changed.staged = giveUpStaged(service, before);
   if (isTooLong) changed.reply.error = "the answer is too long";
   // Also after an error: the store may have done what it could not say.
   if (changed.reply.isSuccess() || changed.reply.isTrouble()) service.forget(call.key);
@@ -59,6 +53,13 @@ Changed changeAtStore(Service& service, OriginCall call) {
   return changed;
 }
 
+// One change of a key at a time.
+template <typename F>
+asio::awaitable<Changed> inTurn(Service& service, const std::string& key, F change) {
+  const auto turn = co_await service.keyTurns.take(key);
+  co_return co_await service.changers.run(std::move(change));
+}
+
 asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   const OriginReply& reply = changed.reply;
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
@@ -66,10 +67,11 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
     throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
   if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
   AnswerHead head(reply.status);
+  const std::string connection = valuesOf(reply.headers, "connection");
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
                         equalsIgnoringCase(name, "content-length");
-    if (!isHopByHop(name) && !isOurs) head.add(name, value);
+    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
   }
   if (reply.status != 204) head.add("content-length", changed.text.size());
   exchange.addCacheStatus(head);
@@ -109,7 +111,7 @@ asio::awaitable<void> putThrough(Exchange& exchange, std::span<const std::byte> 
   call.body = bytes;
   call.mayRepeat = !isConditional(exchange);
   Service& service = exchange.service;
-  const Changed changed = co_await service.passers.run([&] { return changeAtStore(service, call); });
+  const Changed changed = co_await inTurn(service, call.key, [&] { return changeAtStore(service, call); });
   co_await relayChange(exchange, changed);
 }
 
@@ -118,7 +120,7 @@ asio::awaitable<void> putStaged(Exchange& exchange, std::span<const std::byte> b
   Service& service = exchange.service;
   Metadata kept = cachedHeaders(forwardedHeaders(exchange));
   kept["last-modified"] = formatHttpDate(std::time(nullptr));
-  const StageResult staged = co_await service.passers.run(
+  const StageResult staged = co_await service.changers.run(
       [&] { return stageObject(service, exchange.target().key, bytes, std::move(kept), *exchange.options); });
   exchange.setCacheStatus("diskcached; fwd=method; detail=staged");
   if (staged.error.IsError()) throw Refused(507, "the object can't be staged");
@@ -151,7 +153,7 @@ asio::awaitable<void> deleteObject(Exchange& exchange) {
   exchange.client.setDeadline(ClientStream::Time::max());
   OriginCall call = callOf(exchange);
   Service& service = exchange.service;
-  const Changed changed = co_await service.passers.run([&] { return changeAtStore(service, call); });
+  const Changed changed = co_await inTurn(service, call.key, [&] { return changeAtStore(service, call); });
   co_await relayChange(exchange, changed);
 }
 

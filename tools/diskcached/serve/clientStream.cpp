@@ -14,6 +14,8 @@ namespace {
 // Others of this thread get their turn after so many bytes.
 constexpr uint64_t FAIR_SHARE = 1 << 20;
 constexpr std::chrono::seconds LINGER(1);
+constexpr uint64_t LEAST_A_SECOND = 4
+                                    << 10;  // bytes of a client that are not to use up the patience with him
 
 bool isInterrupted() { return errno == EINTR; }
 bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
@@ -32,20 +34,36 @@ asio::awaitable<bool> ClientStream::receive(size_t most) {
     const ssize_t got = ::recv(m_socket.native_handle(), space.data(), space.size(), 0);
     if (got > 0) {
       m_buffer.commit(static_cast<size_t>(got));
+      earn(static_cast<uint64_t>(got));
       co_return true;
     }
     if (got == 0) co_return false;
     if (isInterrupted()) continue;
     if (!wouldBlock()) throw ClientGone();
-    const auto [error] = co_await m_socket.async_wait(asio::ip::tcp::socket::wait_read, AS_TUPLE);
-    if (error) co_return false;
+    const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_read);
+    if (!isUsable) co_return false;
   }
 }
 
 asio::awaitable<void> ClientStream::writable() {
   if (m_isCancelled) throw ClientGone();
-  const auto [error] = co_await m_socket.async_wait(asio::ip::tcp::socket::wait_write, AS_TUPLE);
-  if (error) throw ClientGone();
+  touch();
+  const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_write);
+  if (!isUsable) throw ClientGone();
+}
+
+asio::awaitable<bool> ClientStream::waitFor(asio::ip::tcp::socket::wait_type what) {
+  const Time began = std::chrono::steady_clock::now();
+  const auto [error] = co_await m_socket.async_wait(what, AS_TUPLE);
+  m_patience -= std::min(m_patience, std::chrono::steady_clock::now() - began);
+  co_return !error;
+}
+
+void ClientStream::earn(uint64_t bytes) {
+  const std::chrono::duration<double> earned(static_cast<double>(bytes) / LEAST_A_SECOND);
+  const auto rest = m_idleTimeout - m_patience;
+  m_patience +=
+      earned < rest ? std::chrono::duration_cast<std::chrono::steady_clock::duration>(earned) : rest;
 }
 
 asio::awaitable<void> ClientStream::send(std::span<const std::byte> bytes, More more) {
@@ -54,6 +72,7 @@ asio::awaitable<void> ClientStream::send(std::span<const std::byte> bytes, More 
     const ssize_t sent = ::send(m_socket.native_handle(), bytes.data(), bytes.size(), flags);
     if (sent >= 0) {
       bytes = bytes.subspan(static_cast<size_t>(sent));
+      earn(static_cast<uint64_t>(sent));
       touch();
     } else if (wouldBlock()) {
       co_await writable();
@@ -70,6 +89,7 @@ asio::awaitable<void> ClientStream::sendFile(int file, uint64_t offset, uint64_t
     if (sent > 0) {
       bytes -= static_cast<uint64_t>(sent);
       m_sentInARow += static_cast<uint64_t>(sent);
+      earn(static_cast<uint64_t>(sent));
       touch();
       if (m_sentInARow < FAIR_SHARE) continue;
       m_sentInARow = 0;
@@ -101,6 +121,13 @@ void ClientStream::cancel() {
   boost::system::error_code ignored;
   m_socket.cancel(ignored);
   m_isCancelled = true;
+}
+
+void ClientStream::cutOff() {
+  boost::system::error_code ignored;
+  m_socket.shutdown(asio::ip::tcp::socket::shutdown_both, ignored);
+  m_isCutOff = true;
+  cancel();
 }
 
 }  // namespace diskcached

@@ -41,11 +41,16 @@ class ClientStream {
 
   // Nothing may take longer than until then without a byte coming or going.
   void setDeadline(Time deadline) { m_deadline = deadline; }
-  void setIdleTimeout(std::chrono::seconds timeout) { m_idleTimeout = timeout; }
-  void touch() { m_deadline = std::chrono::steady_clock::now() + m_idleTimeout; }
+  // How long the client is waited for from now on. Waiting uses it up, and what comes or goes gives it back slowly, so
+  // that a byte now and then keeps nothing of the server's for ever.
+  void setIdleTimeout(std::chrono::seconds timeout) { m_idleTimeout = m_patience = timeout; }
+  void touch() { m_deadline = std::chrono::steady_clock::now() + m_patience; }
   // Ends whatever waits when the deadline is over, or at once.
   void expire(Time now);
   void cancel();
+  // Nothing comes or goes any more.
+  void cutOff();
+  bool isCutOff() const { return m_isCutOff; }
   bool isTimedOut() const { return m_isTimedOut; }
 
   asio::ip::tcp::socket& socket() { return m_socket; }
@@ -55,14 +60,18 @@ class ClientStream {
   }
 
  private:
+  // False when it is of no use any more.
+  asio::awaitable<bool> waitFor(asio::ip::tcp::socket::wait_type what);
   asio::awaitable<void> writable();
+  void earn(uint64_t bytes);
 
   asio::ip::tcp::socket m_socket;
   boost::beast::flat_buffer m_buffer;
   Time m_deadline = Time::max();
-  std::chrono::seconds m_idleTimeout{60};
+  std::chrono::steady_clock::duration m_idleTimeout = std::chrono::seconds(60), m_patience = m_idleTimeout;
   bool m_isTimedOut = false;
   bool m_isCancelled = false;
+  bool m_isCutOff = false;
   uint64_t m_sentInARow = 0;
 };
 

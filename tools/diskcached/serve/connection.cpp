@@ -48,6 +48,7 @@ void Connection::skipEmptyLines() {
 
 asio::awaitable<Connection::Head> Connection::receiveHead() {
   const auto began = std::chrono::steady_clock::now();
+  if (m_client.buffer().capacity() > m_options->maxHeaderBytes) m_client.buffer().shrink_to_fit();
   m_client.setIdleTimeout(m_options->idleTimeout);
   m_client.touch();
   for (size_t looked = 0;;) {

@@ -22,6 +22,8 @@ class Connection {
   void expire(ClientStream::Time now) { m_client.expire(now); }
   // Between two requests it ends at once, otherwise after the one it is at.
   void stop();
+  // Whatever it is at ends as if the client had gone.
+  void cutOff() { m_client.cutOff(); }
 
  private:
   struct Head {

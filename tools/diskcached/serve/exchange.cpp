@@ -25,6 +25,7 @@ Exchange::Exchange(Service& itsService, ClientStream& itsClient)
     : service(itsService), client(itsClient), options(itsService.options()) {
   m_parser.header_limit(static_cast<uint32_t>(std::min<uint64_t>(options->maxHeaderBytes + 1, 1U << 30U)));
   m_parser.body_limit(options->maxUpload);
+  client.setIdleTimeout(options->idleTimeout);
 }
 
 Exchange::~Exchange() {
@@ -85,6 +86,11 @@ bool Exchange::hasBody() const {
   return m_parser.chunked() || m_parser.content_length_remaining().value_or(0) > 0;
 }
 
+std::optional<uint64_t> Exchange::bodyLength() const {
+  if (const auto left = m_parser.content_length_remaining()) return *left;
+  return std::nullopt;
+}
+
 asio::awaitable<void> Exchange::sendContinue() {
   m_isContinued = true;
   if (speaksChunks() && !header(http::field::expect).empty() && client.buffer().size() == 0)
@@ -109,6 +115,7 @@ asio::awaitable<size_t> Exchange::receiveBody(std::span<std::byte> to) {
         throw refusedBody(error);
       }
       if (!error && taken > 0) continue;
+      refuseLongFraming();
     }
     client.touch();
     if (!co_await client.receive(to.size())) {
@@ -117,7 +124,15 @@ asio::awaitable<size_t> Exchange::receiveBody(std::span<std::byte> to) {
       throw ClientGone();
     }
   }
+  client.setDeadline(ClientStream::Time::max());  // whatever comes now is not the client's delay
   co_return to.size() - body.size;
+}
+
+// What is left in the buffer while the parser wants more is a chunk's head or a trailer: nobody bounds these else.
+void Exchange::refuseLongFraming() {
+  if (client.buffer().size() <= options->maxHeaderBytes) return;
+  closeAfter();
+  throw Refused(431, "a chunk's head or a trailer is too long");
 }
 
 asio::awaitable<void> Exchange::skipBody() {

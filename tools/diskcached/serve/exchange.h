@@ -30,8 +30,6 @@ struct Refused : std::exception {
 
 class Exchange {
  public:
-  using Parser = http::request_parser<http::buffer_body>;
-
   Exchange(Service& service, ClientStream& client);
   // Logs the answer.
   ~Exchange();
@@ -51,6 +49,7 @@ class Exchange {
   // The next bytes of the request's body into `to`; 0 at its end. Throws Refused, ClientGone.
   asio::awaitable<size_t> receiveBody(std::span<std::byte> to);
   bool hasBody() const;
+  std::optional<uint64_t> bodyLength() const;  // what is left of it; none when it comes in chunks
   // Takes what is left of a body that nobody wants, if that is little.
   asio::awaitable<void> skipBody();
 
@@ -75,9 +74,18 @@ class Exchange {
   const std::shared_ptr<const Options> options;
 
  private:
+  // Leaves out fields behind the body: they would count as headers that nobody in front of the server has looked at.
+  class Parser : public http::request_parser<http::buffer_body> {
+    void on_field_impl(http::field name, boost::beast::string_view itsName, boost::beast::string_view value,
+                       boost::beast::error_code&) override {
+      if (!is_header_done()) get().insert(name, itsName, value);
+    }
+  };
+
   void account();  // in the counters and the access log
 
   asio::awaitable<void> sendContinue();
+  void refuseLongFraming();
 
   Parser m_parser;
   std::string m_method;

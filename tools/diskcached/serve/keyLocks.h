@@ -1,4 +1,4 @@
-// One at a time for changes of one key at the store, so that the last one here is the last one there.
+// What the disks and the index hold of one key is changed by one at a time; never held while the store is asked.
 #pragma once
 
 #include <array>

@@ -97,7 +97,7 @@ asio::awaitable<Piece> ObjectBody::nextPatiently(uint64_t offset) {
     try {
       co_return co_await next(offset);
     } catch (const Overloaded&) {
-      if (std::chrono::steady_clock::now() > givenUp) throw;
+      if (m_client.isCutOff() || std::chrono::steady_clock::now() > givenUp) throw;
     }
     asio::steady_timer turn(m_client.socket().get_executor(), TURN);
     co_await turn.async_wait(asio::use_awaitable);

@@ -14,7 +14,7 @@ namespace diskcached {
 
 class PassStream {
  public:
-  // The store's side; false when the client has gone.
+  // The store's side; false when the client's coroutine has ended. A piece waits while the client takes nothing.
   bool putHead(const OriginReply& reply);
   bool putBody(std::span<const std::byte> bytes);
   void end(OriginReply reply);
@@ -25,6 +25,7 @@ class PassStream {
   asio::awaitable<std::string> piece();
   // Whether the store broke off.
   bool isBroken() { return m_state.value().isBroken; }
+  // Must come when the coroutine ends, however it does: the store's side may wait.
   void abandon();
 
  private:

@@ -12,14 +12,12 @@
 
 namespace diskcached {
 
-using ObjectStore::KxCriticalSectionLock;
-
 namespace {
 
 constexpr size_t MOST_LISTED = 2 << 20;  // bytes of a list of keys to delete: a store takes 1000 of them
 
-bool isForwarded(std::string_view name) {
-  if (isHopByHop(name)) return false;
+bool isForwarded(std::string_view name, std::string_view connection) {
+  if (isHopByHop(name, connection)) return false;
   // What is about this connection, and what signs the request to this server: the one to the store is signed
   // anew.
   for (const std::string_view own : {"host", "content-length", "expect", "authorization", "accept-encoding",
@@ -64,18 +62,16 @@ bool wouldBeUndone(Service& service, const OriginCall& call, const std::vector<s
 }
 
 // Makes the call, and forgets what it changes before its answer can be seen, and again at the end: a store may
-// begin to answer before it is done. Parts of an upload change nothing yet, and come side by side.
+// begin to answer before it is done.
 OriginReply callStore(Service& service, OriginCall& call, PassStream& stream,
-                      const std::vector<std::string>& changed) {
-  const bool isOfOne = changed.size() == 1 && !queryValue(call.query, "partNumber");
-  KxCriticalSectionLock lock(isOfOne ? &service.keyLocks.of(call.key) : nullptr);
+                      const std::vector<std::string>& changed, std::shared_ptr<KeyTurns::Turn>& turn) {
   const auto forgetChanged = [&](const OriginReply& reply) {
-    if (!reply.isSuccess() && !reply.isTrouble()) return;
+    if (!reply.mayHaveChanged()) return;
     for (const std::string& key : changed) service.forget(key);
   };
-  call.onHead = [&](const OriginReply& reply) DC_NO_THREAD_SAFETY_ANALYSIS {
+  call.onHead = [&](const OriginReply& reply) {
     forgetChanged(reply);
-    lock.resetCriticalSection(nullptr);  // the client may be slow
+    turn.reset();  // the client may be slow
     return stream.putHead(reply);
   };
   OriginReply reply = service.origin.call(call);
@@ -86,11 +82,12 @@ OriginReply callStore(Service& service, OriginCall& call, PassStream& stream,
 // What the store answered, piece by piece; a length that it told is told on.
 asio::awaitable<void> relay(Exchange& exchange, PassStream& stream, const OriginReply& reply) {
   AnswerHead head(reply.status);
+  const std::string connection = valuesOf(reply.headers, "connection");
   for (const auto& [name, value] : reply.headers) {
     const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
                         equalsIgnoringCase(name, "content-length") ||
                         equalsIgnoringCase(name, "cache-status");
-    if (!isHopByHop(name) && !isOurs) head.add(name, value);
+    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
   }
   const auto size = parseNumber(headerOf(reply.headers, "content-length"));
   const bool hasBody = !exchange.isHead() && reply.status != 204 && reply.status != 304;
@@ -132,9 +129,10 @@ Headers forwardedHeaders(const Exchange& exchange) {
   Headers headers;
   for (const auto& field : exchange.request()) {
     const std::string_view name(field.name_string().data(), field.name_string().size());
-    if (isForwarded(name))
-      headers.emplace_back(name, std::string_view(field.value().data(), field.value().size()));
+    headers.emplace_back(name, std::string_view(field.value().data(), field.value().size()));
   }
+  const std::string connection = valuesOf(headers, "connection");
+  std::erase_if(headers, [&](const auto& header) { return !isForwarded(header.first, connection); });
   return headers;
 }
 
@@ -146,13 +144,25 @@ asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   call->hasBody = exchange.hasBody();
   call->body = co_await takeBody(exchange, *spool);
   auto changed = changedBy(*call);
-  if (wouldBeUndone(service, *call, changed)) throw Refused(503, "what is staged is to be uploaded first");
   const auto stream = std::make_shared<PassStream>();
   const Abandon abandon(*stream);
   call->onBody = [stream](std::span<const std::byte> bytes) { return stream->putBody(bytes); };
-  const bool isPosted = service.passers.post([&service, call, stream, spool, changed = std::move(changed)] {
-    stream->end(callStore(service, *call, *stream, changed));
-  });
+  // What changes one object takes its turn; parts of an upload change nothing yet, and come side by side.
+  std::shared_ptr<KeyTurns::Turn> turn;
+  if (changed.size() == 1 && !queryValue(call->query, "partNumber"))
+    turn = co_await service.keyTurns.take(call->key);
+  if (wouldBeUndone(service, *call, changed)) throw Refused(503, "what is staged is to be uploaded first");
+  WorkerPool& workers = changed.empty() ? service.passers : service.changers;
+  const bool isPosted = workers.post(
+      [&service, call, stream, spool, changed = std::move(changed), turn = std::move(turn)]() mutable {
+        OriginReply reply;
+        try {
+          reply = callStore(service, *call, *stream, changed, turn);
+        } catch (const std::exception& error) {
+          reply = {.error = error.what()};
+        }
+        stream->end(std::move(reply));
+      });
   if (!isPosted) throw Overloaded();
   exchange.client.setDeadline(ClientStream::Time::max());
   const OriginReply reply = co_await stream->head();

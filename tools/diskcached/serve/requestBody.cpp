@@ -12,7 +12,7 @@ namespace diskcached {
 
 namespace {
 
-constexpr size_t SPOOLED_AT_ONCE = 256 << 10;
+constexpr uint64_t SPOOLED_AT_ONCE = 64 << 10;
 
 void checkKept(int errNo) {
   if (errNo != 0) throw Refused(507, fmt::format("the body can't be kept: {}", std::strerror(errNo)));
@@ -71,11 +71,12 @@ void checkDigests(const Exchange& exchange, std::span<const std::byte> bytes) {
 
 asio::awaitable<std::span<const std::byte>> spoolBody(Exchange& exchange, Spool& spool) {
   WorkerPool& disks = exchange.service.disks;
-  const auto share = exchange.service.memory.take(SPOOLED_AT_ONCE);
+  const uint64_t size = std::min(SPOOLED_AT_ONCE, exchange.bodyLength().value_or(SPOOLED_AT_ONCE));
+  const auto share = exchange.service.uploadMemory.take(size);
   if (!share) throw Overloaded();
   checkKept(co_await disks.run([&] { return spool.open(exchange.options->root); }));
-  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(SPOOLED_AT_ONCE);
-  const std::span<std::byte> piece(buffer.get(), SPOOLED_AT_ONCE);
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(size);
+  const std::span<std::byte> piece(buffer.get(), size);
   while (const size_t got = co_await exchange.receiveBody(piece)) {
     checkKept(co_await disks.run([&] { return spool.append(piece.first(got)); }));
   }

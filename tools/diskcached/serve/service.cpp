@@ -15,23 +15,24 @@ Service::Service(std::shared_ptr<const Options> options, ObjectStore::ObjectCach
       cache(itsCache),
       origin(options, std::move(credentials)),
       index(options->indexEntries),
-      memory(options->memory),
+      memory(options->memory - options->memory / 4),
+      uploadMemory(options->memory / 4),
       accessLog(options->accessLog),
       disks(options->diskThreads, options->diskThreads * QUEUED_A_THREAD),
       fetchers(options->originConnections, options->originConnections * QUEUED_A_THREAD),
+      changers(options->passing, options->passing),
       passers(options->passing, options->passing),
       lookups(cache, index, origin, fetchers, stats),
       fetches(cache, origin, fetchers, memory, options->blockSize) {}
 
 void Service::change(std::shared_ptr<const Options> options, std::optional<Credentials> credentials) {
+  accessLog.open(options->accessLog);  // the only thing that can fail
   origin.change(options, std::move(credentials));
-  accessLog.open(options->accessLog);
   std::atomic_store(&m_options, std::move(options));
 }
 
 void Service::stopWorkers() {
-  origin.stop();
-  for (WorkerPool* pool : {&passers, &fetchers, &disks}) pool->stop();
+  for (WorkerPool* pool : {&passers, &changers, &fetchers, &disks}) pool->stop();
 }
 
 void Service::forget(const std::string& key) {

@@ -43,6 +43,7 @@ OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std:
 
 // From now on the store's word counts; where it names the object alike, what is on disk stays of use.
 void markUploaded(Service& service, const ObjectStore::StagedObject& object, const OriginReply& reply) {
+  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
   const ObjectInfoPointer known = service.index.find(object.key);
   if (known && known->isStaged && known->version != object.version) return;
   auto info = std::make_shared<ObjectInfo>(
@@ -61,11 +62,23 @@ ObjectInfoPointer describeStaged(Metadata kept, uint64_t size, std::string_view 
 }
 
 // The ETag; longer while the same bytes are staged, maybe with other headers.
-std::string freeVersion(Service& service, const std::string& key, std::string version) {
-  const auto staged = service.cache.stagedObjects(key);
+std::string freeVersion(const StagedObjects& staged, std::string version) {
   const auto isTaken = [&](const auto& object) { return object->version == version; };
   while (std::any_of(staged.begin(), staged.end(), isTaken)) version += '+';
   return version;
+}
+
+GivenUp discardAll(Service& service, const StagedObjects& objects) {
+  GivenUp result = GivenUp::Nothing;
+  for (const auto& object : objects) {
+    const CZuError error = service.cache.discardStaged(object->key, object->version);
+    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) {
+      DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
+      return GivenUp::Failed;
+    }
+    result = GivenUp::All;
+  }
+  return result;
 }
 
 }  // namespace
@@ -75,10 +88,12 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
   const std::string etag = '"' + md5Of(bytes) + '"';
   kept["etag"] = etag;
   const KxCriticalSectionLock lock(&service.keyLocks.of(key));
-  const std::string version = freeVersion(service, key, etag);
+  const StagedObjects before = service.cache.stagedObjects(key);
+  const std::string version = freeVersion(before, etag);
   CZuError error = service.cache.stage(key, version, bytes, kept);
   if (error.IsError()) return {.error = std::move(error)};
-  if (giveUpStaged(service, key, version) == GivenUp::Failed) {
+  // Nobody sees it before the older ones are gone, as far as they can be.
+  if (discardAll(service, before) == GivenUp::Failed) {
     (void)service.cache.discardStaged(key, version);
     return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EIO, "what it replaces can't be given up")};
   }
@@ -86,19 +101,15 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
   return {.etag = etag};
 }
 
-GivenUp giveUpStaged(Service& service, const std::string& key, std::string_view replacement) {
-  GivenUp result = GivenUp::Nothing;
-  for (const auto& object : service.cache.stagedObjects(key)) {
-    if (object->version == replacement) continue;
-    const CZuError error = service.cache.discardStaged(key, object->version);
-    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) {
-      DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
-      return GivenUp::Failed;
-    }
-    result = GivenUp::All;
-  }
+GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
+  const GivenUp result = discardAll(service, objects);
+  if (result != GivenUp::All) return result;
+  const std::string& key = objects.front()->key;
   const ObjectInfoPointer known = service.index.find(key);
-  if (replacement.empty() && known && known->isStaged) service.index.change(key, nullptr);
+  const auto isKnown = [&](const auto& object) {
+    return known->isStaged && known->version == object->version;
+  };
+  if (known && std::any_of(objects.begin(), objects.end(), isKnown)) service.index.change(key, nullptr);
   return result;
 }
 
@@ -112,8 +123,12 @@ void adoptStaged(Service& service) {
 }
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
-  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
-  if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
+  const auto turn = service.keyTurns.wait(object.key);
+  {
+    const KxCriticalSectionLock lock(
+        &service.keyLocks.of(object.key));        // whoever stages another is done with this one
+    if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
+  }
   Spool spool;
   std::span<const std::byte> bytes;
   if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError())

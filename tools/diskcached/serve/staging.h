@@ -2,8 +2,10 @@
 // index only makes them visible.
 #pragma once
 
+#include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "serve/service.h"
 
@@ -21,10 +23,11 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 // Gives a staged object to the store, unless it was replaced or deleted since.
 ObjectStore::CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object);
 
-// Gives up what is staged of a key, but for the version that replaces it: after the change has succeeded, so that
-// a kill leaves the state before or after it. To be called under the key's lock.
+// Gives up staged objects of one key that a change at the store has replaced: after it has succeeded, so that a kill
+// leaves the state before or after it. To be called under the key's lock.
 enum class GivenUp { Nothing, All, Failed };
-GivenUp giveUpStaged(Service& service, const std::string& key, std::string_view replacement = {});
+using StagedObjects = std::vector<std::shared_ptr<const ObjectStore::StagedObject>>;
+GivenUp giveUpStaged(Service& service, const StagedObjects& objects);
 
 // Makes known what the last run has staged; where it was killed in a change, the newer object counts. To be called
 // before uploads and requests.

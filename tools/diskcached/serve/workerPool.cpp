@@ -1,5 +1,7 @@
 #include "serve/workerPool.h"
 
+#include "support/log.h"
+
 namespace diskcached {
 
 using ObjectStore::KxCriticalSectionLock;
@@ -42,7 +44,11 @@ void WorkerPool::work() {
       work = std::move(m_queue.front());
       m_queue.pop_front();
     }
-    work();
+    try {
+      work();
+    } catch (const std::exception& error) {  // no memory, mostly: one request fails, not the server
+      DC_LOG(ObjectStore::LogLevel::Error, "Error: a call failed: %s", error.what());
+    }
   }
 }
 

@@ -1,6 +1,6 @@
 // A few threads for calls that block, with a bounded queue.
 //
-// Any thread may call anything; stop() runs once, when no coroutine waits any more.
+// Any thread may call anything; stop() runs once, when no coroutine waits for a result any more.
 #pragma once
 
 #include <condition_variable>
