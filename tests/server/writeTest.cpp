@@ -9,12 +9,6 @@ class ServerWriteTest : public ServerTest {
  protected:
   std::vector<std::string> writeBack = {"--write-back", "--origin-retries=0", "--grace=20"};
 
-  // From now on the store refuses some requests, in nginx's words.
-  void restartStore(const std::string& refusing) {
-    store.stop();
-    store.extra = refusing;
-    store.start();
-  }
   void restart(int signal) {
     server->end(signal);
     start(writeBack);
@@ -113,11 +107,11 @@ TEST_F(ServerWriteTest, AnUploadUnderWayKeepsNoChangeOfTheKeyWaiting) {
 TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
   start(writeBack);
   for (const int signal : {SIGKILL, SIGTERM}) {
-    restartStore("if ($request_method = PUT) { return 503; }");
+    store.restart("if ($request_method = PUT) { return 503; }");
     ASSERT_EQ(put("/gone", "x").status, 200);
     EXPECT_EQ(HttpClient(port).ask("DELETE", "/gone").status, 204);
     EXPECT_EQ(get("/gone").status, 404);
-    restartStore("");
+    store.restart("");
     restart(signal);
     ASSERT_TRUE(areUploaded());
     EXPECT_FALSE(std::filesystem::exists(store.files + "/gone")) << signal;
@@ -133,7 +127,7 @@ TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
                {"PUT", "", "If-None-Match: *"},      {"PUT", "", "x-amz-acl: private"},
                {"PUT", "", "x-amz-copy-source: /x"}, {"DELETE", "", "A: b"}};
   start(writeBack);
-  restartStore("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
+  store.restart("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
   std::vector<std::string> paths;
   for (const auto& c : cases) {
     const std::string &path = paths.emplace_back("/k" + std::to_string(paths.size())), other = "other";
@@ -143,7 +137,7 @@ TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
   }
   restart(SIGKILL);
   for (const std::string& path : paths) EXPECT_EQ(get(path).body, path);
-  restartStore("");
+  store.restart("");
   ASSERT_TRUE(areUploaded());
   for (const std::string& path : paths) EXPECT_EQ(readFile(store.files + path), path);
 }
@@ -153,7 +147,7 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
     const char *bytes, *header;
   } cases[] = {{"newer", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"newer", "x-amz-acl: private"}};
   start(writeBack);
-  restartStore("if ($http_x_amz_meta_n = 1) { return 503; }");
+  store.restart("if ($http_x_amz_meta_n = 1) { return 503; }");
   for (const auto& c : cases) {
     for (const int signal : {0, SIGKILL}) {
       std::filesystem::remove(store.files + "/k");
@@ -170,14 +164,14 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
 
 TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {
   start(writeBack);
-  restartStore("if ($request_method = PUT) { return 503; }");
+  store.restart("if ($request_method = PUT) { return 503; }");
   ASSERT_EQ(put("/k", "bytes").status, 200);
   const std::string file = stagedFile();
   std::filesystem::rename(file, dir / "aside");
   EXPECT_EQ(get("/k").status, 503);
   std::filesystem::rename(dir / "aside", file);
   EXPECT_EQ(get("/k").body, "bytes");
-  restartStore("");
+  store.restart("");
   restart(SIGKILL);
   ASSERT_TRUE(areUploaded());
   EXPECT_EQ(readFile(store.files + "/k"), "bytes");
@@ -188,7 +182,7 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
   SKIP_WITHOUT(small);
   writeBack.push_back("--root=" + (small / "root"));
   start(writeBack);
-  restartStore("if ($request_method = PUT) { return 503; }");
+  store.restart("if ($request_method = PUT) { return 503; }");
   store.put("k", "the store's");
   EXPECT_EQ(get("/k").body, "the store's");
   std::ofstream(small / "other") << std::string(17 << 20, 'x');
@@ -203,7 +197,7 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
   for (const char* bytes : {"first", "second"}) ASSERT_EQ(put("/k", bytes).status, 200);
   restart(SIGKILL);
   EXPECT_EQ(get("/k").body, "second");
-  restartStore("");
+  store.restart("");
   ASSERT_TRUE(areUploaded());
   EXPECT_EQ(readFile(store.files + "/k"), "second");
 }
