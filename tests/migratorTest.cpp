@@ -304,6 +304,28 @@ TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
   }
 }
 
+TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides) {
+  startWithFour();
+  const std::string text = "the override";
+  ctx.useNonPrunableDir = true;
+  ASSERT_EQ(outcome(cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::NonPrunable)),
+            "success");
+  FaultPlan plan;
+  std::future<std::string> read;
+  {
+    HoldAtLine hold(log, "copying directory [" + source + "/noprune-ctx]");
+    ASSERT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    plan.hold("access", 2);  // it is not at the destination; the source is asked next
+    read = std::async(std::launch::async, [&] { return get("kept"); });
+    ASSERT_TRUE(plan.held());
+  }
+  EXPECT_EQ(ends(), ended("success", target));
+  fs::remove_all(source);
+  plan.release();
+  EXPECT_EQ(read.get(), text);
+}
+
 TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
   startWithFour();
   HoldAtLine hold(log, "Opening disk segment for [fresh]");  // at the source's path, which is looked up again
