@@ -343,7 +343,7 @@ std::string DiskCacheMigrator::Removal::recycleDir(const guid_t& guid) const {
 
 int DiskCacheMigrator::dropSourceCopy(const guid_t& guid, VolIndex vol, const std::string& dir) {
   const auto job = runningJob(vol);
-  if (!job || job->isReturning) return 0;
+  if (!job) return 0;
   const std::string name = nameOf(guid, dir);
   const int found = findFile(join(job->dst, name, '/'));
   if (found == ENOENT) return 0;

@@ -16,6 +16,8 @@ namespace ObjectStore {
 namespace {
 
 constexpr int UNDO_ATTEMPTS = 3;
+// How often a file is put back whose directory the pruner finds empty, and removes, just before.
+constexpr int RETURN_ATTEMPTS = 16;
 
 bool isSameTime(const timespec& a, const timespec& b) {
   // Some file systems keep whole seconds.
@@ -144,10 +146,13 @@ int DiskCacheMigrator::bringBack(const Job& job, const std::string& name, const 
   const std::string from = join(job.dst, name, '/');
   const std::string to = join(job.home, name, '/');
   if (!doesFileExist(from)) return 0;
-  int rc = createDir(to.substr(0, to.rfind('/')));
+  int rc = ENOENT;
   bool isCopied = false;
-  if (rc == 0) rc = moveOrCopy(from, to, isCopied);
-  if (rc == 0 || (rc == ENOENT && !doesFileExist(from))) return 0;
+  for (int attempt = 0; rc == ENOENT && attempt < RETURN_ATTEMPTS; ++attempt) {
+    rc = createDir(to.substr(0, to.rfind('/')));
+    if (rc == 0) rc = moveOrCopy(from, to, isCopied);
+    if (rc == 0 || (rc == ENOENT && !doesFileExist(from))) return 0;
+  }
   if (isCopied) {
     logAt(where, LogLevel::Error, "Error: can't unlink file [%s] (%d)", from.c_str(), rc);
   } else {

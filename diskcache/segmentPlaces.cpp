@@ -30,12 +30,19 @@ std::string SegmentPlaces::segmentPath(const guid_t& guid, VolIndex volume, cons
   return path;
 }
 
+// A copy that a migration has taken to the other side between two looks, and that went where it came from, seems to be
+// on neither: then it is looked for again.
 bool SegmentPlaces::isCopyThere(std::string& path, const guid_t& guid, VolIndex volume,
                                 const std::string& dir) {
-  std::optional<bool> seen;
-  path = m_migrator.rootFor(guid, volume, dir, &seen);
-  if (!path.empty()) appendSegmentPath(path, dir, guid);
-  return seen ? *seen : doesFileExist(path);
+  constexpr int MAX_LOOKS = 16;
+  for (int looks = 1;; ++looks) {
+    const uint32_t generation = m_migrator.generation();
+    std::optional<bool> seen;
+    path = m_migrator.rootFor(guid, volume, dir, &seen);
+    if (!path.empty()) appendSegmentPath(path, dir, guid);
+    const bool isThere = seen ? *seen : doesFileExist(path);
+    if (isThere || looks == MAX_LOOKS || m_migrator.generation() == generation) return isThere;
+  }
 }
 
 // Only the flag is asked, not whether nonprunableDir is empty: this is meant.

@@ -7,6 +7,7 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/segmentWork.h"
 #include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
@@ -41,6 +42,49 @@ class MigratorTest : public EngineTest {
     return std::exchange(s_ends, {});
   }
   Texts ended(const std::string& how, const std::string& to) { return {how + ' ' + source + ' ' + to}; }
+  // A segment's regular and override copies.
+  std::pair<std::string, std::string> bothOf(const guid_t& guid) {
+    const DiskCacheContext both = ctx;
+    ctx.useNonPrunableDir = false;
+    const std::string regular = get(guid);
+    ctx.dir = both.nonprunableDir;
+    const std::string override = get(guid);
+    ctx = both;
+    return {regular, override};
+  }
+  // Lets a migration fail while the last of these changes is at its nth system call (0: before it); all but the first
+  // half have been made at the destination. How many calls the last one made.
+  size_t failWithin(const std::vector<SegmentWork>& works, size_t nth) {
+    const guid_t guid = "abcd-segment";
+    Copies copies;
+    const auto perform = [&](const SegmentWork& work) {
+      EXPECT_EQ(outcome(work.perform(*cache, ctx, guid)), "success");
+      copies = work.leaves(copies);
+    };
+    startWithFour();
+    EXPECT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);  // cannot be copied
+    for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
+    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
+    EXPECT_EQ(cache->migrate(1, source, target), 0);
+    EXPECT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    for (size_t i = works.size() / 2; i + 1 < works.size(); ++i) perform(works[i]);
+    const uint32_t running = Access::migrator(*cache).generation();
+    FaultPlan plan;
+    if (nth > 0) plan.hold(FaultPlan::ANY, nth + 1);  // the first starts the thread
+    std::future<void> worked = std::async(std::launch::async, [&] { perform(works.back()); });
+    if (nth == 0) worked.wait();
+    EXPECT_TRUE(nth == 0 || plan.held());
+    const size_t calls = plan.count(FaultPlan::ANY) - 1;
+    hold.release();
+    while (Access::migrator(*cache).generation() == running) std::this_thread::yield();  // returning
+    plan.release();
+    worked.get();
+    EXPECT_EQ(ends(), ended("EINVAL", target));
+    const auto [regular, override] = bothOf(guid);
+    EXPECT_TRUE(regular == copies.regular.shown() && override == copies.override.shown())
+        << regular.substr(0, 9) << " and " << override.substr(0, 9);
+    return calls;
+  }
   bool isSwitched() { return cache->guid2path("none", 1, "ctx").starts_with(target); }
 
   static inline Texts s_ends;
@@ -209,6 +253,77 @@ TEST_F(MigratorTest, AChangeThatCannotBeNotedAfterTheSwitchFailsNothing) {
   EXPECT_EQ(ends(), ended("success", target));
   EXPECT_TRUE(isSwitched());
   EXPECT_EQ(get("kept"), "the new text");
+}
+
+// At each system call of each change; what it takes away at the destination must not show again from the source.
+TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationFailsWithinIt) {
+  using Works = std::vector<SegmentWork>;
+  ctx.useNonPrunableDir = true;
+  const Works befores[] = {
+      {{SegmentWork::CREATE, 'a'}, {SegmentWork::WRITE, 'c'}},
+      {{SegmentWork::CREATE, 'b'}, {SegmentWork::WRITE, 'd'}},
+      {{SegmentWork::CREATE, 'a'},
+       {SegmentWork::WRITE_NON_PRUNABLE, 'b'},
+       {SegmentWork::WRITE_PRUNABLE, 'c'},
+       {SegmentWork::WRITE, 'd'}},
+  };
+  for (const Works& before : befores) {
+    for (uint32_t operation = SegmentWork::WRITE; operation < SegmentWork::NUM_OPERATIONS; ++operation) {
+      if (operation == SegmentWork::WRITE_PRUNABLE && before[0].letter == 'b') continue;  // no such copy
+      Works works = before;
+      works.push_back({static_cast<SegmentWork::Operation>(operation), 'e'});
+      const size_t calls = failWithin(works, 0);
+      for (size_t nth = 1; nth <= calls && !HasFailure(); ++nth) {
+        SCOPED_TRACE("before " + std::to_string(before.size()) + static_cast<char>(before[0].letter) +
+                     " operation " + std::to_string(operation) + " call " + std::to_string(nth));
+        failWithin(works, nth);
+      }
+    }
+  }
+}
+
+TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
+  const SmallFileSystem otherDisk{16};
+  SKIP_WITHOUT(otherDisk);
+  for (const std::string& to : {target, otherDisk / "new"}) {
+    SCOPED_TRACE(to);
+    startWithFour();
+    ASSERT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);  // cannot be copied
+    FaultPlan plan;
+    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
+    ASSERT_EQ(cache->migrate(1, source, to), 0);
+    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    put("made", "the text");
+    plan.hold("rename", 1);
+    hold.release();
+    ASSERT_TRUE(plan.held());
+    EXPECT_TRUE(fs::remove(source + "/ctx/ma/de"));  // as the pruner does with what it finds empty
+    plan.release();
+    EXPECT_EQ(ends(), ended("EINVAL", to));
+    EXPECT_EQ(get("made"), "the text");
+  }
+}
+
+TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides) {
+  startWithFour();
+  const std::string text = "the override";
+  ctx.useNonPrunableDir = true;
+  ASSERT_EQ(outcome(cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::NonPrunable)),
+            "success");
+  FaultPlan plan;
+  std::future<std::string> read;
+  {
+    HoldAtLine hold(log, "copying directory [" + source + "/noprune-ctx]");
+    ASSERT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    plan.hold("access", 2);  // it is not at the destination; the source is asked next
+    read = std::async(std::launch::async, [&] { return get("kept"); });
+    ASSERT_TRUE(plan.held());
+  }
+  EXPECT_EQ(ends(), ended("success", target));
+  fs::remove_all(source);
+  plan.release();
+  EXPECT_EQ(read.get(), text);
 }
 
 TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
