@@ -35,6 +35,11 @@ class MigratorTest : public EngineTest {
     put("kept", "the old text");
     log.clear();
   }
+  // Instead of its file "spare" has one that cannot be copied.
+  void spoil() const {
+    fs::remove(source + "/spare/f");
+    EXPECT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);
+  }
   // How the migration ended, once its threads have too: every call of the callback.
   Texts ends() {
     log.waitFor("cache: migration finished");
@@ -62,7 +67,7 @@ class MigratorTest : public EngineTest {
       copies = work.leaves(copies);
     };
     startWithFour();
-    EXPECT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);  // cannot be copied
+    spoil();
     for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
     HoldAtLine hold(log, "copying directory [" + source + "/spare]");
     EXPECT_EQ(cache->migrate(1, source, target), 0);
@@ -288,7 +293,7 @@ TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
   for (const std::string& to : {target, otherDisk / "new"}) {
     SCOPED_TRACE(to);
     startWithFour();
-    ASSERT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);  // cannot be copied
+    spoil();
     FaultPlan plan;
     HoldAtLine hold(log, "copying directory [" + source + "/spare]");
     ASSERT_EQ(cache->migrate(1, source, to), 0);
