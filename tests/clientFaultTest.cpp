@@ -42,7 +42,7 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
   int run = 0;
   for (const std::string& call : calls) {
     for (const int errNo : {EIO, ENOSPC, EROFS, EMFILE, ENOENT, 0}) {  // 0: cut short
-      for (const size_t nth : {1, 2, 0}) {                             // 0: from the first one on
+      for (const size_t nth : {1U, 2U, 0U}) {                          // 0: from the first one on
         SCOPED_TRACE(call + ' ' + outcome(errNo) + ' ' + std::to_string(nth));
         {
           FaultPlan plan;

@@ -135,6 +135,8 @@ TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
     EXPECT_GE(HttpClient(port).ask(c.method, path + c.query, {c.header}, &other).status, 400);
     EXPECT_EQ(get(path).body, path) << c.method << c.query << c.header;
   }
+  const std::string list = "<Delete><Object><Key>k0</Key></Object></Delete>";
+  EXPECT_EQ(HttpClient(port).ask("POST", "/?delete", {}, &list).status, 503);
   restart(SIGKILL);
   for (const std::string& path : paths) EXPECT_EQ(get(path).body, path);
   store.restart("");
