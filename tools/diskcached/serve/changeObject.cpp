@@ -13,6 +13,8 @@
 
 namespace diskcached {
 
+using ObjectStore::KxCriticalSectionLock;
+
 namespace {
 
 constexpr size_t MOST_TEXT = 64 << 10;  // of what the store says to a change
