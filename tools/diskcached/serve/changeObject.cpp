@@ -55,26 +55,13 @@ Changed changeAtStore(Service& service, OriginCall call) {
   return changed;
 }
 
-// One change of a key at a time.
-template <typename F>
-asio::awaitable<Changed> inTurn(Service& service, const std::string& key, F change) {
-  const auto turn = co_await service.keyTurns.take(key);
-  co_return co_await service.changers.run(std::move(change));
-}
-
 asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   const OriginReply& reply = changed.reply;
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
   if (reply.status == 0 || !reply.error.empty())
     throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
   if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
-  AnswerHead head(reply.status);
-  const std::string connection = valuesOf(reply.headers, "connection");
-  for (const auto& [name, value] : reply.headers) {
-    const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
-                        equalsIgnoringCase(name, "content-length");
-    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
-  }
+  AnswerHead head = relayedHead(reply);
   if (reply.status != 204) head.add("content-length", changed.text.size());
   exchange.addCacheStatus(head);
   co_await exchange.sendHead(std::move(head), ClientStream::More::No);
@@ -83,23 +70,20 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
 }
 
 OriginCall callOf(const Exchange& exchange) {
+  using http::field;
   OriginCall call;
   call.method = exchange.method();
   call.key = exchange.target().key;
   call.headers = forwardedHeaders(exchange);
+  call.mayRepeat = exchange.header(field::if_match).empty() &&
+                   exchange.header(field::if_none_match).empty() &&
+                   exchange.header(field::if_unmodified_since).empty();
   return call;
 }
 
-bool isConditional(const Exchange& exchange) {
-  using http::field;
-  return !exchange.header(field::if_match).empty() || !exchange.header(field::if_none_match).empty() ||
-         !exchange.header(field::if_unmodified_since).empty();
-}
-
 // Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum.
-bool wantsMore(const Exchange& exchange) {
-  const Headers headers = forwardedHeaders(exchange);
-  return std::any_of(headers.begin(), headers.end(), [](const auto& header) {
+bool wantsMore(const OriginCall& call) {
+  return std::any_of(call.headers.begin(), call.headers.end(), [](const auto& header) {
     const auto begins = [&](std::string_view with) {
       return equalsIgnoringCase(std::string_view(header.first).substr(0, with.size()), with);
     };
@@ -107,23 +91,22 @@ bool wantsMore(const Exchange& exchange) {
   });
 }
 
-asio::awaitable<void> putThrough(Exchange& exchange, std::span<const std::byte> bytes) {
-  OriginCall call = callOf(exchange);
-  call.hasBody = true;
-  call.body = bytes;
-  call.mayRepeat = !isConditional(exchange);
+// One change of a key at a time.
+asio::awaitable<void> changeThrough(Exchange& exchange, const OriginCall& call) {
   Service& service = exchange.service;
-  const Changed changed = co_await inTurn(service, call.key, [&] { return changeAtStore(service, call); });
+  auto turn = co_await service.keyTurns.take(call.key);
+  const Changed changed = co_await service.changers.run([&] { return changeAtStore(service, call); });
+  turn.reset();  // the client may be slow
   co_await relayChange(exchange, changed);
 }
 
 // The answer comes when the object is safe here; from then on everybody sees it.
-asio::awaitable<void> putStaged(Exchange& exchange, std::span<const std::byte> bytes) {
+asio::awaitable<void> putStaged(Exchange& exchange, const OriginCall& call) {
   Service& service = exchange.service;
-  Metadata kept = cachedHeaders(forwardedHeaders(exchange));
+  Metadata kept = cachedHeaders(call.headers);
   kept["last-modified"] = formatHttpDate(std::time(nullptr));
   const StageResult staged = co_await service.changers.run(
-      [&] { return stageObject(service, exchange.target().key, bytes, std::move(kept), *exchange.options); });
+      [&] { return stageObject(service, call.key, call.body, std::move(kept), *exchange.options); });
   exchange.setCacheStatus("diskcached; fwd=method; detail=staged");
   if (staged.error.IsError()) throw Refused(507, "the object can't be staged");
   AnswerHead head(200);
@@ -141,10 +124,13 @@ asio::awaitable<void> putObject(Exchange& exchange) {
   const auto spool = std::make_unique<Spool>();
   const auto bytes = co_await takeBody(exchange, *spool);
   exchange.client.setDeadline(ClientStream::Time::max());
-  if (exchange.options->writeBack && !isConditional(exchange) && !wantsMore(exchange)) {
-    co_await putStaged(exchange, bytes);
+  OriginCall call = callOf(exchange);
+  call.hasBody = true;
+  call.body = bytes;
+  if (exchange.options->writeBack && call.mayRepeat && !wantsMore(call)) {
+    co_await putStaged(exchange, call);
   } else {
-    co_await putThrough(exchange, bytes);
+    co_await changeThrough(exchange, call);
   }
 }
 
@@ -153,10 +139,8 @@ asio::awaitable<void> deleteObject(Exchange& exchange) {
   ++exchange.service.stats.deletes;
   co_await exchange.skipBody();
   exchange.client.setDeadline(ClientStream::Time::max());
-  OriginCall call = callOf(exchange);
-  Service& service = exchange.service;
-  const Changed changed = co_await inTurn(service, call.key, [&] { return changeAtStore(service, call); });
-  co_await relayChange(exchange, changed);
+  const OriginCall call = callOf(exchange);
+  co_await changeThrough(exchange, call);
 }
 
 }  // namespace diskcached

@@ -81,14 +81,7 @@ OriginReply callStore(Service& service, OriginCall& call, PassStream& stream,
 
 // What the store answered, piece by piece; a length that it told is told on.
 asio::awaitable<void> relay(Exchange& exchange, PassStream& stream, const OriginReply& reply) {
-  AnswerHead head(reply.status);
-  const std::string connection = valuesOf(reply.headers, "connection");
-  for (const auto& [name, value] : reply.headers) {
-    const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
-                        equalsIgnoringCase(name, "content-length") ||
-                        equalsIgnoringCase(name, "cache-status");
-    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
-  }
+  AnswerHead head = relayedHead(reply);
   const auto size = parseNumber(headerOf(reply.headers, "content-length"));
   const bool hasBody = !exchange.isHead() && reply.status != 204 && reply.status != 304;
   const bool isChunked = hasBody && !size && exchange.speaksChunks();
@@ -124,6 +117,18 @@ struct Abandon {
 };
 
 }  // namespace
+
+AnswerHead relayedHead(const OriginReply& reply) {
+  AnswerHead head(reply.status);
+  const std::string connection = valuesOf(reply.headers, "connection");
+  for (const auto& [name, value] : reply.headers) {
+    const bool isOurs = equalsIgnoringCase(name, "server") || equalsIgnoringCase(name, "date") ||
+                        equalsIgnoringCase(name, "content-length") ||
+                        equalsIgnoringCase(name, "cache-status");
+    if (!isHopByHop(name, connection) && !isOurs) head.add(name, value);
+  }
+  return head;
+}
 
 Headers forwardedHeaders(const Exchange& exchange) {
   Headers headers;
