@@ -5,5 +5,6 @@ def statistic(f): map(f | values) | sort | if length == 0 then null else {median
   hits: ([$rounds[] | {server, work}] | unique | map(. as $of | [$rounds[] | select(.server == $of.server and .work == $of.work)]
     | $of + {perSecond: statistic(.perSecond), p50: statistic(.p50), p99: statistic(.p99), cpu: statistic(.cpu),
         failed: (map(.failed) | add), asked: (map(.asked) | add)})),
-  herd: $herd
+  herd: $herd,
+  starts: $starts
 }

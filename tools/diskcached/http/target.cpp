@@ -1,6 +1,8 @@
 #include "http/target.h"
 
 #include <algorithm>
+#include <array>
+#include <utility>
 #include <vector>
 
 #include "http/text.h"
@@ -97,6 +99,15 @@ std::optional<Target> parseTarget(std::string_view text) {
   const auto key = decodeEscapes(text.substr(1, mark - 1));
   if (!key || key->find('\0') != std::string::npos || hasDotSegment(*key)) return std::nullopt;
   return Target{*key, std::string(text.substr(std::min(mark + 1, text.size())))};
+}
+
+bool repeatsMethod(std::string_view query, std::string_view method) {
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 4> NAMES = {
+      {{"GET", "x-id=GetObject"},
+       {"HEAD", "x-id=HeadObject"},
+       {"PUT", "x-id=PutObject"},
+       {"DELETE", "x-id=DeleteObject"}}};
+  return std::find(NAMES.begin(), NAMES.end(), std::pair(method, query)) != NAMES.end();
 }
 
 std::string encodePath(std::string_view key) { return encode(key, true); }

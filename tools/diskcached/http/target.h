@@ -16,6 +16,9 @@ struct Target {
 // byte, a segment "." or "..", characters that no target holds.
 std::optional<Target> parseTarget(std::string_view text);
 
+// Whether the query says no more than the method does: some clients of stores name their operation there.
+bool repeatsMethod(std::string_view query, std::string_view method);
+
 // An escape of two digits for every byte that is not a letter, a digit or one of "-._~/".
 std::string encodePath(std::string_view key);
 // The same parameters in the order and spelling that a signature is taken over.

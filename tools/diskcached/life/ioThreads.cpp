@@ -26,16 +26,15 @@ constexpr std::chrono::milliseconds SWEEP(200), LOOK(5);
 
 }  // namespace
 
-// One of them. All but construction, stop and join runs in its thread.
+// One of them. What is private runs in its thread, the rest may be called by any.
 class IoThread {
  public:
-  explicit IoThread(Service& service) : m_service(service) {
+  IoThread(Service& service, const std::vector<std::unique_ptr<IoThread>>& all)
+      : m_service(service), m_all(all) {
     asio::co_spawn(m_context, sweep(), asio::detached);
     m_thread = std::thread([this] { m_context.run(); });
   }
 
-  asio::io_context& context() { return m_context; }
-  void adopt(tcp::socket socket) { asio::co_spawn(m_context, serve(std::move(socket)), asio::detached); }
   void listen(int listener, tcp protocol) {
     asio::co_spawn(m_context, accept(listener, protocol), asio::detached);
   }
@@ -61,14 +60,18 @@ class IoThread {
   }
 
  private:
-  // Every thread accepts for itself, from one queue.
+  // Every thread accepts, from one queue, for the one that has the fewest connections: clients that come at once would
+  // all be the first one's else, and wait for each other.
   asio::awaitable<void> accept(int listener, tcp protocol) {
     m_acceptor.emplace(m_context, protocol, listener);
     while (!m_isStopping) {
-      auto [error, socket] = co_await m_acceptor->async_accept(AS_TUPLE);
+      const auto& idlest =
+          *std::min_element(m_all.begin(), m_all.end(),
+                            [](const auto& one, const auto& other) { return one->m_load < other->m_load; });
+      auto [error, socket] = co_await m_acceptor->async_accept(idlest->m_context, AS_TUPLE);
       if (error == asio::error::operation_aborted || m_isStopping) co_return;
       if (!error) {
-        adopt(std::move(socket));
+        idlest->adopt(std::move(socket));
         continue;
       }
       DC_LOG(ObjectStore::LogLevel::Error, "Error: no connection can be accepted: %s",
@@ -78,7 +81,13 @@ class IoThread {
     }
   }
 
+  void adopt(tcp::socket socket) {
+    ++m_load;
+    asio::co_spawn(m_context, serve(std::move(socket)), asio::detached);
+  }
+
   asio::awaitable<void> serve(tcp::socket socket) {
+    if (m_isStopping) co_return;
     ++m_service.stats.accepted;
     try {
       Connection connection(m_service, std::move(socket));
@@ -92,6 +101,7 @@ class IoThread {
       m_connections.erase(place);
     } catch (const std::exception&) {  // it was gone before it was looked at
     }
+    --m_load;
     if (m_isStopping && m_connections.empty()) m_isEmpty = true;
   }
 
@@ -106,9 +116,11 @@ class IoThread {
   }
 
   Service& m_service;
+  const std::vector<std::unique_ptr<IoThread>>& m_all;  // all there when one of them listens
   asio::io_context m_context{1};
   std::optional<tcp::acceptor> m_acceptor;
   std::list<Connection*> m_connections;
+  std::atomic<unsigned> m_load{0};  // connections, with those that it is about to have
   bool m_isStopping = false;
   std::atomic<bool> m_isEmpty{false};
   std::thread m_thread;
@@ -146,8 +158,8 @@ uint16_t IoThreads::port() const { return m_acceptor.local_endpoint().port(); }
 void IoThreads::start(Service& service) {
   m_acceptor.listen(asio::socket_base::max_listen_connections);
   m_acceptor.non_blocking(true);
-  for (auto& thread : m_threads) {
-    thread = std::make_unique<IoThread>(service);
+  for (auto& thread : m_threads) thread = std::make_unique<IoThread>(service, m_threads);
+  for (const auto& thread : m_threads) {
     const int listener = fcntl(m_acceptor.native_handle(), F_DUPFD_CLOEXEC, 0);
     if (listener >= 0) thread->listen(listener, m_acceptor.local_endpoint().protocol());
   }

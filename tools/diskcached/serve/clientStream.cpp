@@ -27,36 +27,31 @@ ClientStream::ClientStream(asio::ip::tcp::socket socket) : m_socket(std::move(so
   m_socket.set_option(asio::ip::tcp::no_delay(true));
 }
 
+// Waits in the read itself: waiting for it to become possible would cost two more calls of each request.
 asio::awaitable<bool> ClientStream::receive(size_t most) {
-  for (;;) {
-    if (m_isCancelled) co_return false;
-    const auto space = m_buffer.prepare(most);
-    const ssize_t got = ::recv(m_socket.native_handle(), space.data(), space.size(), 0);
-    if (got > 0) {
-      m_buffer.commit(static_cast<size_t>(got));
-      earn(static_cast<uint64_t>(got));
-      co_return true;
-    }
-    if (got == 0) co_return false;
-    if (isInterrupted()) continue;
-    if (!wouldBlock()) throw ClientGone();
-    const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_read);
-    if (!isUsable) co_return false;
-  }
+  if (m_isCancelled) co_return false;
+  const Time began = std::chrono::steady_clock::now();
+  const auto [error, got] = co_await m_socket.async_read_some(m_buffer.prepare(most), AS_TUPLE);
+  useUp(began);
+  m_sentInARow = 0;
+  if (error == asio::error::eof || error == asio::error::operation_aborted) co_return false;
+  if (error) throw ClientGone();
+  m_buffer.commit(got);
+  earn(got);
+  co_return true;
 }
 
 asio::awaitable<void> ClientStream::writable() {
   if (m_isCancelled) throw ClientGone();
   touch();
-  const bool isUsable = co_await waitFor(asio::ip::tcp::socket::wait_write);
-  if (!isUsable) throw ClientGone();
+  const Time began = std::chrono::steady_clock::now();
+  const auto [error] = co_await m_socket.async_wait(asio::ip::tcp::socket::wait_write, AS_TUPLE);
+  useUp(began);
+  if (error) throw ClientGone();
 }
 
-asio::awaitable<bool> ClientStream::waitFor(asio::ip::tcp::socket::wait_type what) {
-  const Time began = std::chrono::steady_clock::now();
-  const auto [error] = co_await m_socket.async_wait(what, AS_TUPLE);
+void ClientStream::useUp(Time began) {
   m_patience -= std::min(m_patience, std::chrono::steady_clock::now() - began);
-  co_return !error;
 }
 
 void ClientStream::earn(uint64_t bytes) {
@@ -91,7 +86,7 @@ asio::awaitable<void> ClientStream::sendFile(int file, uint64_t offset, uint64_t
       m_sentInARow += static_cast<uint64_t>(sent);
       earn(static_cast<uint64_t>(sent));
       touch();
-      if (m_sentInARow < FAIR_SHARE) continue;
+      if (bytes == 0 || m_sentInARow < FAIR_SHARE) continue;
       m_sentInARow = 0;
       co_await asio::post(m_socket.get_executor(), asio::use_awaitable);
     } else if (sent < 0 && wouldBlock()) {

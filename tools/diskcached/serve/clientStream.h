@@ -60,9 +60,9 @@ class ClientStream {
   }
 
  private:
-  // False when it is of no use any more.
-  asio::awaitable<bool> waitFor(asio::ip::tcp::socket::wait_type what);
   asio::awaitable<void> writable();
+  // Of the patience with the client.
+  void useUp(Time began);
   void earn(uint64_t bytes);
 
   asio::ip::tcp::socket m_socket;

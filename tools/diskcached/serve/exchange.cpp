@@ -72,6 +72,7 @@ void Exchange::parse(size_t headSize) {
   auto parsed = parseTarget(target);
   if (!parsed) throw Refused(400, "the target names nothing that can be served");
   m_target = std::move(*parsed);
+  if (repeatsMethod(m_target.query, m_method)) m_target.query.clear();
   const std::string_view expect = header(http::field::expect);
   if (!expect.empty() && !equalsIgnoringCase(expect, "100-continue"))
     throw Refused(417, "an unknown expectation");
@@ -146,11 +147,21 @@ asio::awaitable<void> Exchange::skipBody() {
   }
 }
 
-asio::awaitable<void> Exchange::sendHead(AnswerHead head, ClientStream::More more) {
+std::string Exchange::finish(AnswerHead head) {
   m_status = head.status();
   if (m_isKeptAlive && !speaksChunks()) head.add("Connection", "keep-alive");
-  const std::string text = head.finish(m_isKeptAlive);
+  return head.finish(m_isKeptAlive);
+}
+
+asio::awaitable<void> Exchange::sendHead(AnswerHead head, ClientStream::More more) {
+  const std::string text = finish(std::move(head));
   co_await client.send(text, more);
+}
+
+asio::awaitable<void> Exchange::sendWhole(AnswerHead head, std::string_view body) {
+  const std::string text = finish(std::move(head)).append(body);
+  co_await client.send(text, ClientStream::More::No);
+  m_bodyBytes += body.size();
 }
 
 asio::awaitable<void> Exchange::sendBody(std::span<const std::byte> bytes, ClientStream::More more) {
@@ -168,9 +179,7 @@ asio::awaitable<void> Exchange::sendText(AnswerHead head, std::string_view type,
   addCacheStatus(head);
   head.add("Content-Type", type);
   head.add("Content-Length", text.size());
-  co_await sendHead(std::move(head),
-                    isHead() || text.empty() ? ClientStream::More::No : ClientStream::More::Yes);
-  if (!isHead()) co_await sendBody(std::as_bytes(std::span(text)), ClientStream::More::No);
+  co_await sendWhole(std::move(head), isHead() ? "" : text);
 }
 
 asio::awaitable<void> Exchange::refuse(const Refused& refused) {
