@@ -61,15 +61,17 @@ Timing sumOf(const std::vector<Share>& shares, size_t operations) {
   }
   timing.wall = microsecondsOf(end - begin) / static_cast<double>(operations);
   timing.p50 = medianOf(single);
+  timing.p99 = quantileOf(single, 0.99);
+  timing.p999 = quantileOf(single, 0.999);
   return timing;
 }
 
 }  // namespace
 
-double medianOf(std::vector<double>& values) {
-  const auto middle = values.begin() + std::ssize(values) / 2;
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+double quantileOf(std::vector<double>& values, double share) {
+  const auto place = values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(values.size()));
+  std::nth_element(values.begin(), place, values.end());
+  return *place;
 }
 
 Timing timeBatch(const std::vector<std::unique_ptr<Session>>& sessions, size_t threads,

@@ -55,6 +55,14 @@ void syncDisk(const std::string& dir) {
   close(fd);
 }
 
+bool dropCaches() {
+  const int fd = open("/proc/sys/vm/drop_caches", O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool isDone = write(fd, "3", 1) == 1;
+  close(fd);
+  return isDone;
+}
+
 void addRounds(const std::string& name, int rounds, std::function<void(Figures&)> round) {
   const auto work = [round = std::move(round)](benchmark::State& state) {
     for (auto _ : state) round(state.counters);

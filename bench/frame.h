@@ -44,6 +44,9 @@ class WorkDir {
 // Writes out what is dirty on the file system of a directory, so that nobody pays for another's changes.
 void syncDisk(const std::string& dir);
 
+// Has the system forget all files that it holds in memory. False where that is not allowed.
+bool dropCaches();
+
 using Figures = benchmark::UserCounters;
 
 // Registers work that is done once a round and leaves figures; reported are the median, the least and the

@@ -1,7 +1,7 @@
 // What an operation on a segment costs: the floor, the cache and its peers in turn, round by round.
 //
 // Reported for each: time over the floor's of the same round (the mean of its two goes), as wall time of the
-// batch, median of single operations (p50) and CPU time. `again` is the second floor over the first, and
+// batch, median, 99 % and 99.9 % of single operations (p50, p99, p999) and CPU time. `again` is the second floor over the first, and
 // `floor` itself is in microseconds an operation.
 #include <algorithm>
 #include <map>
@@ -25,17 +25,22 @@ constexpr size_t RANGED_SEGMENT = 4096 * KIB;
 constexpr size_t SYNCED_SEGMENTS = 32;
 constexpr int WARMING_PASSES = 3;  // after one or two the processor's last cache still has not settled
 
-enum class Kind { Read, ReadZipf, ReadRange, Overwrite, Create, CreateSynced, Delete };
+enum class Kind { Read, ReadZipf, ReadRange, ReadCold, Overwrite, Create, CreateSynced, Delete };
 
 struct Work {
   const char* name;
   Kind kind;
-  bool isReading() const { return kind <= Kind::ReadRange; }
+  bool isReading() const { return kind <= Kind::ReadCold; }
 };
 
 constexpr Work WORKS[] = {
-    {"read", Kind::Read},           {"readZipf", Kind::ReadZipf}, {"readRange", Kind::ReadRange},
-    {"overwrite", Kind::Overwrite}, {"create", Kind::Create},     {"createSynced", Kind::CreateSynced},
+    {"read", Kind::Read},
+    {"readZipf", Kind::ReadZipf},
+    {"readRange", Kind::ReadRange},
+    {"readCold", Kind::ReadCold},
+    {"overwrite", Kind::Overwrite},
+    {"create", Kind::Create},
+    {"createSynced", Kind::CreateSynced},
     {"delete", Kind::Delete},
 };
 
@@ -61,6 +66,7 @@ size_t segmentsFor(const Work& work, size_t bytes, const Effort& effort) {
 // Reads of usual sizes also by more threads than there are processors, as servers have them.
 std::vector<size_t> threadsFor(const Work& work, size_t bytes) {
   if (work.kind == Kind::Read && bytes <= 64 * KIB) return {1, 2, 4, MAX_READERS};
+  if (work.kind == Kind::ReadCold) return {1};
   return {1, MAX_WRITERS};
 }
 
@@ -82,6 +88,7 @@ Operation operationOf(Kind kind, const Arena& arena) {
   switch (kind) {
     case Kind::Read:
     case Kind::ReadZipf:
+    case Kind::ReadCold:
       return
           [=](Session& session, size_t segment, Buffer buffer) { expect(session.read(segment, 0, buffer)); };
     case Kind::ReadRange:
@@ -104,8 +111,12 @@ Operation operationOf(Kind kind, const Arena& arena) {
 }
 
 // Brings a lane to where its batch begins: for reads, what others have left in the processor's caches makes
-// way; creating begins with a rehearsal, because the first use of a file system's blocks and inodes costs more.
+// way, or the disk's own cache is all that is left; creating begins with a rehearsal, because the first use of a file system's blocks and inodes costs more.
 void prepare(Kind kind, Arena& arena, Lane& lane, const std::function<void()>& batch) {
+  if (kind == Kind::ReadCold) {
+    require(dropCaches(), "drop_caches");
+    return;
+  }
   if (kind <= Kind::ReadRange) {
     for (int i = 0; i < WARMING_PASSES; ++i) batch();
     return;
@@ -117,7 +128,7 @@ void prepare(Kind kind, Arena& arena, Lane& lane, const std::function<void()>& b
 
 // A lane's own threads and dirty pages are not to be the next one's noise.
 void finish(Kind kind, Arena& arena, Lane& lane) {
-  if (kind <= Kind::ReadRange) return;
+  if (kind <= Kind::ReadCold) return;
   if (kind != Kind::Delete) {
     arena.check(lane, kind == Kind::Overwrite ? 1 : 0);
     arena.remove(lane);
@@ -129,6 +140,8 @@ void finish(Kind kind, Arena& arena, Lane& lane) {
 void report(Figures& figures, const std::string& name, const Timing& timing, const Timing& base) {
   figures[name + "/wall"] = timing.wall / base.wall;
   figures[name + "/p50"] = timing.p50 / base.p50;
+  figures[name + "/p99"] = timing.p99 / base.p99;
+  figures[name + "/p999"] = timing.p999 / base.p999;
   figures[name + "/cpu"] = timing.cpu / base.cpu;
 }
 
@@ -154,21 +167,28 @@ std::vector<Lane*> lanesInTurn(Arena& arena, uint64_t round) {
   return lanes;
 }
 
+// What a peer has mapped the system does not drop, and a disk hides what else the cache may be set to.
+bool takesPart(const Lane& lane, Kind kind) {
+  if (kind != Kind::ReadCold) return true;
+  return lane.name == "floor" || lane.name == "again" || lane.name == "diskcache" || lane.name == "touching";
+}
+
 void runRound(Figures& figures, Kind kind, size_t threads, uint64_t round, Arena& arena) {
   const std::vector<size_t> order = orderOf(kind, arena.segments(), round);
   // Whoever comes behind the peers pays for what they have pushed out of the caches: a go that does not
-  // count.
-  timeLane(arena.lanes().front(), kind, threads, order, arena);
+  // count. In cold reads nobody finds anything of others.
+  if (kind != Kind::ReadCold) timeLane(arena.lanes().front(), kind, threads, order, arena);
   std::map<std::string, Timing> timings;
   for (Lane* lane : lanesInTurn(arena, round)) {
-    timings[lane->name] = timeLane(*lane, kind, threads, order, arena);
+    if (takesPart(*lane, kind)) timings[lane->name] = timeLane(*lane, kind, threads, order, arena);
   }
   const Timing& first = timings["floor"];
   const Timing& again = timings["again"];
-  const Timing mean = {(first.wall + again.wall) / 2, (first.p50 + again.p50) / 2,
-                       (first.cpu + again.cpu) / 2};
+  const auto meanOf = [&](double Timing::*figure) { return (first.*figure + again.*figure) / 2; };
+  const Timing mean = {meanOf(&Timing::wall), meanOf(&Timing::p50), meanOf(&Timing::p99),
+                       meanOf(&Timing::p999), meanOf(&Timing::cpu)};
   for (const auto& [name, timing] : timings) {
-    report(figures, name, timing, name == "floor" ? Timing{1, 1, 1} : name == "again" ? first : mean);
+    report(figures, name, timing, name == "floor" ? Timing{1, 1, 1, 1, 1} : name == "again" ? first : mean);
   }
 }
 
@@ -198,6 +218,7 @@ void addAll(CurrentArena& current, const Effort& effort) {
   for (const size_t bytes : effort.sizes) {
     for (const Work& work : WORKS) {
       if (work.kind == Kind::ReadRange && bytes != RANGED_SEGMENT) continue;
+      if (work.kind == Kind::ReadCold && !dropCaches()) continue;
       const size_t segments = segmentsFor(work, bytes, effort);
       for (const size_t threads : threadsFor(work, bytes)) {
         const std::string name =

@@ -1,12 +1,12 @@
 # report.awk FIGURES TEMPLATE: prints the template with its placeholders replaced by what the figures say:
-#   {{segments}} {{operations}} {{peers}} {{objects}} {{counts}} {{list}} {{background}} {{growth}} {{starts}}   a table
+#   {{segments}} {{operations}} {{tails}} {{peers}} {{xfs}} {{objects}} {{counts}} {{list}} {{background}} {{growth}} {{starts}}   a table
 #   {{settings}} {{about}}                                       a line each
 #   {{data PICTURE}}                                             columns to plot: read, create, threads, space, memory
 #   {{WORK CONTENDER MEASURE}}                                   one median
 
 BEGIN {
   FS = "\t"
-  split("read readZipf readRange overwrite create createSynced delete", WORKS, " ")
+  split("read readZipf readRange readCold overwrite create createSynced delete", WORKS, " ")
   split("4096 65536 1048576 4194304", SIZES, " ")
   PLOTTED = "diskcache hot sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"
   STORED = "diskcache sqlite3 lmdb rocksdb leveldb"
@@ -34,6 +34,8 @@ function block(what) {
   if (what == "segments") return segments()
   if (what == "operations") return rows("floor, µs|diskcache|touching|random|counters|log", "floor diskcache touching random counters log")
   if (what == "peers") return rows("sqlite3|sqlite3+|lmdb|rocksdb|rocksdb+|leveldb", "sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb")
+  if (what == "tails") return tails()
+  if (what == "xfs") return xfs()
   if (what == "objects") return objects()
   if (what == "starts") return beside("startUp ms speed", "10000 100000 1000000")
   if (what == "counts") return counts()
@@ -88,10 +90,42 @@ function rows(titles, names,    text, rule, name, w, s, threads, work, i) {
   text = "| | " titles " |\n" rule "\n"
   for (w = 1; w in WORKS; ++w) for (s = 1; s in SIZES; ++s) for (threads = 1; threads in THREADS; ++threads) {
     work = WORKS[w] "/" SIZES[s] "/" THREADS[threads]
-    if (!((work, "floor", "p50") in median)) continue
+    if (!((work, name[1], "p50") in median)) continue
     text = text sprintf("| %s %s%s |", WORKS[w], sizeName(SIZES[s]), threads > 1 ? ", " THREADS[threads] " threads" : "")
     for (i = 1; i in name; ++i) text = text " " number(work, name[i], "p50") " |"
     text = text "\n"
+  }
+  return text
+}
+
+# Markdown: the longest of single operations with one thread, the floor's in microseconds, the cache's over it.
+function tails(    text, w, s, m, work, measure) {
+  text = "| | p99: floor, µs | diskcache | touching | p99.9: floor, µs | diskcache | touching |\n"
+  text = text "| --- | ---: | ---: | ---: | ---: | ---: | ---: |\n"
+  for (w = 1; w in WORKS; ++w) for (s = 1; s <= 2; ++s) {
+    work = WORKS[w] "/" SIZES[s] "/1"
+    if (!((work, "floor", "p99") in median)) continue
+    text = text sprintf("| %s %s |", WORKS[w], sizeName(SIZES[s]))
+    for (m = 1; m <= 2; ++m) {
+      measure = m == 1 ? "p99" : "p999"
+      text = text " " number(work, "floor", measure) " | " number(work, "diskcache", measure) " | " \
+        number(work, "touching", measure) " |"
+    }
+    text = text "\n"
+  }
+  return text
+}
+
+# Markdown: p50 on xfs beside that on ext4.
+function xfs(    text, w, s, work) {
+  text = "| | ext4: floor, µs | diskcache | touching | xfs: floor, µs | diskcache | touching |\n"
+  text = text "| --- | ---: | ---: | ---: | ---: | ---: | ---: |\n"
+  for (w = 1; w in WORKS; ++w) for (s = 1; s in SIZES; ++s) {
+    work = WORKS[w] "/" SIZES[s] "/1"
+    if (!(("xfs/" work, "floor", "p50") in median)) continue
+    text = text sprintf("| %s %s | %s | %s | %s | %s | %s | %s |\n", WORKS[w], sizeName(SIZES[s]),
+      number(work, "floor", "p50"), number(work, "diskcache", "p50"), number(work, "touching", "p50"),
+      number("xfs/" work, "floor", "p50"), number("xfs/" work, "diskcache", "p50"), number("xfs/" work, "touching", "p50"))
   }
   return text
 }
