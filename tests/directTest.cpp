@@ -82,14 +82,13 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   std::string payload(1000, '\0'), trailer(300, '\0');
   for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7 + i / 256);
   for (size_t i = 0; i < trailer.size(); ++i) trailer[i] = static_cast<char>(i * 5 + 100 + i / 256);
-  const guid_t IN_ORDER = "in order";
-  ASSERT_EQ(outcome(create(IN_ORDER, {section(0, payload), section(1, trailer)})), "success");
-  ASSERT_EQ(outcome(create("turned", {section(1, trailer), section(0, payload)})), "success");
-  ASSERT_EQ(
-      outcome(create("with another", {section(0, payload), section(2, "between"), section(1, trailer)})),
-      "success");
+  const guid_t guids[] = {"in order", "turned", "with another"};
+  ASSERT_EQ(outcome(create(guids[0], {section(0, payload), section(1, trailer)})), "success");
+  ASSERT_EQ(outcome(create(guids[1], {section(1, trailer), section(0, payload)})), "success");
+  ASSERT_EQ(outcome(create(guids[2], {section(0, payload), section(2, "between"), section(1, trailer)})),
+            "success");
   const size_t rooms[] = {0, 1, 15, 16, 17, 999, 1000, 1001, 1016, 1017, 1315, 1316, 1317, 4000};
-  for (const guid_t guid : {IN_ORDER, guid_t("turned"), guid_t("with another")}) {
+  for (const guid_t& guid : guids) {
     for (const size_t first : rooms) {
       for (const size_t second : rooms) {
         std::vector<unsigned char> front(first, 'f'), last(second, 'l');
@@ -112,7 +111,7 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
         EXPECT_EQ(text(front, places[0].read), payload.substr(0, places[0].read)) << guid;
         EXPECT_EQ(text(last, places[1].read), trailer.substr(0, places[1].read))
             << guid << first << ' ' << second;
-        const bool isOnTheWay = guid == IN_ORDER && first >= payload.size() && second >= 999;
+        const bool isOnTheWay = &guid == guids && first >= payload.size() && second >= 999;
         EXPECT_TRUE(!isOnTheWay || places[1].read == trailer.size());
       }
     }

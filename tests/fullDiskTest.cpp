@@ -19,7 +19,7 @@ class FullDiskTest : public EngineTest {
   static std::string payloadOf(size_t id) {
     return std::string(LONGEST / (1 + id % 5), static_cast<char>('a' + id % 23));
   }
-  std::string write(const std::vector<Section>& sections, const guid_t& guid = "000") {
+  std::string write(const std::vector<Section>& sections, const guid_t& guid) {
     return outcome(cache->writeSections(ctx, guid, sections, false, ForceDiskLoc::Default));
   }
   SmallFileSystem disk{8};
