@@ -232,6 +232,7 @@ pread cut | error 0 8he......; -1 Error: can't read file [FILE] len=5 (2,0)
   EXPECT_EQ(run(readAll), "success got hello");
   EXPECT_EQ(run([&] { return get(SEGMENT); }, 4, ENOSPC),
             "[ENOSPC]; -1 Error: can't read file [FILE] len=5 (0,28)");
+  EXPECT_EQ(run(readAll, 2, ENOSPC), "ENOSPC; -1 Error: can't get file size for [FILE] (28)");
   EXPECT_EQ(run(readAll, 5, ENOSPC), "success; -1 Error: Can't seek to 136 in [FILE] (28)");
   EXPECT_EQ(run(readAll, 8, ENOSPC), "ENOSPC got \0\0\0\0\0; -1 Error: can't read file [FILE] len=5 (28)"s);
 }
