@@ -1,9 +1,5 @@
 // A file system that fills up for real.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <functional>
-#include <iostream>
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
@@ -23,18 +19,8 @@ class FullDiskTest : public EngineTest {
   static std::string payloadOf(size_t id) {
     return std::string(LONGEST / (1 + id % 5), static_cast<char>('a' + id % 23));
   }
-  std::string write(const std::vector<Section>& sections, const guid_t& guid = "000") {
+  std::string write(const std::vector<Section>& sections, const guid_t& guid) {
     return outcome(cache->writeSections(ctx, guid, sections, false, ForceDiskLoc::Default));
-  }
-  // Grows a file until just so many bytes are left, as far as the file system's blocks allow.
-  static void fillUp(const std::string& ballast, uint64_t left) {
-    const std::string block(1024, 'b');
-    const int fd = ::open(ballast.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    off_t size = 0;
-    while (::write(fd, block.data(), block.size()) == ssize_t(block.size())) size += 1024;
-    EXPECT_EQ(::ftruncate(fd, std::max<off_t>(size - static_cast<off_t>(left), 0)), 0);
-    ::fsync(fd);
-    ::close(fd);
   }
   SmallFileSystem disk{8};
 };
@@ -72,53 +58,6 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   std::filesystem::remove(disk / "ballast");
   EXPECT_EQ(freeBytes(), empty);
   put("once more", "text");
-}
-
-// Room for so many KiB more, whichever write of an operation it is that finds no more of it.
-TEST_F(FullDiskTest, EveryRefusedWriteIsToldAndCountedAsSuch) {
-  for (const auto fileSystem : {SmallFileSystem::TMPFS, SmallFileSystem::EXT4}) {
-    const SmallFileSystem small(8, fileSystem);
-    if (!small.available()) {
-      std::cout << "this process may not mount file system " << fileSystem << '\n';
-      continue;
-    }
-    EngineOptions options;
-    options.volumesIn = small.path();
-    start(options);
-    const std::string part(3000, 'p'), more(9000, 'm');
-    put("000", part);
-    writeFile(small / "ballast", "");
-    enum { CREATE, REPLACE, WRITE };
-    const std::pair<int, std::vector<Section>> operations[] = {
-        {CREATE, {section(0, part), section(1, part), section(2, part)}},
-        {REPLACE, {section(0, part), section(1, more)}},
-        {WRITE, {section(0, more), section(0, part, 0, 9000)}},
-        {WRITE, {section(1, part), section(2, part), section(3, more)}}};
-    size_t refusals = 0;
-    for (unsigned room = 0; room < 24; ++room) {
-      for (const auto& [kind, sections] : operations) {
-        SCOPED_TRACE(testing::Message() << fileSystem << ' ' << room << ' ' << kind);
-        const std::string id = "000" + std::to_string(room) + std::to_string(kind);
-        std::filesystem::remove(pathOf("000"));
-        put("000", part);
-        writeFile(pathOf(id), "");
-        std::filesystem::remove(pathOf(id));
-        fillUp(small / "ballast", room * 1024);
-        Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0, volume.free = 1 << 30; });
-        const uint64_t counted = Access::space(*cache).stats().errOutOfSpace.value();
-        const std::string told = kind == CREATE    ? outcome(create(id, sections))
-                                 : kind == REPLACE ? outcome(cache->replaceSegment(ctx, id, sections))
-                                                   : write(sections);
-        EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value() - counted, told == "success" ? 0U : 1U);
-        EXPECT_TRUE(told == "success" || told == "ENOSPC") << told;
-        refusals += told == "ENOSPC";
-        std::filesystem::resize_file(small / "ballast", 0);
-        for (const char* suffix : {"", ".temp"}) std::filesystem::remove(pathOf(id) + suffix);
-      }
-    }
-    EXPECT_GT(refusals, 20U);
-    cache.reset();
-  }
 }
 
 TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {

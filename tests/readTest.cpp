@@ -4,7 +4,6 @@
 #include <tuple>
 
 #include "tests/support/engineFixture.h"
-#include "tests/support/faults.h"
 #include "tests/support/soak.h"
 
 namespace ObjectStore {
@@ -179,26 +178,6 @@ TEST_F(ReadTest, TheCopyInTheSecondPlaceCountsForWhoHasOne) {
     ctx.nonprunableDir = second;
     EXPECT_EQ(cache->doesSegmentExist(ctx, SEGMENT), exists);
     EXPECT_EQ(readWhole(0), got);
-  }
-}
-
-// Neither an honest miss nor a read costs more calls than its looks, whatever moves elsewhere.
-TEST_F(ReadTest, AMissLooksOnceIntoEachPlace) {
-  const auto callsOf = [&](const guid_t& guid) {
-    std::string buffer(8, '.');
-    std::vector<Section> one = {section(0, buffer)};
-    const FaultPlan plan;
-    (void)cache->readSections(ctx, guid, one, false);
-    return plan.trace();
-  };
-  using Calls = std::vector<std::string>;
-  for (const guid_t& guid : {"missing"s, SEGMENT}) {
-    Calls calls = guid == SEGMENT ? Calls{"open", "read", "pread", "pread", "close"} : Calls{"open"};
-    ctx.useNonPrunableDir = false;
-    EXPECT_EQ(callsOf(guid), calls);
-    ctx.useNonPrunableDir = true;
-    calls.insert(calls.begin(), "access");
-    EXPECT_EQ(callsOf(guid), calls);
   }
 }
 

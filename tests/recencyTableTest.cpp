@@ -16,7 +16,6 @@
 #include <utility>
 
 #include "diskcache/guidHash.h"
-#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 
 namespace ObjectStore {
@@ -116,21 +115,6 @@ TEST_F(RecencyTableTest, ChosenIdentifiersAreFoundAsFastAsOthers) {
     EXPECT_LE(table.longestSearch(), 64U) << &family - families;
     ASSERT_TRUE(table.CheckInvariants());
   }
-}
-
-TEST_F(RecencyTableTest, AFailedAllocationKeepsNoDirectory) {
-  for (size_t nth = 1, failed = 1; failed != 0; ++nth) {  // from the heap: what keeps a directory's name
-    const FailingNew failing(nth);
-    try {
-      table.reserve("first", "a directory whose name does not lie in place");
-    } catch (const std::bad_alloc&) {
-      EXPECT_TRUE(table.CheckInvariants());
-      EXPECT_EQ(table.dirs(), 0U);
-    }
-    failed = failing.happened() ? 1 : 0;
-  }
-  table.dropReserve();
-  EXPECT_EQ(table.dirs(), 0U);
 }
 
 TEST_F(RecencyTableTest, FailedMemoryChangesNothing) {

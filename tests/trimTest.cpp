@@ -1,4 +1,4 @@
-// Truncating, syncing and deleting segments.
+// Truncating, syncing and deleting segments, and what is accounted of them.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -98,6 +98,17 @@ TEST_F(TrimTest, SyncingTellsOfTheCopyThatCounts) {
     EXPECT_EQ(outcome(cache->syncSegment(ctx, GUID)), expected);
     EXPECT_EQ(openDescriptors(), descriptors);
   }
+}
+
+TEST_F(TrimTest, AllocatedBytesAreAccounted) {
+  const uint64_t before = Access::space(*cache).used();
+  put("abcd", std::string(5'000, 'a'));
+  EXPECT_EQ(Access::space(*cache).used() - before, allocated(pathOf("abcd")));
+  const std::string longer(90'000, 'b');
+  EXPECT_EQ(outcome(cache->writeSections(ctx, "abcd", {section(0, longer)}, false, ForceDiskLoc::Default)),
+            "success");
+  EXPECT_EQ(Access::space(*cache).used() - before, allocated(pathOf("abcd")));
+  EXPECT_EQ(Access::space(*cache).segments(), 2U);
 }
 
 TEST_F(TrimTest, DeletionFollowsItsFlags) {

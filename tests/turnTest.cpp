@@ -1,9 +1,7 @@
 // Who waits for whom at one segment: writers in place, and all who must not see half of their bytes.
 #include <algorithm>
-#include <atomic>
 #include <future>
 #include <thread>
-#include <tuple>
 
 #include "diskcache/diskcacheOpen.h"
 #include "tests/support/engineFixture.h"
@@ -13,7 +11,7 @@ namespace ObjectStore {
 namespace {
 
 constexpr const char* GUID = "abcdef";
-enum Waiter { TO_DIRTY, TO_PRUNABLE, TRUNCATE, FORCED, APPEND, MIGRATE, WAITERS };
+enum Waiter { TO_DIRTY, TO_PRUNABLE, TRUNCATE, FORCED, APPEND, MIGRATE };
 
 class TurnTest : public EngineTest {
  protected:
@@ -87,43 +85,6 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
     EXPECT_TRUE(areWaiting(0));
   }
   EXPECT_EQ(get(GUID, 1), text);
-}
-
-TEST_F(TurnTest, AppendingBesideAnExtensionLosesNeither) {
-  FaultPlan plan;
-  plan.hold("pwrite", 1);
-  const std::string more(5000, 'x');
-  auto extending = async([&] { return write(section(0, more, 0, 10)); });
-  EXPECT_TRUE(plan.held());
-  // Both of a type that is not there yet: the second finds the first one's record.
-  auto appending = async([&] { return write(section(1, "one")); });
-  EXPECT_TRUE(areWaiting(1));
-  auto again = async([&] { return write(section(1, "TWO!")); });
-  EXPECT_TRUE(areWaiting(2));
-  plan.release();
-  for (auto* done : {&extending, &appending, &again}) EXPECT_EQ(done->get(), "success");
-  EXPECT_EQ(get(GUID), "0123456789" + more);
-  EXPECT_EQ(get(GUID, 1), "TWO!");
-  EXPECT_EQ(bytesOf(GUID).size(), 136 + 16 + 5010 + 16 + 4U) << "one record of each";
-}
-
-TEST_F(TurnTest, WritersWhoNeverRestKeepNobodyOut) {
-  const std::string big(1 << 20, 'x');
-  log.setLevel(LogLevel::NoSpace);
-  EXPECT_EQ(write(section(0, big)), "success");
-  std::atomic<bool> stop{false};
-  std::vector<std::jthread> writers;
-  for (int i = 0; i < 4; ++i) {
-    writers.emplace_back([&] {
-      while (!stop) write(section(0, big));
-    });
-  }
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < 10 * APPEND; ++i) {
-    EXPECT_EQ(perform(i % APPEND), "success");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, LONGEST_WAIT) << "waiter " << i % APPEND;
-  }
-  stop = true;
 }
 
 }  // namespace

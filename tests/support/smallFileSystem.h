@@ -4,8 +4,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -13,16 +11,16 @@
 
 namespace ObjectStore {
 
-// A tmpfs (with at most `inodes` when that is not 0) or an ext4 in a file, on a directory of its own. It is
-// mounted where only this thread and those it starts from now on can see it, so that not even a crash leaves
-// it behind: make it before the engine.
+// A tmpfs (with at most `inodes` when that is not 0) on a directory of its own. It is mounted where only this
+// thread and those it starts from now on can see it, so that not even a crash leaves it behind: make it before
+// the engine.
 class SmallFileSystem {
  public:
-  enum Kind { TMPFS, EXT4 };
-  explicit SmallFileSystem(unsigned mebibytes, Kind kind = TMPFS, unsigned inodes = 0) {
+  enum Kind { TMPFS };
+  explicit SmallFileSystem(unsigned mebibytes, Kind /*kind*/ = TMPFS, unsigned inodes = 0) {
     thread_local const bool mountsArePrivate =
         unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    m_mounted = mountsArePrivate && (kind == TMPFS ? mountTmpfs(mebibytes, inodes) : mountExt4(mebibytes));
+    m_mounted = mountsArePrivate && mountTmpfs(mebibytes, inodes);
   }
   ~SmallFileSystem() {
     if (m_mounted) umount2(path().c_str(), MNT_DETACH);  // even when a failed test has a file open
@@ -39,15 +37,7 @@ class SmallFileSystem {
     if (inodes != 0) options += ",nr_inodes=" + std::to_string(inodes);
     return mount("tmpfs", path().c_str(), "tmpfs", 0, options.c_str()) == 0;
   }
-  bool mountExt4(unsigned mebibytes) {
-    const std::string image = m_image / "image";
-    writeFile(image, "");
-    std::filesystem::resize_file(image, uint64_t{mebibytes} << 20);
-    const std::string make = "mkfs.ext4 -q -m 0 -O ^has_journal " + image;
-    return std::system((make + " && mount -o loop " + image + ' ' + path() + " 2>&1").c_str()) == 0;
-  }
 
-  TempDir m_image;
   TempDir m_dir;
   bool m_mounted = false;
 };
