@@ -85,26 +85,5 @@ TEST(ClientTrailerTest, ContradictionsAreRefused) {
   EXPECT_TRUE(refused([](BlockTrailer& t) { t.metadata["long"] = std::string(MAX_TRAILER_SIZE, 'x'); }));
 }
 
-TEST(ClientTrailerTest, FindsTheDamagedChunk) {
-  std::vector<std::byte> payload(3 * CHUNK_SIZE - 5, std::byte{'p'});
-  BlockTrailer trailer = sample();
-  trailer.payloadSize = payload.size();
-  trailer.checksums = checksumsOf(payload);
-  EXPECT_FALSE(findDamage(trailer, payload));
-  payload[2 * CHUNK_SIZE] ^= std::byte{1};
-  EXPECT_EQ(findDamage(trailer, payload), 2U);
-  EXPECT_EQ(findDamage(trailer, std::span(payload).first(7)), 0U);
-}
-
-TEST(ClientTrailerTest, NamesComeBack) {
-  const BlockId block{objectIdOf("ab", "c"), 7};
-  EXPECT_EQ(parseBlockName(blockName(block)), block);
-  EXPECT_NE(objectIdOf("ab", "c"), objectIdOf("a", "bc"));
-  EXPECT_NE(objectIdOf(std::string(600, 'k'), "v"), objectIdOf(std::string(600, 'k'), "w"));
-  for (const char* other : {"", "volume.id", "0123456789abcdef0123456789abcdef0000000G",
-                            "0123456789abcdef0123456789abcdef000000000"})
-    EXPECT_FALSE(parseBlockName(other)) << other;
-}
-
 }  // namespace
 }  // namespace ObjectStore

@@ -137,8 +137,6 @@ TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
          for (const char* name : {"/marker", "/ctx/ab/cd/abcd.temp"})
            std::filesystem::remove(volumes[0] + name);
        }},
-      {"put back", [&] { (void)cache->moveToPrunable(ctx, "bbbb"); }},
-      {"copied again", [&] { (void)cache->markDirty(ctx, "bbbb", false); }},
       {"both removed", [&] { remove("bbbb"); }},
       {"cleared", [&] { (void)cache->clearCache(); }},
       {"made anew", [&] { put("aaaa", "text"); }},
@@ -171,12 +169,6 @@ TEST_F(MetricsTest, AVolumeIsToldAsItIsNow) {
   EXPECT_EQ(ofVolume("free_bytes"), 0);
   EXPECT_EQ(ofVolume("free_inodes"), inodes - 1);
   EXPECT_EQ(ofVolume("has_room"), 0);
-  const double refused = errors(ENOSPC);
-  EXPECT_EQ(outcome(create("aaaa", {section(0, "text")})), "ENOSPC");
-  EXPECT_EQ(writes("create", "no_room"), 1);
-  EXPECT_EQ(metric("out_of_space_errors_total"), 1);
-  EXPECT_EQ(errors(ENOSPC), refused + 1);
-
   FaultPlan plan;
   plan.failAlways("statvfs", EIO);
   EXPECT_EQ(ofVolume("present"), 0);

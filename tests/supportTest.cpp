@@ -224,28 +224,6 @@ TEST(ThreadTest, RunsOneFunctionAtATime) {
   EXPECT_FALSE(timedOut);
 }
 
-TEST(CountersTest, NoTimingSpansAChangeOfASwitch) {
-  ThrdPerfCounter perf;
-  perf.enable(true);
-  g_object_store_counter = &perf;
-  const std::function<void(bool)> switches[] = {[](bool isOn) { g_object_store_enable_perf = isOn; },
-                                                [&](bool isOn) { perf.enable(isOn); }};
-  for (const auto& turn : switches) {
-    g_object_store_enable_perf = true;
-    OBJECT_STORE_START_PERF_COUNTER("its stop is ignored", PERF_SYNC);
-    turn(false);
-    OBJECT_STORE_STOP_PERF_COUNTER("while off", PERF_SYNC);
-    OBJECT_STORE_START_PERF_COUNTER("while off", PERF_SYNC);
-    turn(true);
-    OBJECT_STORE_STOP_PERF_COUNTER("its start was ignored", PERF_SYNC);
-    EXPECT_TRUE(perf.table().empty());
-  }
-  { const TimeFunction timer("whole", PERF_SYNC); }
-  EXPECT_EQ(perf.table().size(), 1U);
-  g_object_store_enable_perf = false;
-  g_object_store_counter = nullptr;
-}
-
 // As many as it is made, and no more: the sum, the mean and the longest of two timings belong together.
 TEST(CountersTest, EachStopAddsItsOwnTimeOnItsOwnThread) {
   LogCapture log;
