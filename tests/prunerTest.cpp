@@ -134,16 +134,14 @@ TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
     srand(seed);
     Texts expected;
     for (const std::string& volume : shuffled(volumes)) {
-      for (const std::string& name : shuffled({"a", "b", "ctx", "d"})) {
+      for (const std::string& name : shuffled({"a", "b", "ctx", "d"}))
         expected.push_back("pruning in [" + volume + '/' + name + "] [" + name + ']');
-        expected.push_back("can't open directory " + volume + '/' + name + " (2)");
-      }
     }
     log.clear();
     srand(seed);
     EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
     Texts seen = log.takeTexts(LogLevel::Segment);
-    std::erase_if(seen, [](auto& line) { return line.starts_with("pruning in vol") || line[0] == 'd'; });
+    std::erase_if(seen, [](auto& line) { return !line.starts_with("pruning in ["); });
     EXPECT_EQ(seen, expected);
   }
 }
@@ -169,8 +167,7 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
   } cases[] = {{"0", "5", never, always, {}, 0},
                {"7", "7", always, never, {"deleting prunable segments", "reached low watermark", isDone}, 0},
                {"7200", "7200", always, always, {"deleting prunable segments", noMore}, 2},
-               {"10000", "7200", "0", "0", {}, 0},  // percents of what is there, not of what was set
-               {"", "5", never, never, {}, 0}};
+               {"10000", "7200", "0", "0", {}, 0}};  // percents of what is there, not of what was set
   int asked = 0;
   options.mode = PruningMode::Random;
   options.prunerCallback = [&](auto&&...) { return ++asked, false; };
@@ -182,7 +179,6 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
     ConfigStore::set(CONFIG_SECTION, "DiskCacheHighWMBytes", c.high);
     ConfigStore::set(CONFIG_SECTION, "DiskCacheLowWMBytes", c.low);
     ConfigStore::set(CONFIG_SECTION, "DiskCachePrunerTimeout", c.timeout);
-    if (c.timeout.empty()) ConfigStore::unset(CONFIG_SECTION, "DiskCachePrunerTimeout");
     Access::setSpace(*cache, 10'000, 10);
     asked = 0;
     log.clear();
@@ -226,30 +222,25 @@ TEST_F(PrunerTest, ItsListsAreOfDirectoriesAndALineEach) {
 }
 
 TEST_F(PrunerTest, ItsThreadEndsOnceTheRunningCallbackHas) {
-  for (int i = 0; i < 9; ++i) writeFile(dir / "vol1/ctx/" + std::to_string(i), "");
+  for (const char* name : {"1", "2"}) writeFile(dir / "vol1/ctx/" + name, "");
   for (const char* key : {"DiskCacheHighWMBytes", "DiskCacheLowWMBytes"})
     ConfigStore::set(CONFIG_SECTION, key, "1");
+  std::promise<void> entered, mayReturn;
+  std::atomic<int> returned = 0;
   options.mode = PruningMode::Random;
-  std::promise<void> held, stopping;
-  int entered = 0;
-  std::atomic<bool> isOver = false;
-  options.prunerCallback = [&](auto&, auto&, auto&) {
-    ++entered;
-    held.set_value();
-    stopping.get_future().wait();
-    isOver = true;
-    return false;
+  options.prunerCallback = [&](auto&&...) {
+    entered.set_value();
+    mayReturn.get_future().wait();
+    return ++returned == 0;
   };
   start(options);
-  ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [5] minutes"));
   pruner().wakeupPrunerThread();
-  held.get_future().wait();
+  entered.get_future().wait();
   DiskCache& ending = *cache;
-  auto ended = std::async(std::launch::async, [&] { return cache.reset(), isOver.load(); });
+  auto ended = std::async(std::launch::async, [&] { return cache.reset(), returned.load(); });
   while (!Access::isStopping(ending)) std::this_thread::yield();
-  stopping.set_value();
-  EXPECT_TRUE(ended.get());
-  EXPECT_EQ(entered, 1);  // the walk went no further
+  mayReturn.set_value();
+  EXPECT_EQ(ended.get(), 1) << "and the walk goes no further";
 }
 
 }  // namespace
