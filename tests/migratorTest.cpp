@@ -42,10 +42,10 @@ class MigratorTest : public EngineTest {
     put("kept", "the old text");
     log.clear();
   }
-  // Instead of its file "spare" has one that cannot be copied.
-  void spoil() const {
-    fs::remove(source + "/spare/f");
-    EXPECT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);
+  // Instead of its file this directory has one that cannot be copied.
+  void spoil(const std::string& top = "/spare") const {
+    fs::remove(source + top + "/f");
+    EXPECT_EQ(::mkfifo((source + top + "/odd").c_str(), 0600), 0);
   }
   // How the migration ended, once its threads have too: every call of the callback.
   Texts ends() {
@@ -62,7 +62,7 @@ class MigratorTest : public EngineTest {
   // beside it, the last one not yet.
   void begin(const Works& works, const std::string& heldAt, bool fails, const std::string& to) {
     startWithFour();
-    if (fails) spoil();
+    if (fails) spoil(heldAt);
     copies = {};
     for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
     holding.emplace(log, "copying directory [" + source + heldAt + ']');
