@@ -64,33 +64,6 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
   script(0);
 }
 
-TEST_F(ClientFaultTest, DamageInAnyByteIsNoticedAndRepaired) {
-  ObjectCacheOptions chosen = options();
-  chosen.hotBlocks = 1;
-  start(chosen);
-  const uint64_t size = 3000;
-  EXPECT_EQ(readAll("key", size), "right");
-  const std::string path = files().at(0), whole = readFile(path);
-  std::minstd_rand random(1);
-  const size_t stride = std::max<size_t>(1, 40 / soaked(1));
-  size_t repaired = 0;
-  for (size_t at = 0; at < whole.size();
-       at += at < 200 || at > whole.size() - 150 ? 1 : 1 + random() % stride) {
-    cache->drop("key", "v", size);
-    EXPECT_EQ(readAll("key", size), "right");
-    asked();
-    std::string damaged = whole;
-    damaged[at] = static_cast<char>(damaged[at] ^ (1 << random() % 8));
-    writeFile(path, at % 7 == 0 ? whole.substr(0, at) : damaged);
-    ASSERT_EQ(readAll("key", size), "right") << at;
-    repaired += asked();
-    ASSERT_EQ(readAll("key", size), "right") << at;
-    EXPECT_EQ(asked(), 0U) << at;  // it was stored again
-  }
-  EXPECT_GT(repaired, 200U);
-  EXPECT_EQ(cache->metrics().damagedBlocks + cache->metrics().leftovers, repaired);
-}
-
 // Anywhere, in place and at any moment, also below descriptors that are open.
 TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
   ObjectCacheOptions chosen = options();

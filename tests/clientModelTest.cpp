@@ -76,6 +76,7 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
     EXPECT_TRUE(cache->drained(std::chrono::steady_clock::now() + LONGEST_WAIT));
     const ObjectCacheMetrics metrics = cache->metrics();
     EXPECT_LE(metrics.peakBytes, chosen.maxBytes);
+    EXPECT_LE(metrics.hotBlocks, chosen.hotBlocks);
     EXPECT_LE(metrics.hotBytes, chosen.maxHotBytes);
     EXPECT_GT(metrics.memoryHits, 0U);
     EXPECT_GT(metrics.evictedBlocks, 50U);

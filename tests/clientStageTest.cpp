@@ -48,12 +48,7 @@ TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
   EXPECT_TRUE(cache->drained(soon()));
   EXPECT_TRUE(files("staged").empty());
   for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
-  EXPECT_EQ(asked(), 0U);  // prunable now, and still there
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(readAll("more" + std::to_string(i), SMALL_BLOCK), "right");
-  EXPECT_LE(cache->metrics().usedBytes, chosen.maxBytes);
-  asked();
-  EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");
-  EXPECT_EQ(asked(), 1U);
+  EXPECT_EQ(asked(), 0U);  // still there
 }
 
 TEST_F(ClientStageTest, FailedUploadsAreTriedAgainByWorkersThatCloseEnds) {

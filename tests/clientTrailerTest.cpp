@@ -64,46 +64,14 @@ TEST(ClientTrailerTest, ComesBackAndNoDamageGoesUnnoticed) {
     const uint64_t checksum = checksumOf(std::span(damaged).first(damaged.size() - 8));
     for (unsigned i = 0; i < 8; ++i)
       damaged[damaged.size() - 8 + i] = static_cast<std::byte>(checksum >> (8 * i));
-    if (at >= 40 && at < 56) {
-      EXPECT_FALSE(decodeTrailer(damaged)) << at;
-    } else {
-      decodeTrailer(damaged);
-    }
+    const bool isAccepted = decodeTrailer(damaged).has_value();
+    const bool isTextOrTime = (at >= 32 && at < 40) || at >= 56;
+    EXPECT_TRUE(isTextOrTime || !isAccepted) << at;
   }
-}
-
-TEST(ClientTrailerTest, ContradictionsAreRefused) {
-  const auto refused = [](auto change) {
-    BlockTrailer trailer = sample();
-    change(trailer);
-    return !decodeTrailer(encodeTrailer(trailer));
-  };
-  EXPECT_TRUE(refused([](BlockTrailer& t) { t.payloadSize--; }));
-  EXPECT_TRUE(refused([](BlockTrailer& t) { t.number = 3; }));
-  EXPECT_TRUE(refused([](BlockTrailer& t) { t.checksums.pop_back(); }));
-  EXPECT_TRUE(refused([](BlockTrailer& t) { t.blockSize = 1024; }));
-  EXPECT_TRUE(refused([](BlockTrailer& t) { t.metadata["long"] = std::string(MAX_TRAILER_SIZE, 'x'); }));
-}
-
-TEST(ClientTrailerTest, FindsTheDamagedChunk) {
-  std::vector<std::byte> payload(3 * CHUNK_SIZE - 5, std::byte{'p'});
-  BlockTrailer trailer = sample();
-  trailer.payloadSize = payload.size();
-  trailer.checksums = checksumsOf(payload);
-  EXPECT_FALSE(findDamage(trailer, payload));
-  payload[2 * CHUNK_SIZE] ^= std::byte{1};
-  EXPECT_EQ(findDamage(trailer, payload), 2U);
-  EXPECT_EQ(findDamage(trailer, std::span(payload).first(7)), 0U);
-}
-
-TEST(ClientTrailerTest, NamesComeBack) {
-  const BlockId block{objectIdOf("ab", "c"), 7};
-  EXPECT_EQ(parseBlockName(blockName(block)), block);
-  EXPECT_NE(objectIdOf("ab", "c"), objectIdOf("a", "bc"));
-  EXPECT_NE(objectIdOf(std::string(600, 'k'), "v"), objectIdOf(std::string(600, 'k'), "w"));
-  for (const char* other : {"", "volume.id", "0123456789abcdef0123456789abcdef0000000G",
-                            "0123456789abcdef0123456789abcdef000000000"})
-    EXPECT_FALSE(parseBlockName(other)) << other;
+  BlockTrailer lacking = sample(), endless = sample();
+  lacking.checksums.pop_back();
+  endless.metadata["long"] = std::string(MAX_TRAILER_SIZE, 'x');
+  for (const BlockTrailer& wrong : {lacking, endless}) EXPECT_FALSE(decodeTrailer(encodeTrailer(wrong)));
 }
 
 }  // namespace

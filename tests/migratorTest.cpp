@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <array>
 #include <future>
+#include <optional>
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
@@ -18,6 +20,11 @@ using Texts = std::vector<std::string>;
 
 class MigratorTest : public EngineTest {
  protected:
+  using Works = std::vector<SegmentWork>;
+  enum End { Switched, Failed, Cleared, Destroyed };
+  // Where a segment is beside a migration: not copied yet, or copied to there.
+  enum Place { Source, SameDisk, OtherDisk };
+
   void SetUp() override {
     log.setLevel(LogLevel::Copy);
     s_ends.clear();
@@ -28,17 +35,17 @@ class MigratorTest : public EngineTest {
   // An engine whose volume has four top-level directories, so that all of them are copied.
   void startWithFour() {
     cache.reset();
-    for (const std::string& old : {dir / "vol1", target, file}) fs::remove_all(old);
+    for (const std::string& old : {dir / "vol1", target, otherDisk / "new", file}) fs::remove_all(old);
     start(options);
     source = volumes[0];
     for (const char* name : {"/noprune-ctx/f", "/spare/f"}) writeFile(source + name, "of the source");
     put("kept", "the old text");
     log.clear();
   }
-  // Instead of its file "spare" has one that cannot be copied.
-  void spoil() const {
-    fs::remove(source + "/spare/f");
-    EXPECT_EQ(::mkfifo((source + "/spare/odd").c_str(), 0600), 0);
+  // Instead of its file this directory has one that cannot be copied.
+  void spoil(const std::string& top = "/spare") const {
+    fs::remove(source + top + "/f");
+    EXPECT_EQ(::mkfifo((source + top + "/odd").c_str(), 0600), 0);
   }
   // How the migration ended, once its threads have too: every call of the callback.
   Texts ends() {
@@ -47,53 +54,82 @@ class MigratorTest : public EngineTest {
     return std::exchange(s_ends, {});
   }
   Texts ended(const std::string& how, const std::string& to) { return {how + ' ' + source + ' ' + to}; }
-  // A segment's regular and override copies.
-  std::pair<std::string, std::string> bothOf(const guid_t& guid) {
+  void perform(const SegmentWork& work) {
+    EXPECT_EQ(outcome(work.perform(*cache, ctx, "abcd-segment")), "success");
+    copies = work.leaves(copies);
+  }
+  // Begins a migration that is held where it comes to this directory. All but the first half of the changes are made
+  // beside it, the last one not yet.
+  void begin(const Works& works, const std::string& heldAt, bool fails, const std::string& to) {
+    startWithFour();
+    if (fails) spoil(heldAt);
+    copies = {};
+    for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
+    holding.emplace(log, "copying directory [" + source + heldAt + ']');
+    EXPECT_EQ(cache->migrate(1, source, to), 0);
+    EXPECT_TRUE(holding->reached() && log.waitFor("exiting migration thread numJobs=1"));
+    for (size_t i = works.size() / 2; i + 1 < works.size(); ++i) perform(works[i]);
+  }
+  // Readers of the two directories find what the changes have left.
+  void expectCopies() {
     const DiskCacheContext both = ctx;
     ctx.useNonPrunableDir = false;
-    const std::string regular = get(guid);
+    EXPECT_EQ(get("abcd-segment"), copies.regular.shown());
     ctx.dir = both.nonprunableDir;
-    const std::string override = get(guid);
+    EXPECT_EQ(get("abcd-segment"), copies.override.shown());
     ctx = both;
-    return {regular, override};
   }
-  // Lets a migration fail while the last of these changes is at its nth system call (0: before it); all but the first
-  // half have been made at the destination. How many calls the last one made.
-  size_t failWithin(const std::vector<SegmentWork>& works, size_t nth) {
-    const guid_t guid = "abcd-segment";
-    Copies copies;
-    const auto perform = [&](const SegmentWork& work) {
-      EXPECT_EQ(outcome(work.perform(*cache, ctx, guid)), "success");
-      copies = work.leaves(copies);
-    };
-    startWithFour();
-    spoil();
-    for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
-    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
-    EXPECT_EQ(cache->migrate(1, source, target), 0);
-    EXPECT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
-    for (size_t i = works.size() / 2; i + 1 < works.size(); ++i) perform(works[i]);
+  // Lets it end this way after the last change; how many system calls that one made.
+  size_t endAfter(const Works& works, End end, Place place) {
+    const std::string to = place == OtherDisk ? otherDisk / "new" : target;
+    begin(works, place == Source ? "/ctx" : "/spare", end == Failed, to);
+    const size_t calls = [&] {
+      const FaultPlan plan;
+      perform(works.back());
+      return plan.count(FaultPlan::ANY);
+    }();
+    if (end == Cleared || end == Destroyed) {
+      DiskCache& ending = *cache;
+      auto stopped = std::async(std::launch::async, [&] {
+        if (end == Destroyed) return cache.reset();
+        EXPECT_EQ(outcome(cache->clearCache()), "success");
+        copies = {};
+      });
+      while (!Access::isStopping(ending)) std::this_thread::yield();
+      holding->release();
+      stopped.get();
+      if (end == Destroyed) start(options);
+    }
+    holding->release();
+    EXPECT_EQ(ends(), ended(std::array{"success", "EINVAL", "EINTR", "EINTR"}[end], to));
+    expectCopies();
+    EXPECT_EQ(cache->guid2path("none", 1, "ctx").starts_with(to), end == Switched);
+    EXPECT_FALSE(fs::exists(file) || fs::exists(file + ".changed"));
+    EXPECT_TRUE(end == Switched || treeOf(to).empty()) << "a later migration keeps what it finds";
+    return calls;
+  }
+  // Lets it fail while the last change is at its nth system call.
+  void failWithin(const Works& works, size_t nth) {
+    begin(works, "/spare", true, target);
     const uint32_t running = Access::migrator(*cache).generation();
     FaultPlan plan;
-    if (nth > 0) plan.hold(FaultPlan::ANY, nth + 1);  // the first starts the thread
+    plan.hold(FaultPlan::ANY, nth + 1);  // the first starts the thread
     std::future<void> worked = std::async(std::launch::async, [&] { perform(works.back()); });
-    if (nth == 0) worked.wait();
-    EXPECT_TRUE(nth == 0 || plan.held());
-    const size_t calls = plan.count(FaultPlan::ANY) - 1;
-    hold.release();
+    EXPECT_TRUE(plan.held());
+    holding->release();
     while (Access::migrator(*cache).generation() == running) std::this_thread::yield();  // returning
     plan.release();
     worked.get();
     EXPECT_EQ(ends(), ended("EINVAL", target));
-    const auto [regular, override] = bothOf(guid);
-    EXPECT_TRUE(regular == copies.regular.shown() && override == copies.override.shown())
-        << regular.substr(0, 9) << " and " << override.substr(0, 9);
-    return calls;
+    expectCopies();
   }
   bool isSwitched() { return cache->guid2path("none", 1, "ctx").starts_with(target); }
 
   static inline Texts s_ends;
+  const SmallFileSystem otherDisk{16};
   EngineOptions options;
+  Copies copies;
+  std::optional<HoldAtLine> holding;
   std::string source = dir / "vol1";
   const std::string target = dir / "new", file = dir / "root/migrate";
 };
@@ -125,28 +161,6 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   EXPECT_EQ(treeOf(target), expected);
 }
 
-TEST_F(MigratorTest, ClearingEndsAMigrationAndLeavesNothingOfEitherSide) {
-  startWithFour();
-  ctx.dir = "spare";
-  put("changed", "the old text");
-  HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
-  EXPECT_EQ(cache->migrate(1, source, target), 0);
-  ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
-  const std::string text = "the new text";
-  (void)cache->replaceSegment(ctx, "changed", {section(0, text)});
-  auto cleared = std::async(std::launch::async, [&] { return outcome(cache->clearCache()); });
-  while (!Access::isStopping(*cache)) std::this_thread::yield();
-  hold.release();
-  EXPECT_EQ(cleared.get(), "success");
-  EXPECT_EQ(std::exchange(s_ends, {}), ended("EINTR", target));
-  EXPECT_EQ(treeOf(source), Texts{"recycle/"});
-  log.clear();
-  EXPECT_EQ(cache->migrate(1, source, target), 0);
-  EXPECT_EQ(get("changed"), "[ENOENT]");
-  EXPECT_EQ(ends(), ended("success", target));
-  EXPECT_EQ(get("changed"), "[ENOENT]");
-}
-
 TEST_F(MigratorTest, AFileThatMakesNoSenseIsRefused) {
   startWithFour();
   const Texts contents{"2\n/a\n", "2\n\n/b\n", "x1\n/a\n/b", "65536\n/a\n/b", std::string(17 << 20, '1')};
@@ -162,15 +176,11 @@ TEST_F(MigratorTest, AFileThatMakesNoSenseIsRefused) {
 }
 
 TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
-  const std::pair<std::string, mode_t> cases[] = {{dir / "root/../vol1/.", S_IFREG},
-                                                  {dir / "link/new", S_IFREG},
-                                                  {dir.path(), S_IFREG},
-                                                  {target, S_IFIFO}};
   fs::create_directory_symlink(source, dir / "link");
-  for (const auto& [to, type] : cases) {
+  for (const std::string& to : {dir / "root/../vol1/.", dir / "link/new", dir.path(), target}) {
     SCOPED_TRACE(to);
     startWithFour();
-    ASSERT_EQ(mknod((source + "/spare/odd").c_str(), type | 0600, 0), 0);
+    if (to == target) spoil();
     const Texts tree = treeOf(source);
     EXPECT_EQ(cache->migrate(1, source, to), 0);
     EXPECT_EQ(ends(), ended("EINVAL", to));
@@ -218,7 +228,6 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
 
 // As when the destination's disk turns read-only: its files can be read, but not removed.
 TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
-  const SmallFileSystem otherDisk{16};
   SKIP_WITHOUT(otherDisk);
   startWithFour();
   writeFile(source + "/ctx/odd/placeholder", "");
@@ -239,30 +248,9 @@ TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
   EXPECT_EQ(get("kept"), "the new text");
 }
 
-TEST_F(MigratorTest, AChangeThatCannotBeNotedAfterTheSwitchFailsNothing) {
-  startWithFour();
-  FaultPlan plan;
-  {
-    HoldAtLine hold(log, "cache: migration finished");
-    ASSERT_EQ(cache->migrate(1, source, target), 0);
-    ASSERT_TRUE(hold.reached());
-    plan.hold("write", 1);  // of "volume_info"
-  }
-  ASSERT_TRUE(plan.held());
-  plan.fail("open", 1, ENOSPC);  // of the names of what is changed
-  const std::string text = "the new text";
-  const CZuError written =
-      cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::Default);
-  EXPECT_EQ(outcome(written), "success");
-  plan.release();
-  EXPECT_EQ(ends(), ended("success", target));
-  EXPECT_TRUE(isSwitched());
-  EXPECT_EQ(get("kept"), "the new text");
-}
-
-// At each system call of each change; what it takes away at the destination must not show again from the source.
-TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationFailsWithinIt) {
-  using Works = std::vector<SegmentWork>;
+// Whatever way it ends, and when it fails at each system call of each change; what a change takes away at the
+// destination must not show again from the source.
+TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
   ctx.useNonPrunableDir = true;
   const Works befores[] = {
       {{SegmentWork::CREATE, 'a'}, {SegmentWork::WRITE, 'c'}},
@@ -275,12 +263,19 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationFailsWithinIt) {
   for (const Works& before : befores) {
     for (uint32_t operation = SegmentWork::WRITE; operation < SegmentWork::NUM_OPERATIONS; ++operation) {
       if (operation == SegmentWork::WRITE_PRUNABLE && before[0].letter == 'b') continue;  // no such copy
+      SCOPED_TRACE("before " + std::to_string(before.size()) + static_cast<char>(before[0].letter) +
+                   " operation " + std::to_string(operation));
       Works works = before;
       works.push_back({static_cast<SegmentWork::Operation>(operation), 'e'});
-      const size_t calls = failWithin(works, 0);
+      size_t calls = 0;
+      for (const End end : {Switched, Cleared, Destroyed, Failed}) {
+        for (const Place place : {Source, OtherDisk, SameDisk}) {
+          SCOPED_TRACE(testing::Message() << "end " << end << " place " << place);
+          calls = endAfter(works, end, place);
+        }
+      }
       for (size_t nth = 1; nth <= calls && !HasFailure(); ++nth) {
-        SCOPED_TRACE("before " + std::to_string(before.size()) + static_cast<char>(before[0].letter) +
-                     " operation " + std::to_string(operation) + " call " + std::to_string(nth));
+        SCOPED_TRACE("call " + std::to_string(nth));
         failWithin(works, nth);
       }
     }
@@ -288,7 +283,6 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationFailsWithinIt) {
 }
 
 TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
-  const SmallFileSystem otherDisk{16};
   SKIP_WITHOUT(otherDisk);
   for (const std::string& to : {target, otherDisk / "new"}) {
     SCOPED_TRACE(to);
@@ -341,21 +335,6 @@ TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
   hold.release();
   created.get();
   EXPECT_EQ(get("fresh"), "text");
-}
-
-TEST_F(MigratorTest, TheEngineEndsInItsMiddle) {
-  startWithFour();
-  for (int i = 0; i < 1000; ++i) writeFile(source + "/ctx/" + std::to_string(i), "");
-  HoldAtLine hold(log, "copying [" + source + "/ctx");
-  EXPECT_EQ(cache->migrate(1, source, target), 0);
-  ASSERT_TRUE(hold.reached());
-  DiskCache& ending = *cache;
-  auto reset = std::async(std::launch::async, [&] { cache.reset(); });
-  while (!Access::isStopping(ending)) std::this_thread::yield();
-  hold.release();
-  reset.get();
-  EXPECT_EQ(s_ends, ended("EINTR", target));
-  EXPECT_LT(treeOf(target).size(), 1000U);
 }
 
 }  // namespace
