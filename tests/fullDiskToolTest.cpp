@@ -139,13 +139,9 @@ TEST_F(FullDiskToolTest, InodesAreALimitToo) {
     std::error_code error;
     if (!fs::create_directory(disk / std::to_string(i), error)) break;
   }
-  const json volume = parsed("volumes " + root)["volumes"][0];
-  EXPECT_EQ(volume["has_room"], false) << volume;
-  EXPECT_EQ(volume["limits"], json{"inodes"});
-  for (const std::string command : {"volumes ", "du "}) {
-    ASSERT_EQ(run(command + root), 0);
-    EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
-  }
+  expectFields(parsed("volumes " + root)["volumes"][0], {{"has_room", false}, {"limits", {"inodes"}}});
+  ASSERT_EQ(run("du " + root), 0);
+  EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
 }
 
 // Blocks of named objects: their names are numbers, so the tools tell what they are of.
@@ -167,7 +163,6 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   EXPECT_EQ(keys, (std::set<std::string>{"photo.jpg#0v1", "photo.jpg#1v1", "deep/empty#0v1"}));
   const std::string key = "explain --key photo.jpg --version v1 " + root;
   EXPECT_EQ(parsed(key)["copies"][0]["problems"], json::array());
-  EXPECT_EQ(parsed("explain --key photo.jpg --version v2 " + root, 1)["cached"], false);
   const std::string path = parsed(key + "--block 1")["copies"][0]["path"];
   EXPECT_NE(path.find(last), std::string::npos);
   EXPECT_EQ(parsed("inspect " + path)[0]["block"]["key"], "photo.jpg");
@@ -179,14 +174,12 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   const json damage = parsed("verify " + root, 1);
   EXPECT_EQ(damage["problems"][0]["problem"],
             "bytes 0 to 34463 of its payload are not those that were written");
-  EXPECT_EQ(parsed("inspect " + path, 1)[0]["problems"].size(), 1U);
-  EXPECT_EQ(parsed(key + "--block 1", 1)["cached"], true);
   expectFailure("prune --context staged --bytes 1 " + root, 2, "only copy");
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
   EXPECT_TRUE(fs::exists(dir / "a/blocks/volume.id"));
 }
 
-TEST_F(FullDiskToolTest, WarmTakesAListAtARateAndShowsHowFarItIs) {
+TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
   std::string list = "# name, file\n\n";
   for (const char* id : {"0011one", "0022two", "0033three"}) {
     writeFile(dir / "from/" + id, std::string(60'000, 'x'));
@@ -195,13 +188,9 @@ TEST_F(FullDiskToolTest, WarmTakesAListAtARateAndShowsHowFarItIs) {
   writeFile(dir / "list", list);
   const std::string warm = "warm --context data " + root + "--list " + (dir / "list ");
   const auto start = std::chrono::steady_clock::now();
-  const std::string shown = onTerminal(warm + "--rate 100KB --volume " + (dir / "a"));
+  ASSERT_EQ(run(warm + "--rate 100KB --volume " + (dir / "a")), 0) << err;
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1800));
-  const size_t bar = shown.find("warm [");
-  ASSERT_NE(bar, std::string::npos) << shown;
-  EXPECT_NE(shown.find("2 of 3", bar), std::string::npos) << shown;
-  EXPECT_NE(shown.find("\r\033[K3 stored (175.8 KiB), 0 were there, 0 left out"), std::string::npos)
-      << "the bar stays: " << shown;
+  EXPECT_EQ(out, "3 stored (175.8 KiB), 0 were there, 0 left out\n");
 
   writeFile(dir / "list", list + "0044four\t" + (dir / "none\n"));
   const json again = parsed(warm, 1);
