@@ -48,7 +48,6 @@ TEST_F(LiveToolTest, TopShowsTheRatesOfALiveServer) {
     const json first = json::parse(out.substr(0, out.find('\n')));
     EXPECT_DOUBLE_EQ(first["hit_ratio"], 0.9);
     EXPECT_GT(first["disk_bytes_per_s"], 1e6);
-    EXPECT_EQ(first["origin_bytes_per_s"], 0.0);
     EXPECT_DOUBLE_EQ(first["evicted_age_s"], 100.0);
     EXPECT_EQ(first["delay_ratio"], nullptr) << "the page does not tell";
     EXPECT_EQ(first["room"], (json{{"/a }\"b", 4000.0}}));

@@ -180,7 +180,6 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   expectReplayFailure(trace + "--mode random", 2, "--budget");
   expectReplayFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
   expectReplayFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
-  expectReplayFailure("--trace " + dir.path(), 2, "Is a directory");
   expectReplayFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
   expectReplayFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
   expectReplayFailure(trace + ">/dev/full", 3, "standard output");

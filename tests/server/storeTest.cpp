@@ -71,12 +71,11 @@ TEST_F(ServerStoreTest, ALookBegunBeforeAChangeTellsNobodyWhoCameAfterIt) {
   EXPECT_EQ(get("/k").body, "old");
   EXPECT_EQ(get("/other").body, "other");  // the index has forgotten k, whose block is on disk
   isHolding = true;
-  std::thread early([&] { (void)get("/k"); });
+  const std::jthread early([&] { (void)get("/k"); });
   ASSERT_TRUE(eventually([&] { return isHeld.load(); }));
   EXPECT_EQ(put("/k", "new").status, 200);
   EXPECT_EQ(get("/k").body, "new");
   isReleased = true;
-  early.join();
 }
 
 TEST_F(ServerStoreTest, ChangesOfOtherKindsAreSeenOnceTheyAreAnswered) {
