@@ -1,5 +1,6 @@
 // What the server does when clients, disks or the store misbehave.
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "tests/server/serverFixture.h"
@@ -44,6 +45,11 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
     EXPECT_EQ(countOf("HTTP/1.1", got), 1U) << got;  // nothing that was hidden is answered
   }
   EXPECT_EQ(store.requests().find("hidden"), std::string::npos);
+  const RawClient slow(port);
+  slow.send(put + "Content-Length: 10000\r\n\r\n");
+  auto answer = std::async(std::launch::async, [&] { return slow.receive(); });
+  while (answer.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) slow.send("x");
+  EXPECT_TRUE(answer.get().starts_with("HTTP/1.1 408")) << "a byte now and then is not enough";
   EXPECT_EQ(this->get("/x").body, "x");
 }
 
