@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <map>
@@ -16,35 +17,6 @@
 
 namespace ObjectStore {
 namespace {
-
-using Entries = std::map<std::string, std::string>;
-
-// Times, and the file itself, of entries by name; of files also the bytes, read so that no time changes.
-Entries look(const std::string& dir, const std::vector<std::string>& names) {
-  Entries entries;
-  for (const std::string& name : names) {
-    const std::string path = dir + '/' + name;
-    struct stat status {};
-    std::string& entry = entries[name];
-    if (stat(path.c_str(), &status) != 0) continue;  // it is gone
-    entry = std::to_string(status.st_atim.tv_sec) + ' ' + std::to_string(status.st_mtim.tv_sec) + ' ' +
-            std::to_string(status.st_ino) + ' ';
-    if (!S_ISREG(status.st_mode)) continue;
-    const int fd = open(path.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC);
-    char bytes[4096];
-    for (ssize_t got; (got = read(fd, bytes, sizeof(bytes))) > 0;)
-      entry.append(bytes, static_cast<size_t>(got));
-    close(fd);
-  }
-  return entries;
-}
-
-// Any reading that does not take care renews a time so old.
-void setBack(const std::string& dir, const std::vector<std::string>& names) {
-  const timespec longAgo[] = {{1000, 0}, {1000, 0}};
-  for (const std::string& name : names)
-    ASSERT_EQ(utimensat(AT_FDCWD, (dir + '/' + name).c_str(), longAgo, 0), 0) << name;
-}
 
 struct RefusingToolTest : ToolTest {
   RefusingToolTest() {
@@ -60,25 +32,30 @@ struct RefusingToolTest : ToolTest {
 
   // Runs a command between two snapshots of everything but its own output. One that fails says why on one line.
   void expectNoTrace(const std::string& arguments, int status, const std::string& message) {
-    const auto forget = [this] {
-      std::filesystem::remove(dir / "out");
-      std::filesystem::remove(dir / "err");
-    };
-    forget();
     const std::vector<std::string> tree = treeOf(dir.path());
     std::vector<std::string> names = tree;  // but for a command's input, which is read as anybody reads
     std::erase_if(names, [](const std::string& name) {
-      return name.substr(0, 2) == "in" || name.substr(0, 3) == "cut";
+      return name == "out" || name == "err" || name.starts_with("in") || name.starts_with("cut");
     });
-    setBack(dir.path(), names);
-    const Entries before = look(dir.path(), names);
+    // Any reading that does not take care renews a time so old.
+    const timespec longAgo[] = {{1000, 0}, {1000, 0}};
+    for (const std::string& name : names)
+      ASSERT_EQ(utimensat(AT_FDCWD, (dir / name).c_str(), longAgo, 0), 0) << name;
+    const auto look = [&] {
+      std::map<std::string, std::array<uint64_t, 3>> entries;
+      for (const std::string& name : names) {
+        struct stat found {};
+        if (stat((dir / name).c_str(), &found) != 0) continue;  // it is gone
+        entries[name] = {found.st_ino, static_cast<uint64_t>(found.st_atim.tv_sec),
+                         static_cast<uint64_t>(found.st_mtim.tv_sec)};
+      }
+      return entries;
+    };
+    const auto before = look();
     EXPECT_EQ(run(arguments), status) << arguments << '\n' << err;
     EXPECT_NE((status < 2 ? out + err : err).find(message), std::string::npos) << arguments << out << err;
     EXPECT_TRUE(status < 2 || std::count(err.begin(), err.end(), '\n') == 1) << err;
-    const Entries after = look(dir.path(), names);
-    for (const std::string& name : names)
-      EXPECT_EQ(after.at(name), before.at(name)) << arguments << ' ' << name;
-    forget();
+    EXPECT_EQ(look(), before) << arguments;
     EXPECT_EQ(treeOf(dir.path()), tree) << arguments;
   }
 
@@ -94,61 +71,46 @@ struct Command {
 TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
   const std::string in = dir / "in", typo = on("typo");
   const Command commands[] = {
-      {"rm " + cache + typo + "nosuch", 2, "typo: no volume of the cache"},
       {"rm " + cache + "nosuch", 1, "nosuch: not in the cache"},
       {"rm " + cache + typo + "0011first", 2, "typo: no volume of the cache"},
       {"put " + cache + typo + "0044new " + in, 2, "typo: no volume of the cache"},
-      {"put " + cache + on("nowhere") + "0044new " + in, 2, "nowhere: no volume of the cache"},
       {"put " + cache + "0011first " + (dir / "input"), 2, "section 0 has 3 bytes"},
       {"put " + cache + "0044new " + (dir / "none"), 2, "none: No such file"},
       {"put --root " + (dir / "new") + " --context ctx 0044new " + in, 2, "is new; give --volume"},
-      {"migrate " + root + typo + "--index 1 --to " + (dir / "c"), 2, "typo: no volume of the cache"},
       {"migrate " + root + "--index 9 --to " + (dir / "c"), 2, "no volume 9"},
       {"migrate " + root + "--index 1 --to " + (dir / "a"), 2, "is the source, or lies in it"},
       {"migrate " + root + "--index 1 --to " + (dir / "b"), 2, "is volume 2 already"},
       {"migrate " + root + "--index 1 --to " + (dir / "cut"), 2, "lies at the destination"},
       {"migrate " + root + "--index 1 --leave-behind --to " + (dir / "cut"), 2, "0033cut: lies at"},
       {"get " + cache + "a/b", 2, "a/b"},
-      {"put " + cache + ".. " + in, 2, ".."},
       {"rm " + cache + "ab..x", 2, "ab..x"},
       {"put " + cache + "0011x.copying " + in, 2, "copying"},
       {"put " + cache + "0011x " + dir.path(), 2, "Is a directory"},
       {"put " + cache + "0011x </dev/null", 2, "empty"},
-      {"put --type 6 " + cache + "0011x " + in, 2, "--type"},
       {"put " + cache + on("x,y") + "0011x " + in, 2, "x,y"},
       {"get --context ../x " + root + "0011first", 2, "../x"},
-      {"status --format xml " + root, 2, "--format"},
       {"exists --root " + (dir / "no ") + on("a") + "--context ctx x", 2, "no: "},
       {"prune " + root + "--bytes 1", 2, "--context is required"},
       {"prune " + root + "--context ctx", 2, "one of --bytes, --to and --older-than"},
-      {"prune " + root + "--context ctx --older-than soon", 2, "no age"},
       {"prune " + root + "--context ../b --bytes 1", 2, "lies below no volume"},
       {"prune " + root + "--context " + dir.path() + " --bytes 1", 2, "lies below no volume"},
       {"verify --remove " + root + (dir / "typo"), 2, "lies on no volume"},
-      {"forget " + root + (dir / "c"), 2, "no volume of the cache"},
       {"verify " + (dir / "nowhere"), 2, "No such file"},
-      {"verify --threads 0 x", 2, "--threads"},
-      {"verify", 2, "one of PATH and --root"},
-      {"ls " + on("nowhere"), 2, "No such file"},
       {"ls " + on("in"), 2, "Not a directory"},
-      {"du " + on("nowhere"), 2, "No such file"},
-      {"du", 2, "one of --root and --volume"},
       {"volumes --root " + (dir / "typo"), 2, "volume_info: No such file"},
-      {"nonsense", 2, "no subcommand \"nonsense\""},
       {"volume", 2, "the nearest is \"volumes\""},
       {"get " + cache + "0011first", 0, "one"},
-      {"get " + cache + typo + "0011first", 0, "one"},
       {"get " + cache + "nosuch", 1, "nosuch: not in the cache"},
       {"get " + cache + "0011first " + dir.path(), 2, dir.path() + ": Is a directory"},
       {"get --json " + cache + "0011first", 2, "--json needs FILE"},
       {"exists " + cache + "0022second", 0, "ctx/00/22/0022second"},
-      {"exists " + cache + typo + "nosuch", 1, "nosuch"},
       {"status " + root, 0, "not known from outside"},
       {"status --mode lru " + root + on("a"), 0, "segments"},
       {"volumes " + root, 0, "yes"},
       {"du " + root, 0, "used, to the engine"},
       {"ls " + on("a") + on("b"), 0, "0011first"},
       {"verify " + (dir / "a"), 0, "no damage"},
+      {"inspect " + dir.path(), 2, "Is a directory"},
       {"inspect " + (dir / "cut/ctx/00/33/0033cut"), 1, "cut within the header"},
   };
   for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
@@ -183,22 +145,18 @@ TEST_F(RefusingToolTest, TheRootIsHeldFromTheFirstLookToTheEnd) {
   const std::string locked = ":" + std::to_string(status.st_ino) + " 0 EOF";
   int caught = 0;
   for (int i = 10; i < 60 && caught < 3; ++i) {
-    const std::string id = "00" + std::to_string(i) + "new";
+    const std::string id = "00" + std::to_string(i) + "new", place = "/ctx/00/" + id.substr(2, 2) + '/' + id;
     std::atomic<bool> isOver = false;
-    std::thread putting([&] {
+    std::jthread putting([&] {
       EXPECT_EQ(run("put " + cache + id + ' ' + (dir / "in")), 0) << err;
       isOver = true;
     });
-    while (!isOver && readFile("/proc/locks").find(locked) == std::string::npos) {
-    }
+    while (!isOver && readFile("/proc/locks").find(locked) == std::string::npos) continue;
+    if (isOver) continue;
+    ++caught;
     const int fd = open((dir / "root").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (!isOver) {
-      ++caught;
-      EXPECT_EQ(flock(fd, LOCK_EX), 0);
-      const std::string place = "/ctx/00/" + std::to_string(i) + '/' + id;
-      EXPECT_TRUE(std::filesystem::exists(dir / "a" + place) || std::filesystem::exists(dir / "b" + place));
-    }
-    putting.join();
+    EXPECT_EQ(flock(fd, LOCK_EX), 0);
+    EXPECT_TRUE(std::filesystem::exists(dir / "a" + place) || std::filesystem::exists(dir / "b" + place));
     close(fd);
   }
   EXPECT_GT(caught, 0) << "no put was seen at work";

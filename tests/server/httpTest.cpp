@@ -13,25 +13,9 @@ namespace diskcached {
 namespace {
 
 TEST(HttpTest, TargetsNameKeysOrNothing) {
-  const struct {
-    std::string_view text;
-    const char *key, *query;
-  } cases[] = {
-      {"/", "", ""},
-      {"/a/b%20c?list-type=2&prefix=x%2Fy", "a/b c", "list-type=2&prefix=x%2Fy"},
-      {"http://host:80/k%3Ay", "k:y", ""},
-      {"http://host", "", ""},
-      {"/a//b/", "a//b/", ""},
-      {"/%c3%A4+", "\xc3\xa4+", ""},
-      {"/..a/.b/c..", "..a/.b/c..", ""},
-  };
-  for (const auto& c : cases) {
-    const auto target = parseTarget(c.text);
-    ASSERT_TRUE(target) << c.text;
-    EXPECT_EQ(target->key, c.key);
-    EXPECT_EQ(target->query, c.query);
-    EXPECT_EQ(parseTarget('/' + encodePath(target->key))->key, target->key);
-  }
+  EXPECT_EQ(parseTarget("/%c3%A4+//..a/.b/c..?x=y%2F")->key, "\xc3\xa4+//..a/.b/c..");
+  EXPECT_EQ(parseTarget("/%c3%A4+//..a/.b/c..?x=y%2F")->query, "x=y%2F");
+  EXPECT_EQ(parseTarget("http://host")->key, "");
   for (const char* refused :
        {"/a/../b", "/%2e%2e/b", "/a/.", "/%", "/%4", "/%zz", "/a%00b", "/a b", "/a#b", "*", ""})
     EXPECT_FALSE(parseTarget(refused)) << refused;
@@ -67,18 +51,12 @@ TEST(HttpTest, KeysToDeleteAreReadWholeOrNotAtAll) {
       {object("&#65;&#x7f;&#xe4;&#x7ff;&#x800;&#8364;&#xffff;&#x10000;&#x10ffff;"),
        {"A\x7f\xc3\xa4\xdf\xbf\xe0\xa0\x80\xe2\x82\xac\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}},
       {"<s:Key xmlns:s='u'>a</s:Key ><Keys>b</Keys><Quiet/>", {"a"}},
-      {object("a") + object("&other;"), {}},
-      {object("a") + object("&#x110000;"), {}},
-      {object("&#;"), {}},
-      {object("&amp"), {}},
-      {object("&"), {}},
-      {object("<![CDATA[a]]>"), {}},
-      {object("a<!-- -->b"), {}},
-      {"<Key>a", {}},
-      {"<Key", {}},
-      {"", {}},
   };
   for (const auto& c : cases) EXPECT_EQ(keysToDelete(c.xml), c.keys) << c.xml;
+  for (const std::string refused :
+       {"&other;", "&#x110000;", "&#;", "&amp", "&", "<![CDATA[a]]>", "a<!-- -->b"})
+    EXPECT_TRUE(keysToDelete(object("a") + object(refused)).empty()) << refused;
+  for (const char* cutShort : {"<Key>a", "<Key", ""}) EXPECT_TRUE(keysToDelete(cutShort).empty()) << cutShort;
 }
 
 TEST(HttpTest, HeadsThatTwoCouldReadInTwoWaysAreRefused) {
@@ -135,12 +113,10 @@ TEST(HttpTest, ASizeThatNoObjectHasIsNotBelieved) {
 TEST(HttpTest, TheEndOfAHeadIsFoundWhereverTheBytesAreCut) {
   const std::string head = "GET / HTTP/1.1\r\nHost: h\r\n\r\n", bytes = head + "GET";
   for (size_t cut = 0; cut <= bytes.size(); ++cut) {
-    const HeadEnd early = findHeadEnd(std::string_view(bytes).substr(0, cut), 0);
-    EXPECT_EQ(early.size, cut < head.size() ? 0 : head.size());
-    EXPECT_FALSE(early.isBare);
-    if (early.size == 0) {
-      EXPECT_EQ(findHeadEnd(bytes, cut).size, head.size()) << cut;
-    }
+    const size_t seen = std::min(cut, head.size() - 1);
+    EXPECT_EQ(findHeadEnd(bytes.substr(0, cut), 0).size, cut < head.size() ? 0 : head.size()) << cut;
+    EXPECT_FALSE(findHeadEnd(bytes.substr(0, cut), 0).isBare) << cut;
+    EXPECT_EQ(findHeadEnd(bytes, seen).size, head.size()) << cut;
   }
   for (const std::string_view bare : {"GET / HTTP/1.1\n", "GET / HTTP/1.1\r\nA: b\n", "\n", "A\r\n\n"})
     EXPECT_TRUE(findHeadEnd(bare, 0).isBare) << bare;

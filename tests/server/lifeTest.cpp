@@ -29,8 +29,6 @@ TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
       {"--config=" + (dir / "missing.conf"), "missing.conf"},
       {"--access-log=" + (dir / "no/such/dir/log"), "--access-log"},
       {"--credentials=" + write("open", secret, 0644), "can be read by others"},
-      {"--credentials=" + write("half", "aws_access_key_id = me\n", 0600), "lacks"},
-      {"--credentials=" + (dir / "none"), "No such file"},
   };
   for (const std::string option :
        {"--no-such-option=1", "--origin=ftp://x", "--max-bytes=lots", "--block-size=100000", "--listen=8080",
@@ -54,32 +52,24 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   start({"--config=" + config});
   EXPECT_EQ(get("/x").body, "one");
   store.put("x", "changed");
-  EXPECT_EQ(get("/x").body, "one");
-  EXPECT_FALSE(std::filesystem::exists(log));
   const auto reloadUntil = [&](const std::string& text, const std::string& said) {
     const size_t before = logged().size();
     reload(text);
     EXPECT_TRUE(eventually([&] { return logged().find(said, before) != std::string::npos; })) << logged();
-    return logged().substr(before);
   };
   reloadUntil("fresh = 1\n", "stays as it was");
-  reloadUntil("origin-retries = 0\naccess-log = \"" + (dir / "no/such/log") + "\"\n", "stays as it was");
-  store.stop();
-  const double tried = metric("diskcached_origin_requests_total");
-  EXPECT_EQ(get("/z").status, 502);
-  EXPECT_EQ(metric("diskcached_origin_requests_total") - tried, 3);  // as ever
-  store.start();
-  for (int i = 0; i < 2; ++i) {
-    const std::string said =
-        reloadUntil("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
-    EXPECT_NE(said.find("--io-threads takes effect at the next start"), std::string::npos) << said;
-  }
-  EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
+  reloadUntil("fresh-for = 0\naccess-log = \"" + (dir / "no/such/log") + "\"\n", "stays as it was");
   store.put("y", "y");
   EXPECT_EQ(get("/y").body, "y");
-  EXPECT_NE(cacheStatus("/y").find("fwd=stale"), std::string::npos);
-  ASSERT_TRUE(eventually(
-      [&] { return std::filesystem::exists(log) && readFile(log).find("\"/y\"") != std::string::npos; }));
+  EXPECT_TRUE(get("/y").isHit());
+  for (int i = 0; i < 2; ++i)
+    reloadUntil("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
+  EXPECT_EQ(countOf("--io-threads takes effect at the next start", logged()), 2U) << logged();
+  EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
+  store.put("z", "z");
+  EXPECT_EQ(get("/z").body, "z");
+  EXPECT_NE(get("/z").header("cache-status").find("fwd=stale"), std::string::npos);
+  ASSERT_TRUE(eventually([&] { return readFile(log).find("\"/z\"") != std::string::npos; }));
   const std::string lines = readFile(log);
   const auto line = nlohmann::json::parse(lines.substr(0, lines.find('\n')));
   EXPECT_EQ(line["target"], "/x");
@@ -100,20 +90,13 @@ TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
   start({"--config=" + config, "--max-bytes="});
   hits();
   EXPECT_EQ(hits(), 20);
-  EXPECT_GE(used(), 20 * 60'000);
-  const auto resize = [&](const std::string& size, uint64_t bytes) {
-    reload("max-bytes = \"" + size + "\"\n");
-    EXPECT_TRUE(
-        eventually([&] { return nlohmann::json::parse(admin("/status").body)["max_bytes"] == bytes; }));
-  };
-  resize("512K", 512 << 10);
+  reload("max-bytes = \"512K\"\n");
   EXPECT_TRUE(eventually([&] { return used() <= 512 << 10; })) << used();
   EXPECT_GE(used(), 60'000);  // no more is given up than must be
   hits();
   EXPECT_LE(used(), 512 << 10);
-  resize("2G", uint64_t{2} << 30);
-  hits();
-  EXPECT_EQ(hits(), 20);
+  reload("max-bytes = \"2G\"\n");
+  EXPECT_TRUE(eventually([&] { return hits() == 20; }));
   EXPECT_EQ(logged().find("next start"), std::string::npos);
 }
 
@@ -149,13 +132,11 @@ TEST_F(ServerLifeTest, FinishesItsAnswersWhenToldToStopAndTellsTheManager) {
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   environment = {"NOTIFY_SOCKET=" + path};
-  std::string told;
-  const auto isTold = [&](const char* what) {
+  const auto isTold = [&](const std::string& what) {
     return eventually([&] {
       std::array<char, 256> text;
-      for (ssize_t got = 0; (got = recv(manager, text.data(), text.size(), 0)) > 0;)
-        told.append(text.data(), static_cast<size_t>(got)) += '\n';
-      return told.find(what) != std::string::npos;
+      const ssize_t got = recv(manager, text.data(), text.size(), 0);
+      return got > 0 && std::string_view(text.data(), static_cast<size_t>(got)) == what;
     });
   };
   store.put("big", content);

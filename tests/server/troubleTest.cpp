@@ -1,5 +1,6 @@
 // What the server does when clients, disks or the store misbehave.
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "tests/server/serverFixture.h"
@@ -16,22 +17,20 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
          "--idle-timeout=1"});
   const std::string get = "GET /x HTTP/1.1\r\nHost: h\r\n", put = "PUT /y HTTP/1.1\r\nHost: h\r\n";
   const std::string hidden = "GET /hidden HTTP/1.1\r\nHost: h\r\n\r\n";
+  const std::string chunked = put + "Transfer-Encoding: chunked\r\n\r\n";
   const struct {
     std::string bytes;
     const char* status;
   } cases[] = {
       {get + "Content-Length: 5\r\nContent-Length: 0\r\n\r\n" + hidden, "400"},
       {get + "\n" + hidden, "400"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n5x\r\nabc", "400"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n5\nhello\r\n0\r\n\r\n" + hidden, "400"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n-1\r\nabc", "400"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n5;" + std::string(100'000, 'a'), "431"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n1\r\nx\r\n0\r\nA: " + std::string(100'000, 'a'), "431"},
+      {chunked + "5x\r\nabc", "400"},
+      {chunked + "5\nhello\r\n0\r\n\r\n" + hidden, "400"},
+      {chunked + "5;" + std::string(100'000, 'a'), "431"},
+      {chunked + "1\r\nx\r\n0\r\nA: " + std::string(100'000, 'a'), "431"},
       {put + "Content-Length: 10241\r\n\r\n", "413"},
-      {put + "Transfer-Encoding: chunked\r\n\r\n2900\r\n" + std::string(0x2900, 'x') + "\r\n0\r\n\r\n",
-       "413"},
+      {chunked + "2900\r\n" + std::string(0x2900, 'x') + "\r\n0\r\n\r\n", "413"},
       {"GET /" + std::string(1100, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", "414"},
-      {"GET /" + std::string(100'000, 'a'), "414"},
       {get + "A: " + std::string(3000, 'a') + "\r\n\r\n", "431"},
       {get + "Expect: wonders\r\n\r\n", "417"},
       {"GET /x HTTP/1.1\r\nHo", "408"},
@@ -39,17 +38,18 @@ TEST_F(ServerTroubleTest, HostileRequestsAreRefusedAndEndTheConnection) {
       {"GET /a/../x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "400"},
       {"TRACE /x HTTP/1.1\r\nHost: h\r\nConnection: close\r\n\r\n", "405"},
       {get + "Connection: te\r\nConnection: close\r\n\r\n" + hidden, "200"},
-      {"PUT /y HTTP/1.1\r\nHost: h\r\nConnection: close\r\nx-amz-content-sha256: "
-       "STREAMING-AWS4-HMAC-SHA256-PAYLOAD\r\n\r\n",
-       "501"},
   };
   for (const auto& c : cases) {
     const std::string got = RawClient(port).exchange(c.bytes);
-    EXPECT_TRUE(got.starts_with(std::string("HTTP/1.1 ") + c.status)) << c.bytes.substr(0, 200) << '\n'
-                                                                      << got;
-    EXPECT_EQ(got.find("HTTP/1.1", 1), std::string::npos) << got;  // nothing that was hidden is answered
+    EXPECT_TRUE(got.starts_with(std::string("HTTP/1.1 ") + c.status)) << c.bytes.substr(0, 200) << got;
+    EXPECT_EQ(countOf("HTTP/1.1", got), 1U) << got;  // nothing that was hidden is answered
   }
   EXPECT_EQ(store.requests().find("hidden"), std::string::npos);
+  const RawClient slow(port);
+  slow.send(put + "Content-Length: 10000\r\n\r\n");
+  auto answer = std::async(std::launch::async, [&] { return slow.receive(); });
+  while (answer.wait_for(std::chrono::milliseconds(5)) != std::future_status::ready) slow.send("x");
+  EXPECT_TRUE(answer.get().starts_with("HTTP/1.1 408")) << "a byte now and then is not enough";
   EXPECT_EQ(this->get("/x").body, "x");
 }
 
@@ -86,20 +86,6 @@ TEST_F(ServerTroubleTest, TheSlowKeepNobodyElseWaiting) {
   EXPECT_EQ(put("/w", "w").status / 100, 2);
 }
 
-TEST_F(ServerTroubleTest, AByteNowAndThenIsNotEnough) {
-  start({"--idle-timeout=1"});
-  const RawClient slow(port);
-  slow.send("PUT /w HTTP/1.1\r\nHost: h\r\nContent-Length: 100000\r\n\r\n");
-  std::string answer;
-  std::jthread listener([&] { answer = slow.receive(); });
-  EXPECT_TRUE(eventually([&] {
-    slow.send("x");
-    return metric("diskcached_answers_total{status=\"4xx\"}") == 1;
-  }));
-  listener.join();
-  EXPECT_TRUE(answer.starts_with("HTTP/1.1 408")) << answer;
-}
-
 TEST_F(ServerTroubleTest, TooManyClientsAreTurnedAwayAndMemoryIsBounded) {
   store.put("big", bytesOf("big", 8 << 20));
   start({"--max-connections=20", "--memory=1M"});
@@ -123,16 +109,14 @@ TEST_F(ServerTroubleTest, StaleAnswersStandInForAStoreThatIsDown) {
   start({"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=1"});
   EXPECT_EQ(get("/kept").body, "kept bytes");
   store.stop();
-  for (int i = 0; i < 3; ++i) {
+  for (const char* const when : {"before", "after a restart"}) {
     const Reply stale = get("/kept");
-    EXPECT_EQ(stale.body, "kept bytes");
-    EXPECT_NE(stale.header("cache-status").find("stale-if-error"), std::string::npos)
-        << stale.header("cache-status");
+    EXPECT_EQ(stale.body, "kept bytes") << when;
+    EXPECT_NE(stale.header("cache-status").find("stale-if-error"), std::string::npos) << stale.head;
+    EXPECT_EQ(get("/other").status, 502);
+    server->end(SIGKILL);
+    start({"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=0"});
   }
-  EXPECT_EQ(get("/other").status, 502);
-  server->end(SIGKILL);
-  start({"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=0"});
-  EXPECT_EQ(get("/kept").body, "kept bytes");  // also after a restart
   server->end(SIGTERM);
   start({"--fresh-for=0", "--origin-retries=0"});
   EXPECT_EQ(get("/kept").status, 502);  // nobody said that stale answers are wanted
@@ -145,25 +129,19 @@ TEST_F(ServerTroubleTest, AFullDiskAndAVolumeEmptiedBeneathItCostNoAnswer) {
   SKIP_WITHOUT(small);
   volume = small / "volume";
   start({"--max-bytes=100M"});
-  const auto load = [&](int first, int count) {
-    unsigned right = 0;
-    HttpClient client(port);
-    for (int i = first; i < first + count; ++i) {
-      const std::string name = "f" + std::to_string(i);
-      if (!std::filesystem::exists(store.files + '/' + name)) store.put(name, bytesOf(name, 700'000));
-      right += client.get('/' + name).body == bytesOf(name, 700'000);
-    }
-    return right;
+  for (int i = 0; i < 80; ++i) store.put(std::to_string(i), bytesOf(std::to_string(i), 700'000));
+  const auto expectRight = [&](int first, int end) {
+    for (int i = first; i < end; ++i)
+      EXPECT_TRUE(get('/' + std::to_string(i)).body == bytesOf(std::to_string(i), 700'000)) << i;
   };
-  EXPECT_EQ(load(0, 60), 60U);                                  // 42 MB into 24
+  expectRight(0, 60);                                           // 42 MB into 24
   std::ofstream(small / "other") << std::string(4 << 20, 'x');  // takes all that was left free
-  EXPECT_EQ(load(60, 20), 20U);
+  expectRight(60, 80);
   EXPECT_TRUE(eventually([&] {  // the last block may still be on its way to disk
     std::error_code error;
     return std::filesystem::remove_all(volume + "/blocks", error), !error;
   }));
-  EXPECT_EQ(load(70, 10), 10U);
-  EXPECT_EQ(load(70, 10), 10U);
+  for (int i = 0; i < 2; ++i) expectRight(70, 80);
   EXPECT_EQ(server->end(SIGTERM), 0);
 }
 
@@ -177,28 +155,25 @@ TEST_F(ServerTroubleTest, ObjectsThatChangeAreNeverMixed) {
     std::filesystem::rename(store.files + "/new", store.files + "/object");
   };
   publish('a');
-  std::vector<std::jthread> readers;
   std::atomic<unsigned> wrong{0}, right{0};
+  std::vector<std::jthread> readers;
   for (int i = 0; i < 4; ++i) {
     readers.emplace_back([&] {
       HttpClient client(port);
       while (!isOver) {
-        const Reply reply = client.get("/object");
+        const Reply reply = client.ask("GET", "/object");
         if (reply.status != 200 || !reply.error.empty()) continue;  // it changed in the middle of an answer
-        const bool isOne = !reply.body.empty() && reply.body == version(reply.body.front());
-        ++(isOne ? right : wrong);
+        ++(reply.body == version(reply.body[0]) ? right : wrong);
       }
     });
   }
   for (char letter = 'b'; letter <= 'z'; ++letter) {
     publish(letter);
-    const unsigned before = right;
-    eventually([&] { return right > before + 3; });
+    EXPECT_TRUE(eventually([&, before = right.load()] { return right > before + 3; }));
   }
   isOver = true;
   readers.clear();
   EXPECT_EQ(wrong, 0U);
-  EXPECT_GT(right, 50U);
   EXPECT_EQ(get("/object").body, version('z'));
 }
 

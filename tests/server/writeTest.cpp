@@ -16,11 +16,6 @@ class ServerWriteTest : public ServerTest {
   bool areUploaded() const {
     return eventually([&] { return metric("diskcache_client_staged_objects") == 0; });
   }
-  std::string stagedFile() const {
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(volume + "/staged"))
-      if (entry.is_regular_file()) return entry.path();
-    return "";
-  }
 };
 
 TEST_F(ServerWriteTest, ChangesGoThroughToTheStoreAndAreSeenAtOnce) {
@@ -32,35 +27,32 @@ TEST_F(ServerWriteTest, ChangesGoThroughToTheStoreAndAreSeenAtOnce) {
       const std::string path = "/dir/object-" + std::to_string(content.size());
       const std::string full = content + (isChunked ? "chunked" : "");
       client.isChunked = isChunked;
-      EXPECT_EQ(client.put(path, full).status / 100, 2);
+      EXPECT_EQ(client.ask("PUT", path, {}, full).status / 100, 2);
       EXPECT_EQ(readFile(store.files + path), full);
-      EXPECT_EQ(client.get(path).body, full);
-      EXPECT_TRUE(client.get(path).isHit() || full.empty());
+      EXPECT_EQ(client.ask("GET", path).body, full);
+      EXPECT_TRUE(client.ask("GET", path).isHit() || full.empty());
     }
   }
   for (const auto& [method, status] : {std::pair{"DELETE", 204}, {"GET", 404}, {"DELETE", 404}})
     EXPECT_EQ(client.ask(method, "/dir/object-5").status, status) << method;
   store.stop();
-  EXPECT_EQ(client.put("/dir/lost", "x").status, 502);
+  EXPECT_EQ(client.ask("PUT", "/dir/lost", {}, "x").status, 502);
 }
 
 TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
-  std::filesystem::create_directories(store.files + "/list");
-  store.put("list/a", "a");
   store.restart("location /list { autoindex on; }");
   start();
-  for (int i = 0; i < 2; ++i) {
+  for (const char* const name : {"a", "b"}) {
+    store.put("list/" + std::string(name), name);
     const Reply listing = get("/list/?list-type=2");
-    EXPECT_NE(listing.body.find("href=\"a\""), std::string::npos);
-    EXPECT_NE(listing.header("cache-status").find("fwd=bypass"), std::string::npos);
+    EXPECT_NE(listing.body.find("href=\"" + std::string(name)), std::string::npos) << listing.body;
+    EXPECT_NE(listing.header("cache-status").find("fwd=bypass"), std::string::npos) << listing.head;
   }
-  EXPECT_EQ(HttpClient(port).ask("MKCOL", "/list/new/").status, 405);  // the store's word
+  EXPECT_EQ(ask("MKCOL", "/list/new/").status, 405);  // the store's word
   store.put("kept", "kept");
   EXPECT_EQ(get("/kept").body, "kept");
-  for (int i = 0; i < 10; ++i) {
-    EXPECT_EQ(HttpClient(port).ask("POST", "/kept").status, 405);
-    EXPECT_TRUE(get("/kept").isHit());  // nothing was changed
-  }
+  EXPECT_EQ(ask("POST", "/kept").status, 405);
+  EXPECT_TRUE(get("/kept").isHit()) << "nothing was changed";
 }
 
 TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
@@ -99,7 +91,7 @@ TEST_F(ServerWriteTest, AnUploadUnderWayKeepsNoChangeOfTheKeyWaiting) {
     EXPECT_EQ(put("/key", std::string(100'000, last)).status, 200);  // the first are uploaded meanwhile
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
   store.thaw();
-  ASSERT_TRUE(eventually([&] { return metric("diskcache_client_staged_objects") == 0; }));
+  ASSERT_TRUE(areUploaded());
   EXPECT_EQ(readFile(store.files + "/key"), std::string(100'000, '5'));
   EXPECT_EQ(get("/key").body, std::string(100'000, '5'));
 }
@@ -109,7 +101,7 @@ TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
   for (const int signal : {SIGKILL, SIGTERM}) {
     store.restart("if ($request_method = PUT) { return 503; }");
     ASSERT_EQ(put("/gone", "x").status, 200);
-    EXPECT_EQ(HttpClient(port).ask("DELETE", "/gone").status, 204);
+    EXPECT_EQ(ask("DELETE", "/gone").status, 204);
     EXPECT_EQ(get("/gone").status, 404);
     store.restart("");
     restart(signal);
@@ -130,13 +122,13 @@ TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
   store.restart("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
   std::vector<std::string> paths;
   for (const auto& c : cases) {
-    const std::string &path = paths.emplace_back("/k" + std::to_string(paths.size())), other = "other";
+    const std::string& path = paths.emplace_back("/k" + std::to_string(paths.size()));
     EXPECT_EQ(put(path, path).status, 200);
-    EXPECT_GE(HttpClient(port).ask(c.method, path + c.query, {c.header}, &other).status, 400);
+    EXPECT_GE(ask(c.method, path + c.query, {c.header}, "other").status, 400);
     EXPECT_EQ(get(path).body, path) << c.method << c.query << c.header;
   }
   const std::string list = "<Delete><Object><Key>k0</Key></Object></Delete>";
-  EXPECT_EQ(HttpClient(port).ask("POST", "/?delete", {}, &list).status, 503);
+  EXPECT_EQ(ask("POST", "/?delete", {}, list).status, 503);
   restart(SIGKILL);
   for (const std::string& path : paths) EXPECT_EQ(get(path).body, path);
   store.restart("");
@@ -168,12 +160,10 @@ TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {
   start(writeBack);
   store.restart("if ($request_method = PUT) { return 503; }");
   ASSERT_EQ(put("/k", "bytes").status, 200);
-  EXPECT_EQ(HttpClient(port).ask("DELETE", "/k", {"If-Match: \"x\""}).status,
-            503);  // the store can't judge it yet
-  const std::string file = stagedFile();
-  std::filesystem::rename(file, dir / "aside");
+  EXPECT_EQ(ask("DELETE", "/k", {"If-Match: x"}).status, 503) << "the store cannot judge it yet";
+  std::filesystem::rename(volume + "/staged", dir / "aside");
   EXPECT_EQ(get("/k").status, 503);
-  std::filesystem::rename(dir / "aside", file);
+  std::filesystem::rename(dir / "aside", volume + "/staged");
   EXPECT_EQ(get("/k").body, "bytes");
   store.restart("");
   restart(SIGKILL);
@@ -207,9 +197,9 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
 }
 
 TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
-  const std::string body = "a body", md5 = "Content-MD5: ", sha = "x-amz-content-sha256: ";
-  const std::string itsMd5 = "df2YmYFQmVh3fN/Nxm4htQ==";
-  const std::string itsSha = "771824de42287642fa0fbe0b568b80cc3290e29b7d3cd6efbc7b1b8eb1037b04";
+  const std::string md5 = "Content-MD5: ", sha = "x-amz-content-sha256: ", zeros(64, '0');
+  const std::string itsMd5 = md5 + "df2YmYFQmVh3fN/Nxm4htQ==";
+  const std::string itsSha = sha + "771824de42287642fa0fbe0b568b80cc3290e29b7d3cd6efbc7b1b8eb1037b04";
   const struct {
     std::vector<std::string> headers;
     long status;
@@ -217,36 +207,28 @@ TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
   } cases[] = {
       {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
       {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg"}, 400, "InvalidDigest"},
-      {{md5 + "1B2M2Y8=sgTpgAmY7PhCfg=="}, 400, "InvalidDigest"},
-      {{md5 + itsMd5, md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
-      {{sha + std::string(64, '0')}, 400, "XAmzContentSHA256Mismatch"},
-      {{sha + itsSha.substr(1)}, 400, "InvalidDigest"},
-      {{md5 + itsMd5, sha + std::string(64, '0')}, 400, "XAmzContentSHA256Mismatch"},
-      {{sha + "STREAMING-AWS4-HMAC-SHA256-PAYLOAD"}, 501, "NotImplemented"},
-      {{sha + itsSha, sha + "STREAMING-UNSIGNED-PAYLOAD-TRAILER"}, 501, "NotImplemented"},
+      {{itsMd5, md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
+      {{itsSha.substr(0, 80)}, 400, "InvalidDigest"},
+      {{itsMd5, sha + zeros}, 400, "XAmzContentSHA256Mismatch"},
+      {{itsSha, sha + "STREAMING-UNSIGNED-PAYLOAD-TRAILER"}, 501, "NotImplemented"},
       {{"Content-Encoding: gzip, AWS-chunked"}, 501, "NotImplemented"},
       {{"x-amz-decoded-content-length: 6"}, 501, "NotImplemented"},
-      {{md5 + itsMd5, sha + itsSha}, 0, ""},
-      {{sha + "UNSIGNED-PAYLOAD"}, 0, ""},
   };
   for (const std::string name : {"whole", "part", "staged"}) {
     const std::string target = '/' + name + (name == "part" ? "?partNumber=1&uploadId=1" : "");
     start(name == "staged" ? std::vector<std::string>{"--write-back"} : std::vector<std::string>());
     store.put(name, "old");
-    for (const auto& c : cases) {
-      const Reply reply = put(target, body, c.headers);
-      if (c.status == 0) {
-        EXPECT_EQ(reply.status / 100, 2) << c.headers.back();
-        continue;
-      }
-      EXPECT_EQ(reply.status, c.status) << c.headers.back();
-      EXPECT_NE(reply.body.find(std::string("<Code>") + c.code + "</Code>"), std::string::npos) << reply.body;
-      EXPECT_EQ(reply.header("content-type"), "application/xml");
-      EXPECT_EQ(store.requests().find('/' + name), std::string::npos) << c.headers.back();
-      EXPECT_EQ(readFile(store.files + '/' + name), "old");
+    for (const auto& [headers, status, code] : cases) {
+      const Reply reply = put(target, "a body", headers);
+      EXPECT_EQ(reply.status, status) << headers.back();
+      EXPECT_NE(reply.body.find("<Code>" + std::string(code) + "</Code>"), std::string::npos) << reply.body;
+      EXPECT_EQ(store.requests().find('/' + name), std::string::npos) << headers.back();
     }
+    EXPECT_EQ(readFile(store.files + '/' + name), "old");
+    EXPECT_EQ(put(target, "a body", {itsMd5, itsSha}).status / 100, 2);
+    EXPECT_EQ(put(target, "a body", {sha + "UNSIGNED-PAYLOAD"}).status / 100, 2);
     EXPECT_EQ(server->end(SIGTERM), 0);  // and uploads what was accepted
-    EXPECT_EQ(readFile(store.files + '/' + name), body);
+    EXPECT_EQ(readFile(store.files + '/' + name), "a body");
   }
 }
 

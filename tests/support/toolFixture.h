@@ -2,9 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <pty.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -25,26 +23,6 @@ struct ToolTest : ::testing::Test {
     out = readFile(dir / "out");
     err = readFile(dir / "err");
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  // The same on a terminal: all that it shows there.
-  std::string onTerminal(const std::string& arguments) {
-    const std::string command = "exec " DISKCACHECTL_PATH " " + arguments;
-    int terminal = -1;
-    const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child == 0) {
-      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-      _exit(127);
-    }
-    std::string shown;
-    char bytes[4096];
-    // Its end reads as an error.
-    for (ssize_t got; (got = read(terminal, bytes, sizeof(bytes))) > 0;)
-      shown.append(bytes, static_cast<size_t>(got));
-    close(terminal);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << arguments << '\n' << shown;
-    return shown;
   }
   // What it prints with --json.
   nlohmann::json parsed(const std::string& arguments, int status = 0) {
