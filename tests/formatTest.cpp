@@ -79,5 +79,25 @@ TEST_F(FormatTest, OperationsTimeTheirCallsUnderTheCountersTheyAreKnownBy) {
   }
 }
 
+// Both forms of a header's writer write the same bytes, and tell when they cannot.
+TEST_F(FormatTest, TheHeaderIsWrittenAlikeToAStream) {
+  start();
+  const std::string path = dir / "header";
+  std::FILE* stream = std::fopen(path.c_str(), "wb");
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(outcome(writeSegmentHeader(stream)), "success");
+  std::fclose(stream);
+  EXPECT_EQ(readFile(path), std::string("\xdc\xdc\x01\0", 4) + std::string(132, '\0'));
+  EXPECT_EQ(outcome(create("empty", {})), "success");
+  EXPECT_EQ(bytesOf("empty"), readFile(path));
+  stream = std::fopen(path.c_str(), "rb");
+  ASSERT_TRUE(stream);
+  EXPECT_EQ(outcome(writeSegmentHeader(stream)), "EBADF");
+  std::fclose(stream);
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), std::vector<std::string>{"Error: Can't write header (9)"});
+  EXPECT_TRUE(cache->checkAccess(ctx, "empty", 0, nullptr) && cache->checkAccess(ctx, "none", ~0U, nullptr));
+  EXPECT_EQ(outcome(cache->setSparseFileAttribute(ctx, "none")), "success");
+}
+
 }  // namespace
 }  // namespace ObjectStore

@@ -2,6 +2,7 @@
 #include "diskcache/diskcacheLru.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <functional>
 #include <iostream>
@@ -201,6 +202,50 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
     const bool creates = c.name == std::string("createSegment");
     EXPECT_TRUE(
         log.waitFor(creates ? "Error: Can't insert into LRU: [abcd]" : "Error: can't add [abcd] to LRU"));
+  }
+}
+
+TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {
+  const auto heap = [] {
+    const struct mallinfo2 info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  const size_t empty = heap();
+  if (const std::vector<char> probe(1 << 20); heap() - empty < probe.size()) {
+    GTEST_SKIP() << "a sanitizer's allocator does not tell";
+  }
+  constexpr size_t COUNT = 400'000;
+  log.setLevel(LogLevel::Error);
+  startWith({});
+  list().init(COUNT);
+  const std::string rest(36, 'x');
+  const size_t before = heap();
+  for (size_t i = 0; i < COUNT; ++i)
+    ASSERT_EQ(outcome(add(std::to_string(10'000'000 + i) + rest)), "success");
+  EXPECT_LE((heap() - before + list().mappedBytes()) / COUNT, 96U);
+}
+
+// The first block of entries is full, so one more needs memory, which nothing may be given up for in vain.
+TEST_F(LruTest, WithoutMemoryNothingIsDroppedOrAsked) {
+  constexpr size_t FULL = 32'768;
+  log.setLevel(LogLevel::Error);
+  for (const PruningMode mode : {PruningMode::Random, PruningMode::Lru}) {
+    size_t asked = 0;
+    startWith([&](auto&...) { return ++asked; }, mode);
+    list().init(FULL);
+    for (size_t i = 0; i < FULL; ++i) ASSERT_EQ(outcome(add(std::to_string(i))), "success");
+    const std::string before = order();
+    {
+      FaultPlan plan;
+      plan.fail("mmap", 1, ENOMEM);
+      EXPECT_EQ(outcome(add("new")), "ENOMEM");
+    }
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: out of memory"));
+    EXPECT_EQ(order(), before);
+    EXPECT_EQ(asked, 0U);
+    EXPECT_EQ(outcome(add("new")), "success");
+    EXPECT_EQ(asked, mode == PruningMode::Lru ? 1U : 0U);
+    EXPECT_FALSE(list().isInLru("0", false));
   }
 }
 

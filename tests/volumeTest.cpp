@@ -5,6 +5,7 @@
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
+#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
@@ -132,6 +133,36 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   EXPECT_EQ(Access::space(*cache).capacity(), 2U * 20 << 20);
   EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
   EXPECT_EQ(choose(2), (Indexes{1, 2}));
+}
+
+// Whichever allocation fails, the volumes, the rotation and the file are as they were; repeated, it works.
+TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
+  using Change = int (DiskCache::*)(const std::string&);
+  const std::pair<Change, std::string> changes[] = {{&DiskCache::addVolume, m_vol3 + std::string(100, 'x')},
+                                                    {&DiskCache::removeVolume, m_vol1}};
+  log.setLevel(LogLevel::Error - 1);
+  start(options);
+  const auto state = [&] {
+    std::vector<Volume> records;
+    cache->getVolumeStats(records);
+    std::string text = readFile(m_info) + std::to_string(Access::space(*cache).used());
+    for (const Volume& v : records)
+      text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
+    for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);
+    return text;
+  };
+  for (const auto& [change, volume] : changes) {
+    const std::string before = state();
+    int rc = ENOMEM;
+    for (size_t nth = 1; rc == ENOMEM; ++nth) {
+      EXPECT_EQ(state(), before) << "after allocation " << nth - 1;
+      const FailingNew failing(nth);
+      rc = (*cache.*change)(volume);
+    }
+    EXPECT_EQ(rc, 0);
+    EXPECT_NE(state(), before);
+    EXPECT_NE(choose(1), Indexes{0});
+  }
 }
 
 }  // namespace
