@@ -136,8 +136,8 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   const timespec longAgo[] = {{1000, 0}, {1000, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, first.c_str(), longAgo, 0), 0);
   const std::string volumes = " --top 1 --volume " + (dir / "a ") + (dir / "b");
-  for (const auto& [order, first] : {std::pair{"size", "0022y"}, {"age", "0011x"}})
-    EXPECT_EQ(parsed("ls --sort " + (order + volumes))["segments"].back()["identifier"], first);
+  for (const auto& [order, top] : {std::pair{"size", "0022y"}, {"age", "0011x"}})
+    EXPECT_EQ(parsed("ls --sort " + (order + volumes))["segments"].back()["identifier"], top);
 
   const json used = parsed("du --root " + (dir / "root"))["volumes"];
   struct stat status {};
