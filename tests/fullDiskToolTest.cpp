@@ -46,8 +46,7 @@ TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
     segment("data", id, hours);
   segment("keep", "0044kept", 200);
   const std::string prune = "prune " + root;
-  const json dry = parsed(prune + "--context data --older-than 2d --dry-run");
-  EXPECT_EQ(dry["segments"], 2) << dry;
+  EXPECT_EQ(parsed(prune + "--context data --older-than 2d --dry-run")["segments"], 2);
   EXPECT_EQ(left().size(), 4U);
   EXPECT_EQ(parsed(prune + "--context data --bytes 1")["segments"], 1);
   EXPECT_EQ(left(), (std::set<std::string>{"0011old", "0033new", "0044kept"}));

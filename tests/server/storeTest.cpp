@@ -79,7 +79,7 @@ TEST_F(ServerStoreTest, ALookBegunBeforeAChangeTellsNobodyWhoCameAfterIt) {
 }
 
 TEST_F(ServerStoreTest, ChangesOfOtherKindsAreSeenOnceTheyAreAnswered) {
-  const char* const keys[] = {"/whole", "/b/a%26b", "/b/left"};
+  const char* const keys[] = {"/b/a%26b", "/b/left", "/whole"};
   const auto script = [&](const Request& request, const Send& send) {
     if (request.method != "POST") return send(answerTo(request));
     const std::string answer = ScriptedServer::answer(request, "", std::string(1000, ' '));
@@ -101,7 +101,7 @@ TEST_F(ServerStoreTest, ChangesOfOtherKindsAreSeenOnceTheyAreAnswered) {
 
   const std::string left = "<s:Object><s:Key>left</s:Key></s:Object>", odd = "<Object>what is this?</Object>";
   EXPECT_EQ(ask("POST", "/b?delete", {}, "<Delete>" + odd + "</Delete>").status, 400);
-  for (const char* const key : keys) EXPECT_TRUE(get(key).isHit()) << key;
+  for (const char* const key : {keys[0], keys[1]}) EXPECT_EQ(get(key).body, "first") << key;
   const std::string both = "<s:Delete><s:Object><s:Key>a&amp;b</s:Key></s:Object>" + left + "</s:Delete>";
   EXPECT_EQ(ask("POST", "/b?delete", {}, both).status, 200);
   for (const char* const key : keys) EXPECT_EQ(get(key).body, "second") << key;
