@@ -9,6 +9,7 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
 #include "tests/support/smallFileSystem.h"
 
@@ -18,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-class MigratorTest : public EngineTest {
+class MigratorTest : public InMemory, public EngineTest {
  protected:
   using Works = std::vector<SegmentWork>;
   enum End { Switched, Failed, Cleared, Destroyed };
