@@ -9,6 +9,7 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
 #include "tests/support/smallFileSystem.h"
 
@@ -18,7 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-class MigratorTest : public EngineTest {
+class MigratorTest : public InMemory, public EngineTest {
  protected:
   using Works = std::vector<SegmentWork>;
   enum End { Switched, Failed, Cleared, Destroyed };
@@ -153,11 +154,11 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   fs::create_directories(source + "/empty");
   for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
     writeFile(source + name, "of the source");
-  for (const char* name : {"/c/f.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
+  for (const char* name : {"/c/h.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
   Texts expected = treeOf(source);
-  std::erase(expected, "c/f.copying");
+  std::erase(expected, "c/h.copying");
   EXPECT_EQ(treeOf(target), expected);
 }
 
