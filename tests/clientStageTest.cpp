@@ -4,7 +4,6 @@
 #include <future>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include "tests/support/clientFixture.h"
 #include "tests/support/faults.h"

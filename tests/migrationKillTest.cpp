@@ -64,13 +64,21 @@ struct MigrationKillTest : InMemory, EngineTest {
   }
   ~MigrationKillTest() override { munmap(model, sizeof(Model)); }
 
-  // Where the volume is, as the engine's own file has it.
+  // The source of the migration that is left, if one is: the file's second line.
+  std::string sourceLeft() {
+    std::ifstream file(dir / "root/migrate");
+    std::string line;
+    for (int i = 0; i < 2; ++i) std::getline(file, line);
+    return line;
+  }
+  // Where the volume is, as the engine's own file has it. A kill while it is written leaves it empty.
   size_t sideInUse() {
-    const std::string info = dir / "root/volume_info";
-    const std::string line = fs::exists(info) ? readFile(info) : sides[0] + ",1\n";
-    size_t side = 0;
-    while (sides.at(side) + ",1\n" != line) ++side;
-    return side;
+    std::string line;
+    std::ifstream file(dir / "root/volume_info");
+    std::getline(file, line);
+    const auto place =
+        std::find(sides.begin(), sides.end(), line.empty() ? sourceLeft() : line.substr(0, line.rfind(',')));
+    return place == sides.end() ? 0 : static_cast<size_t>(place - sides.begin());
   }
   void startOn(size_t side) {
     options.volumesIn = fs::path(sides[side]).parent_path();
@@ -210,17 +218,9 @@ struct MigrationKillTest : InMemory, EngineTest {
       std::swap(ctx, regular);
     }
   }
-  // Makes the migration that is left fail.
-  void plantAtSource() {
-    std::ifstream file(dir / "root/migrate");
-    std::string index, source;
-    std::getline(file, index);
-    std::getline(file, source);
-    plant(source);
-  }
   // Starts the next engine, which goes on with the migration.
   void resume(bool mustFail) {
-    if (mustFail) plantAtSource();
+    if (mustFail) plant(sourceLeft());
     s_ended = {};
     {
       HoldAtLine hold(log, "entering migration thread");
@@ -281,7 +281,7 @@ TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
     const auto isLeft = [this] { return fs::exists(dir / "root/migrate"); };
     while (isLeft() && random() % 3 > 0) {
       ++resumptionsKilled;
-      if (random() % 2 == 0) plantAtSource();
+      if (random() % 2 == 0) plant(sourceLeft());
       killResuming(1 + random() % 1000);
       removePlanted();
     }
