@@ -139,7 +139,7 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
 
 TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
   for (const auto& [inodes, size, objects] : {std::tuple{0U, 3 * SMALL_BLOCK, 100}, {100U, 100U, 200}}) {
-    const SmallFileSystem disk(8, SmallFileSystem::TMPFS, inodes);
+    const SmallFileSystem disk(8, inodes);
     SKIP_WITHOUT(disk);
     ObjectCacheOptions chosen = options();
     chosen.root = dir / "root" + std::to_string(inodes);

@@ -61,7 +61,7 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
 }
 
 TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
-  const SmallFileSystem few(8, SmallFileSystem::TMPFS, 20);
+  const SmallFileSystem few(8, 20);
   SKIP_WITHOUT(few);
   EngineOptions options;
   options.mode = PruningMode::Random;

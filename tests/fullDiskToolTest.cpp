@@ -66,7 +66,7 @@ TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
 }
 
 TEST_F(FullDiskToolTest, BytesAndInodesOfTheFileSystemAreLimits) {
-  const SmallFileSystem disk(8, SmallFileSystem::TMPFS, 40);
+  const SmallFileSystem disk(8, 40);
   SKIP_WITHOUT(disk);
   writeFile(dir / "in", std::string(1 << 20, 'x'));
   const std::string put = "put " + root + "--volume " + disk.path() + " --context data ";

@@ -16,8 +16,7 @@ namespace ObjectStore {
 // the engine.
 class SmallFileSystem {
  public:
-  enum Kind { TMPFS };
-  explicit SmallFileSystem(unsigned mebibytes, Kind /*kind*/ = TMPFS, unsigned inodes = 0) {
+  explicit SmallFileSystem(unsigned mebibytes, unsigned inodes = 0) {
     thread_local const bool mountsArePrivate =
         unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
     m_mounted = mountsArePrivate && mountTmpfs(mebibytes, inodes);
