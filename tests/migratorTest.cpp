@@ -148,6 +148,28 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   EXPECT_TRUE(fs::exists(target + "/recycle")) << "which the source has not";
 }
 
+TEST_F(MigratorTest, AReplacementIsKeptWhereNoWorkerComes) {
+  startWithFour();
+  const auto tops = [this] {
+    Texts names;
+    for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
+    return names;
+  };
+  while (tops().size() % 4 < 2) fs::create_directories(source + "/more" + std::to_string(tops().size()));
+  ctx.dir = tops()[tops().size() / 4 * 2];  // behind the second worker's share, before the third's
+  ASSERT_EQ(outcome(cache->registerContext(ctx)), "success");
+  put("unseen", "the old text");
+  const std::string text = "the new text";
+  {
+    HoldAtLine hold(log, "copying directory [");
+    ASSERT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached());
+    EXPECT_EQ(outcome(cache->replaceSegment(ctx, "unseen", {section(0, text)})), "success");
+  }
+  EXPECT_EQ(ends(), ended("success", target));
+  EXPECT_EQ(get("unseen"), text);
+}
+
 // Beside the bytes of the segments: empty directories and such that look like leftovers, but no leftover files.
 TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   startWithFour();
@@ -256,6 +278,7 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
   const Works befores[] = {
       {{SegmentWork::CREATE, 'a'}, {SegmentWork::WRITE, 'c'}},
       {{SegmentWork::CREATE, 'b'}, {SegmentWork::WRITE, 'd'}},
+      {{SegmentWork::CREATE, 'a'}, {SegmentWork::REPLACE, 'c'}},
       {{SegmentWork::CREATE, 'a'},
        {SegmentWork::WRITE_NON_PRUNABLE, 'b'},
        {SegmentWork::WRITE_PRUNABLE, 'c'},
