@@ -76,8 +76,11 @@ TEST_F(ReadTest, ReadsWhatThereIsAndTellsMismatches) {
   EXPECT_EQ(sizeOf(4), "ENOENT 99");
   EXPECT_EQ(sizeOf(6), "EINVAL; -1 Error: invalid section type (6) 99");
   EXPECT_TRUE(readWhole(6).ends_with("Can't find sections in [abcd-1]: Invalid argument (22); left open 1"));
-  writeFile(pathOf(SEGMENT), bytes.replace(2, 1, "\2"));
-  EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect disk cache version (0x2); -1 Error"));
+  for (const char version : {'\0', '\2'}) {
+    writeFile(pathOf(SEGMENT), bytes.replace(2, 1, 1, version));
+    EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect disk cache version (0x" +
+                                      std::to_string(version) + "); -1 Error"));
+  }
   writeFile(pathOf(SEGMENT), bytes.replace(0, 1, "\2"));
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect magic number (0xdc02); -1 Error: invalid"));
 }
