@@ -26,15 +26,16 @@ constexpr std::chrono::milliseconds SWEEP(200), LOOK(5);
 
 }  // namespace
 
-// One of them. What is private runs in its thread, the rest may be called by any.
+// One of them. All but construction, stop and join runs in its thread.
 class IoThread {
  public:
-  IoThread(Service& service, const std::vector<std::unique_ptr<IoThread>>& all)
-      : m_service(service), m_all(all) {
+  explicit IoThread(Service& service) : m_service(service) {
     asio::co_spawn(m_context, sweep(), asio::detached);
     m_thread = std::thread([this] { m_context.run(); });
   }
 
+  asio::io_context& context() { return m_context; }
+  void adopt(tcp::socket socket) { asio::co_spawn(m_context, serve(std::move(socket)), asio::detached); }
   void listen(int listener, tcp protocol) {
     asio::co_spawn(m_context, accept(listener, protocol), asio::detached);
   }
@@ -60,18 +61,14 @@ class IoThread {
   }
 
  private:
-  // Every thread accepts, from one queue, for the one that has the fewest connections: clients that come at once would
-  // all be the first one's else, and wait for each other.
+  // Every thread accepts for itself, from one queue.
   asio::awaitable<void> accept(int listener, tcp protocol) {
     m_acceptor.emplace(m_context, protocol, listener);
     while (!m_isStopping) {
-      const auto& idlest =
-          *std::min_element(m_all.begin(), m_all.end(),
-                            [](const auto& one, const auto& other) { return one->m_load < other->m_load; });
-      auto [error, socket] = co_await m_acceptor->async_accept(idlest->m_context, AS_TUPLE);
+      auto [error, socket] = co_await m_acceptor->async_accept(AS_TUPLE);
       if (error == asio::error::operation_aborted || m_isStopping) co_return;
       if (!error) {
-        idlest->adopt(std::move(socket));
+        adopt(std::move(socket));
         continue;
       }
       DC_LOG(ObjectStore::LogLevel::Error, "Error: no connection can be accepted: %s",
@@ -81,13 +78,7 @@ class IoThread {
     }
   }
 
-  void adopt(tcp::socket socket) {
-    ++m_load;
-    asio::co_spawn(m_context, serve(std::move(socket)), asio::detached);
-  }
-
   asio::awaitable<void> serve(tcp::socket socket) {
-    if (m_isStopping) co_return;
     ++m_service.stats.accepted;
     try {
       Connection connection(m_service, std::move(socket));
@@ -101,7 +92,6 @@ class IoThread {
       m_connections.erase(place);
     } catch (const std::exception&) {  // it was gone before it was looked at
     }
-    --m_load;
     if (m_isStopping && m_connections.empty()) m_isEmpty = true;
   }
 
@@ -116,11 +106,9 @@ class IoThread {
   }
 
   Service& m_service;
-  const std::vector<std::unique_ptr<IoThread>>& m_all;  // all there when one of them listens
   asio::io_context m_context{1};
   std::optional<tcp::acceptor> m_acceptor;
   std::list<Connection*> m_connections;
-  std::atomic<unsigned> m_load{0};  // connections, with those that it is about to have
   bool m_isStopping = false;
   std::atomic<bool> m_isEmpty{false};
   std::thread m_thread;
@@ -158,8 +146,8 @@ uint16_t IoThreads::port() const { return m_acceptor.local_endpoint().port(); }
 void IoThreads::start(Service& service) {
   m_acceptor.listen(asio::socket_base::max_listen_connections);
   m_acceptor.non_blocking(true);
-  for (auto& thread : m_threads) thread = std::make_unique<IoThread>(service, m_threads);
-  for (const auto& thread : m_threads) {
+  for (auto& thread : m_threads) {
+    thread = std::make_unique<IoThread>(service);
     const int listener = fcntl(m_acceptor.native_handle(), F_DUPFD_CLOEXEC, 0);
     if (listener >= 0) thread->listen(listener, m_acceptor.local_endpoint().protocol());
   }
