@@ -1,3 +1,4 @@
+// Files and directories: copies, sizes, names, and what hostile ones do.
 #include "support/file.h"
 
 #include <gtest/gtest.h>

@@ -95,5 +95,20 @@ TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
   }
 }
 
+TEST_F(FullDiskTest, AReadOnlyDiskIsReadByEveryReader) {
+  SKIP_WITHOUT(disk);
+  EngineOptions options;
+  options.volumesIn = disk.path();
+  start(options);
+  put("kept", "text");
+  ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(get("kept"), "text");
+  uint64_t size = 0;
+  EXPECT_EQ(outcome(cache->getSectionSize(size, ctx, "kept", 0, 0)), "success");
+  std::string text = "....";
+  std::vector<Section> one = {section(0, text)};
+  EXPECT_EQ(outcome(cache->readSections(ctx, "kept", one, true)) + ' ' + text, "success text");
+}
+
 }  // namespace
 }  // namespace ObjectStore

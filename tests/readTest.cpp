@@ -1,3 +1,4 @@
+// The readers of sections: what each gives back, and tells of a file that is cut, damaged or not there.
 #include <unistd.h>
 
 #include <random>
@@ -83,6 +84,15 @@ TEST_F(ReadTest, ReadsWhatThereIsAndTellsMismatches) {
   }
   writeFile(pathOf(SEGMENT), bytes.replace(0, 1, "\2"));
   EXPECT_TRUE(sizeOf(0).starts_with("EINVAL; -1 Error: incorrect magic number (0xdc02); -1 Error: invalid"));
+}
+
+// A file with a hole may be as long as its damaged record says: no reason to get so much memory.
+TEST_F(ReadTest, AGiantLengthIsNotBelieved) {
+  const uint64_t giant = uint64_t{1} << 32;
+  std::string bytes = bytesOf(SEGMENT);
+  writeFile(pathOf(SEGMENT), bytes.replace(166, 8, reinterpret_cast<const char*>(&giant), 8));
+  std::filesystem::resize_file(pathOf(SEGMENT), 174 + giant);
+  EXPECT_FALSE(readWhole(0).starts_with("success"));
 }
 
 // The record of type 3 lies at 136, its payload at 152; that of type 0 at 158 and 174 to the end, 179.

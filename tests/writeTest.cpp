@@ -130,6 +130,7 @@ TEST_F(WriteTest, FilesAreRightByteForByte) {
       "\0\0\0\0\x8\0\0\0\5\0\0\0\0\0\0\0again"s;
   (void)create(SEGMENT, {section(0, "hello", 7), section(5, "xyz", 9, 4), section(0, "again", 8)});
   EXPECT_EQ(bytesOf(SEGMENT), golden);
+  EXPECT_EQ(std::filesystem::status(pathOf(SEGMENT)).permissions(), std::filesystem::perms(0600));
 }
 
 TEST_F(WriteTest, CreateAtEachFailingCall) {
