@@ -15,7 +15,7 @@ curves(file) = system("head -n 1 " . file)
 plotCurves = 'names = curves(file); columns = words(names); last = int(system("grep -c . " . file)) - 2; \
   plot one + 0 * x linecolor "gray50" dashtype 3, \
     for [i = 2:columns] file skip 1 using 1:i with linespoints linecolor "black" pointtype i dashtype i \
-      linewidth (strstrt("diskcache ObjectCache", word(names, i)) ? 2.5 : 1), \
+      linewidth (strstrt("diskcache ObjectCache unchecked", word(names, i)) ? 2.5 : 1), \
     for [i = 2:columns] file skip 1 + last using 1:(column(i + columns - 1)):(word(names, i)) with labels left offset 1,0'
 
 sizes = '("512 B" 512, "4 KiB" 4096, "16 KiB" 16384, "64 KiB" 65536, "1 MiB" 1048576, "4 MiB" 4194304)'
@@ -24,7 +24,7 @@ if (what eq "latency") {
   set logscale xy
   eval("set xtics " . sizes)
   set xrange [3400:4800000]
-  set yrange [0.1:30]
+  set yrange [0.1:60]
   set ylabel "median time over the floor's"
   one = 1
   set multiplot layout 2,1

@@ -8,7 +8,7 @@ BEGIN {
   FS = "\t"
   split("read readZipf readRange readCold overwrite create createSynced delete", WORKS, " ")
   split("4096 65536 1048576 4194304", SIZES, " ")
-  PLOTTED = "diskcache hot sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"
+  PLOTTED = "diskcache memory hot sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb"
   STORED = "diskcache sqlite3 lmdb rocksdb leveldb"
   split("1 2 4 8", THREADS, " ")
   NARROW = split("touching random counters log sqlite3 sqlite3+ lmdb rocksdb rocksdb+ leveldb", CONTENDERS, " ")
@@ -221,17 +221,20 @@ function plotted(what,    part) {
 
 function bytesOfEntry(contender) { return number("listBytes/1000000", contender, "bytes") }
 
-function columns(what, places, names, isLinear,    text, place, name, count, p, i, last) {
+function columns(what, places, names, isLinear,    text, place, name, count, p, i, last, top) {
   count = split(names, name, " ")
   split(places, place, " ")
   text = "x"
-  for (i = 1; i <= count; ++i) text = text " " (name[i] == "hot" ? "ObjectCache" : name[i])
+  for (i = 1; i <= count; ++i) text = text " " (name[i] == "memory" ? "ObjectCache" : name[i] == "hot" ? "unchecked" : name[i])
   for (p = 1; p in place; ++p) {
     if (plottedValue(what, place[p], name[1]) == "?") continue
     text = text "\n" place[p]
-    for (i = 1; i <= count; ++i) text = text " " (last[i] = plottedValue(what, place[p], name[i]))
+    for (i = 1; i <= count; ++i) {
+      text = text " " (last[i] = plottedValue(what, place[p], name[i]))
+      if (last[i] != "?" && last[i] + 0 > top) top = last[i] + 0
+    }
   }
-  return text heights(last, count, isLinear) "\n"
+  return text heights(last, count, isLinear ? top : 0) "\n"
 }
 
 function plottedValue(what, place, name,    key) {
@@ -249,16 +252,15 @@ function plottedValue(what, place, name,    key) {
   return (key, name, "p50") in median ? median[key, name, "p50"] : "?"
 }
 
-# Names that lie closer than a line is high push each other away, half the way each.
-function heights(last, count, isLinear,    text, i, k, n, order, at, top, gap, missing, isClose) {
-  for (i = 1; i <= count; ++i) if (last[i] != "?" && last[i] + 0 > top) top = last[i] + 0
+# Names that lie closer than a line is high push each other away, half the way each. On a linear axis `top` is its end.
+function heights(last, count, top,    text, i, k, n, order, at, gap, missing, isClose) {
   for (i = 1; i <= count; ++i) {
     if (last[i] == "?") continue
-    at[i] = isLinear ? last[i] / top : log(last[i])
+    at[i] = top ? last[i] / top : log(last[i])
     for (k = ++n; k > 1 && at[order[k - 1]] > at[i]; --k) order[k] = order[k - 1]
     order[k] = i
   }
-  gap = isLinear ? 0.06 : 0.3
+  gap = top ? 0.055 : 0.34
   do {
     isClose = 0
     for (k = 2; k <= n; ++k) {
@@ -269,6 +271,6 @@ function heights(last, count, isLinear,    text, i, k, n, order, at, top, gap, m
       at[order[k - 1]] -= missing / 2
     }
   } while (isClose)
-  for (i = 1; i <= count; ++i) text = text " " (i in at ? (isLinear ? at[i] * top : exp(at[i])) : "?")
+  for (i = 1; i <= count; ++i) text = text " " (i in at ? (top ? at[i] * top : exp(at[i])) : "?")
   return text
 }
