@@ -108,6 +108,28 @@ TEST_F(StartTest, RegisteringFillsInTheOnlyVolume) {
   }
 }
 
+TEST_F(StartTest, AFullListEndsAPassAndAVolumeWithoutADirectoryNone) {
+  for (const char* file : {"/vol1/a/x/s", "/vol1/a/x/t", "/vol1/a/y/u", "/vol1/a/y/v"})
+    writeFile(dir.path() + file, "");
+  start();
+  Texts passes;
+  readChildren(passes, volumes[0]);
+  const size_t descriptors = openDescriptors();
+  for (const bool hasDirectory : {true, false}) {
+    if (!hasDirectory) Access::changeVolume(*cache, 1, [](Volume& volume) { volume.dir.clear(); });
+    list().clearLru();
+    list().init(1);
+    log.clear();
+    uint64_t files = 0;
+    EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
+    size_t ended = 0;
+    for (const std::string& line : log.takeTexts(LogLevel::Error))
+      ended += line.starts_with("Error: can't add to lru");
+    EXPECT_EQ(ended, hasDirectory ? passes.size() : 0);
+    EXPECT_EQ(openDescriptors(), descriptors + passes.size()) << "left open where a pass ended";
+  }
+}
+
 TEST_F(StartTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
   for (const char* file : {"/vol1/a/x/s", "/vol1/recycle/t", "/vol1/u"}) writeFile(dir.path() + file, "");
   start();
