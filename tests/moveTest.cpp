@@ -58,7 +58,7 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
       const std::string text = c.before.substr(c.before.size() - 2 + i, 1);
       if (text != "-") writeFile(files[i], text);
     }
-    const uint64_t used = Access::space(*cache).used();
+    const uint64_t used = Access::space(*cache).used(), segments = Access::space(*cache).segments();
     log.clear();
     FaultPlan plan;
     if (*c.call) plan.fail(c.call, 1, c.errNo);
@@ -68,6 +68,7 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
     std::string after;
     for (const std::string& file : files) after += fs::exists(file) ? readFile(file) : "-";
     EXPECT_EQ(after, c.after);
+    EXPECT_EQ(Access::space(*cache).segments(), segments);
     EXPECT_EQ(Access::space(*cache).used() - used, after == "rr" && c.error == "success" ? 1U : 0U);
     EXPECT_TRUE(c.line.empty() || log.has(LogLevel::Error, c.line));
     EXPECT_EQ(cache->getOverriddenSegment(ctx, GUID), files[ctx.useNonPrunableDir && after[1] != '-']);
