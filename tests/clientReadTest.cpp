@@ -1,6 +1,8 @@
 // Reading through an ObjectCache: ranges, flights, the table of descriptors, the optional parts.
 #include <array>
+#include <barrier>
 #include <future>
+#include <thread>
 
 #include "tests/support/clientFixture.h"
 #include "tests/support/failingNew.h"
@@ -16,15 +18,13 @@ using ClientReadTest = ClientTest;
 TEST_F(ClientReadTest, AnyRangeOfAnySizeComesFromDiskTheSecondTime) {
   for (const Verify verify : {Verify::Always, Verify::Once, Verify::Never}) {
     ObjectCacheOptions chosen = options();
-    chosen.root = dir / "root" + std::to_string(static_cast<int>(verify));
-    chosen.volumes = {dir / "vol" + std::to_string(static_cast<int>(verify))};
     chosen.verify = verify;
     chosen.blockSize = 2 * SMALL_BLOCK;
     start(chosen);
     const uint64_t block = chosen.blockSize;
     for (const uint64_t size :
          {uint64_t{0}, uint64_t{1}, uint64_t{70000}, block - 1, block, block + 1, 3 * block + 5}) {
-      const std::string key = "object of " + std::to_string(size);
+      const std::string key = std::to_string(static_cast<int>(verify)) + " of " + std::to_string(size);
       EXPECT_EQ(readAll(key, size), "right") << size;
       EXPECT_EQ(read(key, size, 0, 0), "right");
       EXPECT_EQ(asked(), 1U);
@@ -73,6 +73,25 @@ TEST_F(ClientReadTest, MissingNeighboursAreFetchedInOneRequest) {
   EXPECT_EQ(asked(), 4U);  // 5, then 0 to 3, 4, 6 to 9
   EXPECT_EQ(result.misses, 9U);
   EXPECT_EQ(result.hits, 1U);
+}
+
+TEST_F(ClientReadTest, AHundredThreadsOnOneColdKeyCostOneFetch) {
+  start();
+  const uint64_t size = 3 * SMALL_BLOCK + 7;
+  std::atomic<unsigned> right{0};
+  std::barrier together(100);
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 100; ++i) {
+      threads.emplace_back([&] {
+        ReadResult got;
+        together.arrive_and_wait();
+        right += readInto(got, "cold", size, 0, size) == "right";
+      });
+    }
+  }
+  EXPECT_EQ(right, 100U);
+  EXPECT_EQ(asked(), 1U);
 }
 
 TEST_F(ClientReadTest, WaitersShareBytesAsTheyComeErrorsAndGiveUpByTheirDeadline) {

@@ -1,6 +1,7 @@
 // Write-back: staging, flushing, and what survives.
 #include <sys/wait.h>
 
+#include <array>
 #include <future>
 #include <mutex>
 #include <set>
@@ -11,10 +12,9 @@
 namespace ObjectStore {
 namespace {
 
-class ClientStageTest : public ClientTest {
- protected:
-  static auto soon() { return std::chrono::steady_clock::now() + LONGEST_WAIT; }
-};
+using ClientStageTest = ClientTest;
+
+auto soon() { return std::chrono::steady_clock::now() + LONGEST_WAIT; }
 
 TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
   ObjectCacheOptions chosen = options(2);
@@ -24,11 +24,13 @@ TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
   EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");  // the prunable copy gives way
   for (const size_t size : sizes) EXPECT_EQ(stage("size " + std::to_string(size), size), "success");
   EXPECT_EQ(stage("size 1", 1), "success");  // again
-  asked();
+  for (size_t i = 0; i < sizes.size(); ++i) EXPECT_EQ(cache->stagedObjects().at(i)->size, sizes[i]);
+  EXPECT_FALSE(cache->drained(std::chrono::steady_clock::now()));
   for (int pass = 0; pass < 2; ++pass) {
     EXPECT_EQ(cache->staged().objects, 4U);
     EXPECT_EQ(cache->staged().bytes, 4 * SMALL_BLOCK + 2U);
-    // Pruning leaves them alone.
+    // Pruning leaves them alone, and so does who drops them.
+    cache->drop("size 1", "v", 1);
     for (int i = 0; i < 60; ++i) EXPECT_EQ(readAll("other" + std::to_string(i), SMALL_BLOCK), "right");
     asked();
     for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
@@ -46,8 +48,12 @@ TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
   EXPECT_EQ(uploaded, std::multiset<size_t>(sizes.begin(), sizes.end()));
   EXPECT_TRUE(cache->drained(soon()));
   EXPECT_TRUE(files("staged").empty());
-  for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
-  EXPECT_EQ(asked(), 0U);  // still there
+  EXPECT_EQ(readAll("size 196609", 196609), "right");
+  EXPECT_EQ(asked(), 0U);  // prunable now, and still there
+  for (int i = 0; i < 60; ++i) EXPECT_EQ(readAll("more" + std::to_string(i), SMALL_BLOCK), "right");
+  asked();
+  EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");
+  EXPECT_EQ(asked(), 1U);
 }
 
 TEST_F(ClientStageTest, FailedUploadsAreTriedAgainByWorkersThatCloseEnds) {
@@ -139,6 +145,22 @@ TEST_F(ClientStageTest, AnUploadUnderWayCountsNoMoreWhenItsObjectIsGivenUp) {
   EXPECT_TRUE(cache->drained(soon()));
   EXPECT_EQ(read, (std::vector<std::string>{"ENOENT", "success"}));
   EXPECT_EQ(cache->metrics().uploadedObjects, 1U);
+}
+
+TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
+  start();
+  EXPECT_EQ(stage("key", 1000), "success");
+  const std::string path = files("staged").at(0);
+  std::string bytes = readFile(path);
+  bytes[bytes.size() / 2] ^= 1;
+  writeFile(path, bytes);
+  EXPECT_EQ(readAll("key", 1000), "right");
+  std::array<std::byte, 1000> all;
+  EXPECT_EQ(outcome(cache->flush([&](const StagedObject& object) { return object.read(0, all); }, 0)), "EIO");
+  EXPECT_EQ(readFile(path), bytes);
+  EXPECT_TRUE(files().empty());
+  start();
+  EXPECT_EQ(cache->staged().objects, 1U);
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {

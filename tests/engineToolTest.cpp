@@ -212,17 +212,25 @@ using HelpToolTest = ToolTest;
 
 TEST_F(HelpToolTest, HelpManPageAndCompletionAgree) {
   const std::string manual = readFile(DISKCACHE_SOURCE_DIR "/docs/diskcachectl.1.scd");
-  // What bash offers behind "diskcachectl WORDS", of which the last one is not complete.
-  const auto offered = [&](const std::string& words) {
-    writeFile(dir / "ask", ". " DISKCACHE_SOURCE_DIR
-                           "/tools/diskcachectl/completion.bash\n"
-                           "COMP_WORDS=(" DISKCACHECTL_PATH " " +
-                               words +
-                               ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-                               "_diskcachectl diskcachectl \"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"\n"
-                               "printf '%s\\n' \"${COMPREPLY[@]}\"\n");
-    EXPECT_EQ(std::system(("bash " + (dir / "ask >") + (dir / "answer")).c_str()), 0) << words;
-    return matchesOf(readFile(dir / "answer"), "(.+)\n");
+  // What each shell offers behind "diskcachectl WORDS", of which the last one is not complete.
+  const auto expectOffered = [&](const std::string& words, const std::set<std::string>& expected) {
+    const std::string asked = DISKCACHECTL_PATH " " + words;
+    const std::string file = ". " DISKCACHE_SOURCE_DIR "/tools/diskcachectl/completion.";
+    const std::pair<std::string, std::string> scripts[] = {
+        {"bash", file + "bash\nCOMP_WORDS=(" + asked +
+                     ")\nCOMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
+                     "_diskcachectl diskcachectl \"${COMP_WORDS[-1]}\" \"${COMP_WORDS[-2]}\"\n"
+                     "printf '%s\\n' \"${COMPREPLY[@]}\"\n"},
+        {"zsh",
+         "compadd() { shift; print -l -- $@ }\nwords=(" + asked + ")\nCURRENT=$#words\n" + file + "zsh"},
+        {"fish", file + "fish\ncomplete -C \"" + asked + '"'}};
+    for (const auto& [shell, script] : scripts) {
+      if (std::system(("command -v " + shell + " >" + (dir / "path")).c_str()) != 0) continue;
+      writeFile(dir / "ask", script);
+      const std::string ask = "HOME=" + dir.path() + ' ' + shell + ' ' + (dir / "ask >") + (dir / "answer");
+      EXPECT_EQ(std::system(ask.c_str()), 0);
+      EXPECT_EQ(matchesOf(readFile(dir / "answer"), "(.+)\n"), expected) << shell << ": " << words;
+    }
   };
   ASSERT_EQ(run("--help"), 0);
   std::set<std::string> commands = matchesOf(out.substr(out.find("Subcommands:")), "\\n  ([a-z]+) ");
@@ -233,15 +241,15 @@ TEST_F(HelpToolTest, HelpManPageAndCompletionAgree) {
     EXPECT_NE(out.find("\nExample:\n  diskcachectl " + command), std::string::npos) << command;
     std::set<std::string> options = matchesOf(out, "\\n  (?:-h,)?(--[a-z-]+)");
     EXPECT_TRUE(options.contains("--json")) << command;
-    EXPECT_EQ(offered(command + " --"), options) << command;
+    expectOffered(command + " --", options);
     options.erase("--help");
     const size_t begin = manual.find("\n## " + command + ' ');
     const std::string section = manual.substr(begin, manual.find("\n#", begin + 1) - begin);
     EXPECT_EQ(matchesOf(section, "\\*(--[a-z-]+)\\*"), options) << command;
   }
   commands.insert({"--help", "--version"});
-  EXPECT_EQ(offered("''"), commands);
-  EXPECT_EQ(offered("replay --mode ''"), (std::set<std::string>{"lru", "random"}));
+  expectOffered("''", commands);
+  expectOffered("replay --mode ''", {"lru", "random"});
 }
 
 }  // namespace

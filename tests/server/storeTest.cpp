@@ -154,6 +154,8 @@ TEST_F(ServerStoreTest, WhatTheStoreSaysOfFreshnessComesFirst) {
   } cases[] = {{"/age", control + "max-age=1000\r\nAge: 900\r\n", "hit", 40, 100},
                {"/odd-age", control + "max-age=1000\r\nAge: -1\r\n", "hit", 940, 1000},
                {"/both", old + control + "max-age=1000\r\n", "hit", 940, 1000},
+               {"/shared", control + "max-age=1, s-maxage=1000\r\n", "hit", 940, 1000},
+               {"/asked", control + "max-age=100, no-cache\r\n", "fwd=stale", 0, 0},
                {"/too-old", control + "max-age=100\r\nAge: 100\r\n", "fwd=stale", 0, 0},
                {"/expired", tag + old, "fwd=stale", 0, 0},
                {"/never", control + "no-store\r\n", "fwd=bypass", 0, 0},

@@ -232,16 +232,5 @@ TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
   }
 }
 
-TEST_F(ServerWriteTest, WhatCannotBeStagedIsRefused) {
-  const ObjectStore::SmallFileSystem small(16);
-  SKIP_WITHOUT(small);
-  volume = small / "volume";
-  start({"--write-back", "--max-bytes=2M"});
-  store.stop();
-  for (const auto& [path, status] : {std::pair{"/o1", 200}, {"/o2", 200}, {"/o3", 507}})
-    EXPECT_EQ(put(path, bytesOf(path, 900'000)).status, status) << path;
-  for (const char* path : {"/o1", "/o2"}) EXPECT_EQ(get(path).body, bytesOf(path, 900'000));
-}
-
 }  // namespace
 }  // namespace diskcached
