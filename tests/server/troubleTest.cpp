@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "tests/server/serverFixture.h"
+#include "tests/support/smallFileSystem.h"
 
 namespace diskcached {
 namespace {
@@ -130,6 +131,27 @@ TEST_F(ServerTroubleTest, StaleAnswersStandInForAStoreThatIsDown) {
   EXPECT_EQ(get("/fixed").body, "kept bytes");
   store.start();
   EXPECT_EQ(get("/kept").body, "kept bytes");
+}
+
+TEST_F(ServerTroubleTest, AFullDiskAndAVolumeEmptiedBeneathItCostNoAnswer) {
+  const ObjectStore::SmallFileSystem small(24);
+  SKIP_WITHOUT(small);
+  volume = small / "volume";
+  start({"--max-bytes=100M"});
+  for (int i = 0; i < 80; ++i) store.put(std::to_string(i), bytesOf(std::to_string(i), 700'000));
+  const auto expectRight = [&](int first, int end) {
+    for (int i = first; i < end; ++i)
+      EXPECT_TRUE(get('/' + std::to_string(i)).body == bytesOf(std::to_string(i), 700'000)) << i;
+  };
+  expectRight(0, 60);                                           // 42 MB into 24
+  std::ofstream(small / "other") << std::string(4 << 20, 'x');  // takes all that was left free
+  expectRight(60, 80);
+  EXPECT_TRUE(eventually([&] {  // the last block may still be on its way to disk
+    std::error_code error;
+    return std::filesystem::remove_all(volume + "/blocks", error), !error;
+  }));
+  for (int i = 0; i < 2; ++i) expectRight(70, 80);
+  EXPECT_EQ(server->end(SIGTERM), 0);
 }
 
 // Each object changes again and again while clients read it: every answer is one version, whole.
