@@ -87,5 +87,23 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
   EXPECT_EQ(get(GUID, 1), text);
 }
 
+TEST_F(TurnTest, AppendingBesideAnExtensionLosesNeither) {
+  FaultPlan plan;
+  plan.hold("pwrite", 1);
+  const std::string more(5000, 'x');
+  auto extending = async([&] { return write(section(0, more, 0, 10)); });
+  EXPECT_TRUE(plan.held());
+  // Both of a type that is not there yet: the second finds the first one's record.
+  auto appending = async([&] { return write(section(1, "one")); });
+  EXPECT_TRUE(areWaiting(1));
+  auto again = async([&] { return write(section(1, "TWO!")); });
+  EXPECT_TRUE(areWaiting(2));
+  plan.release();
+  for (auto* done : {&extending, &appending, &again}) EXPECT_EQ(done->get(), "success");
+  EXPECT_EQ(get(GUID), "0123456789" + more);
+  EXPECT_EQ(get(GUID, 1), "TWO!");
+  EXPECT_EQ(bytesOf(GUID).size(), 136 + 16 + 5010 + 16 + 4U) << "one record of each";
+}
+
 }  // namespace
 }  // namespace ObjectStore
