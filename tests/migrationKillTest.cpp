@@ -305,13 +305,13 @@ TEST_F(MigrationStressTest, NoOperationIsLostAndNoMigrationFails) {
   const auto migrations = static_cast<unsigned>(soaked(12));
   log.setLevel(LogLevel::Error - 1);
   isPruned = true;
-  options.lowWM = 0;  // the pruner's walk goes everywhere, but to no override copy
-  options.prunerCallback = [this](auto&, const std::string& path, auto&) {
-    if (path.find("/noprune-") != path.npos) tell("asked for " + path);
-    return false;
-  };
+  options.lowWM = 0;                                              // the pruner's walk goes everywhere
+  options.mode = PruningMode::Random, options.maxLruEntries = 5;  // and most segments are in no list
   size_t side = 0;
   startOn(side);
+  DiskCacheContext overrides = makeContext(ctx.nonprunableDir);
+  overrides.prunerCallback = [this](auto&, auto& path, auto&) { return tell("asked for " + path), false; };
+  (void)cache->registerContext(overrides);
   std::vector<std::jthread> clients = startClients(1);
   for (unsigned i = 1; i <= migrations && model->problem[0] == '\0'; ++i) moveFrom(side, i);
   clients.clear();
