@@ -28,7 +28,7 @@ TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
     return outcome(Access::records(*cache).appendSection(-1, volume, section(0, text)));
   };
   // Not enabled: the pruner that is woken must not measure the volume anew.
-  const auto setFree = [this](uint64_t bytes) {
+  const auto setFree = [this](int64_t bytes) {
     Access::changeVolume(*cache, 1, [=](Volume& volume) { volume.allow = false, volume.free = bytes; });
   };
   for (const PruningMode mode : {PruningMode::Random, PruningMode::Lru}) {
