@@ -61,16 +61,12 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");
 
-  const auto inPlaceOf = [&](const guid_t& guid) {
-    std::filesystem::create_directories(std::filesystem::path(pathOf(guid)).parent_path());
-    return pathOf(guid);
-  };
-  std::filesystem::create_symlink(pathOf("whole"), inPlaceOf("a link"));
-  EXPECT_EQ(readPlace("a link", 0), "[ELOOP]");
-  ASSERT_EQ(mkfifo(inPlaceOf("a pipe").c_str(), 0600), 0);
-  EXPECT_EQ(readPlace("a pipe", 0), "[EINVAL]");
-  std::filesystem::create_directories(inPlaceOf("a dir"));
-  EXPECT_EQ(readPlace("a dir", 0), "[EINVAL]");
+  std::filesystem::create_symlink(pathOf("whole"), pathOf("whole link"));
+  EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
+  ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);
+  EXPECT_EQ(readPlace("whole pipe", 0), "[EINVAL]");
+  std::filesystem::create_directories(pathOf("whole dir"));
+  EXPECT_EQ(readPlace("whole dir", 0), "[EINVAL]");
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
@@ -122,12 +118,13 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   std::string refused = "b2";
   EngineOptions options;
   options.volumes = 2;
-  options.prunerCallback = [&](auto&, auto&, const std::string& guid) {
+  options.prunerCallback = [&](auto& name, auto& path, const std::string& guid) {
     asked.push_back(guid);
     uint64_t nested = 0;
     EXPECT_EQ(outcome(cache->giveUpOldest(1, nested)), "ENOSPC");
     VolIndex volume = 0;
     EXPECT_TRUE(cache->findVolume(guid, volume));  // still known while it is asked about
+    EXPECT_EQ(name + ' ' + path, "ctx " + cache->guid2path(guid, volume, "ctx"));
     return guid != refused;
   };
   start(options);
@@ -143,7 +140,10 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_TRUE(cache->touch("a1"));
   EXPECT_FALSE(cache->touch("none"));
   cache->forget("c3");
-  ctx.volume = 2;
+  DiskCacheContext other = makeContext("other");  // nobody has registered
+  other.volume = ctx.volume = 2;
+  EXPECT_EQ(outcome(cache->remember(other, "a1")), "success");
+  EXPECT_TRUE(cache->findVolume("a1", volume) && volume == 1) << "a known one stays where it was";
   EXPECT_EQ(outcome(cache->remember(ctx, "e5")), "success");
   EXPECT_EQ(outcome(cache->remember(ctx, "b/")), "EINVAL");
 

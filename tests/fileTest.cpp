@@ -33,16 +33,6 @@ class FileTest : public ::testing::Test {
     fs::create_directory_symlink(dir / "outside", dir / "dirlink");
     fs::create_symlink(dir / "nowhere", dir / "dangling");
   }
-  // A file of three stretches of data with 1 MiB of nothing between and behind them.
-  void makeSparse() {
-    constexpr long GAP = 1 << 20;
-    std::ofstream file(dir / "from");
-    for (long i = 0; i < 3; ++i) file.seekp(i * GAP) << std::string(70'000, static_cast<char>('a' + i));
-    file.close();
-    fs::resize_file(dir / "from", 3 * GAP);
-    fs::permissions(dir / "from", fs::perms::owner_all);
-    content = readFile(dir / "from");
-  }
   std::string copy(const std::string& from = "from", const std::string& to = "to") {
     return outcome(RMFile::KXCopyFile(dir / from, dir / to, 0));
   }
@@ -130,7 +120,14 @@ TEST_F(FileTest, WholeFilesAreReadAsFarAsTheyGo) {
 }
 
 TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
-  makeSparse();
+  // Three stretches of data with 1 MiB of nothing between and behind them.
+  constexpr long GAP = 1 << 20;
+  std::ofstream file(dir / "from");
+  for (long i = 0; i < 3; ++i) file.seekp(i * GAP) << std::string(70'000, static_cast<char>('a' + i));
+  file.close();
+  fs::resize_file(dir / "from", 3 * GAP);
+  fs::permissions(dir / "from", fs::perms::owner_all);
+  content = readFile(dir / "from");
   const struct {
     const char* call;
     size_t nth;  // 0: every call
@@ -152,10 +149,12 @@ TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
     SCOPED_TRACE(testing::Message() << c.call << ' ' << c.errNo << ' ' << c.bytes);
     writeFile(dir / "to", "old");
     writeFile(RMFile::temporaryCopyName(dir / "to"), "left behind by a crash");
+    const size_t descriptors = openDescriptors();
     FaultPlan plan;
     if (c.call[0] == 'p') plan.failAlways("copy_file_range", EXDEV);
     c.errNo ? plan.fail(c.call, c.nth, c.errNo) : plan.shortTransfer(c.call, c.nth, c.bytes);
     EXPECT_EQ(copy(), c.copied ? "success" : "EIO");
+    EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_TRUE(readFile(dir / "to") == (c.copied ? content : "old"));
     struct stat status {};
     EXPECT_EQ(stat((dir / "to").c_str(), &status), 0);

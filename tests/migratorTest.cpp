@@ -31,6 +31,8 @@ class MigratorTest : public InMemory, public EngineTest {
     s_ends.clear();
     options.migrationCallback = [](int error, const std::string& from, const std::string& to) {
       s_ends.push_back(outcome(error) + ' ' + from + ' ' + to);
+      std::error_code absent;
+      s_nothingWasLeft = fs::is_empty(to, absent);
     };
   }
   // An engine whose volume has four top-level directories, so that all of them are copied.
@@ -106,7 +108,7 @@ class MigratorTest : public InMemory, public EngineTest {
     expectCopies();
     EXPECT_EQ(cache->guid2path("none", 1, "ctx").starts_with(to), end == Switched);
     EXPECT_FALSE(fs::exists(file) || fs::exists(file + ".changed"));
-    EXPECT_TRUE(end == Switched || treeOf(to).empty()) << "a later migration keeps what it finds";
+    EXPECT_TRUE(end == Switched || s_nothingWasLeft) << "a later migration keeps what it finds";
     return calls;
   }
   // Lets it fail while the last change is at its nth system call.
@@ -127,6 +129,7 @@ class MigratorTest : public InMemory, public EngineTest {
   bool isSwitched() { return cache->guid2path("none", 1, "ctx").starts_with(target); }
 
   static inline Texts s_ends;
+  static inline bool s_nothingWasLeft = false;  // at the destination, as the callback saw it
   const SmallFileSystem otherDisk{16};
   EngineOptions options;
   Copies copies;
@@ -150,13 +153,9 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
 
 TEST_F(MigratorTest, AReplacementIsKeptWhereNoWorkerComes) {
   startWithFour();
-  const auto tops = [this] {
-    Texts names;
-    for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
-    return names;
-  };
-  while (tops().size() % 4 < 2) fs::create_directories(source + "/more" + std::to_string(tops().size()));
-  ctx.dir = tops()[tops().size() / 4 * 2];  // behind the second worker's share, before the third's
+  for (const char* more : {"/fifth", "/sixth"}) fs::create_directory(source + more);
+  // Of six the third lies behind the second worker's share and before the third one's.
+  ctx.dir = std::next(fs::directory_iterator(source), 2)->path().filename();
   ASSERT_EQ(outcome(cache->registerContext(ctx)), "success");
   put("unseen", "the old text");
   const std::string text = "the new text";
@@ -252,23 +251,32 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
 // As when the destination's disk turns read-only: its files can be read, but not removed.
 TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
   SKIP_WITHOUT(otherDisk);
-  startWithFour();
-  writeFile(source + "/ctx/odd/placeholder", "");
-  fs::remove(source + "/ctx/odd/placeholder");
-  ASSERT_EQ(::mkfifo((source + "/ctx/odd/fifo").c_str(), 0600), 0);  // cannot be copied
-  FaultPlan plan;
-  HoldAtLine hold(log, "copying directory [" + source + "/ctx]");
-  ASSERT_EQ(cache->migrate(1, source, otherDisk / "new"), 0);
-  ASSERT_TRUE(hold.reached());
+  begin({}, "/ctx", true, otherDisk / "new");
   put("made", "the text");
   const std::string text = "the new text";
   EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, text)})), "success");
+  FaultPlan plan;
   plan.fail("unlink", 1, EROFS);  // of what has been copied home
-  hold.release();
+  holding->release();
   EXPECT_EQ(ends(), ended("EINVAL", otherDisk / "new"));
   plan.clearFaults();
   EXPECT_EQ(get("made"), "the text");
   EXPECT_EQ(get("kept"), "the new text");
+}
+
+TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
+  const Works works{{SegmentWork::CREATE, 'a'}, {SegmentWork::REPLACE, 'c'}};
+  begin(works, "/spare", false, target);
+  EXPECT_EQ(outcome(cache->migrate(1, source, target)), "EEXIST");
+  FaultPlan plan;
+  plan.fail("open", 1, ENOSPC);  // of "migrate.changed"
+  perform(works.back());
+  holding->release();
+  EXPECT_EQ(ends(), ended("ENOSPC", target));
+  expectCopies();
+  EXPECT_EQ(outcome(cache->migrate(0, source, target)), "EINVAL");
+  EXPECT_EQ(outcome(cache->migrate(1, source, target + "/a\nb")), "EINVAL");
+  EXPECT_EQ(outcome(DiskCache(PersistentVolumes::No).migrate(1, source, target)), "EINVAL") << "before init";
 }
 
 // Whatever way it ends, and when it fails at each system call of each change; what a change takes away at the
@@ -310,15 +318,11 @@ TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
   SKIP_WITHOUT(otherDisk);
   for (const std::string& to : {target, otherDisk / "new"}) {
     SCOPED_TRACE(to);
-    startWithFour();
-    spoil();
-    FaultPlan plan;
-    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
-    ASSERT_EQ(cache->migrate(1, source, to), 0);
-    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    begin({}, "/spare", true, to);
     put("made", "the text");
+    FaultPlan plan;
     plan.hold("rename", 1);
-    hold.release();
+    holding->release();
     ASSERT_TRUE(plan.held());
     EXPECT_TRUE(fs::remove(source + "/ctx/ma/de"));  // as the pruner does with what it finds empty
     plan.release();

@@ -15,7 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 using MoveTest = EngineTest;
-using OpenTest = EngineTest;
 
 constexpr const char* GUID = "abcdef";
 
@@ -75,7 +74,7 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
   }
 }
 
-TEST_F(OpenTest, DescriptorsGoRound) {
+TEST_F(MoveTest, DescriptorsGoRound) {
   start();
   for (const unsigned expected : {1U, 2U, 3U}) EXPECT_EQ(cache->openSegment("a"), expected);
   cache->closeSegment(1U);

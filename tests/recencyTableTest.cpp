@@ -28,7 +28,6 @@ class RecencyTableTest : public ::testing::Test {
     table.reserve(guid, dir);
     table.pushFront(key(guid), volume);
   }
-  void erase(const std::string& guid) { table.erase(table.find(key(guid))); }
 
   const GuidHash hash;
   RecencyTable table;

@@ -87,5 +87,20 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
   EXPECT_EQ(get(GUID, 1), text);
 }
 
+// Neither deleting a segment nor making it again waits for a turn.
+TEST_F(TurnTest, WhoAppendsLooksAtTheSegmentAnewAfterItsWait) {
+  FaultPlan plan;
+  plan.hold("pwrite", 1);
+  auto extending = async([this] { return write(section(0, text, 0, 10)); });
+  EXPECT_TRUE(plan.held());
+  auto appending = async([this] { return write(section(1, text)); });
+  EXPECT_TRUE(areWaiting(1));
+  EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, false, false, Recycle::No)), "success");
+  put(GUID, "another");
+  plan.release();
+  EXPECT_EQ(extending.get() + appending.get(), "successsuccess");
+  EXPECT_EQ(get(GUID) + ' ' + get(GUID, 1), "another text");
+}
+
 }  // namespace
 }  // namespace ObjectStore

@@ -30,10 +30,15 @@ class VolumeTest : public EngineTest {
   const std::string m_vol1 = dir / "vol1", m_vol2 = dir / "vol2", m_vol3 = dir / "vol3";
 };
 
-TEST_F(VolumeTest, IndexesGoUpThenFillGaps) {
+TEST_F(VolumeTest, IndexesGoUpThenFillGapsUntilNoneIsLeft) {
   std::list<VolIndex> used{2, 3, 65534};
   for (const int index : {65535, 1, 4, 5}) EXPECT_EQ(getUnusedIndex(used), index);
   EXPECT_EQ(used, (std::list<VolIndex>{1, 2, 3, 4, 5, 65534, 65535}));
+  std::string all;
+  for (int index = 1; index <= 65535; ++index) all += "d," + std::to_string(index) + '\n';
+  start(options);
+  writeFile(m_info, all);
+  EXPECT_EQ(outcome(cache->addVolume(m_vol3)), "ENOSPC");
 }
 
 TEST_F(VolumeTest, IndexesOutliveTheEngine) {

@@ -6,7 +6,6 @@
 #include <cctype>
 #include <cerrno>
 #include <functional>
-#include <set>
 #include <tuple>
 
 #include "diskcache/diskcacheSpace.h"
@@ -22,12 +21,6 @@ using F = ForceDiskLoc;
 
 const std::string SEGMENT = "abcd-1";
 constexpr uint64_t ONE_WRITE = 2'147'479'552;  // bytes that the system moves at most
-// Whose lines these are: operations that a reader of the log knows, never steps of one.
-const std::set<std::string> SPEAKERS{"createSegment",      "writeSections",        "replaceSegment",
-                                     "readSections",       "readAllSections",      "readCompleteSection",
-                                     "appendSection",      "modifySection",        "findSection",
-                                     "writeSegmentHeader", "readSegmentHeader",    "getNextVolWithSpace",
-                                     "deleteSegment",      "deleteSegmentInternal"};
 const std::string HELLO = "hello";
 const std::string LONG = std::string(9'997, '\0') + "end";
 
@@ -55,11 +48,7 @@ class WriteTest : public EngineTest {
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(Access::openSegments(*cache), 0U);
     std::string text;
-    for (const LogLine& line : log.take()) {
-      text += "; " + std::to_string(line.level) + ' ' + line.text;
-      const std::string name = line.operation.substr(0, line.operation.find('('));
-      EXPECT_TRUE(SPEAKERS.contains(name.substr(name.find_last_of(':') + 1))) << line.operation;
-    }
+    for (const std::string& line : log.takeTexts()) text += "; " + line;
     for (const auto& [name, what] : {std::pair{"DETAILS", failure.AsString(EErrorOutputFormat::Detailed)},
                                      {"FILE", pathOf(SEGMENT)},
                                      {"VOL", volumes[0]},
@@ -264,10 +253,9 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
   };
   EXPECT_EQ(change("?", 8), "EINVAL");
   EXPECT_TRUE(log.has(LogLevel::Error, "Error: writing different section 0/8->00"));
+  EXPECT_EQ(get("abcd-0"), "?akes the directories") << "the data is written by then";
   EXPECT_EQ(change("M", 0), "success");
   EXPECT_EQ(get("abcd-0"), "Makes the directories") << "no shorter than before";
-  EXPECT_EQ(run([&] { return outcome(create(SEGMENT, {section(0, HELLO)})); }, 7, ENOSPC),
-            "ENOSPC; 4 Error: can't write to file FD (MAX,28); 4 Error: can't append section to [FILE]");
 }
 
 TEST_F(WriteTest, WhereSectionsAreWrittenTo) {
@@ -308,18 +296,14 @@ TEST_F(WriteTest, WhatLiesAtThePathIsLeftAlone) {
       [&] { return outcome(syncFname(pathOf(SEGMENT))); },
       [&] { return outcome(cache->replaceSegment(ctx, SEGMENT, {})); }};
   for (const std::string kind : {"link", "fifo", "full fifo", "directory"}) {
-    const auto lay = [&](const std::string& path) {
-      fs::remove_all(path);
-      if (kind == "link") fs::create_symlink(target, path);
-      if (kind == "directory") fs::create_directory(path);
-      if (kind.ends_with("fifo")) ::mkfifo(path.c_str(), 0600);
-    };
     for (const auto& operation : operations) {
       SCOPED_TRACE(kind + std::to_string(&operation - operations));
       const bool replaces = &operation == std::end(operations) - 1;
       const std::string path = pathOf(SEGMENT) + (replaces ? ".temp" : "");
       fs::remove_all(pathOf(SEGMENT));
-      lay(path);
+      if (kind == "link") fs::create_symlink(target, path);
+      if (kind == "directory") fs::create_directory(path);
+      if (kind.ends_with("fifo")) ::mkfifo(path.c_str(), 0600);
       const int full = kind == "full fifo" ? ::open(path.c_str(), O_RDWR | O_NONBLOCK) : -1;
       EXPECT_TRUE(full < 0 || ::write(full, precious.data(), precious.size()) > 0);
       EXPECT_NE(operation(), "success");
