@@ -314,6 +314,21 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
   }
 }
 
+// As when the source's disk is taken away: what is not there any more was not deleted by clients.
+TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
+  startWithFour();
+  {
+    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
+    ASSERT_EQ(cache->migrate(1, source, target), 0);
+    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
+    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+    fs::rename(source, dir / "taken away");
+    fs::create_directory(source);
+  }
+  EXPECT_EQ(ends(), ended("ENOENT", target));
+  EXPECT_FALSE(isSwitched());
+}
+
 TEST_F(MigratorTest, WhatReturnsOutlivesTheRemovalOfItsEmptyDirectory) {
   SKIP_WITHOUT(otherDisk);
   for (const std::string& to : {target, otherDisk / "new"}) {
