@@ -77,6 +77,7 @@ TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWr
   start(options);
   const auto before = fs::last_write_time(m_info) - 1h;
   fs::last_write_time(m_info, before);
+  EXPECT_EQ(fs::status(m_info).permissions(), fs::perms(0600));
   EXPECT_EQ(cache->addVolume(m_vol2), 0);
   EXPECT_TRUE(fs::last_write_time(m_info) == before);
   fs::remove(m_info);
@@ -95,11 +96,14 @@ TEST_F(VolumeTest, TheRotationFollowsEachChange) {
       {enable, m_vol1, {1, 2, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}},
       {remove, m_vol1, {1, 2, 3, 2, 3}}, {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
   start(options);
+  put("abcdef", "text");
+  const uint64_t capacity = Access::space(*cache).capacity();
   for (const auto& [change, volume, rotation] : steps) {
     EXPECT_EQ((*cache.*change)(volume), 0);
     EXPECT_EQ(Access::rotation(*cache), rotation);
   }
   EXPECT_EQ(choose(7), (Indexes{1, 2, 3, 2, 2, 1, 1}));
+  EXPECT_GT(Access::space(*cache).capacity(), capacity);
   Volume printed;
   printed.dir = "/a", printed.free = 7;
   testing::internal::CaptureStdout();
@@ -110,6 +114,7 @@ TEST_F(VolumeTest, TheRotationFollowsEachChange) {
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Can't disable new segment nowhere"});
   }
   EXPECT_EQ((cache->removeAllVolumes(), choose(1)), Indexes{0});
+  EXPECT_EQ(Access::space(*cache).used() + Access::space(*cache).segments(), 0U);
 }
 
 TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
