@@ -92,7 +92,7 @@ TEST_F(ReadTest, AGiantLengthIsNotBelieved) {
   std::string bytes = bytesOf(SEGMENT);
   writeFile(pathOf(SEGMENT), bytes.replace(166, 8, reinterpret_cast<const char*>(&giant), 8));
   std::filesystem::resize_file(pathOf(SEGMENT), 174 + giant);
-  EXPECT_FALSE(readWhole(0).starts_with("success"));
+  EXPECT_NE(readWhole(0).find(" len=4294967296 (0,0)"), std::string::npos) << "nothing is read";
 }
 
 // The record of type 3 lies at 136, its payload at 152; that of type 0 at 158 and 174 to the end, 179.
