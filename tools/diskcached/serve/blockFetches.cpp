@@ -39,10 +39,11 @@ void BlockFetch::append(std::span<const std::byte> bytes) {
   });
 }
 
-void BlockFetch::finish(int errNo) {
+void BlockFetch::finish(int errNo, bool isFromOrigin) {
   m_progress.change([&](Progress& now) {
     now.arrived = m_arrived;
     now.isDone = true;
+    now.isFromOrigin = now.isFromOrigin || isFromOrigin;
     now.errNo = errNo;
     return true;
   });
@@ -84,6 +85,7 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
 // A block of the store's is handed on as it comes; one that is on disk is read.
 void BlockFetches::fill(BlockFetch& fetch, const std::string& key, const ObjectInfo& info, uint64_t from) {
   int errNo = 0;
+  bool isHandedOn = true;
   const auto origin = [&](OriginRequest& request) -> OriginAnswer {
     if (info.isStaged)  // the store has another object, if any; or it was replaced meanwhile, or uploaded
       return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ESTALE, "what was staged is not to be had")};
@@ -91,13 +93,15 @@ void BlockFetches::fill(BlockFetch& fetch, const std::string& key, const ObjectI
     const FetchOutcome outcome =
         fetchPart(m_origin, key, info, request.from, to, [&](std::span<const std::byte> bytes) {
           const uint64_t room = fetch.m_size - fetch.m_arrived;
-          if (room > 0) fetch.append(bytes.first(std::min<uint64_t>(bytes.size(), room)));
+          if (isHandedOn && room > 0) fetch.append(bytes.first(std::min<uint64_t>(bytes.size(), room)));
         });
     if (outcome.errNo == 0) return {.error = {}, .objectSize = info.size, .metadata = info.headers};
     return {.error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, outcome.errNo, "%s", outcome.error.c_str())};
   };
   ObjectStore::ReadResult result = m_cache.read(key, info.version, from, {}, origin);
   if (result && fetch.m_arrived == 0) {
+    isHandedOn =
+        false;  // one that turns out to be damaged comes whole: until then its place is the cache's to write
     result = m_cache.read(key, info.version, from, {fetch.m_bytes.get(), fetch.m_size}, origin);
     if (result) fetch.m_arrived = result.bytes;
   }
@@ -106,7 +110,7 @@ void BlockFetches::fill(BlockFetch& fetch, const std::string& key, const ObjectI
     DC_LOG(ObjectStore::LogLevel::Notice, "[%s] can't be served: %s", key.c_str(),
            result.error.AsString().c_str());
   }
-  fetch.finish(errNo);
+  fetch.finish(errNo, result.misses > 0);
 }
 
 }  // namespace diskcached

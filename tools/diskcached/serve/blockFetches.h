@@ -39,7 +39,7 @@ class BlockFetch {
  private:
   friend class BlockFetches;
   void append(std::span<const std::byte> bytes);
-  void finish(int errNo);
+  void finish(int errNo, bool isFromOrigin = false);
 
   const uint64_t m_size;
   const std::unique_ptr<MemoryBudget::Share> m_share;
