@@ -111,7 +111,8 @@ Operation operationOf(Kind kind, const Arena& arena) {
 }
 
 // Brings a lane to where its batch begins: for reads, what others have left in the processor's caches makes
-// way, or the disk's own cache is all that is left; creating begins with a rehearsal, because the first use of a file system's blocks and inodes costs more.
+// way, or the disk's own cache is all that is left; creating begins with a rehearsal, because the first use of a
+// file system's blocks and inodes costs more.
 void prepare(Kind kind, Arena& arena, Lane& lane, const std::function<void()>& batch) {
   if (kind == Kind::ReadCold) {
     require(dropCaches(), "drop_caches");
@@ -215,10 +216,11 @@ class CurrentArena {
 };
 
 void addAll(CurrentArena& current, const Effort& effort) {
+  const bool mayReadCold = dropCaches();
   for (const size_t bytes : effort.sizes) {
     for (const Work& work : WORKS) {
       if (work.kind == Kind::ReadRange && bytes != RANGED_SEGMENT) continue;
-      if (work.kind == Kind::ReadCold && !dropCaches()) continue;
+      if (work.kind == Kind::ReadCold && !mayReadCold) continue;
       const size_t segments = segmentsFor(work, bytes, effort);
       for (const size_t threads : threadsFor(work, bytes)) {
         const std::string name =

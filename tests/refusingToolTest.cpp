@@ -2,12 +2,15 @@
 // are.
 #ifdef DISKCACHECTL_PATH
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 #include "support/directory.h"
 #include "tests/support/toolFixture.h"
@@ -138,6 +141,34 @@ TEST_F(RefusingToolTest, BesideAServerNothingIsChangedAndTheServerIsNamed) {
       {"du " + root, 0, named + " runs on it"},
   };
   for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
+}
+
+// Who waits for the root is let in when the work is done, not between the first look and the work.
+TEST_F(RefusingToolTest, TheRootIsHeldFromTheFirstLookToTheEnd) {
+  struct stat status {};
+  ASSERT_EQ(stat((dir / "root").c_str(), &status), 0);
+  const std::string locked = ":" + std::to_string(status.st_ino) + " 0 EOF";
+  int caught = 0;
+  for (int i = 10; i < 60 && caught < 3; ++i) {
+    const std::string id = "00" + std::to_string(i) + "new";
+    std::atomic<bool> isOver = false;
+    std::thread putting([&] {
+      EXPECT_EQ(run("put " + cache + id + ' ' + (dir / "in")), 0) << err;
+      isOver = true;
+    });
+    while (!isOver && readFile("/proc/locks").find(locked) == std::string::npos) {
+    }
+    const int fd = open((dir / "root").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (!isOver) {
+      ++caught;
+      EXPECT_EQ(flock(fd, LOCK_EX), 0);
+      const std::string place = "/ctx/00/" + std::to_string(i) + '/' + id;
+      EXPECT_TRUE(std::filesystem::exists(dir / "a" + place) || std::filesystem::exists(dir / "b" + place));
+    }
+    putting.join();
+    close(fd);
+  }
+  EXPECT_GT(caught, 0) << "no put was seen at work";
 }
 
 TEST_F(RefusingToolTest, AFinishedMigrationGivenAgainAddsNoVolume) {

@@ -100,8 +100,8 @@ void BlockFetches::fill(BlockFetch& fetch, const std::string& key, const ObjectI
   };
   ObjectStore::ReadResult result = m_cache.read(key, info.version, from, {}, origin);
   if (result && fetch.m_arrived == 0) {
-    isHandedOn =
-        false;  // one that turns out to be damaged comes whole: until then its place is the cache's to write
+    // One that turns out to be damaged comes whole: until then the cache writes to its place.
+    isHandedOn = false;
     result = m_cache.read(key, info.version, from, {fetch.m_bytes.get(), fetch.m_size}, origin);
     if (result) fetch.m_arrived = result.bytes;
   }

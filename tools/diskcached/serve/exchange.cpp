@@ -1,6 +1,7 @@
 #include "serve/exchange.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/beast/http/read.hpp>
@@ -158,10 +159,14 @@ asio::awaitable<void> Exchange::sendHead(AnswerHead head, ClientStream::More mor
   co_await client.send(text, more);
 }
 
-asio::awaitable<void> Exchange::sendWhole(AnswerHead head, std::string_view body) {
-  const std::string text = finish(std::move(head)).append(body);
+asio::awaitable<void> Exchange::sendSmallFile(AnswerHead head, int file, uint64_t offset, uint64_t bytes) {
+  std::string text = finish(std::move(head));
+  const size_t headSize = text.size();
+  text.resize(headSize + bytes);
+  const ssize_t got = ::pread(file, &text[headSize], bytes, static_cast<off_t>(offset));
+  if (got != static_cast<ssize_t>(bytes)) throw ClientGone();
   co_await client.send(text, ClientStream::More::No);
-  m_bodyBytes += body.size();
+  m_bodyBytes += bytes;
 }
 
 asio::awaitable<void> Exchange::sendBody(std::span<const std::byte> bytes, ClientStream::More more) {
@@ -179,7 +184,10 @@ asio::awaitable<void> Exchange::sendText(AnswerHead head, std::string_view type,
   addCacheStatus(head);
   head.add("Content-Type", type);
   head.add("Content-Length", text.size());
-  co_await sendWhole(std::move(head), isHead() ? "" : text);
+  const size_t bodySize = isHead() ? 0 : text.size();
+  const std::string whole = finish(std::move(head)).append(text.substr(0, bodySize));
+  co_await client.send(whole, ClientStream::More::No);
+  m_bodyBytes += bodySize;
 }
 
 asio::awaitable<void> Exchange::refuse(const Refused& refused) {

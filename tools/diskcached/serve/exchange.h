@@ -57,8 +57,8 @@ class Exchange {
   asio::awaitable<void> sendHead(AnswerHead head, ClientStream::More more);
   asio::awaitable<void> sendBody(std::span<const std::byte> bytes, ClientStream::More more);
   asio::awaitable<void> sendFile(int file, uint64_t offset, uint64_t bytes);
-  // Head and body by one call.
-  asio::awaitable<void> sendWhole(AnswerHead head, std::string_view body);
+  // Head and body by one call. ClientGone also when the file is shorter.
+  asio::awaitable<void> sendSmallFile(AnswerHead head, int file, uint64_t offset, uint64_t bytes);
   // A whole answer with its body, or without one for HEAD.
   asio::awaitable<void> sendText(AnswerHead head, std::string_view type, std::string_view text);
   asio::awaitable<void> refuse(const Refused& refused);

@@ -1,7 +1,6 @@
 #include "serve/getObject.h"
 
 #include <fmt/core.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -15,18 +14,7 @@ namespace {
 
 constexpr unsigned MOST_VERSIONS = 3;  // that are tried when the object changes while it is fetched
 
-// Copied sooner than sendfile is called for it.
-constexpr uint64_t LARGEST_COPY = 16 << 10;
-
-// A part of a file that is small enough; empty when it is not, or can't be read.
-std::string copyOf(const Piece& piece) {
-  std::string bytes;
-  if (piece.bytes || piece.size > LARGEST_COPY) return bytes;
-  bytes.resize(piece.size);
-  const ssize_t got = ::pread(piece.file, bytes.data(), bytes.size(), static_cast<off_t>(piece.fileOffset));
-  if (got != static_cast<ssize_t>(piece.size)) bytes.clear();
-  return bytes;
-}
+constexpr uint64_t LARGEST_COPY = 16 << 10;  // takes less than a second call for the body
 
 int64_t secondsBetween(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration_cast<std::chrono::seconds>(to - from).count();
@@ -115,8 +103,9 @@ class Answer {
     ObjectBody body(m_exchange.service, m_exchange.client, m_exchange.target().key, m_found.info, end);
     Piece piece = co_await body.next(range.from);
     countSource(body.source());
-    if (const std::string all = piece.size == range.size ? copyOf(piece) : ""; !all.empty())
-      co_return co_await m_exchange.sendWhole(head(status, range), all);
+    if (!piece.bytes && piece.size == range.size && piece.size <= LARGEST_COPY)
+      co_return co_await m_exchange.sendSmallFile(head(status, range), piece.file, piece.fileOffset,
+                                                  piece.size);
     co_await m_exchange.sendHead(head(status, range), ClientStream::More::Yes);
     for (uint64_t at = range.from;;) {
       at += piece.size;
