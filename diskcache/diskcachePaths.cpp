@@ -1,7 +1,10 @@
 #include "diskcache/diskcachePaths.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include "support/file.h"
 #include "support/log.h"
@@ -27,12 +30,16 @@ CZuError refuse(const guid_t& guid, int errNo, const RMCodeLocation& where) {
 
 }  // namespace
 
+// At once, since every operation comes by here.
 void appendGuidDir(std::string& path, std::string_view guid) {
-  for (size_t level = 0; level < NUM_DIR_LEVELS; ++level) {
-    const std::string_view part = guidLevel(guid, level);
-    if (part.empty()) return;
-    appendPath(path, part);
+  constexpr size_t width = NUM_CHARS_PER_DIR_LEVEL;
+  std::array<char, NUM_DIR_LEVELS*(width + 1)> text;
+  const size_t levels = std::min(guid.size() / width, size_t{NUM_DIR_LEVELS});
+  for (size_t level = 0; level < levels; ++level) {
+    text[level * (width + 1)] = '/';
+    memcpy(&text[level * (width + 1) + 1], guid.data() + level * width, width);
   }
+  if (levels != 0) appendPath(path, {&text[1], levels * (width + 1) - 1});
 }
 
 void appendSegmentPath(std::string& root, std::string_view dir, std::string_view guid) {

@@ -5,9 +5,11 @@
 // Everything is inline: a read takes two locks and more, and the calls would cost as much as the locks.
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "support/export.h"
@@ -15,9 +17,35 @@
 
 namespace ObjectStore {
 
+// One atomic step to take it and one to give it up while nobody else wants it; who has to wait sleeps at once.
+// errno stays as it is.
 struct KxCriticalSectionH {
-  std::recursive_mutex mutex;
-  unsigned depth = 0;  // entries of the thread that holds it
+  void lock() noexcept {
+    const pthread_t self = callingThread();
+    if (holder.load(std::memory_order_relaxed) != self) {
+      int free = FREE;
+      if (!state.compare_exchange_strong(free, HELD, std::memory_order_acquire, std::memory_order_relaxed)) {
+        sleepUntilHeld();
+      }
+      holder.store(self, std::memory_order_relaxed);
+    }
+    ++depth;
+  }
+  void unlock() noexcept {
+    if (--depth != 0) return;
+    holder.store(NOBODY, std::memory_order_relaxed);
+    if (state.exchange(FREE, std::memory_order_release) == AWAITED) wakeOne();
+  }
+  // Not pthread_self() here: compilers take that for constant, also where a coroutine goes on in another thread.
+  DISKCACHE_EXPORT static pthread_t callingThread() noexcept;
+  DISKCACHE_EXPORT void sleepUntilHeld() noexcept;
+  DISKCACHE_EXPORT void wakeOne() noexcept;
+
+  enum : int { FREE, HELD, AWAITED };  // AWAITED: held, and some thread may sleep until it is free
+  static constexpr pthread_t NOBODY = 0;
+  std::atomic<int> state = FREE;
+  std::atomic<pthread_t> holder = NOBODY;
+  unsigned depth = 0;  // entries of the holder
 };
 
 class DC_CAPABILITY("mutex") KxCriticalSection {
@@ -28,15 +56,9 @@ class DC_CAPABILITY("mutex") KxCriticalSection {
   KxCriticalSection& operator=(const KxCriticalSection&) = delete;
 
   // Blocks until the calling thread holds the lock, once more if it held it already. Callers pass true.
-  void enter(bool /*wait*/) DC_ACQUIRE() DC_NO_THREAD_SAFETY_ANALYSIS {
-    m_impl->mutex.lock();
-    ++m_impl->depth;
-  }
+  void enter(bool /*wait*/) DC_ACQUIRE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->lock(); }
   // Gives up one entry of the calling thread.
-  void leave() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS {
-    --m_impl->depth;
-    m_impl->mutex.unlock();
-  }
+  void leave() DC_RELEASE() DC_NO_THREAD_SAFETY_ANALYSIS { m_impl->unlock(); }
   // Returns when `until()`, asked with the lock held and again after each notification, is true. While it
   // waits the calling thread has no entry of the lock, and afterwards as many as before: whoever is waited
   // for is not kept out by a caller that holds the lock already.
@@ -50,11 +72,11 @@ class DC_CAPABILITY("mutex") KxCriticalSection {
   // Every entry of the holding thread, as one lock.
   struct AllEntries {
     void unlock() {
-      count = std::exchange(section.depth, 0);
-      for (unsigned i = 0; i < count; ++i) section.mutex.unlock();
+      count = std::exchange(section.depth, 1);
+      section.unlock();
     }
     void lock() {
-      for (unsigned i = 0; i < count; ++i) section.mutex.lock();
+      section.lock();
       section.depth = count;
     }
     KxCriticalSectionH& section;
