@@ -26,6 +26,9 @@ void RecencyTable::swap(RecencyTable& other) noexcept {
   std::swap(m_slots, other.m_slots);
   std::swap(m_dirs, other.m_dirs);
   std::swap(m_newest, other.m_newest);
+  std::swap(m_touched, other.m_touched);
+  std::swap(m_touchedCount, other.m_touchedCount);
+  std::swap(m_settledCount, other.m_settledCount);
   std::swap(m_end, other.m_end);
   std::swap(m_free, other.m_free);
   std::swap(m_freeCount, other.m_freeCount);
@@ -37,6 +40,16 @@ void RecencyTable::swap(RecencyTable& other) noexcept {
 // ---- The ring ------------------------------------------------------------------------------------------
 
 void RecencyTable::moveToFront(Position position) noexcept {
+  if (m_touchedCount - m_settledCount == MOST_TOUCHED) settleOne();
+  m_touched[m_touchedCount++ % MOST_TOUCHED] = position;
+}
+
+void RecencyTable::settle() noexcept {
+  while (m_settledCount != m_touchedCount) settleOne();
+}
+
+void RecencyTable::settleOne() noexcept {
+  const Position position = m_touched[m_settledCount++ % MOST_TOUCHED];
   if (position == m_newest) return;
   const Entry& moved = entry(position);
   if (position != entry(m_newest).newer) {
@@ -101,6 +114,7 @@ void RecencyTable::dropReserve() noexcept {
 }
 
 void RecencyTable::pushFront(const Key& key, VolIndex volume) noexcept {
+  settle();
   const Position position = takeFree();
   Entry& added = entry(position);
   added.hash = key.hash;
@@ -125,6 +139,7 @@ void RecencyTable::setText(Entry& to, std::string_view guid) noexcept {
 }
 
 void RecencyTable::erase(Position position) noexcept {
+  settle();
   const Entry& gone = entry(position);
   m_slots.erase(gone.hash, position);
   unlink(gone);

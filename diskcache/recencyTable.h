@@ -6,6 +6,7 @@
 // end into free ones, so that blocks at the end go back: a position is good until the next removal.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,7 @@ class RecencyTable {
   Position find(const Key& key) const noexcept {
     return m_slots.find(key.hash, [this, &key](Position position) { return isAt(position, key.guid); });
   }
+  // Makes an entry the newest, at the latest when somebody looks at the order: see m_touched.
   void moveToFront(Position position) noexcept;
   void erase(Position position) noexcept;
 
@@ -56,8 +58,14 @@ class RecencyTable {
 
   size_t size() const noexcept { return m_end - m_freeCount; }
   bool empty() const noexcept { return size() == 0; }
-  Position newest() const noexcept { return m_newest; }  // NONE when there is none
-  Position oldest() const noexcept { return empty() ? NONE : entry(m_newest).newer; }
+  Position newest() noexcept {  // NONE when there is none
+    settle();
+    return m_newest;
+  }
+  Position oldest() noexcept {
+    settle();
+    return empty() ? NONE : entry(m_newest).newer;
+  }
   Position older(Position position) const noexcept {
     return entry(position).older;
   }  // the newest of the oldest
@@ -127,6 +135,8 @@ class RecencyTable {
   void reserveDir(std::string_view dir);
   void reservePosition();
   void setText(Entry& to, std::string_view guid) noexcept;
+  void settle() noexcept;
+  void settleOne() noexcept;
   void linkFront(Position position) noexcept;
   void unlink(const Entry& gone) noexcept;
   Position takeFree() noexcept;
@@ -142,6 +152,12 @@ class RecencyTable {
   SlotTable m_slots;
   CountedNames m_dirs;
   Position m_newest = NONE;
+  // The entries touched last that are not moved yet, the oldest first: a ring in which both counts only rise. Each is
+  // moved a few touches later, when its neighbours have come from memory, so that no touch waits for them.
+  static constexpr unsigned MOST_TOUCHED = 8;
+  std::array<Position, MOST_TOUCHED> m_touched{};
+  unsigned m_touchedCount = 0;
+  unsigned m_settledCount = 0;
   Position m_end = 0;      // positions from here on have never been used or have gone back
   Position m_free = NONE;  // the first of those free before m_end, linked by older and newer
   size_t m_freeCount = 0;
