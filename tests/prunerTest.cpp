@@ -73,6 +73,8 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   options.lowWM = 0;
   options.prunerCallback = [](auto&, const std::string& path, auto&) { return fs::remove(path); };
   start(options);
+  writeFile(dir / "root/volume_info", ",9\n");
+  ASSERT_EQ(Access::loadVolumeInfo(*cache), 0);   // a record without a directory
   DiskCacheContext other = makeContext("other");  // without a callback
   other.nonprunableDir = "./ctx//keep/";
   for (int i = 0; i < 2; ++i) (void)cache->registerContext(other);

@@ -71,6 +71,11 @@ TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
     EXPECT_EQ(readFile(m_info), saved);
   }
   EXPECT_TRUE(log.has(LogLevel::Info, "Bad volume file line: none%s"));
+  ASSERT_EQ(outcome(cache->addVolume(m_vol1)), "success");
+  EXPECT_EQ(Access::loadVolumeInfo(*cache), 0);
+  std::vector<Volume> records;
+  cache->getVolumeStats(records);
+  for (const Volume& record : records) EXPECT_FALSE(record.allow) << "one that is loaded again is a new one";
 }
 
 TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWritten) {
