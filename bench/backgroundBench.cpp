@@ -17,6 +17,7 @@
 #include "diskcache/diskcacheScan.h"
 #include "diskcache/diskcacheState.h"
 #include "frame.h"
+#include "walk.h"
 
 using namespace ObjectStore;
 using namespace bench;
@@ -40,25 +41,6 @@ void makeVolume(const std::string& volume) {
     fs::create_directories(dir);
     std::ofstream(dir + '/' + guid) << payload;
   }
-}
-
-bool isDot(const char* name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
-
-using Ask = int (*)(const char*, struct stat*);
-
-size_t walkByPath(const std::string& dir, Ask ask) {
-  size_t files = 0;
-  DIR* const stream = opendir(dir.c_str());
-  if (!stream) fail("opendir");
-  while (const dirent* entry = readdir(stream)) {
-    if (isDot(entry->d_name)) continue;
-    const std::string path = dir + '/' + entry->d_name;
-    struct stat status {};
-    require(ask(path.c_str(), &status) == 0, "stat");
-    files += S_ISDIR(status.st_mode) ? walkByPath(path, ask) : 1;
-  }
-  closedir(stream);
-  return files;
 }
 
 size_t walkByDescriptor(int parent, const char* name) {

@@ -2,7 +2,8 @@
 // more entries and a colder inode cost both.
 //
 // Reported for each number of cached segments: the cache's time over the floor's. For a read that touches the
-// recency list the floor also touches a bare list and map of as many entries.
+// recency list the floor also touches a bare list and map of as many entries; for a start, which enters every segment
+// into the list, the floor is a bare walk.
 #include <algorithm>
 #include <memory>
 #include <random>
@@ -10,17 +11,21 @@
 #include "bareList.h"
 #include "batch.h"
 #include "cacheStore.h"
+#include "diskcache/diskcache.h"
 #include "floor.h"
 #include "frame.h"
+#include "walk.h"
 
 using namespace bench;
 
 namespace {
 
 constexpr int ROUNDS = 11;
+constexpr int STARTS = 3;
 constexpr size_t BATCH = 1000;
 constexpr size_t BYTES = 512;  // a million segments are to fit into 3 GiB
 constexpr size_t LIST_ENTRIES = 4'000'000;
+constexpr int NEVER = 1000;  // a watermark without effect
 const std::vector<unsigned char> PAYLOAD(BYTES, 'g');
 
 class Growth {
@@ -60,6 +65,19 @@ class Growth {
     compare(
         figures, round, [&](size_t i) { byHand(samples[2], i); }, [&](size_t i) { byCache(samples[3], i); },
         [](size_t) {});
+  }
+
+  void compareStarts(Figures& figures) {
+    const double byHand = secondsOf([&] { require(walkByPath(m_volume, stat) >= m_segments, "files"); });
+    ObjectStore::DiskCache engine(ObjectStore::PersistentVolumes::No);
+    const double byCache = secondsOf([&] {
+      const auto error = engine.init(m_dir.path() + "/starting", {m_volume}, NEVER, NEVER, NEVER,
+                                     LIST_ENTRIES, nullptr, ObjectStore::PruningMode::Lru);
+      require(!error.IsError(), "init");
+    });
+    figures["diskcache/ratio"] = byCache / byHand;
+    figures["diskcache/ms"] = byCache * 1e3;
+    figures["floor/ms"] = byHand * 1e3;
   }
 
   // The segments behind the last one, which go again.
@@ -148,8 +166,9 @@ int main(int argc, char** argv) {
   const size_t most = given ? std::strtoul(given, nullptr, 10) : options.isQuick ? 10'000 : 1'000'000;
   Growth growth(options.dir, most);
   for (size_t segments = 1000; segments <= most; segments *= 10) {
-    const auto add = [&, suffix = '/' + std::to_string(segments)](const std::string& name, auto compare) {
-      addRounds(name + suffix, ROUNDS, [=, &growth, round = uint64_t{0}](Figures& figures) mutable {
+    const auto add = [&, suffix = '/' + std::to_string(segments)](const std::string& name, auto compare,
+                                                                  int rounds = ROUNDS) {
+      addRounds(name + suffix, rounds, [=, &growth, round = uint64_t{0}](Figures& figures) mutable {
         growth.growTo(segments);
         compare(figures, round++);
       });
@@ -157,6 +176,8 @@ int main(int argc, char** argv) {
     add("grownRead", [&](Figures& figures, uint64_t round) { growth.compareReads(figures, round, false); });
     add("grownTouch", [&](Figures& figures, uint64_t round) { growth.compareReads(figures, round, true); });
     add("grownCreate", [&](Figures& figures, uint64_t round) { growth.compareCreates(figures, round); });
+    add(
+        "grownStart", [&](Figures& figures, uint64_t) { growth.compareStarts(figures); }, STARTS);
   }
   return runRounds(argc, argv);
 }

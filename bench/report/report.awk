@@ -42,7 +42,7 @@ function block(what) {
   if (what == "space") return space()
   if (what == "list") return beside("listBytes bytes ratio,listTouch ns ratio,listInsert ns ratio", "20000 1000000 10000000")
   if (what == "background") return beside("scan ms speed,walk ms speed,migration ms speed", "20000")
-  if (what == "growth") return beside("grownRead us p50,grownTouch us p50,grownCreate us p50", "1000 10000 100000 1000000")
+  if (what == "growth") return beside("grownRead us p50,grownTouch us p50,grownCreate us p50,grownStart ms ratio", "1000 10000 100000 1000000")
   if (what ~ /^data /) return plotted(substr(what, 6))
   print "unknown placeholder: " what >"/dev/stderr"
   exit 1
