@@ -42,6 +42,7 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
   EXPECT_EQ(get("0011first"), "one");
   EXPECT_EQ(get("0022second", "--type 3"), "two");
   EXPECT_EQ(get("0022second"), "[1]");
+  EXPECT_NE(err.find("there is no section 0"), std::string::npos) << err;
 
   // Of the last section every length, of another one only its own.
   for (const std::string text : {"a much longer text", "short", "other"}) {

@@ -58,7 +58,6 @@ class Target {
     }
     std::error_code error;
     const fs::file_status status = fs::status(m_name, error);
-    if (fs::is_directory(status)) fail(m_name, EISDIR);
     if (fs::exists(status) && !fs::is_regular_file(status)) {
       open(m_name, 0);
       return;
