@@ -137,6 +137,7 @@ TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
   } cases[] = {{"open", 1, EPERM, 0, true},    // another user's file keeps no access time
                {"lseek", 0, EINVAL, 0, true},  // a file system without holes
                {"copy_file_range", 0, EXDEV, 0, true},
+               {"copy_file_range", 2, EINTR, 0, true},
                {"copy_file_range", 2, 0, 10, true},
                {"copy_file_range", 2, 0, 0, true},
                {"pread", 2, 0, 10, true},

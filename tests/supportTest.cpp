@@ -166,6 +166,7 @@ TEST(ConfigTest, FilesAreTakenWholeOrNotAtAll) {
 
 TEST(EventTest, IsLatchedAndResetsItself) {
   KxEvent event(true);
+  EXPECT_TRUE(event.wait(0)) << "it is made set";
   event.set();
   EXPECT_TRUE(event.wait(0)) << "a signal before the wait counts";
   EXPECT_FALSE(event.wait(1)) << "two signals before the wait are one";
