@@ -140,6 +140,15 @@ TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   expectReplayFailure("--by-id --origin " + dir.path(), 2, "--by-id");
 }
 
+TEST_F(ReplayTest, WhatTheToolHasMovedIsFoundWhereItIsAndRefusedWhereItWas) {
+  writeTrace(100, 10, Settled);
+  ASSERT_EQ(replay(trace), 0) << err;
+  ASSERT_EQ(run("migrate " + root + "--index 1 --complete --to " + (dir / "on/c")), 0) << err;
+  expectReplayFailure(trace, 3, "on/a] was moved away");
+  ASSERT_EQ(run("replay " + root + on("on/c") + on("on/b") + trace + "--json -"), 0) << err;
+  EXPECT_EQ(nlohmann::json::parse(out)["misses"], 0);
+}
+
 TEST_F(ReplayTest, FindsWrongBytes) {
   writeFile(dir / "trace", "object,5000\n");
   // One wrong byte: the payload's first or last, the first of all, the trailer's last; and files cut short, as a kill
