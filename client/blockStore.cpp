@@ -159,9 +159,10 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   Opened opened = openFile(context, name, front);
   if (opened.found != Found::Whole) return {opened.found, nullptr, 0};
   const BlockTrailer& trailer = *opened.trailer;
-  const bool isIt = trailer.number == id.number && trailer.blockSize == m_options.blockSize &&
-                    trailer.payloadSize == opened.size && trailer.key == key && trailer.version == version;
+  const bool isIt = trailer.number == id.number && trailer.payloadSize == opened.size && trailer.key == key &&
+                    trailer.version == version;
   if (!isIt) return {Found::Broken, nullptr, 0};
+  if (trailer.blockSize != m_options.blockSize) return {Found::Outdated, nullptr, 0};
   auto block =
       std::make_shared<OpenBlock>(opened.file.fd, opened.offset, id, name, std::move(*opened.trailer));
   opened.file.release();
@@ -198,7 +199,10 @@ int BlockStore::store(const BlockContent& content, Place place) {
     const bool isWorthAnother = rc == ENOSPC ? m_room.freeBytes(space) : rc == EEXIST || rc == ENOENT;
     if (!isWorthAnother) break;
   }
-  if (rc == 0) m_metrics.add(Count::storedBlocks);
+  if (rc == 0) {
+    m_metrics.add(Count::storedBlocks);
+    m_metrics.add(Count::storedBytes, content.payload.size());
+  }
   if (rc != 0) m_metrics.add(rc == ENOSPC ? Count::refusedForRoom : Count::refusedByDisk);
   return rc;
 }
@@ -233,7 +237,7 @@ int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex
   const bool isStaging = place == Place::Staged;
   const std::string path = m_engine.guid2path(name, volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
   if (isStaging) {
-    if (const int rc = syncDirectories(path, m_volumes.dirOf(volume)); rc != 0) return rc;
+    if (const int rc = syncDirectories(path, m_volumes.rootOf(path).dir); rc != 0) return rc;
   }
   struct stat status {};
   errno = 0;
@@ -275,8 +279,7 @@ int BlockStore::release(const BlockId& id, Durable durable) {
   m_room.staged.erase(id);
   (void)m_engine.remember(contextOf(Place::Prunable, *volume),
                           blockName(id));  // it fails for want of memory: the next start finds the block
-  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(blockName(id), *volume, STAGED_DIR))
-                                 : 0;
+  return durable == Durable::Yes ? syncStaged(blockName(id), *volume) : 0;
 }
 
 int BlockStore::discardStaged(const BlockId& id, Durable durable) {
@@ -291,7 +294,18 @@ int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   if (lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR))
     return errno != 0 ? errno : EIO;
   m_room.staged.erase(id);
-  return durable == Durable::Yes ? syncDirectoryOf(path) : 0;
+  return durable == Durable::Yes ? syncStaged(name, *volume) : 0;
+}
+
+// That a name is gone is on disk when its directory is: on either side of a move, where there is one.
+int BlockStore::syncStaged(const guid_t& name, VolIndex volume) {
+  for (const VolumeRoot& root : m_volumes.roots()) {
+    if (root.index != volume) continue;
+    const int rc =
+        syncDirectoryOf(root.dir + '/' + STAGED_DIR + '/' + DiskCache::guid2dir(name) + '/' + name);
+    if (rc != 0 && rc != ENOENT) return rc;
+  }
+  return 0;
 }
 
 }  // namespace ObjectStore

@@ -29,6 +29,7 @@ class BlockStore {
     Nothing,
     Unfinished,  // a file without a whole trailer, as a kill leaves it
     Broken,      // a file that contradicts itself, or another object's
+    Outdated,    // of an object in blocks of another size
     Trouble,     // it could not be looked at
   };
   struct Lookup {
@@ -81,6 +82,7 @@ class BlockStore {
   int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
              ByteAccount::Grant& grant);
   void removeEverywhere(const guid_t& name);
+  int syncStaged(const guid_t& name, VolIndex volume);
 
   DiskCache& m_engine;
   VolumeSet& m_volumes;

@@ -13,7 +13,7 @@ namespace ObjectStore {
 
 namespace {
 
-constexpr uint64_t NO_BOUND = uint64_t{1} << 40;  // the list evicts by bytes, never by count
+constexpr uint64_t NO_BOUND = uint64_t{1} << 40;  // blocks
 // Used space is never ten times the capacity: in mode Lru no watermark delays or stops anything.
 constexpr int NEVER = 1000;
 constexpr size_t VERIFIED_BLOCKS = 1 << 16;
@@ -35,13 +35,14 @@ CZuError keyError(const RMCodeLocation& where, int errNo, std::string_view key, 
   return RMErrorUtil::ErrorErrNo(where, errNo, "[%.*s]: %s", static_cast<int>(key.size()), key.data(), what);
 }
 
-OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters)
+OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters, VolumeMarkers& markers)
     : options(chosen),
       metrics(counters),
       engine(std::make_unique<DiskCache>(PersistentVolumes::Yes)),
       hot(chosen.hotBlocks, chosen.maxHotBytes),
       verified(chosen.verify == Verify::Once ? VERIFIED_BLOCKS : 0),
       volumes(*engine, account, chosen),
+      mover(*engine, volumes, markers, hot),
       room(*engine, volumes, account, hot, counters, chosen),
       store(*engine, volumes, account, hot, verified, room, counters, chosen),
       writeBack(store, flights, counters, chosen),
@@ -67,10 +68,11 @@ CZuError OpenCache::start(const std::vector<std::string>& dirs) {
 CZuError OpenCache::startEngine(const std::vector<std::string>& dirs) {
   unlink((options.root + "/volume_info").c_str());
   const bool isLru = options.mode == PruningMode::Lru;
-  CZuError error =
-      engine->init(options.root, {}, isLru ? NEVER : options.highWatermark,
-                   isLru ? NEVER : options.lowWatermark, isLru ? NEVER : options.highWatermark,
-                   isLru ? NO_BOUND : protectedBlocks(dirs, options.blockSize), nullptr, options.mode);
+  uint64_t maxBlocks = options.maxBlocks;
+  if (maxBlocks == 0) maxBlocks = isLru ? NO_BOUND : protectedBlocks(dirs, options.blockSize);
+  CZuError error = engine->init(options.root, {}, isLru ? NEVER : options.highWatermark,
+                                isLru ? NEVER : options.lowWatermark, isLru ? NEVER : options.highWatermark,
+                                maxBlocks, VolumeMover::ended, options.mode);
   if (error.IsError()) return error;
   DiskCacheContext context;
   context.dir = BLOCKS_DIR;
@@ -84,10 +86,9 @@ CZuError OpenCache::startEngine(const std::vector<std::string>& dirs) {
 // In the order in which they were made: after a start the oldest go first.
 void OpenCache::enterBlocks() {
   std::vector<FoundBlock> found;
-  for (const VolIndex volume : volumes.indexes()) {
-    const std::string& dir = volumes.dirOf(volume);
-    findBlocks(dir + '/' + BLOCKS_DIR, volume, found, [&](uint64_t blocks) {
-      if (options.onProgress) options.onProgress({dir, blocks});
+  for (const VolumeRoot& root : volumes.roots()) {
+    findBlocks(root.dir + '/' + BLOCKS_DIR, root.index, found, [&](uint64_t blocks) {
+      if (options.onProgress) options.onProgress({root.dir, blocks});
     });
   }
   engine->countFound(found.size());
@@ -113,9 +114,8 @@ void OpenCache::enterBlocks() {
 CZuError OpenCache::enterStaged() {
   std::unordered_map<ObjectId, std::vector<FoundBlock>, HashOfObject> objects;
   std::vector<FoundBlock> found;
-  for (const VolIndex volume : volumes.indexes()) {
-    findBlocks(volumes.dirOf(volume) + '/' + STAGED_DIR, volume, found, {});
-  }
+  for (const VolumeRoot& root : volumes.roots())
+    findBlocks(root.dir + '/' + STAGED_DIR, root.index, found, {});
   engine->countFound(found.size());
   for (const FoundBlock& block : found) {
     account.add(block.volume, block.bytes);

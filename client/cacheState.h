@@ -8,7 +8,7 @@
 #include "client/objectCache.h"
 #include "client/usage.h"
 #include "client/verifiedBlocks.h"
-#include "client/volumeMarkers.h"
+#include "client/volumeMover.h"
 #include "client/writeBack.h"
 
 namespace ObjectStore {
@@ -16,7 +16,7 @@ namespace ObjectStore {
 // Lives from open() to close(). The engine is built before those who use it and ends after them, but its pruner's
 // callback comes to `room`: the engine is destroyed first.
 struct OpenCache {
-  explicit OpenCache(const ObjectCacheOptions& chosen, Metrics& counters);
+  OpenCache(const ObjectCacheOptions& chosen, Metrics& counters, VolumeMarkers& markers);
   ~OpenCache();
   OpenCache(const OpenCache&) = delete;
   OpenCache& operator=(const OpenCache&) = delete;
@@ -30,6 +30,7 @@ struct OpenCache {
   HotTable hot;
   VerifiedBlocks verified;
   VolumeSet volumes;
+  VolumeMover mover;
   Room room;
   BlockStore store;
   Flights flights;

@@ -107,6 +107,16 @@ void HotTable::erase(const BlockId& block) {
   if (slot.block) gone = take(shard, static_cast<size_t>(&slot - shard.slots.data()));
 }
 
+void HotTable::clear() {
+  for (Shard& shard : m_shards) {
+    std::vector<Slot> gone;
+    const KxCriticalSectionLock lock(&shard.lock);
+    for (const Slot& slot : shard.slots) uncount(slot);
+    gone.swap(shard.slots);
+    shard.size = shard.hand = shard.copyHand = 0;
+  }
+}
+
 void HotTable::keep(const Block& block, Copy copy) {
   const uint64_t bytes = costOfCopy(*block);
   if (!makeRoom(bytes)) return;

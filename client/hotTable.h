@@ -46,6 +46,7 @@ class HotTable {
   Found find(const BlockId& block);
   void insert(const BlockId& block, Block open);
   void erase(const BlockId& block);
+  void clear();
   // Keeps a copy of the payload of a block, unless that has left the table, or others' copies don't make room: they
   // are gone over like blocks.
   void keep(const Block& block, Copy copy);

@@ -87,7 +87,9 @@ void renderPrometheus(const ObjectCacheMetrics& metrics, std::string& out) {
   page.value("absent_volumes", "", "gauge", "Volumes without their marker", metrics.absentVolumes);
   page.value("hot_blocks", "", "gauge", "Descriptors of blocks open", metrics.hotBlocks);
   page.value("hot_bytes", "", "gauge", "Bytes of memory that keep small blocks", metrics.hotBytes);
-  for (const auto& [key, text] : metrics.engine) {
+  auto engine = metrics.engine;
+  engine.insert(metrics.engineCounters.begin(), metrics.engineCounters.end());
+  for (const auto& [key, text] : engine) {
     char* end = nullptr;
     const double value = std::strtod(text.c_str(), &end);
     if (end == text.c_str() || *end != '\0' || key == "DC.LRUPtr") continue;  // a text or an address

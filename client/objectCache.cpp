@@ -7,6 +7,7 @@
 #include <bit>
 #include <cerrno>
 #include <filesystem>
+#include <mutex>
 #include <new>
 
 #include "client/cacheState.h"
@@ -18,6 +19,7 @@ namespace ObjectStore {
 namespace {
 
 constexpr size_t MOST_HOT_BLOCKS = 4096;
+constexpr uint64_t LEAST_MAX_BLOCKS = 5;  // the engine takes no less
 
 size_t defaultHotBlocks() {
   rlimit limit{};
@@ -40,6 +42,7 @@ CZuError checkOptions(const ObjectCacheOptions& options) {
   if (!std::has_single_bit(options.blockSize) || options.blockSize < MIN_BLOCK_SIZE ||
       options.blockSize > MAX_BLOCK_SIZE)
     wrong = "blockSize";
+  if (options.maxBlocks > 0 && options.maxBlocks < LEAST_MAX_BLOCKS) wrong = "maxBlocks";
   if (options.maxHotBytes > 0 && options.maxHotBytes < HotTable::LEAST_BYTES) wrong = "maxHotBytes";
   return wrong ? RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EINVAL, "ObjectCacheOptions::%s makes no sense",
                                          wrong)
@@ -54,6 +57,7 @@ struct ObjectCache::State {
   VolumeMarkers markers;
   size_t absentVolumes = 0;
   std::unique_ptr<OpenCache> cache;
+  std::mutex moving;  // held while a volume is moved
 
   CZuError open();
 };
@@ -77,7 +81,7 @@ CZuError ObjectCache::State::open() {
     if (isPresent) present.push_back(volume);
   }
   absentVolumes = options.volumes.size() - present.size();
-  cache = std::make_unique<OpenCache>(options, metrics);
+  cache = std::make_unique<OpenCache>(options, metrics, markers);
   return cache->start(present);
 }
 
@@ -182,6 +186,21 @@ void ObjectCache::setMaxBytes(uint64_t bytes) {
   if (m_state->cache) m_state->cache->room.setBound(bytes);
 }
 
+CZuError ObjectCache::moveVolume(const std::string& volume, const std::string& destination) try {
+  if (!m_state->cache) return keyError(RM_CODE_LOCATION, EBADF, volume, "the cache is not open");
+  const std::unique_lock alone(m_state->moving, std::try_to_lock);
+  if (!alone) return keyError(RM_CODE_LOCATION, EALREADY, volume, "another move is under way");
+  if (volume.empty() || destination.empty())
+    return keyError(RM_CODE_LOCATION, EINVAL, volume, "needs a destination");
+  auto& volumes = m_state->options.volumes;
+  const std::string from = absoluteDir(volume), to = absoluteDir(destination);
+  const CZuError error = m_state->cache->mover.run(from, to);
+  if (!error.IsError()) std::replace(volumes.begin(), volumes.end(), from, to);
+  return error;
+} catch (const std::exception&) {
+  return keyError(RM_CODE_LOCATION, ENOMEM, volume, "can't be moved");
+}
+
 ObjectCacheMetrics ObjectCache::metrics() {
   ObjectCacheMetrics metrics;
   m_state->metrics.fill(metrics);
@@ -196,7 +215,7 @@ ObjectCacheMetrics ObjectCache::metrics() {
   metrics.hotBlocks = cache.hot.size();
   metrics.hotBytes = cache.hot.bytes();
   cache.engine->getStatus(metrics.engine);
-  cache.engine->getCounters(metrics.engine);
+  cache.engine->getCounters(metrics.engineCounters);
   return metrics;
 }
 

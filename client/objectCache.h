@@ -64,6 +64,9 @@ struct ObjectCacheOptions {
   std::string root{};                  // a directory for the cache's own files; made if missing
   std::vector<std::string> volumes{};  // directories on the disks, in any order; made if missing
   uint64_t maxBytes = 0;               // mode Lru: what blocks may take on disk; 0 is no bound but the disks'
+  // Mode Lru: how many blocks may be prunable, 5 or more; 0 is no bound. Mode Random: how many of those used last
+  // pruning leaves alone, 5 or more; 0 is 1,024, or a sixteenth of small disks.
+  uint64_t maxBlocks = 0;
   PruningMode mode = PruningMode::Lru;
   uint32_t blockSize = 4 << 20;  // a power of two from 64 KiB to 256 MiB
   uint64_t reserve = 0;          // bytes to leave free on each volume's file system, if more than its 5 %
@@ -140,9 +143,10 @@ struct ReadResult {
   size_t bytes = 0;  // read; less than asked for only at the object's end, and before an error
   uint64_t objectSize = 0;
   std::shared_ptr<const Metadata> metadata{};
-  uint32_t hits = 0;    // blocks from memory or disk,
-  uint32_t misses = 0;  // asked of the origin by this call,
-  uint32_t joined = 0;  // and by another thread's
+  uint32_t hits = 0;     // blocks from memory or disk,
+  uint32_t misses = 0;   // asked of the origin by this call,
+  uint32_t joined = 0;   // and by another thread's
+  uint32_t damaged = 0;  // of the misses: blocks that were there, but not right
 
   explicit operator bool() const { return !error.IsError(); }
 };
@@ -194,8 +198,9 @@ class DISKCACHE_EXPORT ObjectCache {
   ObjectCache& operator=(const ObjectCache&) = delete;
 
   // Takes root and volumes and finds what is on them. EBUSY: another process or cache has the root, a volume
-  // belongs to another cache, or a volume's move is not finished; EEXIST: one volume given twice; EINVAL: options
-  // that make no sense, or staged objects of another block size. After an error the cache is closed.
+  // belongs to another cache or was moved to another directory, or a volume's move is not finished; EEXIST: one
+  // volume given twice; EINVAL: options that make no sense, or staged objects of another block size. After an error
+  // the cache is closed.
   CZuError open();
   // Ends the flush workers, each after the upload it is at, and gives root and volumes back.
   void close();
@@ -242,6 +247,14 @@ class DISKCACHE_EXPORT ObjectCache {
   // Another bound, as ObjectCacheOptions::maxBytes, until close(); blocks beyond it are given up before this returns.
   // Mode Random has none: it does nothing there.
   void setMaxBytes(uint64_t bytes);
+
+  // Moves a volume to another directory, which is made if missing, and returns when that has ended; everything else
+  // goes on meanwhile. From then on the volume is known by `destination`, also to the next open(), which refuses the
+  // old directory. What is left there is of no use: remove it. A kill in between leaves a root that open() refuses:
+  // finish with "diskcachectl migrate". After an error the volume is where it was: ENOENT: it is none, or not there;
+  // EINVAL: a destination that no volume may have, or in a volume, or a link or device among the volume's files;
+  // ENOTEMPTY: files lie at the destination; EALREADY: a move is under way; those of the disks.
+  CZuError moveVolume(const std::string& volume, const std::string& destination);
 
   ObjectCacheMetrics metrics();
   // Appends the metrics in Prometheus' text format, every name with the prefix "diskcache_client_", and once

@@ -23,10 +23,11 @@ namespace ObjectStore {
   X(diskBytes, "read_bytes_total", "{from=\"disk\"}", "Bytes read")                                 \
   X(originBytes, "read_bytes_total", "{from=\"origin\"}", "Bytes read")                             \
   X(storedBlocks, "stored_blocks_total", "", "Blocks written")                                      \
+  X(storedBytes, "stored_bytes_total", "", "Bytes of objects written")                              \
   X(prefetchedBlocks, "prefetched_blocks_total", "", "Blocks fetched before they were asked for")   \
   X(evictedBlocks, "evicted_blocks_total", "", "Blocks given up for room")                          \
   X(evictedBytes, "evicted_bytes_total", "", "Bytes on disk given up for room")                     \
-  X(expiredBlocks, "expired_blocks_total", "", "Blocks dropped for their age")                      \
+  X(expiredBlocks, "expired_blocks_total", "", "Blocks dropped for their age or block size")        \
   X(damagedBlocks, "damaged_blocks_total", "", "Blocks dropped because their bytes were not right") \
   X(leftovers, "leftovers_total", "", "Unfinished files removed")                                   \
   X(diskErrors, "disk_errors_total", "", "Blocks that could not be opened or read")                 \
@@ -61,7 +62,8 @@ struct ObjectCacheMetrics {
   Histogram missSeconds;     // bounds 1 µs · 4^i; every read with a miss, from there on
   Histogram evictedSeconds;  // bounds 1 s · 4^i; from a block's making to its giving up
 
-  std::map<std::string, std::string> engine;  // DiskCache::getStatus and getCounters
+  std::map<std::string, std::string> engine;          // DiskCache::getStatus
+  std::map<std::string, std::string> engineCounters;  // DiskCache::getCounters
 };
 
 }  // namespace ObjectStore

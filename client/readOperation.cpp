@@ -124,6 +124,9 @@ ReadOperation::Step ReadOperation::fromDisk(const BlockId& id, std::span<std::by
     case Found::Broken:
       if (mayDrop) dropBroken(id, Count::damagedBlocks);
       return Step::Miss;
+    case Found::Outdated:
+      if (mayDrop) dropBroken(id, Count::expiredBlocks);
+      return Step::Miss;
     case Found::Whole: break;
   }
   if (m_cache.options.verify == Verify::Once && m_cache.verified.contains(*lookup.block))
@@ -228,6 +231,7 @@ void ReadOperation::dropBroken(const BlockId& id, Count reason) {
   }
   m_cache.metrics.add(reason);
   if (reason == Count::damagedBlocks) {
+    ++m_result.damaged;
     DC_LOG(LogLevel::Error, "Error: block %u of [%.*s] is damaged and dropped", id.number,
            static_cast<int>(m_key.size()), m_key.data());
   }

@@ -65,7 +65,7 @@ bool Room::giveUp(const std::string& path, const std::string& name) {
   if (writing.contains(*block) || staged.contains(*block)) return m_isLru;
   m_hot.erase(*block);  // closed first, so that the space comes back at once
   VolIndex volume = 0;
-  if (!m_engine.findVolume(name, volume)) volume = m_volumes.indexOfPath(path);
+  if (!m_engine.findVolume(name, volume)) volume = m_volumes.rootOf(path).index;
   struct stat status {};
   const bool isThere = lstat(path.c_str(), &status) == 0;
   const uint64_t bytes = remove(name, volume, BLOCKS_DIR);

@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "client/failure.h"
+#include "diskcache/diskcache.h"
 
 namespace ObjectStore {
 
@@ -22,6 +23,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* LOCK_FILE = "/client.lock";
 constexpr const char* VOLUMES_FILE = "/client.volumes";
+constexpr const char* MOVE_FILE = "/migrate";  // the engine's, while it moves a volume
 constexpr mode_t FILE_MODE = 0600;
 constexpr size_t MAX_FILE = 1 << 20;
 
@@ -78,6 +80,12 @@ int writeSmallFile(const std::string& path, const std::string& text) {
 
 }  // namespace
 
+int markMoved(const std::string& dir) {
+  const std::string marker = dir + '/' + VOLUME_MARKER, moved = dir + '/' + MOVED_MARKER;
+  errno = 0;
+  return rename(marker.c_str(), moved.c_str()) == 0 ? syncDirectory(dir + '/' + BLOCKS_DIR) : lastError();
+}
+
 CZuError VolumeMarkers::open(const std::string& root) {
   m_root = root;
   if (const int rc = makeDirectories(root); rc != 0) {
@@ -98,7 +106,7 @@ CZuError VolumeMarkers::open(const std::string& root) {
   const std::string self = std::to_string(getpid());
   if (ftruncate(m_lock, 0) == 0) [[maybe_unused]]
     const ssize_t put = pwrite(m_lock, self.data(), self.size(), 0);
-  if (std::error_code ignored; fs::exists(root + "/migrate", ignored)) {
+  if (std::error_code ignored; fs::exists(root + MOVE_FILE, ignored)) {
     return DC_CLIENT_FAIL(EBUSY, "a move of a volume of [%s] is not finished", root.c_str());
   }
   return load();
@@ -154,6 +162,10 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   std::string text;
   const int rc = readSmallFile(path, text);
   isPresent = true;
+  if (rc == ENOENT && readSmallFile(volume + '/' + MOVED_MARKER, text) == 0) {
+    return DC_CLIENT_FAIL(EBUSY, "volume [%s] was moved away: give the directory that it lies in now",
+                          volume.c_str());
+  }
   if (rc == ENOENT) {
     const bool isKnown = std::any_of(m_known.begin(), m_known.end(),
                                      [&](const auto& known) { return known.second == volume; });
@@ -179,6 +191,20 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   if (m_known[id] == volume) return {};
   m_known[id] = volume;
   return save();
+}
+
+void VolumeMarkers::syncRoot() const {
+  (void)syncFname(m_root + MOVE_FILE);
+  (void)syncDirectory(m_root);
+}
+
+void VolumeMarkers::follow(const std::string& from, const std::string& to) {
+  for (auto& [id, dir] : m_claimed) {
+    if (dir == from) dir = m_known[id] = to;
+  }
+  (void)save();  // it fails for want of room: the next start finds the marker
+  if (const int rc = markMoved(from); rc != 0)
+    DC_LOG(LogLevel::Error, "Error: can't mark [%s] as moved (%d): remove it", from.c_str(), rc);
 }
 
 }  // namespace ObjectStore

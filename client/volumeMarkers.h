@@ -2,9 +2,10 @@
 //
 // The root holds "client.lock", locked while a cache is open, and "client.volumes": the cache's identity and each
 // volume's, with the directory it was last given as. A volume holds "blocks/volume.id" with both identities. So an
-// unmounted disk's empty mount point is not taken for the volume, and no two caches share one.
+// unmounted disk's empty mount point is not taken for the volume, and no two caches share one. What is left where a
+// volume was moved from has "blocks/volume.moved" instead, and is taken for no volume.
 //
-// Used by one thread.
+// Used by one thread at a time.
 #pragma once
 
 #include <map>
@@ -17,6 +18,10 @@ namespace ObjectStore {
 inline constexpr const char* BLOCKS_DIR = "blocks";
 inline constexpr const char* STAGED_DIR = "staged";
 inline constexpr const char* VOLUME_MARKER = "blocks/volume.id";
+inline constexpr const char* MOVED_MARKER = "blocks/volume.moved";
+
+// Marks what a move has left in a directory, without a byte of space; 0 or a system error number.
+int markMoved(const std::string& dir);
 
 class VolumeMarkers {
  public:
@@ -31,9 +36,13 @@ class VolumeMarkers {
   void close();
 
   // Reads a volume's marker; makes it, and the directory, for a new volume. `isPresent` is false for one that is
-  // known but has no marker: it is not mounted, and nothing is put there unless `replace`. EBUSY: another cache's;
-  // EEXIST: claimed before under another name.
+  // known but has no marker: it is not mounted, and nothing is put there unless `replace`. EBUSY: another cache's,
+  // or left behind by a move; EEXIST: claimed before under another name.
   CZuError claim(const std::string& volume, bool replace, bool& isPresent);
+  // What the engine notes of a move in the root is on disk afterwards, if the disk permits.
+  void syncRoot() const;
+  // A claimed volume lies in another directory now.
+  void follow(const std::string& from, const std::string& to);
 
  private:
   CZuError load();

@@ -38,7 +38,8 @@ CZuError VolumeSet::add(const std::vector<std::string>& dirs) {
     }
     m_volumes.push_back(volume);
     m_indexes.push_back(volume.index);
-    m_dirs.push_back(dir);
+    const KxCriticalSectionLock rootsLock(&m_rootsLock);
+    m_roots.push_back({dir, volume.index});
   }
   for (const std::string& dir : dirs) m_engine.enableNewSegments(dir);
   m_engine.refreshCacheUtilizationData();
@@ -51,12 +52,14 @@ bool VolumeSet::hasRoom(uint64_t bytes) {
   for (CacheVolume& volume : m_volumes) {
     const bool isHere = isThere(volume);
     bool hasFiles = true;
-    const bool takes = isHere && canTake(volume, bytes, hasFiles);
+    // Of one that is moved the engine still looks at the source, too.
+    const bool takes = isHere && canTake(volume.dir, bytes, hasFiles) &&
+                       (volume.destination.empty() || canTake(volume.destination, bytes, hasFiles));
     isShortOfFiles = isShortOfFiles || !hasFiles;
     if (takes != volume.takesBlocks) {
       DC_LOG(LogLevel::Info, "volume [%s] takes blocks: %d", volume.dir.c_str(), takes ? 1 : 0);
-      takes ? m_engine.enableNewSegments(volume.dir) : m_engine.disableNewSegments(volume.dir);
-      volume.takesBlocks = takes;
+      const int rc = takes ? m_engine.enableNewSegments(volume.dir) : m_engine.disableNewSegments(volume.dir);
+      if (rc == 0) volume.takesBlocks = takes;  // a move that has just ended comes first
     }
     if (!isHere) m_account.clear(volume.index);  // what it holds is not ours to make room in
     any = any || takes;
@@ -71,26 +74,54 @@ bool VolumeSet::isThere(const CacheVolume& volume) const {
          marker.st_ino == volume.inode;
 }
 
-bool VolumeSet::canTake(const CacheVolume& volume, uint64_t bytes, bool& hasFiles) const {
+bool VolumeSet::canTake(const std::string& dir, uint64_t bytes, bool& hasFiles) const {
   struct statvfs status {};
-  if (statvfs(volume.dir.c_str(), &status) != 0) return false;
+  if (statvfs(dir.c_str(), &status) != 0) return false;
   const uint64_t total = uint64_t{status.f_blocks} * status.f_frsize;
   const uint64_t free = uint64_t{status.f_bavail} * status.f_frsize;
   hasFiles = status.f_files == 0 || status.f_favail >= m_options.reserveFiles + FILES_OF_A_BLOCK;
   return hasFiles && free >= std::max(m_options.reserve, total / ENGINE_RESERVE) + bytes;
 }
 
-const std::string& VolumeSet::dirOf(VolIndex volume) const {
-  static const std::string none;
-  const auto found = std::find(m_indexes.begin(), m_indexes.end(), volume);
-  return found == m_indexes.end() ? none : m_dirs[static_cast<size_t>(found - m_indexes.begin())];
+CacheVolume& VolumeSet::find(VolIndex volume) {
+  return *std::find_if(m_volumes.begin(), m_volumes.end(),
+                       [&](const CacheVolume& each) { return each.index == volume; });
 }
 
-VolIndex VolumeSet::indexOfPath(const std::string& path) const {
-  for (size_t i = 0; i < m_dirs.size(); ++i) {
-    if (path.starts_with(m_dirs[i] + '/')) return m_indexes[i];
+void VolumeSet::beginMove(VolIndex volume, const std::string& destination) {
+  const KxCriticalSectionLock lock(&m_lock);
+  find(volume).destination = destination;
+  const KxCriticalSectionLock rootsLock(&m_rootsLock);
+  m_roots.push_back({destination, volume});
+}
+
+void VolumeSet::endMove(VolIndex volume, bool isMoved) {
+  const KxCriticalSectionLock lock(&m_lock);
+  CacheVolume& moved = find(volume);
+  if (isMoved) {
+    moved.dir.swap(moved.destination);
+    struct stat marker {};
+    (void)stat((moved.dir + '/' + VOLUME_MARKER).c_str(), &marker);
+    moved.device = marker.st_dev;
+    moved.inode = marker.st_ino;
+    m_engine.refreshCacheUtilizationData();  // of another file system, maybe
   }
-  return 0;
+  const KxCriticalSectionLock rootsLock(&m_rootsLock);
+  std::erase_if(m_roots, [&](const VolumeRoot& root) { return root.dir == moved.destination; });
+  moved.destination.clear();
+}
+
+std::vector<VolumeRoot> VolumeSet::roots() const {
+  const KxCriticalSectionLock lock(&m_rootsLock);
+  return m_roots;
+}
+
+VolumeRoot VolumeSet::rootOf(const std::string& path) const {
+  const KxCriticalSectionLock lock(&m_rootsLock);
+  for (const VolumeRoot& root : m_roots) {
+    if (path.starts_with(root.dir + '/')) return root;
+  }
+  return {};
 }
 
 }  // namespace ObjectStore

@@ -1,4 +1,5 @@
-// Eight threads do at random what clients do, beside restarts; every byte is compared with what it must be.
+// Eight threads do at random what clients do, beside restarts and volumes that move; every byte is compared with what
+// it must be.
 #include <random>
 #include <thread>
 
@@ -48,7 +49,7 @@ class ClientModelTest : public ClientTest {
   }
 };
 
-TEST_F(ClientModelTest, EightThreadsAndRestarts) {
+TEST_F(ClientModelTest, EightThreadsRestartsAndMoves) {
   const size_t operations = soaked(250);
   ObjectCacheOptions chosen = options(2);
   chosen.maxBytes = 3 << 20;
@@ -72,6 +73,9 @@ TEST_F(ClientModelTest, EightThreadsAndRestarts) {
       std::vector<std::jthread> threads;
       for (unsigned t = 0; t < 8; ++t)
         threads.emplace_back([=, this] { work(life * 8 + t + 1, operations); });
+      const std::string destination = dir / "moved" + std::to_string(life);
+      EXPECT_EQ(outcome(cache->moveVolume(chosen.volumes[life % 2], destination)), "success");
+      std::filesystem::remove_all(std::exchange(chosen.volumes[life % 2], destination));
     }
     EXPECT_TRUE(cache->drained(std::chrono::steady_clock::now() + LONGEST_WAIT));
     const ObjectCacheMetrics metrics = cache->metrics();

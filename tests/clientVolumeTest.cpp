@@ -90,6 +90,9 @@ TEST_F(ClientVolumeTest, RootsAndVolumesAreNotShared) {
   ObjectCacheOptions wrong = options();
   wrong.blockSize = 65537;
   EXPECT_EQ(openWith(wrong), "EINVAL");
+  wrong = options();
+  wrong.maxBlocks = 4;
+  EXPECT_EQ(openWith(wrong), "EINVAL");
   EXPECT_EQ(outcome(cache->read("key", "v", 0, {}, [](OriginRequest&) { return OriginAnswer(); }).error),
             "EBADF");
   writeFile(dir / "root/migrate", "1\n/a\n/b\n");
@@ -124,6 +127,65 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
   EXPECT_EQ(cache->metrics().hotBlocks, 5U);
   readObjects(25, 30);
   EXPECT_EQ(asked(), 0U);
+  chosen.maxBytes = 0;
+  chosen.maxBlocks = 7;
+  start(chosen);
+  readObjects(25, 34);
+  EXPECT_EQ(cache->metrics().evictedBlocks, 2U);
+  EXPECT_EQ(asked(), 4U);
+  readObjects(27, 34);
+  EXPECT_EQ(asked(), 0U);
+  EXPECT_EQ(files().size(), 7U);
+}
+
+TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
+  ObjectCacheOptions chosen = options(2);
+  start(chosen);
+  readObjects(0, 40);
+  for (const char* key : {"staged0", "staged1"})
+    ASSERT_EQ(stage(key, 1000), "success");  // one on each volume
+  const std::vector<std::string> before = files(), was = chosen.volumes;
+  asked();
+
+  // Refused or failed, and all is as before.
+  fs::create_symlink("nowhere", was[0] + "/blocks/link");
+  writeFile(dir / "taken/below/file", "x");
+  const std::tuple<std::string, std::string, const char*> refusals[] = {
+      {was[0], dir / "failed", "EINVAL"},   {was[0], was[1] + "/below", "EINVAL"},
+      {was[0], was[0], "EINVAL"},           {was[0], "", "EINVAL"},
+      {was[0], dir / "taken", "ENOTEMPTY"}, {dir / "none", dir / "new", "ENOENT"}};
+  for (const auto& [source, destination, told] : refusals) {
+    const CZuError error = cache->moveVolume(source, destination);
+    EXPECT_EQ(outcome(error), told) << destination;
+    EXPECT_NE(error.AsString().find(source), std::string::npos) << error.AsString();
+  }
+  EXPECT_EQ(files(), before);
+  readObjects(0, 40);
+  start(chosen);
+  readObjects(0, 40);
+  EXPECT_EQ(asked(), 0U);
+  fs::remove(was[0] + "/blocks/link");
+
+  ASSERT_EQ(outcome(cache->moveVolume(was[0] + "//", dir / "new")), "success");
+  EXPECT_EQ(cache->metrics().hotBlocks, 0U);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir / "new"), {}), 3);  // blocks, staged, recycle
+  readObjects(0, 60);
+  EXPECT_EQ(asked(), 20U);
+  EXPECT_EQ(openWith(chosen), "EBUSY");
+  chosen.volumes[0] = dir / "new";
+  start(chosen);
+  EXPECT_EQ(cache->staged().objects, 2U);
+  readObjects(0, 60);
+  EXPECT_EQ(asked(), 0U);
+  // Back again, also for the next open() of the same cache.
+  fs::remove_all(was[0]);
+  ASSERT_EQ(outcome(cache->moveVolume(dir / "new", was[0])), "success");
+  cache->close();
+  ASSERT_EQ(outcome(cache->open()), "success");
+  readObjects(0, 60);
+  EXPECT_EQ(asked(), 0U);
+  ASSERT_EQ(outcome(cache->flush(upload, 0)), "success");
+  EXPECT_EQ(files("staged").size(), 1U);  // left where the volume was
 }
 
 TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {

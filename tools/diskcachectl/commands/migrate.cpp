@@ -21,6 +21,7 @@
 #include <system_error>
 #include <vector>
 
+#include "client/volumeMarkers.h"
 #include "commands/commands.h"
 #include "common/options.h"
 #include "common/output.h"
@@ -45,7 +46,8 @@ constexpr std::chrono::milliseconds POLL_INTERVAL(10);  // of an interrupt, too
 constexpr size_t MAX_NAMES = 10;
 
 constexpr const char* HELP =
-    R"(Copies a volume to DIR and points the cache there; the source stays as it is. The engine leaves some
+    R"(Copies a volume to DIR and points the cache there; the source stays as it is, but for the marker of a cache of
+named objects, which will not take it for its volume again. The engine leaves some
 directories behind when their number is no multiple of 4, and files that lie directly in the volume:
 the command stops when there are any, unless told what to do. No file may lie in DIR yet, so that nothing
 older takes the place of what is copied; but a migration that was killed is resumed by the same command.
@@ -287,6 +289,8 @@ void run(Options options) {
     throw Failure(ExitStatus::Error, fmt::format("{}: {}; the volume stays at {}", options.destination,
                                                  std::strerror(outcome), source));
   }
+  if (const int rc = markMoved(source); rc != 0 && rc != ENOENT)
+    fail(source, rc);  // ENOENT: of other clients
   printResult(options, source, plan, counter->copied());
 }
 

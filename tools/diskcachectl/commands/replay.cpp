@@ -5,11 +5,14 @@
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
 #include <CLI/Validators.hpp>
+#include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,10 +21,11 @@
 #include "common/failure.h"
 #include "common/options.h"
 #include "common/units.h"
-#include "replay/cacheClient.h"
+#include "replay/cacheSession.h"
 #include "replay/replayRun.h"
 #include "replay/report.h"
 #include "replay/workload.h"
+#include "support/config.h"
 #include "support/log.h"
 
 namespace diskcachectl::replay {
@@ -36,8 +40,9 @@ constexpr const char* HELP =
 and compares every hit with the origin's bytes. The origin's objects are files, or made up for a trace.
 
 A cached object of another size than asked for has been replaced at the origin: a miss, and cached anew.
-Volumes that hold an earlier run's segments are used as they are. Latencies: of a hit the cache's read; of a
-miss the read, the fetch and the write.
+Each object is one entry of the recency list, but for those over 256 MiB: one for each 256 MiB. Volumes that hold
+what an earlier run with objects of about these sizes cached are used as they are. Latencies: of a hit the cache's
+read; of a miss the read, the fetch and the write.
 Exit status: 0 success, 1 wrong bytes, 2 usage or bad input, 3 an error of the cache or the system.
 
 Example:
@@ -45,7 +50,8 @@ Example:
     --max-entries 1000)";
 
 struct Options {
-  CacheSettings cache;
+  ObjectStore::ObjectCacheOptions cache;
+  std::optional<uint64_t> budget;  // bytes that may be used beyond those used at the start
   RunSettings run;
   std::string mode = "lru";
   std::string origin;
@@ -103,10 +109,48 @@ class LogScope {
   LogScope& operator=(const LogScope&) = delete;
 };
 
-Report replay(const Options& options, const Workload& workload) {
+void setWatermarks(const std::string& used, uint64_t budget) {
+  const auto set = [&](const char* name, uint64_t bytes) {
+    ObjectStore::ConfigStore::set(ObjectStore::CONFIG_SECTION, name,
+                                  std::to_string(std::stoull(used) + bytes));
+  };
+  set("DiskCacheLowWMBytes", budget / 10 * 7 + budget % 10 * 7 / 10);
+  set("DiskCacheHighWMBytes", budget / 10 * 9 + budget % 10 * 9 / 10);
+  set("DiskCacheAlarmWMBytes", budget);
+}
+
+// Each object is one block: one entry of the recency list.
+uint32_t blockSizeFor(const Workload& workload) {
+  using namespace ObjectStore;
+  return static_cast<uint32_t>(
+      std::bit_ceil(std::clamp<uint64_t>(workload.largest(), MIN_BLOCK_SIZE, MAX_BLOCK_SIZE)));
+}
+
+void bringUp(ObjectStore::ObjectCache& cache, const Options& options) {
+  for (const std::string& dir : options.cache.volumes) {
+    std::error_code error;  // the cache would take it for a disk that is not there
+    if (!std::filesystem::create_directories(dir, error) && error) {
+      throw Failure(ExitStatus::Error, fmt::format("{}: {}", dir, error.message()));
+    }
+  }
+  const ObjectStore::CZuError error = cache.open();
+  if (error.IsError()) fail(options.cache.root, error);
+  const ObjectStore::ObjectCacheMetrics metrics = cache.metrics();
+  if (metrics.absentVolumes > 0)
+    throw Failure(ExitStatus::Error, options.cache.root + ": a volume can't be read");
+  if (options.budget) setWatermarks(metrics.engine.at("DC.UsedCache"), *options.budget);
+}
+
+Report replay(Options options, const Workload& workload) {
   const LogScope log(options.log, options.logLevel);
-  CacheClient cache(options.cache);
+  options.cache.blockSize = blockSizeFor(workload);
+  options.cache.verify = ObjectStore::Verify::Never;  // every hit is compared with the origin's bytes
+  options.cache.highWatermark = options.cache.lowWatermark = NEVER;  // but for the budget
+  options.cache.replaceVolumes = true;
+  ObjectStore::ObjectCache cache(options.cache);
+  bringUp(cache, options);
   RunSettings settings = options.run;
+  settings.volumes = options.cache.volumes;
   if (settings.requests == 0) settings.requests = workload.defaultLength();
 
   Report report;
@@ -115,9 +159,7 @@ Report replay(const Options& options, const Workload& workload) {
   const auto start = std::chrono::steady_clock::now();
   report.tally = runReplay(workload, cache, settings);
   report.elapsedS = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  report.pruned = cache.pruned();
-  report.status = cache.status();
-  report.counters = cache.counters();
+  report.metrics = cache.metrics();
   return report;
 }
 
@@ -127,10 +169,10 @@ void run(Options options) {
   }
   const bool isLru = options.mode == "lru";
   options.cache.mode = isLru ? ObjectStore::PruningMode::Lru : ObjectStore::PruningMode::Random;
-  if (!isLru && !options.cache.budget) {
+  if (!isLru && !options.budget) {
     throw Failure(ExitStatus::BadInput, "replay: --mode random needs --budget (see --help)");
   }
-  if (options.cache.maxEntries == 0) options.cache.maxEntries = isLru ? MAX_ENTRIES_LRU : MAX_ENTRIES_RANDOM;
+  if (options.cache.maxBlocks == 0) options.cache.maxBlocks = isLru ? MAX_ENTRIES_LRU : MAX_ENTRIES_RANDOM;
   Output json(options.json);
   const auto workload = options.trace.empty()
                             ? makeDirectoryWorkload(options.origin, options.zipf, options.seed)
@@ -148,6 +190,10 @@ void run(Options options) {
     throw Failure(ExitStatus::CheckFailed,
                   fmt::format("replay: {} times wrong bytes, first in {}",
                               formatCount(report.tally.verifyFailures), report.tally.firstFailure));
+  }
+  if (const uint64_t errors = report.metrics.diskErrors + report.metrics.refusedByDisk; errors != 0) {
+    throw Failure(ExitStatus::Error,
+                  fmt::format("replay: {} errors of the disks (see --log)", formatCount(errors)));
   }
 }
 
@@ -175,7 +221,7 @@ void add(CLI::App& program) {
 
   add("--root", options->cache.root, "DIR", "Directory of the cache's own files; made if missing")
       ->required();
-  add("--volume", options->cache.volumes, "DIR", "Directory for segments; give one or several")
+  add("--volume", options->cache.volumes, "DIR", "Directory for what is cached; give one or several")
       ->required()
       ->expected(1)
       ->take_all();
@@ -205,13 +251,13 @@ void add(CLI::App& program) {
   add("--migrate-to", options->run.moveVolumeTo, "DIR",
       "Move the first volume to DIR while the second half of the requests goes on");
 
-  add("--mode", options->mode, "lru|random", "Whether least recently used or random segments make room")
+  add("--mode", options->mode, "lru|random", "Whether least recently used or random objects make room")
       ->check(CLI::IsMember({"lru", "random"}).description(""))
       ->capture_default_str();
-  add("--max-entries", options->cache.maxEntries, "N",
+  add("--max-entries", options->cache.maxBlocks, "N",
       "Bound of the recency list, at least 5 (default: 100000, in mode random 5)")
       ->check(range(uint64_t{5}, uint64_t{1} << 48));
-  add("--budget", options->cache.budget, "SIZE",
+  add("--budget", options->budget, "SIZE",
       "Space that may be used beyond what is used at the start (64MiB, 1.5G); needed in mode random")
       ->transform(CLI::Validator(toBytes, ""));
 

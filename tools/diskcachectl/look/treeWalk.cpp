@@ -54,7 +54,8 @@ FileKind kindOf(const WalkedFile& file) {
   }
   const bool isAmongBlocks =
       file.relative == "blocks" || (file.relative.empty() && lastPart(file.dir) == "blocks");
-  if (isAmongBlocks && (name == "volume.id" || name == "volume.id.new")) return FileKind::Own;
+  if (isAmongBlocks && (name == "volume.id" || name == "volume.id.new" || name == "volume.moved"))
+    return FileKind::Own;
   if (file.relative == "recycle" || file.relative.starts_with("recycle/")) return FileKind::Recycled;
   return name.ends_with(".temp") || name.ends_with(".copying") ? FileKind::Leftover : FileKind::Segment;
 }

@@ -23,29 +23,4 @@ struct VolumeMove {
   static std::optional<int> waitFor(std::chrono::milliseconds timeout);
 };
 
-// A replay's move: leaves no segment behind, and begins anew when one was given up while it was copied.
-class PaddedMove {
- public:
-  PaddedMove(ObjectStore::DiskCache& cache, const ObjectStore::Volume& volume, std::string destination);
-  // Removes what the start has put into the source.
-  ~PaddedMove();
-  PaddedMove(const PaddedMove&) = delete;
-  PaddedMove& operator=(const PaddedMove&) = delete;
-
-  // Both throw a Failure with what the cache says.
-  void start();
-  // Waits for the end. A move to a new directory that ended because a segment vanished while it was copied
-  // begins anew, from nothing: what the first one left may be older than the source.
-  void finish();
-
- private:
-  void padSource();
-
-  ObjectStore::DiskCache& m_cache;
-  const ObjectStore::VolIndex m_index;
-  const std::string m_source;
-  const std::string m_destination;
-  const bool m_isNew;  // there was nothing at the destination
-};
-
 }  // namespace diskcachectl

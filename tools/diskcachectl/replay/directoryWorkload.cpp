@@ -14,6 +14,7 @@
 
 #include "common/failure.h"
 #include "common/units.h"
+#include "look/looking.h"
 #include "replay/workload.h"
 #include "workload/mixing.h"
 #include "workload/zipf.h"
@@ -34,8 +35,7 @@ struct File {
   throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", path, why));
 }
 
-// All regular files that can be the content of a section, in an order that does not depend on the file
-// system.
+// All regular files that can be an object, in an order that does not depend on the file system.
 std::vector<File> listFiles(const std::string& dir, uint64_t& leftOut) {
   std::error_code error;
   fs::recursive_directory_iterator entry(dir, fs::directory_options::skip_permission_denied, error);
@@ -80,6 +80,8 @@ class DirectoryWorkload : public Workload {
         m_draw(static_cast<uint32_t>(m_files.size()), zipfExponent, seed) {}
 
   uint64_t defaultLength() const override { return m_files.size() * REQUESTS_PER_FILE; }
+  uint32_t objects() const override { return static_cast<uint32_t>(m_files.size()); }
+  uint32_t largest() const override { return std::ranges::max(m_files, {}, &File::size).size; }
 
   Request request(uint64_t n) const override {
     const uint32_t object = m_draw.draw(n);
@@ -93,22 +95,16 @@ class DirectoryWorkload : public Workload {
     return digits.substr(0, 40);
   }
 
-  void fetch(const Request& request, std::vector<unsigned char>& bytes) const override {
+  void fetch(const Request& request, uint64_t from, std::span<std::byte> to) const override {
     const std::string path = (fs::path(m_dir) / m_files[request.object].path).native();
     const Descriptor file(path);
-    if (file.get() < 0) refuse(path, std::strerror(errno));
-    // Room for one byte more shows a file that grew.
-    bytes.resize(size_t{request.size} + 1);
-    size_t filled = 0;
-    while (filled < bytes.size()) {
-      const ssize_t got = read(file.get(), bytes.data() + filled, bytes.size() - filled);
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) refuse(path, std::strerror(errno));
-      if (got == 0) break;
-      filled += static_cast<size_t>(got);
-    }
-    if (filled != request.size) refuse(path, "its size changed during the run");
-    bytes.resize(filled);
+    struct stat status {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0) refuse(path, std::strerror(errno));
+    to = to.first(std::min<uint64_t>(to.size(), request.size - from));
+    const ssize_t got = readFully(file.get(), to.data(), to.size(), static_cast<off_t>(from));
+    if (got < 0) refuse(path, std::strerror(errno));
+    if (status.st_size != request.size || static_cast<size_t>(got) != to.size())
+      refuse(path, "its size changed during the run");
   }
 
   std::string leftOut() const override {

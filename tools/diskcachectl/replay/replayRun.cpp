@@ -5,14 +5,23 @@
 #include <condition_variable>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "client/blockName.h"
+#include "client/volumeMarkers.h"
 #include "common/progress.h"
+#include "diskcache/diskcache.h"
+#include "replay/cacheSession.h"
 
 namespace diskcachectl {
+
+using namespace ObjectStore;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -24,8 +33,12 @@ float microsecondsSince(Clock::time_point start) {
 
 class Replay {
  public:
-  Replay(const Workload& workload, CacheClient& cache, const RunSettings& settings)
-      : m_workload(workload), m_cache(cache), m_settings(settings), m_tallies(settings.threads) {}
+  Replay(const Workload& workload, ObjectCache& cache, const RunSettings& settings)
+      : m_workload(workload),
+        m_cache(cache),
+        m_settings(settings),
+        m_tallies(settings.threads),
+        m_lastSizes(workload.objects()) {}
 
   Tally run() {
     m_working = m_settings.threads;
@@ -40,7 +53,8 @@ class Replay {
       showProgress();
     }
     if (m_error) std::rethrow_exception(m_error);
-    if (isMoving()) m_cache.finishMove();
+    if (m_move.joinable()) m_move.join();
+    if (m_moveError.IsError()) fail(m_settings.moveVolumeTo, m_moveError);
 
     Tally total;
     for (const Tally& tally : m_tallies) total.merge(tally);
@@ -49,10 +63,14 @@ class Replay {
 
  private:
   struct Buffers {
-    std::vector<unsigned char> cached;
-    std::vector<unsigned char> origin;
+    std::vector<std::byte> cached;
+    std::vector<std::byte> origin;
   };
 
+  static std::span<std::byte> roomIn(std::vector<std::byte>& buffer, size_t size) {
+    if (buffer.size() < size) buffer.resize(size);
+    return std::span(buffer).first(size);
+  }
   bool isMoving() const { return !m_settings.moveVolumeTo.empty(); }
 
   void showProgress() {
@@ -67,7 +85,7 @@ class Replay {
     try {
       Buffers buffers;
       for (uint64_t n = 0; !m_stop && (n = m_next++) < m_settings.requests;) {
-        if (isMoving() && n == m_settings.requests / 2) m_cache.startMove(m_settings.moveVolumeTo);
+        if (isMoving() && n == m_settings.requests / 2) startMove();
         serve(m_workload.request(n), buffers, tally);
       }
     } catch (...) {
@@ -80,49 +98,73 @@ class Replay {
     m_ended.notify_one();
   }
 
+  void startMove() {
+    m_move = std::jthread(
+        [this] { m_moveError = m_cache.moveVolume(m_settings.volumes.front(), m_settings.moveVolumeTo); });
+  }
+
   void serve(const Request& request, Buffers& buffers, Tally& tally) {
-    const std::string id = m_workload.identifier(request.object);
+    const std::string id = m_workload.identifier(request.object), version = std::to_string(request.size);
     if (m_settings.onRequest) m_settings.onRequest(id, request.size);
+    const auto bytes = roomIn(buffers.cached, request.size);
     const Clock::time_point start = Clock::now();
-    const CacheClient::Answer answer = m_cache.read(id, request.size, buffers.cached);
-    if (answer.found == CacheClient::Found::Hit) {
-      tally.hitUs.push_back(microsecondsSince(start));
-      tally.bytesRead += request.size;
-      if (m_settings.verify) verify(id, request, buffers, tally);
+    const ReadResult got = read(request, id, version, bytes);
+    const float us = microsecondsSince(start);
+    if (got.damaged > 0) countWrong(tally, got.damaged, pathOf(id, version) + ", which was fetched anew");
+    if (got.misses + got.joined > 0) {
+      tally.missUs.push_back(us);
       return;
     }
-    m_workload.fetch(request, buffers.origin);
-    switch (answer.found) {
-      case CacheClient::Found::Nothing:
-      case CacheClient::Found::OtherSize: store(id, answer, buffers, tally); break;
-      case CacheClient::Found::Damage: countWrong(id, tally); break;  // left as it is, to be looked at
-      default: break;
+    tally.hitUs.push_back(us);
+    tally.bytesRead += request.size;
+    if (!m_settings.verify) return;
+    const auto expected = roomIn(buffers.origin, request.size);
+    m_workload.fetch(request, 0, expected);
+    if (std::memcmp(bytes.data(), expected.data(), request.size) != 0)
+      countWrong(tally, 1, pathOf(id, version));
+  }
+
+  ReadResult read(const Request& request, const std::string& id, const std::string& version,
+                  std::span<std::byte> bytes) {
+    const uint32_t lastSize = m_lastSizes[request.object].exchange(request.size);
+    if (lastSize != 0 && lastSize != request.size) m_cache.drop(id, std::to_string(lastSize), lastSize);
+    std::exception_ptr refusal;
+    const auto fetch = [&](uint64_t from, std::span<std::byte> to) -> OriginAnswer {
+      try {
+        m_workload.fetch(request, from, to);
+        return {.objectSize = request.size};
+      } catch (...) {
+        refusal = std::current_exception();
+        throw;
+      }
+    };
+    ReadResult got = m_cache.read(id, version, 0, bytes, fetch);
+    if (refusal) std::rethrow_exception(refusal);
+    if (!got) fail(id, got.error);
+    return got;
+  }
+
+  static void countWrong(Tally& tally, uint64_t count, const std::string& where) {
+    tally.verifyFailures += count;
+    if (tally.firstFailure.empty()) tally.firstFailure = where;
+  }
+
+  std::string pathOf(const std::string& id, const std::string& version) const {
+    const guid_t name = blockName({objectIdOf(id, version), 0});
+    std::vector<std::string> dirs = m_settings.volumes;
+    dirs.push_back(m_settings.moveVolumeTo);
+    for (const std::string& dir : dirs) {
+      const std::string path = dir + '/' + BLOCKS_DIR + '/' + DiskCache::guid2dir(name) + '/' + name;
+      if (std::filesystem::exists(path)) return path;
     }
-    tally.missUs.push_back(microsecondsSince(start));
-  }
-
-  void verify(const std::string& id, const Request& request, Buffers& buffers, Tally& tally) {
-    m_workload.fetch(request, buffers.origin);
-    if (std::memcmp(buffers.cached.data(), buffers.origin.data(), request.size) != 0) countWrong(id, tally);
-  }
-
-  void store(const std::string& id, const CacheClient::Answer& answer, Buffers& buffers, Tally& tally) {
-    switch (m_cache.write(id, answer.known, buffers.origin)) {
-      case CacheClient::Stored::Yes: tally.bytesWritten += buffers.origin.size(); break;
-      case CacheClient::Stored::NoRoom: ++tally.rejected; break;
-      case CacheClient::Stored::InWork: break;
-    }
-  }
-
-  void countWrong(const std::string& id, Tally& tally) {
-    ++tally.verifyFailures;
-    if (tally.firstFailure.empty()) tally.firstFailure = m_cache.pathOf(id);
+    return id;
   }
 
   const Workload& m_workload;
-  CacheClient& m_cache;
+  ObjectCache& m_cache;
   const RunSettings m_settings;
-  std::vector<Tally> m_tallies;  // one a thread
+  std::vector<Tally> m_tallies;                    // one a thread
+  std::vector<std::atomic<uint32_t>> m_lastSizes;  // by object; 0 before it was asked for
   std::atomic<uint64_t> m_next{0};
   std::atomic<bool> m_stop{false};
 
@@ -130,11 +172,14 @@ class Replay {
   std::condition_variable m_ended;
   unsigned m_working = 0;
   std::exception_ptr m_error;  // the first
+
+  CZuError m_moveError;
+  std::jthread m_move;
 };
 
 }  // namespace
 
-Tally runReplay(const Workload& workload, CacheClient& cache, const RunSettings& settings) {
+Tally runReplay(const Workload& workload, ObjectCache& cache, const RunSettings& settings) {
   return Replay(workload, cache, settings).run();
 }
 

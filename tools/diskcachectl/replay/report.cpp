@@ -64,10 +64,8 @@ nlohmann::ordered_json asJson(const Percentiles& us) {
 }  // namespace
 
 void Tally::merge(const Tally& other) {
-  rejected += other.rejected;
   verifyFailures += other.verifyFailures;
   bytesRead += other.bytesRead;
-  bytesWritten += other.bytesWritten;
   hitUs.insert(hitUs.end(), other.hitUs.begin(), other.hitUs.end());
   missUs.insert(missUs.end(), other.missUs.begin(), other.missUs.end());
   if (firstFailure.empty()) firstFailure = other.firstFailure;
@@ -87,10 +85,10 @@ std::string asTable(Report& report) {
   row("hits", formatCount(figures.hits));
   row("misses", formatCount(figures.misses));
   row("hit ratio", fmt::format("{:.2f} %", figures.hitRatio * 100));
-  row("rejected", formatCount(report.tally.rejected));
+  row("rejected", formatCount(report.rejected()));
   row("bytes read", formatSize(report.tally.bytesRead));
-  row("bytes written", formatSize(report.tally.bytesWritten));
-  row("pruned", formatCount(report.pruned));
+  row("bytes written", formatSize(report.metrics.storedBytes));
+  row("pruned", formatCount(report.metrics.evictedBlocks));
   row("wrong bytes", formatCount(report.tally.verifyFailures));
   row("requests/s", formatCount(static_cast<uint64_t>(std::llround(figures.requestsPerS))));
   table += fmt::format("{:<16}{:>14}{:>12}{:>12}{:>12}\n", "latency us", "p50", "p90", "p99", "max");
@@ -108,16 +106,16 @@ std::string asJson(Report& report) {
       {"hits", figures.hits},
       {"misses", figures.misses},
       {"hit_ratio", figures.hitRatio},
-      {"rejected", report.tally.rejected},
+      {"rejected", report.rejected()},
       {"verify_failures", report.tally.verifyFailures},
       {"bytes_read", report.tally.bytesRead},
-      {"bytes_written", report.tally.bytesWritten},
-      {"pruned", report.pruned},
+      {"bytes_written", report.metrics.storedBytes},
+      {"pruned", report.metrics.evictedBlocks},
       {"elapsed_s", report.elapsedS},
       {"requests_per_s", figures.requestsPerS},
       {"latency_us", {{"hit", asJson(figures.hitUs)}, {"miss", asJson(figures.missUs)}}},
-      {"status", report.status},
-      {"counters", report.counters},
+      {"status", report.metrics.engine},
+      {"counters", report.metrics.engineCounters},
   };
   return json.dump(2) + '\n';
 }

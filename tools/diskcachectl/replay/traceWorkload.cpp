@@ -9,7 +9,6 @@
 #include <fstream>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "common/failure.h"
 #include "common/identifier.h"
@@ -39,14 +38,17 @@ class TraceWorkload : public Workload {
 
   uint64_t defaultLength() const override { return m_requests.size(); }
   Request request(uint64_t n) const override { return m_requests[n % m_requests.size()]; }
+  uint32_t objects() const override { return static_cast<uint32_t>(m_ids.size()); }
+  uint32_t largest() const override { return std::ranges::max(m_requests, {}, &Request::size).size; }
   std::string identifier(uint32_t object) const override { return m_ids[object]; }
 
-  void fetch(const Request& request, std::vector<unsigned char>& bytes) const override {
-    uint64_t state = workload::mix(m_ids[request.object], request.size);
-    bytes.resize(request.size);
-    for (size_t at = 0; at < bytes.size(); at += sizeof(state)) {
-      state = workload::mix(state);
-      std::memcpy(bytes.data() + at, &state, std::min(sizeof(state), bytes.size() - at));
+  // `from` is a multiple of a word's size: a block's begin.
+  void fetch(const Request& request, uint64_t from, std::span<std::byte> to) const override {
+    const uint64_t first = workload::mix(m_ids[request.object], request.size) + from / sizeof(uint64_t);
+    to = to.first(std::min<uint64_t>(to.size(), request.size - from));
+    for (size_t at = 0; at < to.size(); at += sizeof(uint64_t)) {
+      const uint64_t word = workload::mix(first + at / sizeof(word));
+      std::memcpy(to.data() + at, &word, std::min(sizeof(word), to.size() - at));
     }
   }
 
@@ -71,7 +73,6 @@ class TraceWorkload : public Workload {
     auto known = m_objectOfId.find(id);
     if (known == m_objectOfId.end()) {
       if (const std::string_view why = whyRefused(id); !why.empty()) return std::string(why);
-      if (std::string why = whyInTheWay(id); !why.empty()) return why;
       m_ids.emplace_back(id);
       known = m_objectOfId.emplace(m_ids.back(), static_cast<uint32_t>(m_ids.size() - 1)).first;
       if (m_byId) m_firstSizes.push_back(static_cast<uint32_t>(size));
@@ -81,27 +82,11 @@ class TraceWorkload : public Workload {
     return "";
   }
 
-  // The file of "ab" is ab/ab, which is also the directory of "abab" and all that begins so: a cache holds
-  // only one of them at a time.
-  std::string whyInTheWay(std::string_view id) {
-    const std::string_view pair = id.substr(0, 2);
-    bool isTaken = false;
-    if (id.size() == 2) {
-      isTaken = m_doubledPairs.contains(std::string(pair));
-    } else if (id.size() >= 4 && id.substr(2, 2) == pair) {
-      m_doubledPairs.emplace(pair);
-      isTaken = m_objectOfId.contains(pair);
-    }
-    if (!isTaken) return "";
-    return fmt::format("the identifiers \"{0}\" and \"{0}{0}...\" need the same path in a cache", pair);
-  }
-
   const bool m_byId;
   std::vector<Request> m_requests;
   std::vector<uint32_t> m_firstSizes;  // by object, where they count
   std::deque<std::string> m_ids;       // by object; never moved, so that the map below can view them
   std::unordered_map<std::string_view, uint32_t> m_objectOfId;
-  std::unordered_set<std::string> m_doubledPairs;
 };
 
 }  // namespace

@@ -1,14 +1,14 @@
 // What a replay asks for, and the origin that has the bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
-#include <vector>
 
 namespace diskcachectl {
 
-// The longest section that one write of the system takes.
 inline constexpr uint64_t MAX_OBJECT_SIZE = 0x7ffff000;
 
 struct Request {
@@ -28,10 +28,13 @@ class Workload {
   virtual uint64_t defaultLength() const = 0;
   // The n-th request of any number.
   virtual Request request(uint64_t n) const = 0;
-  // The identifier of an object's segment.
+  virtual uint32_t objects() const = 0;
+  // Bytes of the largest request.
+  virtual uint32_t largest() const = 0;
   virtual std::string identifier(uint32_t object) const = 0;
-  // Gets an object's bytes, exactly `size`, from the origin. Throws a Failure that names what is in the way.
-  virtual void fetch(const Request& request, std::vector<unsigned char>& bytes) const = 0;
+  // Gets an object's bytes from offset `from` on from the origin: those that `to` has room for and the object has.
+  // Throws a Failure that names what is in the way.
+  virtual void fetch(const Request& request, uint64_t from, std::span<std::byte> to) const = 0;
   // What of the input is not among the objects and why; "" when nothing was left out.
   virtual std::string leftOut() const { return ""; }
 };
