@@ -279,7 +279,8 @@ int BlockStore::release(const BlockId& id, Durable durable) {
   m_room.staged.erase(id);
   (void)m_engine.remember(contextOf(Place::Prunable, *volume),
                           blockName(id));  // it fails for want of memory: the next start finds the block
-  return durable == Durable::Yes ? syncStaged(blockName(id), *volume) : 0;
+  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(blockName(id), *volume, STAGED_DIR))
+                                 : 0;
 }
 
 int BlockStore::discardStaged(const BlockId& id, Durable durable) {
@@ -294,18 +295,7 @@ int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   if (lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR))
     return errno != 0 ? errno : EIO;
   m_room.staged.erase(id);
-  return durable == Durable::Yes ? syncStaged(name, *volume) : 0;
-}
-
-// That a name is gone is on disk when its directory is: on either side of a move, where there is one.
-int BlockStore::syncStaged(const guid_t& name, VolIndex volume) {
-  for (const VolumeRoot& root : m_volumes.roots()) {
-    if (root.index != volume) continue;
-    const int rc =
-        syncDirectoryOf(root.dir + '/' + STAGED_DIR + '/' + DiskCache::guid2dir(name) + '/' + name);
-    if (rc != 0 && rc != ENOENT) return rc;
-  }
-  return 0;
+  return durable == Durable::Yes ? syncDirectoryOf(path) : 0;
 }
 
 }  // namespace ObjectStore

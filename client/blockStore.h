@@ -82,7 +82,6 @@ class BlockStore {
   int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
              ByteAccount::Grant& grant);
   void removeEverywhere(const guid_t& name);
-  int syncStaged(const guid_t& name, VolIndex volume);
 
   DiskCache& m_engine;
   VolumeSet& m_volumes;

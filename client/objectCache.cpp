@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <mutex>
 #include <new>
+#include <shared_mutex>
 
 #include "client/cacheState.h"
 #include "client/readOperation.h"
@@ -57,7 +58,7 @@ struct ObjectCache::State {
   VolumeMarkers markers;
   size_t absentVolumes = 0;
   std::unique_ptr<OpenCache> cache;
-  std::mutex moving;  // held while a volume is moved
+  std::shared_mutex moving;  // held alone while a volume is moved, shared while something is staged
 
   CZuError open();
 };
@@ -149,6 +150,8 @@ void ObjectCache::drop(std::string_view key, std::string_view version, uint64_t 
 CZuError ObjectCache::stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                             const Metadata& metadata) try {
   if (!m_state->cache) return keyError(RM_CODE_LOCATION, EBADF, key, "the cache is not open");
+  const std::shared_lock staging(m_state->moving, std::try_to_lock);
+  if (!staging) return keyError(RM_CODE_LOCATION, EBUSY, key, "can't be staged while a volume is moved");
   return m_state->cache->writeBack.stage(key, version, bytes, metadata);
 } catch (const std::bad_alloc&) {
   return keyError(RM_CODE_LOCATION, ENOMEM, key, "can't be staged");
@@ -189,7 +192,8 @@ void ObjectCache::setMaxBytes(uint64_t bytes) {
 CZuError ObjectCache::moveVolume(const std::string& volume, const std::string& destination) try {
   if (!m_state->cache) return keyError(RM_CODE_LOCATION, EBADF, volume, "the cache is not open");
   const std::unique_lock alone(m_state->moving, std::try_to_lock);
-  if (!alone) return keyError(RM_CODE_LOCATION, EALREADY, volume, "another move is under way");
+  if (!alone || staged().objects > 0)
+    return keyError(RM_CODE_LOCATION, EBUSY, volume, "something is staged, or another volume is moved");
   if (volume.empty() || destination.empty())
     return keyError(RM_CODE_LOCATION, EINVAL, volume, "needs a destination");
   auto& volumes = m_state->options.volumes;

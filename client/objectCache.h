@@ -225,7 +225,8 @@ class DISKCACHE_EXPORT ObjectCache {
   void drop(std::string_view key, std::string_view version, uint64_t objectSize);
 
   // Returns when the object is durable on disk, in the place that pruning leaves alone; it can be read at once.
-  // Success when it is staged already. On an error (ENOSPC, those of the disk) nothing of it is left.
+  // Success when it is staged already. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
+  // is left.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});
   // Gives a staged object up: once this has returned success no upload of it begins, also after a kill or a power
@@ -248,12 +249,14 @@ class DISKCACHE_EXPORT ObjectCache {
   // Mode Random has none: it does nothing there.
   void setMaxBytes(uint64_t bytes);
 
-  // Moves a volume to another directory, which is made if missing, and returns when that has ended; everything else
-  // goes on meanwhile. From then on the volume is known by `destination`, also to the next open(), which refuses the
-  // old directory. What is left there is of no use: remove it. A kill in between leaves a root that open() refuses:
-  // finish with "diskcachectl migrate". After an error the volume is where it was: ENOENT: it is none, or not there;
-  // EINVAL: a destination that no volume may have, or in a volume, or a link or device among the volume's files;
-  // ENOTEMPTY: files lie at the destination; EALREADY: a move is under way; those of the disks.
+  // Moves a volume to another directory, which is made if missing, and returns when that has ended; everything but
+  // stage() goes on meanwhile. From then on the volume is known by `destination`, also to the next open(), which
+  // refuses the old directory. What is left there is of no use: remove it. A kill in between leaves a root that open()
+  // refuses: finish with "diskcachectl migrate". After an error the volume is where it was: EBUSY: something is staged,
+  // or another volume is moved; ENOENT: it is none, or not there; EINVAL: a destination that no volume may have, or in
+  // a volume, or a link or device among the volume's files; ENOTEMPTY: files lie at the destination; those of the
+  // disks, also of the source, which is written to (EROFS). EIO may also say that the destination's disk went as the
+  // move ended: what the volume held are misses then.
   CZuError moveVolume(const std::string& volume, const std::string& destination);
 
   ObjectCacheMetrics metrics();

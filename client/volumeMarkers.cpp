@@ -8,10 +8,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <random>
 #include <sstream>
+#include <thread>
 
+#include "client/descriptor.h"
 #include "client/failure.h"
 #include "diskcache/diskcache.h"
 
@@ -80,10 +83,12 @@ int writeSmallFile(const std::string& path, const std::string& text) {
 
 }  // namespace
 
-int markMoved(const std::string& dir) {
-  const std::string marker = dir + '/' + VOLUME_MARKER, moved = dir + '/' + MOVED_MARKER;
+int markMoved(const std::string& source, const std::string& destination) {
+  const Descriptor dir(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   errno = 0;
-  return rename(marker.c_str(), moved.c_str()) == 0 ? syncDirectory(dir + '/' + BLOCKS_DIR) : lastError();
+  if (dir.fd < 0 || syncfs(dir.fd) != 0) return lastError();
+  const std::string marker = source + '/' + VOLUME_MARKER, moved = source + '/' + MOVED_MARKER;
+  return rename(marker.c_str(), moved.c_str()) == 0 ? syncDirectory(source + '/' + BLOCKS_DIR) : lastError();
 }
 
 CZuError VolumeMarkers::open(const std::string& root) {
@@ -162,7 +167,7 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   std::string text;
   const int rc = readSmallFile(path, text);
   isPresent = true;
-  if (rc == ENOENT && readSmallFile(volume + '/' + MOVED_MARKER, text) == 0) {
+  if (rc == ENOENT && readSmallFile(volume + '/' + MOVED_MARKER, text) != ENOENT) {
     return DC_CLIENT_FAIL(EBUSY, "volume [%s] was moved away: give the directory that it lies in now",
                           volume.c_str());
   }
@@ -193,8 +198,12 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   return save();
 }
 
-void VolumeMarkers::syncRoot() const {
-  (void)syncFname(m_root + MOVE_FILE);
+void VolumeMarkers::forgetMove() const { unlink((m_root + MOVE_FILE).c_str()); }
+
+void VolumeMarkers::awaitEndOfMove() const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (access((m_root + MOVE_FILE).c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   (void)syncDirectory(m_root);
 }
 
@@ -203,7 +212,7 @@ void VolumeMarkers::follow(const std::string& from, const std::string& to) {
     if (dir == from) dir = m_known[id] = to;
   }
   (void)save();  // it fails for want of room: the next start finds the marker
-  if (const int rc = markMoved(from); rc != 0)
+  if (const int rc = markMoved(from, to); rc != 0)
     DC_LOG(LogLevel::Error, "Error: can't mark [%s] as moved (%d): remove it", from.c_str(), rc);
 }
 

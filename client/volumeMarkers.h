@@ -20,8 +20,8 @@ inline constexpr const char* STAGED_DIR = "staged";
 inline constexpr const char* VOLUME_MARKER = "blocks/volume.id";
 inline constexpr const char* MOVED_MARKER = "blocks/volume.moved";
 
-// Marks what a move has left in a directory, without a byte of space; 0 or a system error number.
-int markMoved(const std::string& dir);
+// Marks what a move from `source` has left there, once the destination is on disk; 0 or a system error number.
+int markMoved(const std::string& source, const std::string& destination);
 
 class VolumeMarkers {
  public:
@@ -39,8 +39,10 @@ class VolumeMarkers {
   // known but has no marker: it is not mounted, and nothing is put there unless `replace`. EBUSY: another cache's,
   // or left behind by a move; EEXIST: claimed before under another name.
   CZuError claim(const std::string& volume, bool replace, bool& isPresent);
-  // What the engine notes of a move in the root is on disk afterwards, if the disk permits.
-  void syncRoot() const;
+  // Removes what the engine notes of a move in the root: none has begun.
+  void forgetMove() const;
+  // Returns when the engine has removed it itself, also from the disk, or does not within ten seconds.
+  void awaitEndOfMove() const;
   // A claimed volume lies in another directory now.
   void follow(const std::string& from, const std::string& to);
 

@@ -1,8 +1,5 @@
 #include "client/volumeMover.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,7 +8,6 @@
 #include <mutex>
 #include <thread>
 
-#include "client/descriptor.h"
 #include "client/failure.h"
 
 namespace ObjectStore {
@@ -45,8 +41,8 @@ class Padding {
       : m_source(source), m_destination(destination) {}
   ~Padding() {
     std::error_code ignored;
-    for (size_t i = 0; i < WORKERS; ++i) {
-      for (const std::string* dir : {&m_source, &m_destination}) fs::remove(pathIn(*dir, i), ignored);
+    for (const std::string& name : m_names) {
+      for (const std::string* dir : {&m_source, &m_destination}) fs::remove(*dir + name, ignored);
     }
   }
   Padding(const Padding&) = delete;
@@ -58,37 +54,41 @@ class Padding {
     size_t count = 0;
     fs::directory_iterator entry(m_source, error);
     for (; !error && entry != fs::directory_iterator(); entry.increment(error))
-      count += fs::is_directory(entry->symlink_status());
-    for (size_t i = 0; !error && count % WORKERS != 0; ++i)
-      count += fs::create_directory(pathIn(m_source, i), error);
+      count += fs::is_directory(entry->symlink_status(error));
+    for (size_t i = 0; !error && count % WORKERS != 0; ++i) {
+      const std::string name = "/moving" + std::to_string(i);
+      if (!fs::create_directory(m_source + name, error)) continue;
+      m_names.push_back(name);
+      ++count;
+    }
     return error.value();
   }
 
  private:
   static constexpr size_t WORKERS = 4;
-  static std::string pathIn(const std::string& dir, size_t number) {
-    return dir + "/moving" + std::to_string(number);
-  }
 
   const std::string& m_source;
   const std::string& m_destination;
+  std::vector<std::string> m_names;
 };
 
 }  // namespace
 
-// While it lives the mover hears of the end of what leaves `source`.
+// While it lives the mover hears of the end of what leaves `source`, unless another one does.
 class VolumeMover::Listener {
  public:
   Listener(VolumeMover& mover, const std::string& source) : m_source(source) {
     const std::scoped_lock lock(g_lock);
-    g_movers[m_source] = &mover;
+    hears = g_movers.try_emplace(m_source, &mover).second;
   }
   ~Listener() {
     const std::scoped_lock lock(g_lock);
-    g_movers.erase(m_source);
+    if (hears) g_movers.erase(m_source);
   }
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
+
+  bool hears = false;
 
  private:
   const std::string& m_source;
@@ -105,8 +105,15 @@ int VolumeMover::move(const std::string& source, const std::string& destination)
   const auto roots = m_volumes.roots();
   const auto volume =
       std::find_if(roots.begin(), roots.end(), [&](const VolumeRoot& root) { return root.dir == source; });
-  if (volume == roots.end()) return ENOENT;
-  if (m_volumes.rootOf(destination + '/').index != 0) return EINVAL;
+  if (volume == roots.end() || !m_volumes.isThere(volume->index)) return ENOENT;
+  std::error_code error;
+  const std::string path = fs::weakly_canonical(destination, error).string() + '/';
+  for (const VolumeRoot& root : roots) {
+    if (path.starts_with(fs::weakly_canonical(root.dir, error).string() + '/')) return EINVAL;
+  }
+  if (error) return error.value();
+  const Listener listener(*this, source);
+  if (!listener.hears) return EBUSY;
   if (const int rc = makeEmptyDirectory(destination); rc != 0) return rc;
   Padding padding(source, destination);
   if (const int rc = padding.add(); rc != 0) return rc;
@@ -114,18 +121,18 @@ int VolumeMover::move(const std::string& source, const std::string& destination)
   m_index = volume->index;
   m_outcome = std::promise<int>();
   std::future<int> outcome = m_outcome.get_future();
-  const Listener listener(*this, source);
   m_volumes.beginMove(m_index, destination);
   int rc = 0;
   // A move that has just told its end is under way for a moment more.
   while ((rc = m_engine.migrate(m_index, source, destination)) == EEXIST)
     std::this_thread::sleep_for(BEFORE_ANOTHER_TRY);
-  if (rc == 0) {
-    m_markers
-        .syncRoot();  // what is staged from now on lies at the destination: a power cut must not hide that
-    rc = outcome.get();
+  if (rc != 0) {
+    m_markers.forgetMove();
+    (void)m_volumes.endMove(m_index, false);
+    return rc;
   }
-  if (rc != 0) m_volumes.endMove(m_index, false);
+  rc = outcome.get();
+  m_markers.awaitEndOfMove();  // or who removes the source would leave a root that no cache opens
   return rc;
 }
 
@@ -140,13 +147,18 @@ void VolumeMover::ended(int error, const std::string& source, const std::string&
 
 // The source's marker goes when its blocks are safe at the destination, also from a power cut.
 void VolumeMover::end(int error, const std::string& source, const std::string& destination) {
-  if (error == 0) {
-    m_volumes.endMove(m_index, true);
-    m_hot.clear();  // so that the source can be unmounted
-    const Descriptor dir(open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.fd < 0 || syncfs(dir.fd) != 0)
-      DC_LOG(LogLevel::Error, "Error: can't sync [%s] (%d)", destination.c_str(), errno);
-    m_markers.follow(source, destination);
+  try {
+    const bool isMarked = m_volumes.endMove(m_index, error == 0);
+    if (error == 0) {
+      m_hot.clear();  // so that the source can be unmounted
+      if (isMarked) {
+        m_markers.follow(source, destination);
+      } else {
+        error = EIO;
+      }
+    }
+  } catch (const std::exception&) {
+    error = ENOMEM;
   }
   m_outcome.set_value(error);
 }

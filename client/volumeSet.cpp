@@ -95,13 +95,19 @@ void VolumeSet::beginMove(VolIndex volume, const std::string& destination) {
   m_roots.push_back({destination, volume});
 }
 
-void VolumeSet::endMove(VolIndex volume, bool isMoved) {
+bool VolumeSet::isThere(VolIndex volume) {
+  const KxCriticalSectionLock lock(&m_lock);
+  return isThere(find(volume));
+}
+
+bool VolumeSet::endMove(VolIndex volume, bool isMoved) {
   const KxCriticalSectionLock lock(&m_lock);
   CacheVolume& moved = find(volume);
+  bool isMarked = true;
   if (isMoved) {
     moved.dir.swap(moved.destination);
     struct stat marker {};
-    (void)stat((moved.dir + '/' + VOLUME_MARKER).c_str(), &marker);
+    isMarked = stat((moved.dir + '/' + VOLUME_MARKER).c_str(), &marker) == 0;
     moved.device = marker.st_dev;
     moved.inode = marker.st_ino;
     m_engine.refreshCacheUtilizationData();  // of another file system, maybe
@@ -109,6 +115,7 @@ void VolumeSet::endMove(VolIndex volume, bool isMoved) {
   const KxCriticalSectionLock rootsLock(&m_rootsLock);
   std::erase_if(m_roots, [&](const VolumeRoot& root) { return root.dir == moved.destination; });
   moved.destination.clear();
+  return isMarked;
 }
 
 std::vector<VolumeRoot> VolumeSet::roots() const {

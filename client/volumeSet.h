@@ -49,7 +49,9 @@ class VolumeSet {
   // From the begin of a volume's move on its blocks may lie on either side; after the end only at the
   // destination, or where they were if it was not moved.
   void beginMove(VolIndex volume, const std::string& destination);
-  void endMove(VolIndex volume, bool isMoved);
+  // False when the volume has been moved and has no marker there: that disk is gone.
+  bool endMove(VolIndex volume, bool isMoved);
+  bool isThere(VolIndex volume);
 
   // Constant after add().
   size_t size() const { return m_indexes.size(); }

@@ -289,7 +289,7 @@ void run(Options options) {
     throw Failure(ExitStatus::Error, fmt::format("{}: {}; the volume stays at {}", options.destination,
                                                  std::strerror(outcome), source));
   }
-  if (const int rc = markMoved(source); rc != 0 && rc != ENOENT)
+  if (const int rc = markMoved(source, options.destination); rc != 0 && rc != ENOENT)
     fail(source, rc);  // ENOENT: of other clients
   printResult(options, source, plan, counter->copied());
 }
