@@ -208,6 +208,9 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   expectReplayFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
   expectReplayFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
   expectReplayFailure(trace + ">/dev/full", 3, "standard output");
+  writeFile(dir / "used/file", "");
+  expectReplayFailure(trace + "--requests 9 --json - --migrate-to " + (dir / "used"), 3, "used: ");
+  EXPECT_EQ(nlohmann::json::parse(out)["requests"], 9);
 }
 
 TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandomAndRecordsATrace) {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -153,12 +152,9 @@ Report replay(Options options, const Workload& workload) {
   settings.volumes = options.cache.volumes;
   if (settings.requests == 0) settings.requests = workload.defaultLength();
 
-  Report report;
+  Report report = runReplay(workload, cache, settings);
   report.mode = options.mode;
   report.leftOut = workload.leftOut();
-  const auto start = std::chrono::steady_clock::now();
-  report.tally = runReplay(workload, cache, settings);
-  report.elapsedS = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   report.metrics = cache.metrics();
   return report;
 }
@@ -191,6 +187,7 @@ void run(Options options) {
                   fmt::format("replay: {} times wrong bytes, first in {}",
                               formatCount(report.tally.verifyFailures), report.tally.firstFailure));
   }
+  if (report.moveError.IsError()) fail(options.run.moveVolumeTo, report.moveError);
   if (const uint64_t errors = report.metrics.diskErrors + report.metrics.refusedByDisk; errors != 0) {
     throw Failure(ExitStatus::Error,
                   fmt::format("replay: {} errors of the disks (see --log)", formatCount(errors)));

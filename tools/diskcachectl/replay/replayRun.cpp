@@ -40,7 +40,8 @@ class Replay {
         m_tallies(settings.threads),
         m_lastSizes(workload.objects()) {}
 
-  Tally run() {
+  Report run() {
+    const Clock::time_point start = Clock::now();
     m_working = m_settings.threads;
     {
       std::vector<std::jthread> threads;
@@ -52,13 +53,15 @@ class Replay {
       }
       showProgress();
     }
-    if (m_error) std::rethrow_exception(m_error);
-    if (m_move.joinable()) m_move.join();
-    if (m_moveError.IsError()) fail(m_settings.moveVolumeTo, m_moveError);
+    for (const std::exception_ptr& error : {m_originError, m_error})
+      if (error) std::rethrow_exception(error);
 
-    Tally total;
-    for (const Tally& tally : m_tallies) total.merge(tally);
-    return total;
+    Report report;
+    report.elapsedS = std::chrono::duration<double>(Clock::now() - start).count();
+    for (const Tally& tally : m_tallies) report.tally.merge(tally);
+    if (m_move.joinable()) m_move.join();
+    report.moveError = m_moveError;
+    return report;
   }
 
  private:
@@ -81,7 +84,6 @@ class Replay {
   }
 
   void work(Tally& tally) {
-    std::exception_ptr error;
     try {
       Buffers buffers;
       for (uint64_t n = 0; !m_stop && (n = m_next++) < m_settings.requests;) {
@@ -89,13 +91,18 @@ class Replay {
         serve(m_workload.request(n), buffers, tally);
       }
     } catch (...) {
-      error = std::current_exception();
-      m_stop = true;
+      stop(m_error);
     }
     const std::scoped_lock lock(m_lock);
-    if (error && !m_error) m_error = error;
     --m_working;
     m_ended.notify_one();
+  }
+
+  // Keeps the exception that is being handled, if it is the first of its kind.
+  void stop(std::exception_ptr& error) {
+    const std::scoped_lock lock(m_lock);
+    if (!error) error = std::current_exception();
+    m_stop = true;
   }
 
   void startMove() {
@@ -119,7 +126,7 @@ class Replay {
     tally.bytesRead += request.size;
     if (!m_settings.verify) return;
     const auto expected = roomIn(buffers.origin, request.size);
-    m_workload.fetch(request, 0, expected);
+    fetch(request, 0, expected);
     if (std::memcmp(bytes.data(), expected.data(), request.size) != 0)
       countWrong(tally, 1, pathOf(id, version));
   }
@@ -128,20 +135,22 @@ class Replay {
                   std::span<std::byte> bytes) {
     const uint32_t lastSize = m_lastSizes[request.object].exchange(request.size);
     if (lastSize != 0 && lastSize != request.size) m_cache.drop(id, std::to_string(lastSize), lastSize);
-    std::exception_ptr refusal;
-    const auto fetch = [&](uint64_t from, std::span<std::byte> to) -> OriginAnswer {
-      try {
-        m_workload.fetch(request, from, to);
-        return {.objectSize = request.size};
-      } catch (...) {
-        refusal = std::current_exception();
-        throw;
-      }
+    const auto origin = [&](uint64_t from, std::span<std::byte> to) -> OriginAnswer {
+      fetch(request, from, to);
+      return {.objectSize = request.size};
     };
-    ReadResult got = m_cache.read(id, version, 0, bytes, fetch);
-    if (refusal) std::rethrow_exception(refusal);
+    ReadResult got = m_cache.read(id, version, 0, bytes, origin);
     if (!got) fail(id, got.error);
     return got;
+  }
+
+  void fetch(const Request& request, uint64_t from, std::span<std::byte> to) {
+    try {
+      m_workload.fetch(request, from, to);
+    } catch (...) {
+      stop(m_originError);
+      throw;
+    }
   }
 
   static void countWrong(Tally& tally, uint64_t count, const std::string& where) {
@@ -171,7 +180,9 @@ class Replay {
   std::mutex m_lock;
   std::condition_variable m_ended;
   unsigned m_working = 0;
-  std::exception_ptr m_error;  // the first
+  // The first ones; the origin's own counts before the errors that the cache makes of it for all who wait.
+  std::exception_ptr m_originError;
+  std::exception_ptr m_error;
 
   CZuError m_moveError;
   std::jthread m_move;
@@ -179,7 +190,7 @@ class Replay {
 
 }  // namespace
 
-Tally runReplay(const Workload& workload, ObjectCache& cache, const RunSettings& settings) {
+Report runReplay(const Workload& workload, ObjectCache& cache, const RunSettings& settings) {
   return Replay(workload, cache, settings).run();
 }
 

@@ -22,12 +22,13 @@ struct RunSettings {
   std::function<void(const std::string& id, uint32_t size)> onRequest;
 };
 
-// Every thread takes the next request until there is none; the first error ends the run and is thrown. A
-// miss's latency holds the fetch from the origin and the write.
+// Every thread takes the next request until there is none; an error ends the run and is thrown, but for the move's,
+// which the report holds. A miss's latency holds the fetch from the origin and the write. Of the report, the tally,
+// the time until the last request has ended and the move's error are set.
 //
 // An object is its identifier, in the version that its size is: asked for in another size it has been replaced, and
 // the older one is dropped. So with one thread in mode lru the cache holds exactly the objects that were asked for
 // last, if none is larger than a block.
-Tally runReplay(const Workload& workload, ObjectStore::ObjectCache& cache, const RunSettings& settings);
+Report runReplay(const Workload& workload, ObjectStore::ObjectCache& cache, const RunSettings& settings);
 
 }  // namespace diskcachectl

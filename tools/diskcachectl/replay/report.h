@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/objectCacheMetrics.h"
+#include "support/error.h"
 
 namespace diskcachectl {
 
@@ -26,6 +27,7 @@ struct Report {
   Tally tally;
   ObjectStore::ObjectCacheMetrics metrics;
   double elapsedS = 0;
+  ObjectStore::CZuError moveError;
   std::string leftOut;
 
   uint64_t rejected() const { return metrics.refusedForRoom + metrics.refusedByDisk; }
