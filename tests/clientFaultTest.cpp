@@ -14,12 +14,8 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
-class ClientFaultTest : public ClientTest {
- protected:
-  static constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
-};
+using ClientFaultTest = ClientTest;
+constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
 
 TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
   ObjectCacheOptions chosen = options(2);
@@ -163,13 +159,11 @@ TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
   EXPECT_EQ(asked(), 0U);
   for (int i = 0; i < 8; ++i) EXPECT_EQ(readAll("object" + std::to_string(i), SIZE), "right");
   size_t uploaded = 0;
-  EXPECT_EQ(outcome(cache->flush(
-                [&](const StagedObject& object) {
-                  uploaded += staged.contains(object.key);
-                  return upload(object);
-                },
-                0)),
-            "success");
+  const auto count = [&](const StagedObject& object) {
+    uploaded += staged.contains(object.key);
+    return upload(object);
+  };
+  EXPECT_EQ(outcome(cache->flush(count, 0)), "success");
   EXPECT_EQ(uploaded, staged.size());
   EXPECT_EQ(cache->staged().objects, 0U);
   EXPECT_TRUE(files("staged").empty());

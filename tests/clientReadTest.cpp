@@ -186,7 +186,7 @@ TEST_F(ClientReadTest, MemoryKeepsOnlyBytesThatAreRightAndCostsNoAllocation) {
       }
       EXPECT_EQ(cache->metrics().hotBytes, isKept ? 364U : 0U);
     }
-    for (const std::string& path : files()) std::filesystem::remove(path);
+    for (const std::string& path : files()) fs::remove(path);
     EXPECT_EQ(readAll(key, 300), "right");  // a block never changes
     EXPECT_EQ(asked(), 0U);
     cache->drop(key, "v", 300);

@@ -8,8 +8,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
 class ClientVolumeTest : public ClientTest {
  protected:
   void readObjects(int from, int to, size_t size = 1000) {

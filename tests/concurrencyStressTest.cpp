@@ -75,14 +75,13 @@ class ConcurrencyStressTest : public EngineTest {
 
   std::atomic<size_t> m_reads{0};
   const size_t m_descriptors = openDescriptors();
-  EngineOptions options;
 };
 
 TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
   options.volumes = 3;
   options.maxLruEntries = 16;  // segments are given up all the time
   ctx.volume = 1;              // the pruner's
-  start(options);
+  start();
   const size_t operations = soaked(4000);
   std::atomic<size_t> working{THREADS};
   std::vector<std::jthread> clients;
@@ -114,7 +113,7 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
 // A segment that is always there, though now in one place and now in the other, is never a miss.
 TEST_F(ConcurrencyStressTest, ReadersFindASegmentThatMovesToAndFro) {
   ctx.useNonPrunableDir = true;
-  start(options);
+  start();
   performAsUsual(CREATE, ctx, 1, 1);
   std::atomic<bool> stop = false;
   std::jthread mover([&, own = ctx]() mutable {

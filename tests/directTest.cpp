@@ -61,11 +61,11 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");
 
-  std::filesystem::create_symlink(pathOf("whole"), pathOf("whole link"));
+  fs::create_symlink(pathOf("whole"), pathOf("whole link"));
   EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
   ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);
   EXPECT_EQ(readPlace("whole pipe", 0), "[EINVAL]");
-  std::filesystem::create_directories(pathOf("whole dir"));
+  fs::create_directories(pathOf("whole dir"));
   EXPECT_EQ(readPlace("whole dir", 0), "[EINVAL]");
   EXPECT_EQ(openDescriptors(), descriptors);
 }
@@ -116,7 +116,6 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
 TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   std::vector<std::string> asked;
   std::string refused = "b2";
-  EngineOptions options;
   options.volumes = 2;
   options.prunerCallback = [&](auto& name, auto& path, const std::string& guid) {
     asked.push_back(guid);
@@ -127,10 +126,9 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
     EXPECT_EQ(name + ' ' + path, "ctx " + cache->guid2path(guid, volume, "ctx"));
     return guid != refused;
   };
-  start(options);
+  start();
   for (const char* guid : {"a1", "b2", "c3", "d4"}) put(guid, guid);
-  const uint64_t hits = Access::space(*cache).stats().lruHits,
-                 misses = Access::space(*cache).stats().lruMisses;
+  const uint64_t hits = space().stats().lruHits, misses = space().stats().lruMisses;
 
   VolIndex volume = 0;
   EXPECT_TRUE(cache->findVolume("b2", volume));
@@ -158,8 +156,8 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_EQ(outcome(cache->giveUpOldest(9, given)), "success");
   EXPECT_EQ(given, 2U);
   EXPECT_EQ(asked, (std::vector<std::string>{"b2", "d4", "a1", "e5", "b2"}));
-  EXPECT_EQ(Access::space(*cache).stats().lruHits, hits);
-  EXPECT_EQ(Access::space(*cache).stats().lruMisses, misses);
+  EXPECT_EQ(space().stats().lruHits, hits);
+  EXPECT_EQ(space().stats().lruMisses, misses);
 }
 
 }  // namespace

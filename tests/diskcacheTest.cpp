@@ -1,5 +1,4 @@
 // The engine's life, its contexts and paths, and what it refuses to take as a segment or a volume.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,9 +13,7 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
-using Texts = std::vector<std::string>;
 
 class DiskCacheTest : public EngineTest {
  protected:
@@ -48,14 +45,12 @@ TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
 TEST_F(DiskCacheTest, UnregisteringWaitsForTheCallbackThatRuns) {
   std::promise<void> entered, leave;
   std::atomic<bool> ended = false;
-  EngineOptions options;
-  options.maxLruEntries = 5;
-  options.prunerCallback = [&](auto&&...) {
+  const auto callback = [&](auto&&...) {
     entered.set_value();
     leave.get_future().wait();
     return ended = true;
   };
-  start(options);
+  start({.maxLruEntries = 5, .prunerCallback = callback});
   for (const char* guid : {"seg1", "seg2", "seg3", "seg4", "seg5"}) put(guid, "text");
   auto asking = std::async(std::launch::async, [&] { put("seg6", "text"); });
   entered.get_future().wait();
@@ -118,12 +113,12 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
     plan.fail(call, nth, EIO);
     EXPECT_EQ(outcome(cache->clearCache()), "EIO");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{line});
-    EXPECT_EQ(Access::space(*cache).used(), 0U);
+    EXPECT_EQ(space().used(), 0U);
     EXPECT_EQ(get("seg2"), "seg2");
     fs::remove_all(volumes[0]);
     EXPECT_EQ(outcome(cache->clearCache()), "success");
     EXPECT_EQ(identity(), before);
-    EXPECT_GT(Access::space(*cache).used(), 0U) << "measured: others fill the disk too";
+    EXPECT_GT(space().used(), 0U) << "measured: others fill the disk too";
     for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
     EXPECT_EQ(Access::rotation(*cache), (std::vector<VolIndex>{1, 2})) << "also one that was disabled";
   }
@@ -166,7 +161,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     EXPECT_FALSE(cache->doesSegmentExist(ctx, guid));
     EXPECT_EQ(cache->getOverriddenSegment(ctx, guid), "");
     return Texts{outcome(cache->readCompleteSection(ctx, guid, 0, data)),
-                 outcome(cache->writeSections(ctx, guid, in, false, ForceDiskLoc::Default)),
+                 outcome(write(guid, in)),
                  outcome(cache->replaceSegment(ctx, guid, in)),
                  outcome(cache->readSections(ctx, guid, out, true)),
                  outcome(cache->readAllSections(ctx, guid, all)),
@@ -176,8 +171,8 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
                  outcome(cache->copyOverrideSegment(ctx, guid, false)),
                  outcome(cache->markDirty(ctx, guid, true)),
                  outcome(cache->moveToPrunable(ctx, guid)),
-                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::Yes)),
-                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::No)),
+                 outcome(remove(guid, Recycle::Yes)),
+                 outcome(remove(guid)),
                  outcome(create(guid, in))};  // last: it chooses a volume of its own
   };
   Texts unknown(8, "ENOENT");
@@ -198,7 +193,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     EXPECT_EQ(tryAll("uvwxyz"), unknown);
     ASSERT_EQ(treeOf("."), before);
     EXPECT_EQ(readFile(file), bytes);
-    (void)cache->deleteSegment(ctx, "uvwxyz", false, false, Recycle::No);  // what the creation made
+    (void)remove("uvwxyz");  // what the creation made
   }
 }
 

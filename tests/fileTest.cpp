@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -19,7 +18,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
 class FileTest : public ::testing::Test {

@@ -1,7 +1,6 @@
 // The recency list.
 #include "diskcache/diskcacheLru.h"
 
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <functional>
@@ -19,13 +18,8 @@ namespace {
 class LruTest : public EngineTest {
  protected:
   void startWith(const PrunerCallback& callback, PruningMode mode = PruningMode::Lru) {
-    EngineOptions options;
-    options.mode = mode;
-    options.prunerCallback = callback;
-    options.maxLruEntries = 5;
-    start(options);
+    start({.mode = mode, .maxLruEntries = 5, .prunerCallback = callback});
   }
-  DiskcacheLRU& list() { return Access::lru(*cache); }
   CZuError add(const guid_t& guid) { return list().addToLru(guid, ctx.volume, ctx.dir); }
   // The identifiers in a row, newest first.
   std::string order() {
@@ -65,13 +59,12 @@ TEST_F(LruTest, BehavesAsItsModel) {
           list().removeFromLru(guid);
           if (known) model.erase(at, 1), --counter;
         } else if (choice < 50) {
-          const uint64_t hits = Access::space(*cache).stats().lruHits,
-                         misses = Access::space(*cache).stats().lruMisses;
+          const uint64_t hits = space().stats().lruHits, misses = space().stats().lruMisses;
           const bool touch = choice < 35;
           ASSERT_EQ(list().isInLru(guid, touch), known);
           if (known && touch) model = guid + model.erase(at, 1);
-          ASSERT_EQ(Access::space(*cache).stats().lruHits - hits, known ? 1U : 0U);
-          ASSERT_EQ(Access::space(*cache).stats().lruMisses - misses, known ? 0U : 1U);
+          ASSERT_EQ(space().stats().lruHits - hits, known ? 1U : 0U);
+          ASSERT_EQ(space().stats().lruMisses - misses, known ? 0U : 1U);
         } else {
           bool refused = false;
           if (known) {
@@ -148,14 +141,13 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
       {"getOverriddenSegment", false, [&] { return cache->getOverriddenSegment(ctx, "abcd"), CZuError(); }},
       {"IsSegmentOpened", false, [&] { return cache->IsSegmentOpened("abcd"), CZuError(); }},
       {"createSegment", true, [&] { return create("abcd", in); }},
-      {"writeSections", true,
-       [&] { return cache->writeSections(ctx, "abcd", in, false, ForceDiskLoc::Default); }},
+      {"writeSections", true, [&] { return write("abcd", in); }},
       {"replaceSegment", true, [&] { return cache->replaceSegment(ctx, "abcd", in); }},
       {"truncateSection", true, [&] { return cache->truncateSection(ctx, "abcd", 0, 0, 1); }},
       {"syncSegment", true, [&] { return cache->syncSegment(ctx, "abcd"); }},
       {"markDirty", true, [&] { return cache->markDirty(ctx, "abcd", false); }},
       {"moveToPrunable", true, [&] { return cache->moveToPrunable(ctx, "abcd"); }},
-      {"deleteSegment", false, [&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); }},
+      {"deleteSegment", false, [&] { return remove("abcd"); }},
   };
   startWith([](auto&&...) { return false; });
   for (const auto& c : cases) {

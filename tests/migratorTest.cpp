@@ -16,9 +16,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
-
 class MigratorTest : public InMemory, public EngineTest {
  protected:
   using Works = std::vector<SegmentWork>;
@@ -39,7 +36,7 @@ class MigratorTest : public InMemory, public EngineTest {
   void startWithFour() {
     cache.reset();
     for (const std::string& old : {dir / "vol1", target, otherDisk / "new", file}) fs::remove_all(old);
-    start(options);
+    start();
     source = volumes[0];
     for (const char* name : {"/noprune-ctx/f", "/spare/f"}) writeFile(source + name, "of the source");
     put("kept", "the old text");
@@ -101,7 +98,7 @@ class MigratorTest : public InMemory, public EngineTest {
       while (!Access::isStopping(ending)) std::this_thread::yield();
       holding->release();
       stopped.get();
-      if (end == Destroyed) start(options);
+      if (end == Destroyed) start();
     }
     holding->release();
     EXPECT_EQ(ends(), ended(std::array{"success", "EINVAL", "EINTR", "EINTR"}[end], to));
@@ -131,7 +128,6 @@ class MigratorTest : public InMemory, public EngineTest {
   static inline Texts s_ends;
   static inline bool s_nothingWasLeft = false;  // at the destination, as the callback saw it
   const SmallFileSystem otherDisk{16};
-  EngineOptions options;
   Copies copies;
   std::optional<HoldAtLine> holding;
   std::string source = dir / "vol1";
@@ -141,7 +137,7 @@ class MigratorTest : public InMemory, public EngineTest {
 TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   source = dir / "from";
   for (char c = 'a'; c < 'a' + 11; ++c) writeFile(source + '/' + c + "/sub/file", "x");
-  start(options);
+  start();
   std::vector<fs::path> names;
   for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
   EXPECT_EQ(cache->migrate(1, source, target), 0);
@@ -350,8 +346,7 @@ TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides
   startWithFour();
   const std::string text = "the override";
   ctx.useNonPrunableDir = true;
-  ASSERT_EQ(outcome(cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::NonPrunable)),
-            "success");
+  ASSERT_EQ(outcome(write("kept", {section(0, text)}, ForceDiskLoc::NonPrunable)), "success");
   FaultPlan plan;
   std::future<std::string> read;
   {

@@ -1,7 +1,6 @@
 // diskcachectl replay and curve: what a trace gives with a cache of some size, compared with a plain list.
 #ifdef DISKCACHECTL_PATH
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <random>
 
@@ -76,7 +75,7 @@ TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
       {5, 1, ""}, {17, 1, ""}, {17, 1, move}, {64, 1, move}, {500, 2, move}};
   for (const auto& [bound, threads, options] : runs) {
     const Trace asked = writeTrace(6000, bound, threads == 1 ? Replaced : Settled);
-    for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
+    for (const char* name : {"root", "on"}) fs::remove_all(dir / name);
     const std::string clients = " --threads " + std::to_string(threads) + " --json - ";
     ASSERT_EQ(replay(trace + "--max-entries " + std::to_string(bound) + clients + options), 0) << err;
     const auto json = nlohmann::json::parse(out);
@@ -86,7 +85,7 @@ TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
     EXPECT_DOUBLE_EQ(json["hit_ratio"], static_cast<double>(expected["hits"]) / 6000);
     const std::string first = dir / (options.empty() ? "on/a" : "on/moved");
     EXPECT_EQ(readFile(dir / "root/volume_info"), first + ",1\n" + (dir / "on/b,2\n"));
-    if (!options.empty()) std::filesystem::remove_all(dir / "on/a");
+    if (!options.empty()) fs::remove_all(dir / "on/a");
     EXPECT_EQ(blocks().size(), bound) << options;
   }
 }
@@ -129,7 +128,7 @@ TEST_F(ReplayTest, ASampleTellsItsErrorAndCurvesAreDrawn) {
 TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   writeFile(dir / "trace", "a,100\nb,7\na,5\na,2000\nb,7\n");
   const auto hitsAndBytes = [&](const std::string& option) {
-    std::filesystem::remove_all(dir / "on");
+    fs::remove_all(dir / "on");
     EXPECT_EQ(replay(trace + option + " --json -"), 0) << err;
     const auto json = nlohmann::json::parse(out);
     return std::pair(json["hits"].get<int>(), json["bytes_written"].get<int>());
@@ -161,7 +160,7 @@ TEST_F(ReplayTest, FindsWrongBytes) {
       {PAYLOAD, TRAILER, "cut"}};
   for (const auto& [at, length, what] : damages) {
     for (const bool isVerified : {true, false}) {
-      std::filesystem::remove_all(dir / "on");
+      fs::remove_all(dir / "on");
       ASSERT_EQ(replay(trace), 0) << err;
       const std::string path = dir / ("on/" + blocks().at(0));
       std::string bytes = readFile(path);
@@ -197,7 +196,7 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
       expectFailure("curve " + trace, 2, (dir / "trace:3: ") + message);
     }
   }
-  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+  EXPECT_FALSE(fs::exists(dir / "root"));
 
   writeFile(dir / "trace", "fine,5\n");
   expectReplayFailure("", 2, "--origin and --trace");
@@ -220,7 +219,7 @@ TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandomAndRecordsATrace) {
   ASSERT_EQ(replay(served), 0) << err;
   EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
   EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
-  for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
+  for (const char* name : {"root", "on"}) fs::remove_all(dir / name);
   ASSERT_EQ(replay(random + trace + "--json -"), 0) << err;
   EXPECT_EQ(nlohmann::json::parse(out)["misses"], stored);
 }

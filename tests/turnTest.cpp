@@ -22,11 +22,7 @@ class TurnTest : public EngineTest {
     put(GUID, "0123456789");
   }
   std::string write(const Section& one, ForceDiskLoc force = ForceDiskLoc::Default) {
-    return outcome(cache->writeSections(ctx, GUID, {one}, false, force));
-  }
-  template <typename Work>
-  static std::future<std::string> async(Work work) {
-    return std::async(std::launch::async, work);
+    return outcome(EngineTest::write(GUID, {one}, force));
   }
   std::string perform(int waiter) {
     switch (waiter) {
@@ -63,9 +59,9 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
     EXPECT_TRUE(waiter != FORCED || outcome(cache->moveToPrunable(ctx, GUID)) == "success");
     FaultPlan plan;
     plan.hold("pwrite", 1);
-    auto first = async([this] { return write(section(0, "ab", 0, 0)); });
+    auto first = std::async(std::launch::async, [this] { return write(section(0, "ab", 0, 0)); });
     EXPECT_TRUE(plan.held());
-    auto waiting = async([this, waiter = waiter]() DC_NO_THREAD_SAFETY_ANALYSIS {
+    auto waiting = std::async(std::launch::async, [this, waiter = waiter]() DC_NO_THREAD_SAFETY_ANALYSIS {
       if (waiter == MIGRATE) return perform(waiter);  // not to be called with a segment's lock held
       AutoOpenSegment open(Access::openTable(*cache), GUID);
       KxCriticalSection& lock = open.getSegInfo()->lock;
@@ -74,7 +70,7 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
     });
     EXPECT_TRUE(areWaiting(1));
     EXPECT_LE(plan.count("opendir"), 1U) << "a migration lists its directories again after the wait";
-    auto later = async([this] { return write(section(0, "cd", 0, 4)); });
+    auto later = std::async(std::launch::async, [this] { return write(section(0, "cd", 0, 4)); });
     EXPECT_TRUE(areWaiting(2));
     plan.takeTrace();
     plan.release();
@@ -91,11 +87,11 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
 TEST_F(TurnTest, WhoAppendsLooksAtTheSegmentAnewAfterItsWait) {
   FaultPlan plan;
   plan.hold("pwrite", 1);
-  auto extending = async([this] { return write(section(0, text, 0, 10)); });
+  auto extending = std::async(std::launch::async, [this] { return write(section(0, text, 0, 10)); });
   EXPECT_TRUE(plan.held());
-  auto appending = async([this] { return write(section(1, text)); });
+  auto appending = std::async(std::launch::async, [this] { return write(section(1, text)); });
   EXPECT_TRUE(areWaiting(1));
-  EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, false, false, Recycle::No)), "success");
+  EXPECT_EQ(outcome(remove(GUID)), "success");
   put(GUID, "another");
   plan.release();
   EXPECT_EQ(extending.get() + appending.get(), "successsuccess");

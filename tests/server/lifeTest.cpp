@@ -2,8 +2,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <thread>
-
 #include "tests/server/serverFixture.h"
 
 namespace diskcached {
@@ -42,7 +40,7 @@ TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     EXPECT_EQ(said.find("hush"), std::string::npos);
   }
-  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+  EXPECT_FALSE(fs::exists(dir / "root"));
 }
 
 TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {

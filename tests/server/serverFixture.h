@@ -17,6 +17,7 @@
 
 namespace diskcached {
 
+namespace fs = std::filesystem;
 using ObjectStore::eventually;
 using ObjectStore::Process;
 using ObjectStore::readFile;
@@ -45,8 +46,8 @@ inline size_t countOf(std::string_view part, std::string_view text) {
 class Store {
  public:
   explicit Store(const TempDir& dir) : m_dir(dir / "nginx"), files(dir / "files") {
-    std::filesystem::create_directories(m_dir);
-    std::filesystem::create_directories(files);
+    fs::create_directories(m_dir);
+    fs::create_directories(files);
     for (start(); m_process->hasEnded(); start()) port = 0;  // somebody else has taken it
   }
 
@@ -119,7 +120,7 @@ class ServerTest : public ::testing::Test {
   }
   void launch(const std::vector<std::string>& more = {}) {
     server.reset();
-    std::filesystem::remove(dir / "log");
+    fs::remove(dir / "log");
     server = std::make_unique<Process>(arguments(more), dir / "log", environment);
   }
   void start(const std::vector<std::string>& more = {}) {
