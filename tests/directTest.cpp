@@ -74,9 +74,10 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
 // payload, and what lies where is the same.
 TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   start();
-  std::string payload(1000, '\0'), trailer(300, '\0');
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7 + i / 256);
-  for (size_t i = 0; i < trailer.size(); ++i) trailer[i] = static_cast<char>(i * 5 + 100 + i / 256);
+  std::string texts[] = {std::string(1000, '\0'), std::string(300, '\0')};
+  const auto& [payload, trailer] = texts;
+  for (size_t i = 0; i < payload.size(); ++i) texts[0][i] = static_cast<char>(i * 7 + i / 256);
+  for (size_t i = 0; i < trailer.size(); ++i) texts[1][i] = static_cast<char>(i * 5 + 100 + i / 256);
   const guid_t guids[] = {"in order", "turned", "with another"};
   ASSERT_EQ(outcome(create(guids[0], {section(0, payload), section(1, trailer)})), "success");
   ASSERT_EQ(outcome(create(guids[1], {section(1, trailer), section(0, payload)})), "success");
@@ -86,26 +87,22 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   for (const guid_t& guid : guids) {
     for (const size_t first : rooms) {
       for (const size_t second : rooms) {
-        std::vector<unsigned char> front(first, 'f'), last(second, 'l');
+        SCOPED_TRACE(testing::Message() << guid << ' ' << first << ' ' << second);
+        std::string buffers[] = {std::string(first, 'f'), std::string(second, 'l')};
         std::vector<SectionPlace> places{{0}, {1}};
-        places[0].data = front.data();
-        places[0].bufferSize = first;
-        places[1].data = last.data();
-        places[1].bufferSize = second;
+        for (size_t i = 0; i < 2; ++i) {
+          places[i].data = reinterpret_cast<unsigned char*>(buffers[i].data());
+          places[i].bufferSize = buffers[i].size();
+        }
         int fd = -1;
         ASSERT_EQ(outcome(cache->openSection(fd, places, ctx, guid)), "success");
         close(fd);
-        EXPECT_EQ(places[0].len, payload.size());
-        EXPECT_EQ(places[1].len, trailer.size());
-        EXPECT_EQ(bytesOf(guid).substr(places[1].offset, trailer.size()), trailer);
-        ASSERT_LE(places[0].read, std::min(first, payload.size()));
-        ASSERT_LE(places[1].read, std::min(second, trailer.size()));
-        const auto text = [](const std::vector<unsigned char>& bytes, uint64_t count) {
-          return std::string(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
-        };
-        EXPECT_EQ(text(front, places[0].read), payload.substr(0, places[0].read)) << guid;
-        EXPECT_EQ(text(last, places[1].read), trailer.substr(0, places[1].read))
-            << guid << first << ' ' << second;
+        const std::string whole = bytesOf(guid);
+        for (size_t i = 0; i < 2; ++i) {
+          EXPECT_EQ(whole.substr(places[i].offset, places[i].len), texts[i]);
+          ASSERT_LE(places[i].read, std::min(buffers[i].size(), texts[i].size()));
+          EXPECT_EQ(buffers[i].substr(0, places[i].read), texts[i].substr(0, places[i].read));
+        }
         const bool isOnTheWay = &guid == guids && first >= payload.size() && second >= 999;
         EXPECT_TRUE(!isOnTheWay || places[1].read == trailer.size());
       }

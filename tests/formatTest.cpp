@@ -1,5 +1,4 @@
 // Section records: finding the last one, room for new ones, and how operations time their calls.
-#include <functional>
 #include <future>
 
 #include "diskcache/diskcacheSpace.h"

@@ -5,7 +5,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <random>
 
 #include "tests/support/engineFixture.h"

@@ -1,6 +1,5 @@
 // The engine's page of metrics: each figure after operations whose outcome is known.
 #include <algorithm>
-#include <functional>
 
 #include "diskcache/diskcacheSpace.h"
 #include "support/metricsText.h"

@@ -1,8 +1,5 @@
 // Override copies, and the table of open segments.
 
-#include <cerrno>
-#include <functional>
-
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"

@@ -1,6 +1,5 @@
 // How an engine begins: what init and registering fill in, and the scan for segments that are on the volumes.
 
-#include <cerrno>
 #include <set>
 
 #include "diskcache/diskcacheLru.h"

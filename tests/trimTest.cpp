@@ -1,8 +1,6 @@
 // Truncating, syncing and deleting segments, and what is accounted of them.
 #include <sys/stat.h>
 
-#include <cerrno>
-
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"

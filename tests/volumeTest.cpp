@@ -12,6 +12,7 @@ namespace {
 
 using namespace std::literals;
 using Indexes = std::vector<VolIndex>;
+using Change = int (DiskCache::*)(const std::string&);
 
 class VolumeTest : public EngineTest {
  protected:
@@ -88,13 +89,12 @@ TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWr
 
 // A volume named again stands in the rotation again, and only the newest entry of one can be taken out.
 TEST_F(VolumeTest, TheRotationFollowsEachChange) {
-  using Change = int (DiskCache::*)(const std::string&);
-  constexpr Change add = &DiskCache::addVolume, remove = &DiskCache::removeVolume;
+  constexpr Change add = &DiskCache::addVolume, drop = &DiskCache::removeVolume;
   constexpr Change disable = &DiskCache::disableNewSegments, enable = &DiskCache::enableNewSegments;
   const std::tuple<Change, std::string, Indexes> steps[] = {
       {add, m_vol3, {1, 2, 1, 2, 3}},    {disable, m_vol1, {1, 2, 2, 3}}, {enable, m_vol1, {1, 2, 2, 3, 1}},
       {enable, m_vol1, {1, 2, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}},
-      {remove, m_vol1, {1, 2, 3, 2, 3}}, {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
+      {drop, m_vol1, {1, 2, 3, 2, 3}},   {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
   start();
   put("abcdef", "text");
   const uint64_t capacity = space().capacity();
@@ -109,7 +109,7 @@ TEST_F(VolumeTest, TheRotationFollowsEachChange) {
   testing::internal::CaptureStdout();
   printFreeSpaceList({&printed});
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "free space list\n/a free=7\n");
-  for (const Change change : {remove, disable, enable}) {
+  for (const Change change : {drop, disable, enable}) {
     EXPECT_EQ(outcome((*cache.*change)("nowhere")), "ENOENT");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Can't disable new segment nowhere"});
   }
@@ -147,7 +147,6 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
 
 // Whichever allocation fails, the volumes, the rotation and the file are as they were; repeated, it works.
 TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
-  using Change = int (DiskCache::*)(const std::string&);
   const std::pair<Change, std::string> changes[] = {{&DiskCache::addVolume, m_vol3 + std::string(100, 'x')},
                                                     {&DiskCache::removeVolume, m_vol1}};
   log.setLevel(LogLevel::Error - 1);

@@ -49,8 +49,7 @@ TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
     EXPECT_NE(listing.header("cache-status").find("fwd=bypass"), std::string::npos) << listing.head;
   }
   EXPECT_EQ(ask("MKCOL", "/list/new/").status, 405);  // the store's word
-  store.put("kept", "kept");
-  EXPECT_EQ(get("/kept").body, "kept");
+  fetch("kept", "kept");
   EXPECT_EQ(ask("POST", "/kept").status, 405);
   EXPECT_TRUE(get("/kept").isHit()) << "nothing was changed";
 }
@@ -177,14 +176,9 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
   writeBack.push_back("--root=" + (small / "root"));
   start(writeBack);
   store.restart("if ($request_method = PUT) { return 503; }");
-  store.put("k", "the store's");
-  EXPECT_EQ(get("/k").body, "the store's");
+  fetch("k", "the store's");
   std::ofstream(small / "other") << std::string(17 << 20, 'x');
-  for (int i = 0; i < 60; ++i) {
-    const std::string name = std::string(100, 'n') + std::to_string(i);
-    store.put(name, "x");
-    EXPECT_EQ(get('/' + name).body, "x");
-  }
+  for (int i = 0; i < 60; ++i) fetch(std::string(100, 'n') + std::to_string(i), "x");
   EXPECT_NE(logged().find("can't be written"), std::string::npos);
   EXPECT_EQ(put("/k", "first").status, 507);
   fs::remove(small / "other");

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +40,12 @@ struct EngineOptions {
   MigrationCB migrationCallback = nullptr;
   std::string volumesIn = {};  // empty: in the fixture's directory
   PrunerCallback prunerCallback = {};
+};
+
+struct SegmentOperation {
+  std::string name;
+  bool touches;  // the recency list
+  std::function<CZuError()> run;
 };
 
 class EngineTest : public ::testing::Test {
@@ -80,6 +87,44 @@ class EngineTest : public ::testing::Test {
   }
   CZuError remove(const guid_t& guid, Recycle recycle = Recycle::No) {
     return cache->deleteSegment(ctx, guid, false, false, recycle);
+  }
+  // Each operation that tells how it ended, on this segment: first those that need it, the one that makes it last.
+  std::vector<SegmentOperation> operationsOn(const guid_t& guid) {
+    static const std::string text = "text";
+    static const std::vector<Section> in{section(0, text)};
+    const auto read = [=, this](bool touches) {
+      std::string buffer = "....";
+      std::vector<Section> out{section(0, buffer)};
+      return cache->readSections(ctx, guid, out, touches);
+    };
+    const auto readAll = [=, this] {
+      std::vector<SectionV> all;
+      return cache->readAllSections(ctx, guid, all);
+    };
+    const auto readWhole = [=, this] {
+      std::vector<unsigned char> data;
+      return cache->readCompleteSection(ctx, guid, 0, data);
+    };
+    const auto askSize = [=, this] {
+      uint64_t size = 0;
+      return cache->getSectionSize(size, ctx, guid, 0, 0);
+    };
+    return {
+        {"readSections", true, [=] { return read(true); }},
+        {"readSections, quietly", false, [=] { return read(false); }},
+        {"readAllSections", true, readAll},
+        {"readCompleteSection", true, readWhole},
+        {"getSectionSize", false, askSize},
+        {"writeSections", true, [=, this] { return write(guid, in); }},
+        {"replaceSegment", true, [=, this] { return cache->replaceSegment(ctx, guid, in); }},
+        {"truncateSection", true, [=, this] { return cache->truncateSection(ctx, guid, 0, 0, 1); }},
+        {"syncSegment", true, [=, this] { return cache->syncSegment(ctx, guid); }},
+        {"copyOverrideSegment", false, [=, this] { return cache->copyOverrideSegment(ctx, guid, false); }},
+        {"markDirty", true, [=, this] { return cache->markDirty(ctx, guid, true); }},
+        {"moveToPrunable", true, [=, this] { return cache->moveToPrunable(ctx, guid); }},
+        {"deleteSegment, recycling", false, [=, this] { return remove(guid, Recycle::Yes); }},
+        {"deleteSegment", false, [=, this] { return remove(guid); }},
+        {"createSegment", true, [=, this] { return create(guid, in); }}};
   }
   void put(const guid_t& guid, const std::string& text) {
     ASSERT_EQ(outcome(create(guid, {section(0, text)})), "success") << guid;
