@@ -99,6 +99,7 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
         close(fd);
         const std::string whole = bytesOf(guid);
         for (size_t i = 0; i < 2; ++i) {
+          EXPECT_EQ(places[i].len, texts[i].size());
           EXPECT_EQ(whole.substr(places[i].offset, places[i].len), texts[i]);
           ASSERT_LE(places[i].read, std::min(buffers[i].size(), texts[i].size()));
           EXPECT_EQ(buffers[i].substr(0, places[i].read), texts[i].substr(0, places[i].read));
