@@ -67,23 +67,21 @@ TEST_F(ClientModelTest, EightThreadsRestartsAndMoves) {
     chosen.verify = static_cast<Verify>(life % 3);
     chosen.maxHotBytes = life % 2 == 0 ? 17 * 1024 : 60'000;
     start(chosen);
-    ASSERT_EQ(outcome(cache->flush(
-                  [&](const StagedObject& object) {
-                    std::string bytes(object.size, 'x');
-                    const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
-                    const bool isGivenUp = RMErrorUtil::GetErrNo(error) == ENOENT;
-                    EXPECT_TRUE(isGivenUp || bytes == bytesOf(object.key, object.version, 0, object.size));
-                    return error;
-                  },
-                  2)),
-              "success");
+    const auto uploadUnlessGivenUp = [](const StagedObject& object) {
+      std::string bytes(object.size, 'x');
+      const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+      const bool isGivenUp = RMErrorUtil::GetErrNo(error) == ENOENT;
+      EXPECT_TRUE(isGivenUp || bytes == bytesOf(object.key, object.version, 0, object.size));
+      return error;
+    };
+    ASSERT_EQ(outcome(cache->flush(uploadUnlessGivenUp, 2)), "success");
     {
       std::vector<std::jthread> threads;
       for (unsigned t = 0; t < 8; ++t)
         threads.emplace_back([=, this] { work(life * 8 + t + 1, operations); });
       const std::string destination = dir / "moved" + std::to_string(life);
       EXPECT_EQ(move(chosen.volumes[life % 2], destination), "success");
-      std::filesystem::remove_all(std::exchange(chosen.volumes[life % 2], destination));
+      fs::remove_all(std::exchange(chosen.volumes[life % 2], destination));
     }
     EXPECT_TRUE(cache->drained(std::chrono::steady_clock::now() + LONGEST_WAIT));
     const ObjectCacheMetrics metrics = cache->metrics();
@@ -95,7 +93,7 @@ TEST_F(ClientModelTest, EightThreadsRestartsAndMoves) {
     EXPECT_GT(metrics.hotHits + metrics.coldHits, 100U);
     EXPECT_EQ(metrics.damagedBlocks, 0U);
     uint64_t onDisk = 0;
-    for (const std::string& path : files()) onDisk += (std::filesystem::file_size(path) + 4095) / 4096 * 4096;
+    for (const std::string& path : files()) onDisk += (fs::file_size(path) + 4095) / 4096 * 4096;
     EXPECT_EQ(metrics.usedBytes, onDisk);  // nothing is lost sight of
   }
 }

@@ -38,13 +38,11 @@ TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
     start(chosen);
   }
   std::multiset<size_t> uploaded;
-  EXPECT_EQ(outcome(cache->flush(
-                [&](const StagedObject& object) {
-                  uploaded.insert(object.size);
-                  return upload(object);
-                },
-                0)),
-            "success");
+  const auto note = [&](const StagedObject& object) {
+    uploaded.insert(object.size);
+    return upload(object);
+  };
+  EXPECT_EQ(outcome(cache->flush(note, 0)), "success");
   EXPECT_EQ(uploaded, std::multiset<size_t>(sizes.begin(), sizes.end()));
   EXPECT_TRUE(cache->drained(soon()));
   EXPECT_TRUE(files("staged").empty());

@@ -8,12 +8,16 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
 class ClientVolumeTest : public ClientTest {
  protected:
   void readObjects(int from, int to, size_t size = 1000) {
     for (int i = from; i < to; ++i) ASSERT_EQ(readAll(std::to_string(i), size), "right") << i;
+  }
+  // Reads them, and the origin is asked for so many of them.
+  void readAsking(size_t times, int from, int to, size_t size = 1000) {
+    asked();
+    readObjects(from, to, size);
+    EXPECT_EQ(asked(), times) << from << " to " << to;
   }
 };
 
@@ -21,8 +25,7 @@ TEST_F(ClientVolumeTest, EverythingIsFoundAgainWhateverTheOrderAndWhateverLiesBe
   ObjectCacheOptions chosen = options(3);
   chosen.highWatermark = chosen.lowWatermark = 1000;
   start(chosen);
-  readObjects(0, 60);
-  EXPECT_EQ(asked(), 60U);
+  readAsking(60, 0, 60);
   for (const std::string& volume : chosen.volumes) {
     EXPECT_GT(std::distance(fs::recursive_directory_iterator(volume + "/blocks"), {}), 20);
     writeFile(volume + "/lost+found/abc", "x");
@@ -34,8 +37,7 @@ TEST_F(ClientVolumeTest, EverythingIsFoundAgainWhateverTheOrderAndWhateverLiesBe
     std::rotate(chosen.volumes.begin(), chosen.volumes.begin() + 1, chosen.volumes.end());
     chosen.volumes[0] += "//";
     start(chosen);
-    readObjects(0, 60);
-    EXPECT_EQ(asked(), 0U);
+    readAsking(0, 0, 60);
   }
 }
 
@@ -44,20 +46,17 @@ TEST_F(ClientVolumeTest, AVolumeThatIsNotThereIsNotFilled) {
   start(chosen);
   readObjects(0, 40);
   cache.reset();
-  asked();
   fs::rename(dir / "vol2", dir / "away");
   fs::create_directories(dir / "vol2");  // an empty mount point
   start(chosen);
   EXPECT_EQ(cache->metrics().absentVolumes, 1U);
-  readObjects(0, 40);
-  EXPECT_EQ(asked(), 20U);
+  readAsking(20, 0, 40);
   EXPECT_TRUE(fs::is_empty(dir / "vol2"));
   cache.reset();
   fs::remove_all(dir / "vol2");
   fs::rename(dir / "away", dir / "vol2");
   start(chosen);
-  readObjects(0, 40);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 40);
   EXPECT_EQ(files().size(), 40U);  // the copies made meanwhile are gone
 
   // Gone while it is in use: misses, and the other volume takes what comes.
@@ -65,9 +64,7 @@ TEST_F(ClientVolumeTest, AVolumeThatIsNotThereIsNotFilled) {
   fs::create_directories(dir / "vol2");
   readObjects(0, 80);
   EXPECT_TRUE(fs::is_empty(dir / "vol2"));
-  asked();
-  readObjects(0, 80);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 80);
   cache.reset();
   chosen.replaceVolumes = true;
   start(chosen);
@@ -113,28 +110,24 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
   readObjects(20, 30);
   EXPECT_EQ(cache->metrics().evictedBlocks, 10U);
   EXPECT_EQ(asked(), 30U);
-  readObjects(0, 5);
-  readObjects(15, 30);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 5);
+  readAsking(0, 15, 30);
   chosen.maxBytes = 10 * each;
   start(chosen);
   EXPECT_EQ(files().size(), 10U);
-  readObjects(20, 30);  // those made last
-  EXPECT_EQ(asked(), 0U);
-  readObjects(25, 30);
+  readAsking(0, 20, 30);  // those made last
+  readAsking(0, 25, 30);
   cache->setMaxBytes(5 * each);  // at once
   EXPECT_EQ(files().size(), 5U);
   EXPECT_EQ(cache->metrics().hotBlocks, 5U);
-  readObjects(25, 30);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 25, 30);
   chosen.maxBytes = 0;
   chosen.maxBlocks = 7;
   start(chosen);
   readObjects(25, 34);
   EXPECT_EQ(cache->metrics().evictedBlocks, 2U);
   EXPECT_EQ(asked(), 4U);
-  readObjects(27, 34);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 27, 34);
   EXPECT_EQ(files().size(), 7U);
 }
 
@@ -143,7 +136,6 @@ TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
   start(chosen);
   readObjects(0, 40);
   const std::vector<std::string> before = files(), was = chosen.volumes;
-  asked();
   ASSERT_EQ(stage("staged", 1000), "success");
   EXPECT_EQ(outcome(cache->moveVolume(was[0], dir / "new")), "EBUSY");
   ASSERT_EQ(outcome(cache->discardStaged("staged", "v")), "success");
@@ -162,29 +154,25 @@ TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
     EXPECT_NE(error.AsString().find(source), std::string::npos) << error.AsString();
   }
   EXPECT_EQ(files(), before);
-  readObjects(0, 40);
+  readAsking(0, 0, 40);
   start(chosen);
-  readObjects(0, 40);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 40);
   fs::remove(was[0] + "/blocks/link");
 
   ASSERT_EQ(outcome(cache->moveVolume(was[0] + "//", dir / "new")), "success");
   EXPECT_EQ(cache->metrics().hotBlocks, 0U);
   EXPECT_EQ(std::distance(fs::directory_iterator(dir / "new"), {}), 3);  // blocks, staged, recycle
-  readObjects(0, 60);
-  EXPECT_EQ(asked(), 20U);
+  readAsking(20, 0, 60);
   EXPECT_EQ(openWith(chosen), "EBUSY");
   chosen.volumes[0] = dir / "new";
   start(chosen);
-  readObjects(0, 60);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 60);
   // Back again, also for the next open() of the same cache.
   fs::remove_all(was[0]);
   ASSERT_EQ(outcome(cache->moveVolume(dir / "new", was[0])), "success");
   cache->close();
   ASSERT_EQ(outcome(cache->open()), "success");
-  readObjects(0, 60);
-  EXPECT_EQ(asked(), 0U);
+  readAsking(0, 0, 60);
   // One that is not mounted has nothing to move.
   fs::rename(was[0], dir / "unmounted");
   fs::create_directory(was[0]);
@@ -203,9 +191,7 @@ TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
     readObjects(0, objects, size);
     EXPECT_GT(cache->metrics().evictedBlocks, 100U);
     EXPECT_EQ(cache->metrics().refusedForRoom, 0U);
-    asked();
-    readObjects(objects - 10, objects, size);
-    EXPECT_EQ(asked(), 0U);
+    readAsking(0, objects - 10, objects, size);
     struct statvfs status {};
     ASSERT_EQ(statvfs(disk.path().c_str(), &status), 0);
     EXPECT_GE(status.f_favail, 10U);

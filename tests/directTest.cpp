@@ -61,11 +61,11 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");
 
-  std::filesystem::create_symlink(pathOf("whole"), pathOf("whole link"));
+  fs::create_symlink(pathOf("whole"), pathOf("whole link"));
   EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
   ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);
   EXPECT_EQ(readPlace("whole pipe", 0), "[EINVAL]");
-  std::filesystem::create_directories(pathOf("whole dir"));
+  fs::create_directories(pathOf("whole dir"));
   EXPECT_EQ(readPlace("whole dir", 0), "[EINVAL]");
   EXPECT_EQ(openDescriptors(), descriptors);
 }
@@ -74,9 +74,10 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
 // payload, and what lies where is the same.
 TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   start();
-  std::string payload(1000, '\0'), trailer(300, '\0');
-  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7 + i / 256);
-  for (size_t i = 0; i < trailer.size(); ++i) trailer[i] = static_cast<char>(i * 5 + 100 + i / 256);
+  std::string texts[] = {std::string(1000, '\0'), std::string(300, '\0')};
+  const auto& [payload, trailer] = texts;
+  for (size_t i = 0; i < payload.size(); ++i) texts[0][i] = static_cast<char>(i * 7 + i / 256);
+  for (size_t i = 0; i < trailer.size(); ++i) texts[1][i] = static_cast<char>(i * 5 + 100 + i / 256);
   const guid_t guids[] = {"in order", "turned", "with another"};
   ASSERT_EQ(outcome(create(guids[0], {section(0, payload), section(1, trailer)})), "success");
   ASSERT_EQ(outcome(create(guids[1], {section(1, trailer), section(0, payload)})), "success");
@@ -86,26 +87,23 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   for (const guid_t& guid : guids) {
     for (const size_t first : rooms) {
       for (const size_t second : rooms) {
-        std::vector<unsigned char> front(first, 'f'), last(second, 'l');
+        SCOPED_TRACE(testing::Message() << guid << ' ' << first << ' ' << second);
+        std::string buffers[] = {std::string(first, 'f'), std::string(second, 'l')};
         std::vector<SectionPlace> places{{0}, {1}};
-        places[0].data = front.data();
-        places[0].bufferSize = first;
-        places[1].data = last.data();
-        places[1].bufferSize = second;
+        for (size_t i = 0; i < 2; ++i) {
+          places[i].data = reinterpret_cast<unsigned char*>(buffers[i].data());
+          places[i].bufferSize = buffers[i].size();
+        }
         int fd = -1;
         ASSERT_EQ(outcome(cache->openSection(fd, places, ctx, guid)), "success");
         close(fd);
-        EXPECT_EQ(places[0].len, payload.size());
-        EXPECT_EQ(places[1].len, trailer.size());
-        EXPECT_EQ(bytesOf(guid).substr(places[1].offset, trailer.size()), trailer);
-        ASSERT_LE(places[0].read, std::min(first, payload.size()));
-        ASSERT_LE(places[1].read, std::min(second, trailer.size()));
-        const auto text = [](const std::vector<unsigned char>& bytes, uint64_t count) {
-          return std::string(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count));
-        };
-        EXPECT_EQ(text(front, places[0].read), payload.substr(0, places[0].read)) << guid;
-        EXPECT_EQ(text(last, places[1].read), trailer.substr(0, places[1].read))
-            << guid << first << ' ' << second;
+        const std::string whole = bytesOf(guid);
+        for (size_t i = 0; i < 2; ++i) {
+          EXPECT_EQ(places[i].len, texts[i].size());
+          EXPECT_EQ(whole.substr(places[i].offset, places[i].len), texts[i]);
+          ASSERT_LE(places[i].read, std::min(buffers[i].size(), texts[i].size()));
+          EXPECT_EQ(buffers[i].substr(0, places[i].read), texts[i].substr(0, places[i].read));
+        }
         const bool isOnTheWay = &guid == guids && first >= payload.size() && second >= 999;
         EXPECT_TRUE(!isOnTheWay || places[1].read == trailer.size());
       }
@@ -116,7 +114,6 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
 TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   std::vector<std::string> asked;
   std::string refused = "b2";
-  EngineOptions options;
   options.volumes = 2;
   options.prunerCallback = [&](auto& name, auto& path, const std::string& guid) {
     asked.push_back(guid);
@@ -127,10 +124,9 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
     EXPECT_EQ(name + ' ' + path, "ctx " + cache->guid2path(guid, volume, "ctx"));
     return guid != refused;
   };
-  start(options);
+  start();
   for (const char* guid : {"a1", "b2", "c3", "d4"}) put(guid, guid);
-  const uint64_t hits = Access::space(*cache).stats().lruHits,
-                 misses = Access::space(*cache).stats().lruMisses;
+  const uint64_t hits = space().stats().lruHits, misses = space().stats().lruMisses;
 
   VolIndex volume = 0;
   EXPECT_TRUE(cache->findVolume("b2", volume));
@@ -158,8 +154,8 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_EQ(outcome(cache->giveUpOldest(9, given)), "success");
   EXPECT_EQ(given, 2U);
   EXPECT_EQ(asked, (std::vector<std::string>{"b2", "d4", "a1", "e5", "b2"}));
-  EXPECT_EQ(Access::space(*cache).stats().lruHits, hits);
-  EXPECT_EQ(Access::space(*cache).stats().lruMisses, misses);
+  EXPECT_EQ(space().stats().lruHits, hits);
+  EXPECT_EQ(space().stats().lruMisses, misses);
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
 // The engine's life, its contexts and paths, and what it refuses to take as a segment or a volume.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <future>
 
 #include "diskcache/diskcacheSpace.h"
@@ -14,9 +12,7 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
-using Texts = std::vector<std::string>;
 
 class DiskCacheTest : public EngineTest {
  protected:
@@ -48,14 +44,12 @@ TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
 TEST_F(DiskCacheTest, UnregisteringWaitsForTheCallbackThatRuns) {
   std::promise<void> entered, leave;
   std::atomic<bool> ended = false;
-  EngineOptions options;
-  options.maxLruEntries = 5;
-  options.prunerCallback = [&](auto&&...) {
+  const auto callback = [&](auto&&...) {
     entered.set_value();
     leave.get_future().wait();
     return ended = true;
   };
-  start(options);
+  start({.maxLruEntries = 5, .prunerCallback = callback});
   for (const char* guid : {"seg1", "seg2", "seg3", "seg4", "seg5"}) put(guid, "text");
   auto asking = std::async(std::launch::async, [&] { put("seg6", "text"); });
   entered.get_future().wait();
@@ -118,12 +112,12 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
     plan.fail(call, nth, EIO);
     EXPECT_EQ(outcome(cache->clearCache()), "EIO");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{line});
-    EXPECT_EQ(Access::space(*cache).used(), 0U);
+    EXPECT_EQ(space().used(), 0U);
     EXPECT_EQ(get("seg2"), "seg2");
     fs::remove_all(volumes[0]);
     EXPECT_EQ(outcome(cache->clearCache()), "success");
     EXPECT_EQ(identity(), before);
-    EXPECT_GT(Access::space(*cache).used(), 0U) << "measured: others fill the disk too";
+    EXPECT_GT(space().used(), 0U) << "measured: others fill the disk too";
     for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
     EXPECT_EQ(Access::rotation(*cache), (std::vector<VolIndex>{1, 2})) << "also one that was disabled";
   }
@@ -157,35 +151,19 @@ TEST_F(DiskCacheTest, TheRootIsLockedForOtherEngines) {
 TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
   start();
   ctx.useNonPrunableDir = true;
-  const std::string payload = "payload";
-  std::vector<Section> in{section(0, payload)}, out = in;
-  std::vector<SectionV> all;
-  std::vector<unsigned char> data;
-  uint64_t size = 0;
   const auto tryAll = [&](const guid_t& guid) {
     EXPECT_FALSE(cache->doesSegmentExist(ctx, guid));
     EXPECT_EQ(cache->getOverriddenSegment(ctx, guid), "");
-    return Texts{outcome(cache->readCompleteSection(ctx, guid, 0, data)),
-                 outcome(cache->writeSections(ctx, guid, in, false, ForceDiskLoc::Default)),
-                 outcome(cache->replaceSegment(ctx, guid, in)),
-                 outcome(cache->readSections(ctx, guid, out, true)),
-                 outcome(cache->readAllSections(ctx, guid, all)),
-                 outcome(cache->getSectionSize(size, ctx, guid, 0, 0)),
-                 outcome(cache->truncateSection(ctx, guid, 0, 0, 1)),
-                 outcome(cache->syncSegment(ctx, guid)),
-                 outcome(cache->copyOverrideSegment(ctx, guid, false)),
-                 outcome(cache->markDirty(ctx, guid, true)),
-                 outcome(cache->moveToPrunable(ctx, guid)),
-                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::Yes)),
-                 outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::No)),
-                 outcome(create(guid, in))};  // last: it chooses a volume of its own
+    Texts told;
+    for (const SegmentOperation& operation : operationsOn(guid)) told.push_back(outcome(operation.run()));
+    return told;
   };
-  Texts unknown(8, "ENOENT");
+  Texts unknown(9, "ENOENT");
   unknown.insert(unknown.end(), 6, "success");
   // None of these would lead out of the test's own directory if it were taken.
   for (const guid_t& bad : {""s, "."s, ".."s, "/"s, "a/b"s, "/etc/x"s, "../x"s, "a\0b"s, "..ab"s, "ab.."s}) {
     const FaultPlan plan;
-    EXPECT_EQ(tryAll(bad), Texts(14, "EINVAL")) << testing::PrintToString(bad);
+    EXPECT_EQ(tryAll(bad), Texts(15, "EINVAL")) << testing::PrintToString(bad);
     EXPECT_EQ(plan.trace(), Texts{});
   }
   for (const guid_t& good : {"abcdef"s, "a"s, "a..b"s, "%s%n"s}) put(good, "text");
@@ -198,7 +176,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     EXPECT_EQ(tryAll("uvwxyz"), unknown);
     ASSERT_EQ(treeOf("."), before);
     EXPECT_EQ(readFile(file), bytes);
-    (void)cache->deleteSegment(ctx, "uvwxyz", false, false, Recycle::No);  // what the creation made
+    (void)remove("uvwxyz");  // what the creation made
   }
 }
 

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -18,9 +17,6 @@
 
 namespace ObjectStore {
 namespace {
-
-namespace fs = std::filesystem;
-using Names = std::vector<std::string>;
 
 class FileTest : public ::testing::Test {
  protected:
@@ -43,7 +39,7 @@ class FileTest : public ::testing::Test {
 
 TEST_F(FileTest, CreateDirMakesWhatIsMissing) {
   makeOddFiles();
-  const std::pair<const char*, Names> cases[] = {
+  const std::pair<const char*, Texts> cases[] = {
       {"success", {dir / "x", dir / "a/b/c/", dir / "directory", dir / "dirlink", "/"}},
       {"ENOTDIR", {dir / "link", dir / "outside/file", dir / "link/below"}},
       {"EEXIST", {dir / "dangling"}},
@@ -72,7 +68,7 @@ TEST_F(FileTest, RmTreeRefusesRootsAndDots) {
     }
   }).join();
   if (!confined) GTEST_SKIP() << "this process may not change its root";
-  EXPECT_EQ(treeOf(dir.path()), (Names{"kept/", "kept/file"}));
+  EXPECT_EQ(treeOf(dir.path()), (Texts{"kept/", "kept/file"}));
 }
 
 TEST_F(FileTest, RmTreeStaysInside) {
@@ -89,7 +85,7 @@ TEST_F(FileTest, RmTreeStaysInside) {
   plan.fail("readdir", 2, EIO);  // a listing cut short must not pass for the whole
   EXPECT_EQ(outcome(rmTree(dir / "tree")), "EIO");
   EXPECT_EQ(outcome(rmTree(dir / "tree//")), "success");
-  EXPECT_EQ(treeOf(dir.path()), (Names{"dangling@", "directory/", "dirlink@", "outside/", "outside/file"}));
+  EXPECT_EQ(treeOf(dir.path()), (Texts{"dangling@", "directory/", "dirlink@", "outside/", "outside/file"}));
 }
 
 // As many times as a thread that goes on filling the tree makes necessary.
@@ -161,7 +157,7 @@ TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
     EXPECT_EQ(stat((dir / "to").c_str(), &status), 0);
     EXPECT_TRUE(!c.copied || (status.st_mode & 0777) == 0700);
     EXPECT_TRUE(c.errNo == EINVAL || status.st_blocks * 512 < 1 << 20) << "holes stay holes";
-    EXPECT_EQ(treeOf(dir.path()), (Names{"from", "to"}));
+    EXPECT_EQ(treeOf(dir.path()), (Texts{"from", "to"}));
   }
 }
 

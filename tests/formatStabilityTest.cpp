@@ -10,8 +10,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
 // An identifier and its sections' payloads, by type.
 const std::vector<std::pair<guid_t, std::map<int32_t, std::string>>> SEGMENTS = {
     {"0a1b2c3d", {{0, "one section"}}},
@@ -24,14 +22,7 @@ const std::pair<std::string, uint64_t> OBJECTS[] = {
 const std::string STAGED = "bucket/staged";
 constexpr size_t STAGED_SIZE = 100;
 
-class EngineFormatTest : public EngineTest {
- protected:
-  void begin() {
-    EngineOptions options;
-    options.persistent = PersistentVolumes::Yes;
-    start(options);
-  }
-};
+class EngineFormatTest : public EngineTest {};
 class ClientFormatTest : public ClientTest {};
 
 // The directories of the released versions, each with "engine" and "client".
@@ -61,7 +52,7 @@ void keep(const TempDir& written, const char* as) {
 }
 
 TEST_F(EngineFormatTest, SegmentsOfEveryReleaseAreRead) {
-  begin();
+  start({.persistent = PersistentVolumes::Yes});
   for (const auto& [guid, payloads] : SEGMENTS) {
     std::vector<Section> sections;
     for (const auto& [type, payload] : payloads) sections.push_back(section(type, payload, 7));
@@ -72,7 +63,7 @@ TEST_F(EngineFormatTest, SegmentsOfEveryReleaseAreRead) {
   for (const fs::path& release : releases()) {
     SCOPED_TRACE(release);
     unpack(release / "engine", dir);
-    begin();
+    start({.persistent = PersistentVolumes::Yes});
     ctx.volume = 1;
     for (const auto& [guid, payloads] : SEGMENTS) {
       for (const auto& [type, payload] : payloads) EXPECT_EQ(get(guid, type), payload) << guid;
@@ -82,10 +73,9 @@ TEST_F(EngineFormatTest, SegmentsOfEveryReleaseAreRead) {
 }
 
 TEST_F(ClientFormatTest, ObjectsOfEveryReleaseAreHits) {
-  const std::string staged = bytesOf(STAGED, "v", 0, STAGED_SIZE);
   start();
   for (const auto& [key, size] : OBJECTS) ASSERT_EQ(readAll(key, size), "right");
-  ASSERT_EQ(outcome(cache->stage(STAGED, "v", std::as_bytes(std::span(staged)), {{"etag", "v"}})), "success");
+  ASSERT_EQ(stage(STAGED, STAGED_SIZE), "success");
   cache.reset();
   keep(dir, "client");
   for (const fs::path& release : releases()) {

@@ -1,5 +1,4 @@
 // Section records: finding the last one, room for new ones, and how operations time their calls.
-#include <functional>
 #include <future>
 
 #include "diskcache/diskcacheSpace.h"
@@ -32,9 +31,7 @@ TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
     Access::changeVolume(*cache, 1, [=](Volume& volume) { volume.allow = false, volume.free = bytes; });
   };
   for (const PruningMode mode : {PruningMode::Random, PruningMode::Lru}) {
-    EngineOptions options;
-    options.mode = mode;
-    start(options);
+    start({.mode = mode});
     FaultPlan plan;
     plan.skipSleeps();
     setFree(3);
@@ -56,7 +53,7 @@ TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
       EXPECT_EQ(append(volume), "ENOSPC");  // 7 is none
     const size_t seconds = mode == PruningMode::Random ? 3 : 0;
     EXPECT_EQ(plan.sleeps(), std::vector<std::chrono::nanoseconds>(seconds, std::chrono::seconds(1)));
-    EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 2U);
+    EXPECT_EQ(space().stats().errOutOfSpace.value(), 2U);
   }
 }
 
@@ -70,8 +67,7 @@ TEST_F(FormatTest, OperationsTimeTheirCallsUnderTheCountersTheyAreKnownBy) {
   const std::pair<std::function<CZuError()>, const char*> cases[] = {
       {[&] { return cache->createSegment(ctx, "abcd", two, true, false, false); },
        "Sync 1 DiskWrite 7 Open 1 Seek 2 Close 1 "},
-      {[&] { return cache->writeSections(ctx, "abcd", one, false, ForceDiskLoc::Default); },
-       "diskWrite 1 DiskRead 2 DiskWrite 2 Open 1 Close 1 "},
+      {[&] { return write("abcd", one); }, "diskWrite 1 DiskRead 2 DiskWrite 2 Open 1 Close 1 "},
       {[&] { return cache->writeSections(ctx, "abcd", other, true, ForceDiskLoc::Default); },
        "diskWrite 1 Sync 1 DiskRead 1 DiskWrite 3 Open 1 Seek 1 Close 1 "},
       {[&] { return cache->readSections(ctx, "abcd", one, true); }, "diskRead 1 DiskRead 3 Open 1 "},
@@ -80,7 +76,7 @@ TEST_F(FormatTest, OperationsTimeTheirCallsUnderTheCountersTheyAreKnownBy) {
       {[&] { return cache->readCompleteSection(ctx, "abcd", 0, data); }, "diskRead 1 DiskRead 3 Open 1 "},
       {[&] { return cache->syncSegment(ctx, "abcd"); }, "Sync 1 Open 1 Close 1 "},
       {[&] { return cache->replaceSegment(ctx, "abcd", one); }, "DiskWrite 4 Open 1 Seek 1 Close 1 "},
-      {[&] { return cache->deleteSegment(ctx, "abcd", false, false, Recycle::No); }, "Fstat 1 "}};
+      {[&] { return remove("abcd"); }, "Fstat 1 "}};
   start();
   for (const auto& [call, timed] : cases) {
     ThrdPerfCounter counter;

@@ -1,5 +1,4 @@
 // A file system that fills up for real.
-#include <functional>
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
@@ -15,55 +14,52 @@ constexpr size_t LONGEST = 44 * 1024;
 class FullDiskTest : public EngineTest {
  protected:
   void TearDown() override { cache.reset(); }
-  uint64_t freeBytes() { return std::filesystem::space(disk.path()).available; }
+  uint64_t freeBytes() { return fs::space(disk.path()).available; }
   static std::string payloadOf(size_t id) {
     return std::string(LONGEST / (1 + id % 5), static_cast<char>('a' + id % 23));
-  }
-  std::string write(const std::vector<Section>& sections, const guid_t& guid) {
-    return outcome(cache->writeSections(ctx, guid, sections, false, ForceDiskLoc::Default));
   }
   SmallFileSystem disk{8};
 };
 
 TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   SKIP_WITHOUT(disk);
-  EngineOptions options;
-  options.volumesIn = disk.path();
-  start(options);
+  start({.volumesIn = disk.path()});
   const uint64_t empty = freeBytes();
   size_t made = 0;
   while (made < 1000 && outcome(create(std::to_string(made), {section(0, payloadOf(made))})) == "success")
     ++made;
-  EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 1U);
+  EXPECT_EQ(space().stats().errOutOfSpace.value(), 1U);
   const uint64_t reserve = 8 * MIB / 20;
   EXPECT_LT(freeBytes(), reserve);
   EXPECT_GT(freeBytes(), reserve - LONGEST - 4096);  // the last segment may cut into it
-  EXPECT_EQ(Access::space(*cache).used(), 8 * MIB - freeBytes());
+  EXPECT_EQ(space().used(), 8 * MIB - freeBytes());
 
   // The rest is taken by someone else.
   Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 0; });
   writeFile(disk / "ballast", std::string(freeBytes(), 'b'));
   EXPECT_EQ(outcome(create("another", {section(0, "text")})), "ENOSPC");  // in the first write of its file
-  EXPECT_EQ(write({section(1, "appended")}, "0"), "ENOSPC");
-  EXPECT_EQ(Access::space(*cache).stats().errOutOfSpace.value(), 3U);
-  EXPECT_EQ(write({section(0, "extended", 0, 2 * LONGEST)}, "0"), "ENOSPC");
+  EXPECT_EQ(outcome(write("0", {section(1, "appended")})), "ENOSPC");
+  EXPECT_EQ(space().stats().errOutOfSpace.value(), 3U);
+  EXPECT_EQ(outcome(write("0", {section(0, "extended", 0, 2 * LONGEST)})), "ENOSPC");
 
   while (made-- > 0) {
     EXPECT_TRUE(get(std::to_string(made)) == payloadOf(made)) << made;
-    EXPECT_EQ(outcome(cache->deleteSegment(ctx, std::to_string(made), false, false, Recycle::No)), "success");
+    EXPECT_EQ(outcome(remove(std::to_string(made))), "success");
   }
-  std::filesystem::remove(disk / "ballast");
+  fs::remove(disk / "ballast");
   EXPECT_EQ(freeBytes(), empty);
   put("once more", "text");
+  ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(get("once more"), "text") << "also from a disk that is read-only";
+  std::string text = "....";
+  std::vector<Section> one = {section(0, text)};
+  EXPECT_EQ(outcome(cache->readSections(ctx, "once more", one, true)) + ' ' + text, "success text");
 }
 
 TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
   const SmallFileSystem few(8, 20);
   SKIP_WITHOUT(few);
-  EngineOptions options;
-  options.mode = PruningMode::Random;
-  options.volumesIn = few.path();
-  start(options);
+  start({.mode = PruningMode::Random, .volumesIn = few.path()});
   const std::string text = "text", goesToSleep = "Pruner Thread will wakeup";
   ASSERT_TRUE(log.waitFor(goesToSleep));
   const std::function<std::string()> refused[] = {
@@ -83,26 +79,13 @@ TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
       [&] {
         FaultPlan plan;
         plan.fail("pwrite", 1, ENOSPC);
-        return write({section(0, text)}, "abcd0");
+        return outcome(write("abcd0", {section(0, text)}));
       }};
   for (const auto& operation : refused) {
     log.clear();
     EXPECT_EQ(operation(), "ENOSPC");
     EXPECT_TRUE(log.waitFor(goesToSleep)) << "again, after refusal " << &operation - refused;
   }
-}
-
-TEST_F(FullDiskTest, AReadOnlyDiskIsRead) {
-  SKIP_WITHOUT(disk);
-  EngineOptions options;
-  options.volumesIn = disk.path();
-  start(options);
-  put("kept", "text");
-  ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  EXPECT_EQ(get("kept"), "text");
-  std::string text = "....";
-  std::vector<Section> one = {section(0, text)};
-  EXPECT_EQ(outcome(cache->readSections(ctx, "kept", one, true)) + ' ' + text, "success text");
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <map>
 #include <set>
 
@@ -16,7 +15,6 @@ namespace ObjectStore {
 namespace {
 
 using nlohmann::json;
-namespace fs = std::filesystem;
 
 // As many hours ago as that a file was changed for the last time.
 void age(const std::string& path, int hours) {

@@ -5,7 +5,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <random>
 
 #include "tests/support/engineFixture.h"
@@ -14,9 +13,6 @@
 
 namespace ObjectStore {
 namespace {
-
-namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
 
 // How an operation that is cut short may show: not at all, within the old length, or in a section that
 // readers refuse until its record is whole.
@@ -58,21 +54,21 @@ TEST_F(KillTest, WhatHadReturnedIsLeftAndNothingForeign) {
       D{section(1, d, 0, 900)}, E{section(1, e)}, FD{section(0, f), section(1, d)};
   const std::vector<Step> script = {
       {REFUSED, S, [&] { return cache->createSegment(ctx, S, A, false, false, false); }},
-      {REFUSED, S, [&] { return cache->writeSections(ctx, S, B, false, ForceDiskLoc::Default); }},
-      {BYTES, S, [&] { return cache->writeSections(ctx, S, C, false, ForceDiskLoc::Default); }},
-      {BYTES, S, [&] { return cache->writeSections(ctx, S, D, false, ForceDiskLoc::Default); }},
+      {REFUSED, S, [&] { return write(S, B); }},
+      {BYTES, S, [&] { return write(S, C); }},
+      {BYTES, S, [&] { return write(S, D); }},
       {WHOLE, S, [&] { return cache->truncateSection(ctx, S, 1, 0, 950); }},
       {REFUSED, S, [&] { return cache->truncateSection(ctx, S, 1, 0, 1000); }},
       {WHOLE, S, [&] { return cache->markDirty(ctx, S, false); }},
-      {BYTES, S, [&] { return cache->writeSections(ctx, S, A, false, ForceDiskLoc::Default); }},
+      {BYTES, S, [&] { return write(S, A); }},
       {WHOLE, S, [&] { return cache->moveToPrunable(ctx, S); }},
       {WHOLE, S, [&] { return cache->replaceSegment(ctx, S, FD); }},
-      {BYTES, S, [&] { return cache->writeSections(ctx, S, E, false, ForceDiskLoc::NonPrunable); }},
+      {BYTES, S, [&] { return write(S, E, ForceDiskLoc::NonPrunable); }},
       {REFUSED, T, [&] { return cache->createSegment(ctx, T, A, true, true, false); }},
       {WHOLE, T, [&] { return cache->moveToPrunable(ctx, T); }},
       {WHOLE, T, [&] { return cache->markDirty(ctx, T, true); }},
       {BYTES, T, [&] { return cache->writeSections(ctx, T, C, true, ForceDiskLoc::Default); }},
-      {WHOLE, T, [&] { return cache->deleteSegment(ctx, T, false, false, Recycle::Yes); }},
+      {WHOLE, T, [&] { return remove(T, Recycle::Yes); }},
   };
   const auto play = [&](const std::function<void()>& afterStep) {
     for (const char* name : {"root", "vol1"}) fs::remove_all(dir / name);
@@ -103,7 +99,7 @@ TEST_F(KillTest, WhatHadReturnedIsLeftAndNothingForeign) {
           << "section " << i % 2 << " of " << guids[i / 2] << " at call " << nth << ": " << left;
     }
     for (const guid_t& guid : guids) {
-      EXPECT_EQ(outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::No)), "success");
+      EXPECT_EQ(outcome(remove(guid)), "success");
       put(guid, a);
       EXPECT_EQ(get(guid), a);
     }

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <filesystem>
 #include <map>
 
 #include "tests/support/toolFixture.h"
@@ -91,7 +90,7 @@ TEST_F(LookingToolTest, DamageOfEveryKindIsNamedAndFoundInAVolume) {
   writeFile(dir / "v/ctx/ab/cd/abcd.temp", "half");
   writeFile(dir / "v/ctx/ab/cd/abcd.copying", "");
   writeFile(dir / "v/elsewhere", sound);
-  std::filesystem::create_symlink("nowhere", dir / "v/ctx/ab/cd/abcdlink");
+  fs::create_symlink("nowhere", dir / "v/ctx/ab/cd/abcdlink");
   ASSERT_EQ(mkfifo((dir / "v/ctx/ab/cd/abcdfifo").c_str(), 0600), 0);
   for (const char* special : {"link", "fifo"})
     planted[dir / "v/ctx/ab/cd/abcd" + special] = "not a regular file";
@@ -154,12 +153,12 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
 }
 
 TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
-  std::filesystem::create_directories(dir / "here");
+  fs::create_directories(dir / "here");
   writeFile(dir / "root/volume_info",
             (dir / "here,3 \n") + "no index\n" + (dir / "gone,9\n") + (dir / "again,9\n"));
   writeFile(dir / "root/migrate", "3\n" + (dir / "here\n") + (dir / "there\n"));
   const json known = parsed("volumes --root " + (dir / "root"), 1);
-  const uint64_t total = std::filesystem::space(dir.path()).capacity;
+  const uint64_t total = fs::space(dir.path()).capacity;
   expectFields(known["volumes"][0], {{"index", 3}, {"directory", dir / "here"}, {"total", total}});
   expectFields(known["volumes"][1], {{"directory", dir / "gone"}, {"present", false}, {"total", nullptr}});
   EXPECT_EQ(known["migration"]["destination"], dir / "there");

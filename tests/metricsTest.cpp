@@ -1,7 +1,5 @@
 // The engine's page of metrics: each figure after operations whose outcome is known.
 #include <algorithm>
-#include <filesystem>
-#include <functional>
 
 #include "diskcache/diskcacheSpace.h"
 #include "support/metricsText.h"
@@ -16,13 +14,12 @@ class MetricsTest : public EngineTest {
  protected:
   MetricsTest() {
     options.maxLruEntries = 5;
-    options.prunerCallback = [this](auto& /*dir*/, auto& /*path*/, auto& guid) { return remove(guid); };
+    options.prunerCallback = [this](auto& /*dir*/, auto& /*path*/, auto& guid) {
+      return !remove(guid).IsError();
+    };
   }
   void TearDown() override { cache.reset(); }
 
-  bool remove(const guid_t& guid, Recycle recycle = Recycle::No) {
-    return !cache->deleteSegment(ctx, guid, false, false, recycle).IsError();
-  }
   std::string page() {
     std::string text;
     cache->renderMetrics(text);
@@ -51,17 +48,15 @@ class MetricsTest : public EngineTest {
   // Segments on the disk, by a walk.
   double segmentFiles() {
     double files = 0;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(volumes[0]))
+    for (const auto& entry : fs::recursive_directory_iterator(volumes[0]))
       files += entry.is_regular_file() && entry.path().string().find("/recycle/") == std::string::npos;
     return files;
   }
-
-  EngineOptions options;
 };
 
 TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   options.volumesIn = dir / "a \"b\\c";
-  start(options);
+  start();
   using Figures = std::vector<double>;
   const auto figures = [&] {
     Figures all{metric("list_hits_total"), metric("list_misses_total"),
@@ -74,9 +69,7 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   };
   const auto look = [&](const guid_t& guid) { return get(guid), CZuError(); };
   const auto make = [&](const guid_t& guid) { return create(guid, {section(0, "text")}); };
-  const auto write = [&](const guid_t& guid) {
-    return cache->writeSections(ctx, guid, {section(0, "TEXT")}, false, ForceDiskLoc::Default);
-  };
+  const auto change = [&](const guid_t& guid) { return write(guid, {section(0, "TEXT")}); };
   const auto makeInFullCache = [&] {
     cache->setOutOfSpace(true);
     CZuError error = make("ffff");
@@ -97,8 +90,8 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
       {"a miss asked for", "ENOENT", {}, [&] { return cache->openSection(fd, places, ctx, "gone"); }},
       {"there already", "EEXIST", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}, [&] { return make("aaaa"); }},
       {"a bad name", "EINVAL", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 1}, [&] { return make("a/b"); }},
-      {"a write", "success", {1, 0, 0, 0, 0, 0, 1}, [&] { return write("aaaa"); }},
-      {"a write to none", "ENOENT", {1, 0, 0, 0, 0, 0, 0, 1, 0, 1}, [&] { return write("none"); }},
+      {"a write", "success", {1, 0, 0, 0, 0, 0, 1}, [&] { return change("aaaa"); }},
+      {"a write to none", "ENOENT", {1, 0, 0, 0, 0, 0, 0, 1, 0, 1}, [&] { return change("none"); }},
       {"a replacement", "success", {1, 0, 0, 0, 0, 0, 0, 0, 1}, replace},
       {"full, so cccc goes", "ENOSPC", {0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}, makeInFullCache},
   };
@@ -113,9 +106,9 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   EXPECT_EQ(metric("recency_list_entries_limit"), 5);
   EXPECT_EQ(metric("high_watermark_ratio"), FAR_WM / 100.0);
   EXPECT_EQ(metric("mode_info{mode=\"lru\"}"), 1);
-  Access::space(*cache).stats().delayMs += 1500;
+  space().stats().delayMs += 1500;
   EXPECT_EQ(metric("write_delay_seconds_total"), 1.5);
-  EXPECT_EQ(ofVolume("capacity_bytes"), std::filesystem::space(volumes[0]).capacity);
+  EXPECT_EQ(ofVolume("capacity_bytes"), fs::space(volumes[0]).capacity);
   EXPECT_EQ(ofVolume("has_room"), 1);
   EXPECT_EQ(ofVolume("present"), 1);
   FaultPlan plan;
@@ -127,17 +120,17 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
 TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
   options.maxLruEntries = 100;
   ctx.useNonPrunableDir = true;
-  start(options);
+  start();
   const std::function<void()> steps[] = {
       [&] {
         for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
       },
-      [&] { remove("aaaa"); },
+      [&] { (void)remove("aaaa"); },
       [&] { (void)cache->markDirty(ctx, "bbbb", false); },
       [&] { (void)cache->markDirty(ctx, "cccc", true); },
-      [&] { remove("dddd", Recycle::Yes); },
-      [&] { start(options); },
-      [&] { remove("bbbb"); },
+      [&] { (void)remove("dddd", Recycle::Yes); },
+      [&] { start(); },
+      [&] { (void)remove("bbbb"); },
       [&] { (void)cache->clearCache(); },
       [&] { put("aaaa", "text"); },
   };
@@ -146,7 +139,7 @@ TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
     EXPECT_EQ(metric("segments"), segmentFiles()) << "after step " << &step - steps;
   }
   options.mode = PruningMode::Random;  // where nobody counts what is there
-  start(options);
+  start();
   EXPECT_EQ(page().find("diskcache_segments"), std::string::npos);
   EXPECT_EQ(metric("mode_info{mode=\"random\"}"), 1);
 }

@@ -29,8 +29,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr size_t THREADS = 3;
 constexpr size_t SEGMENTS = 12;  // of each thread
 
@@ -81,7 +79,7 @@ struct MigrationKillTest : InMemory, EngineTest {
   }
   void startOn(size_t side) {
     options.volumesIn = fs::path(sides[side]).parent_path();
-    start(options);
+    start();
   }
   std::string awaitEnd() {
     std::future<int> ended = s_ended.get_future();
@@ -251,7 +249,7 @@ struct MigrationKillTest : InMemory, EngineTest {
     for (size_t i = 0; i < model->slots.size(); ++i) {
       Slot& slot = model->slots[i];
       if (!slot.isUnderWay.exchange(false)) continue;
-      EXPECT_EQ(outcome(cache->deleteSegment(ctx, guidOf(i), false, false, Recycle::No)), "success");
+      EXPECT_EQ(outcome(remove(guidOf(i))), "success");
       slot.now = Copies();
       EXPECT_EQ(get(guidOf(i)), "[ENOENT]");
     }
@@ -262,7 +260,6 @@ struct MigrationKillTest : InMemory, EngineTest {
   const SmallFileSystem otherDisk{static_cast<unsigned>(fs::space(dir.path()).capacity >> 20)};
   const std::array<std::string, 3> sides{dir / "a/vol1", dir / "b/vol1",
                                          (otherDisk.available() ? otherDisk.path() : dir.path()) + "/c/vol1"};
-  EngineOptions options;
   bool isPruned = false;
   Model* const model;
 };

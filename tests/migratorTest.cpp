@@ -16,9 +16,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
-
 class MigratorTest : public InMemory, public EngineTest {
  protected:
   using Works = std::vector<SegmentWork>;
@@ -39,7 +36,7 @@ class MigratorTest : public InMemory, public EngineTest {
   void startWithFour() {
     cache.reset();
     for (const std::string& old : {dir / "vol1", target, otherDisk / "new", file}) fs::remove_all(old);
-    start(options);
+    start();
     source = volumes[0];
     for (const char* name : {"/noprune-ctx/f", "/spare/f"}) writeFile(source + name, "of the source");
     put("kept", "the old text");
@@ -61,16 +58,20 @@ class MigratorTest : public InMemory, public EngineTest {
     EXPECT_EQ(outcome(work.perform(*cache, ctx, "abcd-segment")), "success");
     copies = work.leaves(copies);
   }
-  // Begins a migration that is held where it comes to this directory. All but the first half of the changes are made
+  // Begins a migration that is held where it comes to this directory, when its other threads have ended.
+  void migrateUpTo(const std::string& heldAt, const std::string& to) {
+    holding.emplace(log, "copying directory [" + source + heldAt + ']');
+    EXPECT_EQ(cache->migrate(1, source, to), 0);
+    EXPECT_TRUE(holding->reached() && log.waitFor("exiting migration thread numJobs=1"));
+  }
+  // The same with an engine of its own. All but the first half of the changes are made
   // beside it, the last one not yet.
   void begin(const Works& works, const std::string& heldAt, bool fails, const std::string& to) {
     startWithFour();
     if (fails) spoil(heldAt);
     copies = {};
     for (size_t i = 0; i < works.size() / 2; ++i) perform(works[i]);
-    holding.emplace(log, "copying directory [" + source + heldAt + ']');
-    EXPECT_EQ(cache->migrate(1, source, to), 0);
-    EXPECT_TRUE(holding->reached() && log.waitFor("exiting migration thread numJobs=1"));
+    migrateUpTo(heldAt, to);
     for (size_t i = works.size() / 2; i + 1 < works.size(); ++i) perform(works[i]);
   }
   // Readers of the two directories find what the changes have left.
@@ -101,7 +102,7 @@ class MigratorTest : public InMemory, public EngineTest {
       while (!Access::isStopping(ending)) std::this_thread::yield();
       holding->release();
       stopped.get();
-      if (end == Destroyed) start(options);
+      if (end == Destroyed) start();
     }
     holding->release();
     EXPECT_EQ(ends(), ended(std::array{"success", "EINVAL", "EINTR", "EINTR"}[end], to));
@@ -131,7 +132,6 @@ class MigratorTest : public InMemory, public EngineTest {
   static inline Texts s_ends;
   static inline bool s_nothingWasLeft = false;  // at the destination, as the callback saw it
   const SmallFileSystem otherDisk{16};
-  EngineOptions options;
   Copies copies;
   std::optional<HoldAtLine> holding;
   std::string source = dir / "vol1";
@@ -141,7 +141,7 @@ class MigratorTest : public InMemory, public EngineTest {
 TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   source = dir / "from";
   for (char c = 'a'; c < 'a' + 11; ++c) writeFile(source + '/' + c + "/sub/file", "x");
-  start(options);
+  start();
   std::vector<fs::path> names;
   for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
   EXPECT_EQ(cache->migrate(1, source, target), 0);
@@ -158,15 +158,14 @@ TEST_F(MigratorTest, AReplacementIsKeptWhereNoWorkerComes) {
   ctx.dir = std::next(fs::directory_iterator(source), 2)->path().filename();
   ASSERT_EQ(outcome(cache->registerContext(ctx)), "success");
   put("unseen", "the old text");
-  const std::string text = "the new text";
   {
     HoldAtLine hold(log, "copying directory [");
     ASSERT_EQ(cache->migrate(1, source, target), 0);
     ASSERT_TRUE(hold.reached());
-    EXPECT_EQ(outcome(cache->replaceSegment(ctx, "unseen", {section(0, text)})), "success");
+    EXPECT_EQ(outcome(cache->replaceSegment(ctx, "unseen", {section(0, "the new text")})), "success");
   }
   EXPECT_EQ(ends(), ended("success", target));
-  EXPECT_EQ(get("unseen"), text);
+  EXPECT_EQ(get("unseen"), "the new text");
 }
 
 // Beside the bytes of the segments: empty directories and such that look like leftovers, but no leftover files.
@@ -253,8 +252,7 @@ TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
   SKIP_WITHOUT(otherDisk);
   begin({}, "/ctx", true, otherDisk / "new");
   put("made", "the text");
-  const std::string text = "the new text";
-  EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, text)})), "success");
+  EXPECT_EQ(outcome(cache->replaceSegment(ctx, "kept", {section(0, "the new text")})), "success");
   FaultPlan plan;
   plan.fail("unlink", 1, EROFS);  // of what has been copied home
   holding->release();
@@ -317,14 +315,11 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
 // As when the source's disk is taken away: what is not there any more was not deleted by clients.
 TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
   startWithFour();
-  {
-    HoldAtLine hold(log, "copying directory [" + source + "/spare]");
-    ASSERT_EQ(cache->migrate(1, source, target), 0);
-    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
-    EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
-    fs::rename(source, dir / "taken away");
-    fs::create_directory(source);
-  }
+  migrateUpTo("/spare", target);
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  fs::rename(source, dir / "taken away");
+  fs::create_directory(source);
+  holding->release();
   EXPECT_EQ(ends(), ended("ENOENT", target));
   EXPECT_FALSE(isSwitched());
 }
@@ -350,18 +345,13 @@ TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides
   startWithFour();
   const std::string text = "the override";
   ctx.useNonPrunableDir = true;
-  ASSERT_EQ(outcome(cache->writeSections(ctx, "kept", {section(0, text)}, false, ForceDiskLoc::NonPrunable)),
-            "success");
+  ASSERT_EQ(outcome(write("kept", {section(0, text)}, ForceDiskLoc::NonPrunable)), "success");
   FaultPlan plan;
-  std::future<std::string> read;
-  {
-    HoldAtLine hold(log, "copying directory [" + source + "/noprune-ctx]");
-    ASSERT_EQ(cache->migrate(1, source, target), 0);
-    ASSERT_TRUE(hold.reached() && log.waitFor("exiting migration thread numJobs=1"));
-    plan.hold("access", 2);  // it is not at the destination; the source is asked next
-    read = std::async(std::launch::async, [&] { return get("kept"); });
-    ASSERT_TRUE(plan.held());
-  }
+  migrateUpTo("/noprune-ctx", target);
+  plan.hold("access", 2);  // it is not at the destination; the source is asked next
+  std::future<std::string> read = std::async(std::launch::async, [&] { return get("kept"); });
+  ASSERT_TRUE(plan.held());
+  holding->release();
   EXPECT_EQ(ends(), ended("success", target));
   fs::remove_all(source);
   plan.release();

@@ -15,9 +15,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
-
 class PrunerTest : public EngineTest {
  protected:
   void TearDown() override { ConfigStore::clear(); }
@@ -32,7 +29,6 @@ class PrunerTest : public EngineTest {
     fs::create_directory_symlink(volumes[0] + "/recycle", top + "/toDir");
     ASSERT_EQ(mkfifo((top + "/fifo").c_str(), 0600), 0);
   }
-  EngineOptions options;
 };
 
 TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
@@ -57,11 +53,11 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
       return c.action != Keep && fs::remove(path);
     };
     fs::remove_all(dir / "vol1");
-    start(options);
+    start();
     fill();
     Access::setSpace(*cache, c.used, 100);
     EXPECT_EQ(pruner().deletePrunableSegments(), c.result);
-    EXPECT_EQ(static_cast<long>(Access::space(*cache).stats().numPruned.value()), c.pruned);
+    EXPECT_EQ(static_cast<long>(space().stats().numPruned.value()), c.pruned);
     const Texts tree = treeOf(volumes[0]);
     const auto files = std::count_if(tree.begin(), tree.end(), [](auto& name) { return name.back() != '/'; });
     EXPECT_EQ(files, 2 + c.left);  // two it never visits
@@ -72,7 +68,7 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
 TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsItsBranchOnly) {
   options.lowWM = 0;
   options.prunerCallback = [](auto&, const std::string& path, auto&) { return fs::remove(path); };
-  start(options);
+  start();
   writeFile(dir / "root/volume_info", ",9\n");
   ASSERT_EQ(Access::loadVolumeInfo(*cache), 0);   // a record without a directory
   DiskCacheContext other = makeContext("other");  // without a callback
@@ -89,9 +85,9 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   const unsigned desc = cache->openSegment("opened");
   const size_t descriptors = openDescriptors();
   const auto walk = [&] {
-    const uint64_t before = Access::space(*cache).stats().numPruned.value();
+    const uint64_t before = space().stats().numPruned.value();
     EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
-    return Access::space(*cache).stats().numPruned.value() - before;
+    return space().stats().numPruned.value() - before;
   };
   {
     FaultPlan plan;
@@ -126,7 +122,7 @@ TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
   };
   options.lowWM = 0;
   options.volumes = 4;
-  start(options);
+  start();
   Access::setSpace(*cache, 1, 100);
   for (const char* name : {"a", "b", "d"}) {
     DiskCacheContext other = makeContext(name);
@@ -152,7 +148,7 @@ TEST_F(PrunerTest, AWalkCallsNobodyWhoHasUnregistered) {
   options.lowWM = 0;
   int calls = 0;
   options.prunerCallback = [&](auto&&...) { return ++calls, !cache->unregisterContext(ctx).IsError(); };
-  start(options);
+  start();
   fill();
   EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
   EXPECT_EQ(calls, 1);
@@ -174,7 +170,7 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
   options.mode = PruningMode::Random;
   options.prunerCallback = [&](auto&&...) { return ++asked, false; };
   for (int i = 0; i < 2; ++i) writeFile(dir / "vol1/ctx/" + std::to_string(i), "");
-  start(options);
+  start();
   ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [5] minutes"));
   for (const auto& c : cases) {
     SCOPED_TRACE(c.timeout + ' ' + c.high + ' ' + c.low);
@@ -187,7 +183,7 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
     pruner().wakeupPrunerThread();
     ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [" + c.minutes + "] minutes"));
     EXPECT_TRUE(log.has(LogLevel::Info, "Old m_totalCacheUsed 10000 m_totalCache 10"));
-    EXPECT_NE(Access::space(*cache).capacity(), 10U);
+    EXPECT_NE(space().capacity(), 10U);
     EXPECT_TRUE(log.has(LogLevel::NoSpace, "Pruner Thread will wakeup in [" + c.minutes + "] minutes"));
     Texts seen = log.takeTexts(LogLevel::Segment);
     std::erase_if(seen, [](auto& line) { return line.starts_with("pruning ") && line != "pruning success"; });
@@ -228,7 +224,7 @@ TEST_F(PrunerTest, ItsThreadEndsOnceTheRunningCallbackHas) {
     mayReturn.get_future().wait();
     return ++returned == 0;
   };
-  start(options);
+  start();
   pruner().wakeupPrunerThread();
   entered.get_future().wait();
   DiskCache& ending = *cache;

@@ -26,9 +26,9 @@ class ReadTest : public EngineTest {
     std::string text = outcome(error);
     for (const std::string& line : log.takeTexts()) text += "; " + line;
     size_t left = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
       std::error_code gone;
-      const bool ours = std::filesystem::read_symlink(entry, gone).string().starts_with(volumes[0]);
+      const bool ours = fs::read_symlink(entry, gone).string().starts_with(volumes[0]);
       if (ours) left += ::close(std::stoi(entry.path().filename())) == 0;
     }
     return text + (left > 0 ? "; left open " + std::to_string(left) : "");
@@ -91,7 +91,7 @@ TEST_F(ReadTest, AGiantLengthIsNotBelieved) {
   const uint64_t giant = uint64_t{1} << 32;
   std::string bytes = bytesOf(SEGMENT);
   writeFile(pathOf(SEGMENT), bytes.replace(166, 8, reinterpret_cast<const char*>(&giant), 8));
-  std::filesystem::resize_file(pathOf(SEGMENT), 174 + giant);
+  fs::resize_file(pathOf(SEGMENT), 174 + giant);
   EXPECT_NE(readWhole(0).find(" len=4294967296 (0,0)"), std::string::npos) << "nothing is read";
 }
 
@@ -118,7 +118,7 @@ TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
     writeFile(pathOf(SEGMENT), bytes);
     EXPECT_EQ(readAll(), got);
   }
-  std::filesystem::remove(pathOf(SEGMENT));
+  fs::remove(pathOf(SEGMENT));
   EXPECT_EQ(readAll(), "ENOENT; -1 Error: can't open file " + path + " (2)");
   EXPECT_EQ(readAll(std::vector<SectionV>(1)), "EINVAL; -1 Error: sections must be empty 0/0");
 }
@@ -165,7 +165,7 @@ TEST_F(ReadTest, SectionsAreFilledInTheOrderAskedUpToOneThatCannotBe) {
   EXPECT_EQ(got, "5/0hello... 0/2.... 4/0rlds.... 8/0........ ");
   std::vector<Section> none;
   EXPECT_EQ(told(cache->readSections(ctx, SEGMENT, none, false)), "success");
-  std::filesystem::resize_file(pathOf(SEGMENT), 0);
+  fs::resize_file(pathOf(SEGMENT), 0);
   EXPECT_TRUE(told(cache->readSections(ctx, SEGMENT, none, false)).starts_with("EIO; "));
 }
 
@@ -184,7 +184,7 @@ TEST_F(ReadTest, TheCopyInTheSecondPlaceCountsForWhoHasOne) {
       {true, "", "RI", true, "success Iello"}};
   for (const auto& [uses, second, copies, exists, got] : cases) {
     SCOPED_TRACE(copies + " in " + second);
-    for (const char* place : {"ctx", "np", "ab"}) std::filesystem::remove_all(volumes[0] + '/' + place);
+    for (const char* place : {"ctx", "np", "ab"}) fs::remove_all(volumes[0] + '/' + place);
     for (const char copy : copies)
       writeFile(cache->guid2path(SEGMENT, 1, copy == 'R' ? "ctx" : copy == 'O' ? "np" : ""), marked(copy));
     ctx.useNonPrunableDir = uses;
@@ -196,7 +196,7 @@ TEST_F(ReadTest, TheCopyInTheSecondPlaceCountsForWhoHasOne) {
 
 TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
   const auto renew = [&](const std::string& bytes) {
-    std::filesystem::remove(pathOf(SEGMENT));  // some file systems flush a file that is cut and written again
+    fs::remove(pathOf(SEGMENT));  // some file systems flush a file that is cut and written again
     writeFile(pathOf(SEGMENT), bytes);
   };
   const auto survive = [&](const std::string& bytes) {
@@ -224,8 +224,7 @@ TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
       ASSERT_TRUE(error.IsError() || has(s.data));
     }
     ASSERT_LE(allocated, bytes.size());
-    (void)cache->writeSections(ctx, SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)},
-                               false, ForceDiskLoc::Default);
+    (void)write(SEGMENT, {section(0, "AB", 7), section(1, "CD"), section(3, "EF", 9)});
     renew(bytes);
     (void)cache->truncateSection(ctx, SEGMENT, 0, 7, 2);
     ASSERT_EQ(Access::openSegments(*cache), 0U);

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <atomic>
-#include <filesystem>
 #include <map>
 #include <thread>
 
@@ -21,11 +20,11 @@ namespace {
 struct RefusingToolTest : ToolTest {
   RefusingToolTest() {
     writeFile(dir / "in", "one");
-    std::filesystem::create_directories(dir / "typo");
+    fs::create_directories(dir / "typo");
     EXPECT_EQ(run("put " + cache + on("a") + on("b") + "0011first " + (dir / "in")), 0) << err;
     EXPECT_EQ(run("put " + cache + "0022second " + (dir / "in")), 0) << err;
     EXPECT_EQ(run("put --type 1 " + cache + "0011first " + (dir / "in")), 0) << err;
-    for (const char* volume : {"a", "b"}) std::filesystem::remove(dir / volume + "/recycle");
+    for (const char* volume : {"a", "b"}) fs::remove(dir / volume + "/recycle");
     writeFile(dir / "input", "longer than it was");
     writeFile(dir / "cut/ctx/00/33/0033cut", "half of a seg");
   }
@@ -163,7 +162,7 @@ TEST_F(RefusingToolTest, TheRootIsHeldFromTheFirstLookToTheEnd) {
       ++caught;
       EXPECT_EQ(flock(fd, LOCK_EX), 0);
       const std::string place = "/ctx/00/" + std::to_string(i) + '/' + id;
-      EXPECT_TRUE(std::filesystem::exists(dir / "a" + place) || std::filesystem::exists(dir / "b" + place));
+      EXPECT_TRUE(fs::exists(dir / "a" + place) || fs::exists(dir / "b" + place));
     }
     putting.join();
     close(fd);
@@ -177,8 +176,7 @@ TEST_F(RefusingToolTest, AFinishedMigrationGivenAgainAddsNoVolume) {
   expectNoTrace(migrate, 2, "is the source, or lies in it");
   expectNoTrace(migrate + on("a"), 2, "a: no volume of the cache");
   ASSERT_EQ(run("rm " + cache + "0011first"), 0) << err;
-  EXPECT_TRUE(std::filesystem::exists(dir / "a/ctx/00/11/0011first"))
-      << "the old source is no volume any more";
+  EXPECT_TRUE(fs::exists(dir / "a/ctx/00/11/0011first")) << "the old source is no volume any more";
 
   ASSERT_EQ(run("put --add-volume " + cache + on("d") + "0055fifth " + (dir / "in")), 0) << err;
   EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n") + (dir / "d,3\n"));

@@ -1,7 +1,6 @@
 // diskcachectl replay and curve: what a trace gives with a cache of some size, compared with a plain list.
 #ifdef DISKCACHECTL_PATH
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <random>
 
@@ -40,8 +39,10 @@ struct ReplayTest : ToolTest {
     return "replay " + root + on("on/a") + on("on/b") + arguments;
   }
   int replay(const std::string& arguments) { return run(withCache(arguments)); }
-  void expectReplayFailure(const std::string& arguments, int status, const std::string& message) {
-    expectFailure(withCache(arguments), status, message);
+  // What a replay tells of itself.
+  nlohmann::json replayed(const std::string& arguments) {
+    EXPECT_EQ(replay(arguments + " --json -"), 0) << err;
+    return nlohmann::json::parse(out, nullptr, false);
   }
   std::vector<std::string> blocks() {
     std::vector<std::string> names = treeOf(dir / "on");
@@ -76,17 +77,16 @@ TEST_F(ReplayTest, EvictsAsAnExactLruDoesAlsoWhileAVolumeMoves) {
       {5, 1, ""}, {17, 1, ""}, {17, 1, move}, {64, 1, move}, {500, 2, move}};
   for (const auto& [bound, threads, options] : runs) {
     const Trace asked = writeTrace(6000, bound, threads == 1 ? Replaced : Settled);
-    for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
-    const std::string clients = " --threads " + std::to_string(threads) + " --json - ";
-    ASSERT_EQ(replay(trace + "--max-entries " + std::to_string(bound) + clients + options), 0) << err;
-    const auto json = nlohmann::json::parse(out);
+    for (const char* name : {"root", "on"}) fs::remove_all(dir / name);
+    const std::string clients = " --threads " + std::to_string(threads) + ' ';
+    nlohmann::json json = replayed(trace + "--max-entries " + std::to_string(bound) + clients + options);
     auto expected = simulateLru(asked, bound);
     for (const auto& [name, count] : expected) EXPECT_EQ(json[name], count) << bound << options << name;
     EXPECT_EQ(json["verify_failures"], 0);
     EXPECT_DOUBLE_EQ(json["hit_ratio"], static_cast<double>(expected["hits"]) / 6000);
     const std::string first = dir / (options.empty() ? "on/a" : "on/moved");
     EXPECT_EQ(readFile(dir / "root/volume_info"), first + ",1\n" + (dir / "on/b,2\n"));
-    if (!options.empty()) std::filesystem::remove_all(dir / "on/a");
+    if (!options.empty()) fs::remove_all(dir / "on/a");
     EXPECT_EQ(blocks().size(), bound) << options;
   }
 }
@@ -129,22 +129,21 @@ TEST_F(ReplayTest, ASampleTellsItsErrorAndCurvesAreDrawn) {
 TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   writeFile(dir / "trace", "a,100\nb,7\na,5\na,2000\nb,7\n");
   const auto hitsAndBytes = [&](const std::string& option) {
-    std::filesystem::remove_all(dir / "on");
-    EXPECT_EQ(replay(trace + option + " --json -"), 0) << err;
-    const auto json = nlohmann::json::parse(out);
+    fs::remove_all(dir / "on");
+    nlohmann::json json = replayed(trace + option);
     return std::pair(json["hits"].get<int>(), json["bytes_written"].get<int>());
   };
   EXPECT_EQ(hitsAndBytes(""), std::pair(1, 100 + 7 + 5 + 2000));
   EXPECT_EQ(hitsAndBytes("--by-id"), std::pair(3, 100 + 7));
   EXPECT_EQ(parsed("curve --by-id " + trace)["points"].back()["hit_ratio"], 3 / 5.0);
-  expectReplayFailure("--by-id --origin " + dir.path(), 2, "--by-id");
+  expectFailure(withCache("--by-id --origin " + dir.path()), 2, "--by-id");
 }
 
 TEST_F(ReplayTest, WhatTheToolHasMovedIsFoundWhereItIsAndRefusedWhereItWas) {
   writeTrace(100, 10, Settled);
   ASSERT_EQ(replay(trace), 0) << err;
   ASSERT_EQ(run("migrate " + root + "--index 1 --complete --to " + (dir / "on/c")), 0) << err;
-  expectReplayFailure(trace, 3, "on/a] was moved away");
+  expectFailure(withCache(trace), 3, "on/a] was moved away");
   ASSERT_EQ(run("replay " + root + on("on/c") + on("on/b") + trace + "--json -"), 0) << err;
   EXPECT_EQ(nlohmann::json::parse(out)["misses"], 0);
 }
@@ -161,7 +160,7 @@ TEST_F(ReplayTest, FindsWrongBytes) {
       {PAYLOAD, TRAILER, "cut"}};
   for (const auto& [at, length, what] : damages) {
     for (const bool isVerified : {true, false}) {
-      std::filesystem::remove_all(dir / "on");
+      fs::remove_all(dir / "on");
       ASSERT_EQ(replay(trace), 0) << err;
       const std::string path = dir / ("on/" + blocks().at(0));
       std::string bytes = readFile(path);
@@ -169,10 +168,9 @@ TEST_F(ReplayTest, FindsWrongBytes) {
       writeFile(path, bytes.substr(0, length));
       const std::string again = trace + (isVerified ? "" : "--no-verify ");
       if (what == "broken" || (what == "wrong" && isVerified)) {
-        expectReplayFailure(again, 1, path);
+        expectFailure(withCache(again), 1, path);
       } else {
-        ASSERT_EQ(replay(again + "--json -"), 0) << err;
-        EXPECT_EQ(nlohmann::json::parse(out)["misses"], what == "cut" ? 1 : 0) << at << ' ' << length;
+        EXPECT_EQ(replayed(again)["misses"], what == "cut" ? 1 : 0) << at << ' ' << length;
       }
       EXPECT_EQ(replay(trace), what == "wrong")
           << at << ' ' << length;  // what is no whole block was made anew
@@ -193,23 +191,23 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   for (const auto& [message, lines] : refusals) {
     for (const std::string& line : lines) {
       writeFile(dir / "trace", "# comment\nok,5,more\n" + line + '\n');
-      expectReplayFailure(trace, 2, (dir / "trace:3: ") + message);
+      expectFailure(withCache(trace), 2, (dir / "trace:3: ") + message);
       expectFailure("curve " + trace, 2, (dir / "trace:3: ") + message);
     }
   }
-  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+  EXPECT_FALSE(fs::exists(dir / "root"));
 
   writeFile(dir / "trace", "fine,5\n");
-  expectReplayFailure("", 2, "--origin and --trace");
-  expectReplayFailure(trace + "--max-entries 4", 2, "--max-entries");
-  expectReplayFailure(trace + "--mode random", 2, "--budget");
-  expectReplayFailure(trace + "--budget 3Q", 2, "\"3Q\" is no size");
-  expectReplayFailure("--origin " + (dir / "nowhere"), 2, "nowhere: No such file");
-  expectReplayFailure(trace + "--json " + (dir / "no/json"), 3, "no/json: No such file");
-  expectReplayFailure(trace + "--volume " + (dir / "trace"), 3, "trace: Not a directory");
-  expectReplayFailure(trace + ">/dev/full", 3, "standard output");
+  expectFailure(withCache(""), 2, "--origin and --trace");
+  expectFailure(withCache(trace + "--max-entries 4"), 2, "--max-entries");
+  expectFailure(withCache(trace + "--mode random"), 2, "--budget");
+  expectFailure(withCache(trace + "--budget 3Q"), 2, "\"3Q\" is no size");
+  expectFailure(withCache("--origin " + (dir / "nowhere")), 2, "nowhere: No such file");
+  expectFailure(withCache(trace + "--json " + (dir / "no/json")), 3, "no/json: No such file");
+  expectFailure(withCache(trace + "--volume " + (dir / "trace")), 3, "trace: Not a directory");
+  expectFailure(withCache(trace + ">/dev/full"), 3, "standard output");
   writeFile(dir / "used/file", "");
-  expectReplayFailure(trace + "--requests 9 --json - --migrate-to " + (dir / "used"), 3, "used: ");
+  expectFailure(withCache(trace + "--requests 9 --json - --migrate-to " + (dir / "used")), 3, "used: ");
   EXPECT_EQ(nlohmann::json::parse(out)["requests"], 9);
 }
 
@@ -217,15 +215,14 @@ TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandomAndRecordsATrace) {
   for (int i = 100; i < 400; ++i) writeFile(dir / "origin/" + std::to_string(i), std::to_string(i));
   const std::string random = "--mode random --budget 1G --requests 700 ";
   const std::string served = random + "--threads 4 --origin " + (dir / "origin ");
-  ASSERT_EQ(replay(served + "--json - --record " + (dir / "trace")), 0) << err;
+  nlohmann::json first = replayed(served + "--record " + (dir / "trace"));
   const size_t stored = blocks().size();
-  EXPECT_EQ(nlohmann::json::parse(out)["bytes_written"], 3 * stored);
+  EXPECT_EQ(first["bytes_written"], 3 * stored);
   ASSERT_EQ(replay(served), 0) << err;
   EXPECT_TRUE(out.starts_with("requests                   700\nhits                       700\n")) << out;
   EXPECT_NE(out.find("\nhit ratio             100.00 %\n"), std::string::npos) << out;
-  for (const char* name : {"root", "on"}) std::filesystem::remove_all(dir / name);
-  ASSERT_EQ(replay(random + trace + "--json -"), 0) << err;
-  EXPECT_EQ(nlohmann::json::parse(out)["misses"], stored);
+  for (const char* name : {"root", "on"}) fs::remove_all(dir / name);
+  EXPECT_EQ(replayed(random + trace)["misses"], stored);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // Watermarks, the delay of writers, and what the engine tells of itself.
-#include <gtest/gtest.h>
 
 #include "diskcache/diskcacheLru.h"
 #include "diskcache/diskcacheSpace.h"
@@ -12,7 +11,6 @@ namespace ObjectStore {
 namespace {
 
 using namespace std::literals;
-using Texts = std::vector<std::string>;
 using Table = std::map<std::string, std::string>;
 
 class SpaceTest : public EngineTest {
@@ -50,7 +48,7 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
   plan.skipSleeps();
   for (const uint64_t used : {500U, 1000U, 1001U, 997U, 999U}) {
     Access::setSpace(*cache, used, 1000);
-    Access::space(*cache).delayWriteToSegment();
+    space().delayWriteToSegment();
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
   // Over the high watermark every change is delayed before anything is touched, and new bytes wake the pruner.
@@ -59,7 +57,7 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
   const std::vector<Section> in{section(0, text)};
   const std::pair<std::function<CZuError()>, bool> changes[] = {
       {[&] { return create("abcdef", in); }, true},
-      {[&] { return cache->writeSections(ctx, "abcdef", in, false, ForceDiskLoc::Default); }, true},
+      {[&] { return write("abcdef", in); }, true},
       {[&] { return cache->markDirty(ctx, "abcdef", false); }, false},
       {[&] { return cache->moveToPrunable(ctx, "abcdef"); }, false}};
   for (const bool isOver : {false, true}) {
@@ -69,9 +67,9 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
       plan.takeTrace();
       EXPECT_EQ(outcome(change()), "success");
       EXPECT_EQ(plan.trace().front() == "nanosleep", isOver);
-      EXPECT_EQ(Access::space(*cache).waitForWakeup(0), isOver && wakes);
+      EXPECT_EQ(space().waitForWakeup(0), isOver && wakes);
     }
-    (void)cache->deleteSegment(ctx, "abcdef", false, false, Recycle::No);
+    (void)remove("abcdef");
   }
 }
 

@@ -1,7 +1,5 @@
 // How an engine begins: what init and registering fill in, and the scan for segments that are on the volumes.
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <set>
 
 #include "diskcache/diskcacheLru.h"
@@ -12,15 +10,9 @@
 namespace ObjectStore {
 namespace {
 
-using Texts = std::vector<std::string>;
-
-class StartTest : public EngineTest {
- protected:
-  DiskcacheLRU& list() { return Access::lru(*cache); }
-};
+using StartTest = EngineTest;
 
 TEST_F(StartTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
-  namespace fs = std::filesystem;
   start();
   for (const std::string child : {"a", "b", "c"}) {
     const std::string below = volumes[0] + '/' + child;
@@ -80,9 +72,7 @@ TEST_F(StartTest, InitBoundsTheListAndScansInModeLruOnly) {
 // With one volume its number is filled in at every registration, with two the client's own stays.
 TEST_F(StartTest, RegisteringFillsInTheOnlyVolume) {
   for (const VolIndex count : {VolIndex{1}, VolIndex{2}}) {
-    EngineOptions options;
-    options.volumes = count;
-    start(options);
+    start({.volumes = count});
     DiskCacheContext other = makeContext("other");
     for (int times = 0; times < 2; ++times) {
       other.volume = 7;

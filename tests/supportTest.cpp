@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <optional>
@@ -23,7 +22,6 @@
 namespace ObjectStore {
 namespace {
 
-using Texts = std::vector<std::string>;
 constexpr RMCodeLocation INNER{"inner.cpp", "void inner()", 7};
 constexpr RMCodeLocation OUTER{"outer.cpp", "int outer(char)", 11};
 
@@ -96,7 +94,7 @@ TEST(LogTest, DefaultWriterKeepsOneLineALine) {
   EXPECT_EQ(text.substr(second + 27, 14), "  9 g():3 \\x0a");
   EXPECT_EQ(text.substr(text.size() - 9), "\\x0a\\x0a\n") << "cut, but not within a character";
   EXPECT_LE(text.size() - second, 16U << 10);
-  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
 }
 
 unsigned long lookUp(const char* name) { return getRegistryValue<unsigned long>(name, 77, 0, 10); }

@@ -14,8 +14,6 @@
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr Copy REGULAR{'r', FULL}, OVERRIDE{'o', FULL};
 constexpr std::array FAULTS{EIO, ENOSPC, EMFILE, EINTR, EACCES, 0};  // 0: two bytes move
 constexpr unsigned ALL = 60;
@@ -40,7 +38,7 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
 
   void begin() {
     options.volumesIn = fs::path(sides[side]).parent_path();
-    start(options);
+    start();
     ctx.useNonPrunableDir = place != ONE;
     ctx.volume = 1;
     log.take();
@@ -49,18 +47,18 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
   void fill(const Copies& copies) {
     for (const guid_t& guid : {touched, neighbour}) {
       const Copies wanted = guid == touched ? copies : Copies{REGULAR, place == ONE ? Copy() : OVERRIDE};
-      ASSERT_EQ(outcome(cache->deleteSegment(ctx, guid, false, false, Recycle::No)), "success");
+      ASSERT_EQ(outcome(remove(guid)), "success");
       fs::remove(pathOf(guid) + ".temp");  // of a replacement that failed
       ctx.useNonPrunableDir = false;
       if (wanted.regular.letter) put(guid, wanted.regular.shown());
       ctx.useNonPrunableDir = place != ONE;
       if (!wanted.override.letter) continue;
       const std::string text = wanted.override.shown();
-      ASSERT_EQ(
-          outcome(wanted.regular.letter
-                      ? cache->writeSections(ctx, guid, {section(0, text)}, false, ForceDiskLoc::NonPrunable)
-                      : cache->createSegment(ctx, guid, {section(0, text)}, false, true, false)),
-          "success");
+      const std::vector<Section> whole{section(0, text)};
+      const CZuError error = wanted.regular.letter
+                                 ? write(guid, whole, ForceDiskLoc::NonPrunable)
+                                 : cache->createSegment(ctx, guid, whole, false, true, false);
+      ASSERT_EQ(outcome(error), "success");
     }
   }
   // Calls `work` with the nth of its calls failing; how many calls it made.
@@ -172,7 +170,6 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
   const unsigned share = static_cast<unsigned>(soaked(1));
   const std::array<std::string, 2> sides{dir / "a/vol1", dir / "b/vol1"};
   size_t side = 0;
-  EngineOptions options;
   const guid_t touched = "abcd-touched", neighbour = "abcd-neighbour";
 };
 

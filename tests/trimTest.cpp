@@ -1,8 +1,5 @@
 // Truncating, syncing and deleting segments, and what is accounted of them.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-
-#include <cerrno>
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
@@ -10,9 +7,6 @@
 
 namespace ObjectStore {
 namespace {
-
-namespace fs = std::filesystem;
-using Texts = std::vector<std::string>;
 
 constexpr const char* GUID = "abcdef";
 
@@ -101,14 +95,13 @@ TEST_F(TrimTest, SyncingTellsOfTheCopyThatCounts) {
 }
 
 TEST_F(TrimTest, AllocatedBytesAreAccounted) {
-  const uint64_t before = Access::space(*cache).used();
+  const uint64_t before = space().used();
   put("abcd", std::string(5'000, 'a'));
-  EXPECT_EQ(Access::space(*cache).used() - before, allocated(pathOf("abcd")));
+  EXPECT_EQ(space().used() - before, allocated(pathOf("abcd")));
   const std::string longer(90'000, 'b');
-  EXPECT_EQ(outcome(cache->writeSections(ctx, "abcd", {section(0, longer)}, false, ForceDiskLoc::Default)),
-            "success");
-  EXPECT_EQ(Access::space(*cache).used() - before, allocated(pathOf("abcd")));
-  EXPECT_EQ(Access::space(*cache).segments(), 2U);
+  EXPECT_EQ(outcome(write("abcd", {section(0, longer)})), "success");
+  EXPECT_EQ(space().used() - before, allocated(pathOf("abcd")));
+  EXPECT_EQ(space().segments(), 2U);
 }
 
 TEST_F(TrimTest, DeletionFollowsItsFlags) {
@@ -124,14 +117,13 @@ TEST_F(TrimTest, DeletionFollowsItsFlags) {
     const bool takesRegular = regular && !nonPrun;
     const bool takesOverride = overridden && ctx.useNonPrunableDir && !prun;
     const uint64_t given = (takesRegular ? allocated(path) : 0) + (takesOverride ? allocated(override) : 0);
-    const uint64_t used = Access::space(*cache).used(), segments = Access::space(*cache).segments();
+    const uint64_t used = space().used(), segments = space().segments();
     EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, nonPrun, prun, Recycle{recycle})), "success");
     EXPECT_EQ(fs::exists(path), regular && !takesRegular);
     EXPECT_EQ(fs::exists(override), overridden && !takesOverride);
     EXPECT_EQ(fs::exists(recycled), recycle && (takesRegular || takesOverride));
-    EXPECT_EQ(used - Access::space(*cache).used(), recycle ? 0 : given);
-    EXPECT_EQ(segments - Access::space(*cache).segments(),
-              recycle ? 0U : unsigned{takesRegular} + takesOverride);
+    EXPECT_EQ(used - space().used(), recycle ? 0 : given);
+    EXPECT_EQ(segments - space().segments(), recycle ? 0U : unsigned{takesRegular} + takesOverride);
   }
 }
 

@@ -11,7 +11,6 @@ namespace ObjectStore {
 namespace {
 
 constexpr const char* GUID = "abcdef";
-enum Waiter { TO_DIRTY, TO_PRUNABLE, TRUNCATE, FORCED, APPEND, MIGRATE };
 
 class TurnTest : public EngineTest {
  protected:
@@ -22,21 +21,7 @@ class TurnTest : public EngineTest {
     put(GUID, "0123456789");
   }
   std::string write(const Section& one, ForceDiskLoc force = ForceDiskLoc::Default) {
-    return outcome(cache->writeSections(ctx, GUID, {one}, false, force));
-  }
-  template <typename Work>
-  static std::future<std::string> async(Work work) {
-    return std::async(std::launch::async, work);
-  }
-  std::string perform(int waiter) {
-    switch (waiter) {
-      case TO_DIRTY: return outcome(cache->markDirty(ctx, GUID, false));
-      case TO_PRUNABLE: return outcome(cache->moveToPrunable(ctx, GUID));
-      case TRUNCATE: return outcome(cache->truncateSection(ctx, GUID, 0, 0, 12));
-      case FORCED: return write(section(0, text), ForceDiskLoc::NonPrunable);
-      case APPEND: return write(section(1, text));
-      default: return outcome(cache->migrate(1, volumes[0], dir / "new"));
-    }
+    return outcome(EngineTest::write(GUID, {one}, force));
   }
   // Whether so many wait at the segment. Asked under its lock, which nobody who waits may hold.
   bool areWaiting(size_t count) {
@@ -54,27 +39,36 @@ class TurnTest : public EngineTest {
 };
 
 TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock) {
-  // The call that shows that its work is done, all before the last writer's.
-  const std::pair<int, std::string> cases[] = {{TO_DIRTY, "rename"},    {TO_PRUNABLE, "rename"},
-                                               {TRUNCATE, "ftruncate"}, {FORCED, "rename"},
-                                               {APPEND, "lseek"},       {MIGRATE, ""}};
-  for (const auto& [waiter, call] : cases) {
-    SCOPED_TRACE(waiter);
-    EXPECT_TRUE(waiter != FORCED || outcome(cache->moveToPrunable(ctx, GUID)) == "success");
+  const struct {
+    std::string name, call;  // the latter shows that its work is done, all before the last writer's
+    std::function<std::string()> perform;
+  } cases[] = {
+      {"dirty", "rename", [&] { return outcome(cache->markDirty(ctx, GUID, false)); }},
+      {"prunable", "rename", [&] { return outcome(cache->moveToPrunable(ctx, GUID)); }},
+      {"truncated", "ftruncate", [&] { return outcome(cache->truncateSection(ctx, GUID, 0, 0, 12)); }},
+      {"forced", "rename", [&] { return write(section(0, text), ForceDiskLoc::NonPrunable); }},
+      {"appended", "lseek", [&] { return write(section(1, text)); }},
+      {"migrated", "", [&] { return outcome(cache->migrate(1, volumes[0], dir / "new")); }},
+  };
+  for (const auto& [name, call, perform] : cases) {
+    SCOPED_TRACE(name);
+    EXPECT_TRUE(name != "forced" || outcome(cache->moveToPrunable(ctx, GUID)) == "success");
     FaultPlan plan;
     plan.hold("pwrite", 1);
-    auto first = async([this] { return write(section(0, "ab", 0, 0)); });
+    auto first = std::async(std::launch::async, [this] { return write(section(0, "ab", 0, 0)); });
     EXPECT_TRUE(plan.held());
-    auto waiting = async([this, waiter = waiter]() DC_NO_THREAD_SAFETY_ANALYSIS {
-      if (waiter == MIGRATE) return perform(waiter);  // not to be called with a segment's lock held
-      AutoOpenSegment open(Access::openTable(*cache), GUID);
-      KxCriticalSection& lock = open.getSegInfo()->lock;
-      const KxCriticalSectionLock once(&lock), twice(&lock);
-      return perform(waiter);
-    });
+    auto waiting =
+        std::async(std::launch::async,
+                   [&, &work = perform, isLocked = name != "migrated"]() DC_NO_THREAD_SAFETY_ANALYSIS {
+                     if (!isLocked) return work();  // not to be called with a segment's lock held
+                     AutoOpenSegment open(Access::openTable(*cache), GUID);
+                     KxCriticalSection& lock = open.getSegInfo()->lock;
+                     const KxCriticalSectionLock once(&lock), twice(&lock);
+                     return work();
+                   });
     EXPECT_TRUE(areWaiting(1));
     EXPECT_LE(plan.count("opendir"), 1U) << "a migration lists its directories again after the wait";
-    auto later = async([this] { return write(section(0, "cd", 0, 4)); });
+    auto later = std::async(std::launch::async, [this] { return write(section(0, "cd", 0, 4)); });
     EXPECT_TRUE(areWaiting(2));
     plan.takeTrace();
     plan.release();
@@ -91,11 +85,11 @@ TEST_F(TurnTest, WhoWaitsComesBeforeThoseWhoComeLaterAndKeepsItsEntriesOfTheLock
 TEST_F(TurnTest, WhoAppendsLooksAtTheSegmentAnewAfterItsWait) {
   FaultPlan plan;
   plan.hold("pwrite", 1);
-  auto extending = async([this] { return write(section(0, text, 0, 10)); });
+  auto extending = std::async(std::launch::async, [this] { return write(section(0, text, 0, 10)); });
   EXPECT_TRUE(plan.held());
-  auto appending = async([this] { return write(section(1, text)); });
+  auto appending = std::async(std::launch::async, [this] { return write(section(1, text)); });
   EXPECT_TRUE(areWaiting(1));
-  EXPECT_EQ(outcome(cache->deleteSegment(ctx, GUID, false, false, Recycle::No)), "success");
+  EXPECT_EQ(outcome(remove(GUID)), "success");
   put(GUID, "another");
   plan.release();
   EXPECT_EQ(extending.get() + appending.get(), "successsuccess");

@@ -1,21 +1,18 @@
 // The set of volumes, the file that keeps their numbers, and the choice among them.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/failingNew.h"
-#include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::literals;
-using Texts = std::vector<std::string>;
 using Indexes = std::vector<VolIndex>;
+using Change = int (DiskCache::*)(const std::string&);
 
 class VolumeTest : public EngineTest {
  protected:
@@ -25,7 +22,6 @@ class VolumeTest : public EngineTest {
     for (VolIndex& index : chosen) index = Access::volumes(*cache).getNextVolWithSpace();
     return chosen;
   }
-  EngineOptions options;
   const std::string m_info = dir / "root/volume_info";
   const std::string m_vol1 = dir / "vol1", m_vol2 = dir / "vol2", m_vol3 = dir / "vol3";
 };
@@ -36,13 +32,13 @@ TEST_F(VolumeTest, IndexesGoUpThenFillGapsUntilNoneIsLeft) {
   EXPECT_EQ(used, (std::list<VolIndex>{1, 2, 3, 4, 5, 65534, 65535}));
   std::string all;
   for (int index = 1; index <= 65535; ++index) all += "d," + std::to_string(index) + '\n';
-  start(options);
+  start();
   writeFile(m_info, all);
   EXPECT_EQ(outcome(cache->addVolume(m_vol3)), "ENOSPC");
 }
 
 TEST_F(VolumeTest, IndexesOutliveTheEngine) {
-  start(options);
+  start();
   put("abcdef", "text");
   cache = std::make_unique<DiskCache>(PersistentVolumes::Yes);
   const Texts dirs{m_vol3, m_vol2, m_vol1};
@@ -55,7 +51,7 @@ TEST_F(VolumeTest, IndexesOutliveTheEngine) {
 
 // Whatever the file says is taken as far as it makes sense, and written back from that.
 TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
-  start(options);
+  start();
   const std::string longName(1 << 20, 'x');
   const std::pair<std::string, std::string> cases[] = {
       {"/x , 3 \nA,7\nB,7\nd,2\nd,1", "d,1\nd,2\n/x ,3\nB,7\n"},
@@ -79,7 +75,7 @@ TEST_F(VolumeTest, HostileVolumeFilesAreReadAsFarAsTheyGo) {
 }
 
 TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWritten) {
-  start(options);
+  start();
   const auto before = fs::last_write_time(m_info) - 1h;
   fs::last_write_time(m_info, before);
   EXPECT_EQ(fs::status(m_info).permissions(), fs::perms(0600));
@@ -93,40 +89,39 @@ TEST_F(VolumeTest, AVolumeFileThatIsNoFileIsAnErrorAndOneThatStaysTheSameIsNotWr
 
 // A volume named again stands in the rotation again, and only the newest entry of one can be taken out.
 TEST_F(VolumeTest, TheRotationFollowsEachChange) {
-  using Change = int (DiskCache::*)(const std::string&);
-  constexpr Change add = &DiskCache::addVolume, remove = &DiskCache::removeVolume;
+  constexpr Change add = &DiskCache::addVolume, drop = &DiskCache::removeVolume;
   constexpr Change disable = &DiskCache::disableNewSegments, enable = &DiskCache::enableNewSegments;
   const std::tuple<Change, std::string, Indexes> steps[] = {
       {add, m_vol3, {1, 2, 1, 2, 3}},    {disable, m_vol1, {1, 2, 2, 3}}, {enable, m_vol1, {1, 2, 2, 3, 1}},
       {enable, m_vol1, {1, 2, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}}, {disable, m_vol2, {1, 2, 3, 1}},
-      {remove, m_vol1, {1, 2, 3, 2, 3}}, {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
-  start(options);
+      {drop, m_vol1, {1, 2, 3, 2, 3}},   {disable, m_vol3, {1, 2, 3, 2}}, {add, m_vol1, {1, 2, 3, 2, 2, 1}}};
+  start();
   put("abcdef", "text");
-  const uint64_t capacity = Access::space(*cache).capacity();
+  const uint64_t capacity = space().capacity();
   for (const auto& [change, volume, rotation] : steps) {
     EXPECT_EQ((*cache.*change)(volume), 0);
     EXPECT_EQ(Access::rotation(*cache), rotation);
   }
   EXPECT_EQ(choose(7), (Indexes{1, 2, 3, 2, 2, 1, 1}));
-  EXPECT_GT(Access::space(*cache).capacity(), capacity);
+  EXPECT_GT(space().capacity(), capacity);
   Volume printed;
   printed.dir = "/a", printed.free = 7;
   testing::internal::CaptureStdout();
   printFreeSpaceList({&printed});
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "free space list\n/a free=7\n");
-  for (const Change change : {remove, disable, enable}) {
+  for (const Change change : {drop, disable, enable}) {
     EXPECT_EQ(outcome((*cache.*change)("nowhere")), "ENOENT");
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Can't disable new segment nowhere"});
   }
   EXPECT_EQ((cache->removeAllVolumes(), choose(1)), Indexes{0});
-  EXPECT_EQ(Access::space(*cache).used() + Access::space(*cache).segments(), 0U);
+  EXPECT_EQ(space().used() + space().segments(), 0U);
 }
 
 TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   const SmallFileSystem small(20);
   SKIP_WITHOUT(small);
   options.volumes = 3, options.persistent = PersistentVolumes::No, options.volumesIn = small.path();
-  start(options);
+  start();
   const uint64_t exact = fs::space(small.path()).available, full = exact + 1;
   const std::pair<std::vector<uint64_t>, Indexes> cases[] = {
       {{exact, full, exact}, {1, 3, 1, 3}}, {{full, full, full}, {0, 0, 0, 0}}, {{0, 0, 0}, {1, 2, 3, 1}}};
@@ -144,23 +139,22 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   EXPECT_EQ(log.takeTexts(LogLevel::Error),
             (Texts{"Can't get free bytes " + volumes[2] + " (2)",
                    "Error 2 getting updated volume size for " + volumes[2] + ", skipped"}));
-  EXPECT_EQ(Access::space(*cache).used(), 2 * ((20U << 20) - fs::space(small.path()).available));
-  EXPECT_EQ(Access::space(*cache).capacity(), 2U * 20 << 20);
+  EXPECT_EQ(space().used(), 2 * ((20U << 20) - fs::space(small.path()).available));
+  EXPECT_EQ(space().capacity(), 2U * 20 << 20);
   EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
   EXPECT_EQ(choose(2), (Indexes{1, 2}));
 }
 
 // Whichever allocation fails, the volumes, the rotation and the file are as they were; repeated, it works.
 TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
-  using Change = int (DiskCache::*)(const std::string&);
   const std::pair<Change, std::string> changes[] = {{&DiskCache::addVolume, m_vol3 + std::string(100, 'x')},
                                                     {&DiskCache::removeVolume, m_vol1}};
   log.setLevel(LogLevel::Error - 1);
-  start(options);
+  start();
   const auto state = [&] {
     std::vector<Volume> records;
     cache->getVolumeStats(records);
-    std::string text = readFile(m_info) + std::to_string(Access::space(*cache).used());
+    std::string text = readFile(m_info) + std::to_string(space().used());
     for (const Volume& v : records)
       text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
     for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);

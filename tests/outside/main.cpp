@@ -21,48 +21,26 @@
 
 using namespace ObjectStore;
 
-namespace {
-
-bool fails(const char* operation, const CZuError& error) {
-  if (error.IsError()) std::fprintf(stderr, "outside: %s: %s\n", operation, error.AsString().c_str());
-  return error.IsError();
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: outside DIR\n");
-    return 2;
-  }
-  const std::string dir = argv[1];
+  const std::string dir = argc > 1 ? argv[1] : ".", text = "a segment written from outside";
   g_ptrLogWriter = std::make_shared<FileLogWriter>(LogLevel::Error);
-
   DiskCache cache(PersistentVolumes::No);
-  const CZuError started =
-      cache.init(dir + "/root", {dir + "/volume"}, 100, 100, 100, 100, nullptr, PruningMode::Lru);
-  if (fails("init", started)) return 1;
   DiskCacheContext context;
   context.dir = "outside";
-  if (fails("registerContext", cache.registerContext(context))) return 1;
-
   const guid_t guid(GUID_CHAR_SIZE, 'a');
-  std::string written = "a segment written from outside";
-  std::string read(written.size(), '\0');
+  std::vector<unsigned char> written(text.begin(), text.end()), read;
   Section section;
-  section.data = reinterpret_cast<unsigned char*>(written.data());
+  section.data = written.data();
   section.bufferSize = section.len = written.size();
-  if (fails("createSegment", cache.createSegment(context, guid, {section}, false, false, false))) return 1;
 
-  section.data = reinterpret_cast<unsigned char*>(read.data());
-  std::vector<Section> sections{section};
-  if (fails("readSections", cache.readSections(context, guid, sections, true))) return 1;
-  if (sections.front().len != written.size() || read != written) {
-    std::fprintf(stderr, "outside: readSections: other bytes than were written\n");
-    return 1;
-  }
-  return fails("deleteSegment", cache.deleteSegment(context, guid, false, false, Recycle::No)) ||
-                 fails("unregisterContext", cache.unregisterContext(context))
-             ? 1
-             : 0;
+  CZuError error =
+      cache.init(dir + "/root", {dir + "/volume"}, 100, 100, 100, 100, nullptr, PruningMode::Lru);
+  if (!error.IsError()) error = cache.registerContext(context);
+  if (!error.IsError()) error = cache.createSegment(context, guid, {section}, false, false, false);
+  if (!error.IsError()) error = cache.readCompleteSection(context, guid, 0, read);
+  if (!error.IsError()) error = cache.deleteSegment(context, guid, false, false, Recycle::No);
+  if (!error.IsError()) error = cache.unregisterContext(context);
+  const bool isRight = !error.IsError() && read == written;
+  if (!isRight) std::fprintf(stderr, "outside: %s\n", error.AsString().c_str());
+  return isRight ? 0 : 1;
 }

@@ -2,8 +2,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <thread>
-
 #include "tests/server/serverFixture.h"
 
 namespace diskcached {
@@ -42,7 +40,7 @@ TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     EXPECT_EQ(said.find("hush"), std::string::npos);
   }
-  EXPECT_FALSE(std::filesystem::exists(dir / "root"));
+  EXPECT_FALSE(fs::exists(dir / "root"));
 }
 
 TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
@@ -59,15 +57,13 @@ TEST_F(ServerLifeTest, ReadsItsConfigurationAnewWhenTold) {
   };
   reloadUntil("fresh = 1\n", "stays as it was");
   reloadUntil("fresh-for = 0\naccess-log = \"" + (dir / "no/such/log") + "\"\n", "stays as it was");
-  store.put("y", "y");
-  EXPECT_EQ(get("/y").body, "y");
+  fetch("y", "y");
   EXPECT_TRUE(get("/y").isHit());
   for (int i = 0; i < 2; ++i)
     reloadUntil("fresh-for = 0\naccess-log = \"" + log + "\"\nio-threads = 7\n", "was read anew");
   EXPECT_EQ(countOf("--io-threads takes effect at the next start", logged()), 2U) << logged();
   EXPECT_EQ(get("/x").body, "one");  // what was fresh for ever stays so
-  store.put("z", "z");
-  EXPECT_EQ(get("/z").body, "z");
+  fetch("z", "z");
   EXPECT_NE(get("/z").header("cache-status").find("fwd=stale"), std::string::npos);
   ASSERT_TRUE(eventually([&] { return readFile(log).find("\"/z\"") != std::string::npos; }));
   const std::string lines = readFile(log);
@@ -83,8 +79,7 @@ TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
   start({"--config=" + config, "--max-bytes="});
   for (int i = 0; i < 20; ++i) {
     const std::string name = "o" + std::to_string(i);
-    store.put(name, bytesOf(name, 60'000));
-    EXPECT_TRUE(get('/' + name).body == bytesOf(name, 60'000));
+    fetch(name, bytesOf(name, 60'000));
   }
   EXPECT_TRUE(eventually([&] { return used() > 20 * 60'000; })) << used();
   reload("max-bytes = \"512K\"\n");
@@ -96,8 +91,7 @@ TEST_F(ServerLifeTest, ChangesItsBoundWhenTold) {
 TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
   start();
   for (const std::string name : {"p/a", "p/b", "q"}) {
-    store.put(name, name);
-    EXPECT_EQ(get('/' + name).body, name);
+    fetch(name, name);
     EXPECT_TRUE(get('/' + name).isHit());
   }
   for (const auto& [target, status] :

@@ -60,9 +60,9 @@ TEST_F(ServerReadTest, ManyClientsGetEveryByteAlsoAfterRestartAndKill) {
   load(16, 6400, true);  // requests fail when it dies, but give no wrong bytes
   killer.join();
   // Without the index the blocks are found by what the store says, and damaged ones are fetched again.
-  std::filesystem::remove(dir / "root/diskcached.index");
+  fs::remove(dir / "root/diskcached.index");
   size_t number = 0;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(volume + "/blocks")) {
+  for (const auto& entry : fs::recursive_directory_iterator(volume + "/blocks")) {
     std::string bytes = entry.is_regular_file() ? readFile(entry.path()) : "";
     if (bytes.size() < 300 || ++number % 10 != 0) continue;
     bytes[160] ^= 1;
@@ -110,7 +110,7 @@ TEST_F(ServerReadTest, AMissStreamsWhileItIsFetched) {
 TEST_F(ServerReadTest, AnswersRangesAndConditionsByTheBook) {
   const std::string content = bytesOf("object.txt", 100'000);
   store.put("object.txt", content);
-  const std::filesystem::path file = store.files + "/object.txt";
+  const fs::path file = store.files + "/object.txt";
   last_write_time(file, last_write_time(file) - std::chrono::seconds(10));
   start();
   const Reply whole = get("/object.txt");

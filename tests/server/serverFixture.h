@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,6 +18,7 @@
 
 namespace diskcached {
 
+namespace fs = std::filesystem;
 using ObjectStore::eventually;
 using ObjectStore::Process;
 using ObjectStore::readFile;
@@ -27,11 +29,8 @@ using ObjectStore::writeFile;
 // Bytes that tell object and place.
 inline std::string bytesOf(std::string_view name, size_t size) {
   std::string bytes(size, '\0');
-  const uint64_t seed = std::hash<std::string_view>()(name);
-  for (size_t i = 0; i < size; ++i) {
-    const uint64_t word = (seed ^ (i >> 3)) * 0x9e3779b97f4a7c15U;
-    bytes[i] = static_cast<char>(word >> (8 * (i & 7)));
-  }
+  std::minstd_rand random(static_cast<unsigned>(std::hash<std::string_view>()(name)));
+  std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() >> 8); });
   return bytes;
 }
 
@@ -45,8 +44,8 @@ inline size_t countOf(std::string_view part, std::string_view text) {
 class Store {
  public:
   explicit Store(const TempDir& dir) : m_dir(dir / "nginx"), files(dir / "files") {
-    std::filesystem::create_directories(m_dir);
-    std::filesystem::create_directories(files);
+    fs::create_directories(m_dir);
+    fs::create_directories(files);
     for (start(); m_process->hasEnded(); start()) port = 0;  // somebody else has taken it
   }
 
@@ -119,7 +118,7 @@ class ServerTest : public ::testing::Test {
   }
   void launch(const std::vector<std::string>& more = {}) {
     server.reset();
-    std::filesystem::remove(dir / "log");
+    fs::remove(dir / "log");
     server = std::make_unique<Process>(arguments(more), dir / "log", environment);
   }
   void start(const std::vector<std::string>& more = {}) {
@@ -145,6 +144,11 @@ class ServerTest : public ::testing::Test {
   Reply put(const std::string& path, const std::string& body,
             const std::vector<std::string>& headers = {}) const {
     return ask("PUT", path, headers, body);
+  }
+  // Puts an object into the store, and reads it through the server.
+  void fetch(const std::string& name, const std::string& content) const {
+    store.put(name, content);
+    EXPECT_TRUE(get('/' + name).body == content) << name;
   }
   Reply admin(const std::string& target, const std::string& method = "GET") const {
     return HttpClient(adminPort).ask(method, target);

@@ -111,10 +111,7 @@ TEST_F(ServerTroubleTest, StaleAnswersStandInForAStoreThatIsDown) {
       "location /fixed { add_header Cache-Control immutable; }\n");
   const std::vector<std::string> options{"--fresh-for=0", "--stale-if-error=1000", "--origin-retries=1"};
   start(options);
-  for (const std::string name : {"kept", "strict", "fixed"}) {
-    store.put(name, "kept bytes");
-    EXPECT_EQ(get('/' + name).body, "kept bytes");
-  }
+  for (const std::string name : {"kept", "strict", "fixed"}) fetch(name, "kept bytes");
   store.stop();
   for (const char* const when : {"before", "after a restart"}) {
     const Reply stale = get("/kept");
@@ -148,7 +145,7 @@ TEST_F(ServerTroubleTest, AFullDiskAndAVolumeEmptiedBeneathItCostNoAnswer) {
   expectRight(60, 80);
   EXPECT_TRUE(eventually([&] {  // the last block may still be on its way to disk
     std::error_code error;
-    return std::filesystem::remove_all(volume + "/blocks", error), !error;
+    return fs::remove_all(volume + "/blocks", error), !error;
   }));
   for (int i = 0; i < 2; ++i) expectRight(70, 80);
   EXPECT_EQ(server->end(SIGTERM), 0);
@@ -161,7 +158,7 @@ TEST_F(ServerTroubleTest, ObjectsThatChangeAreNeverMixed) {
   std::atomic<bool> isOver{false};
   const auto publish = [&](char letter) {  // as a store does: at once
     store.put("new", version(letter));
-    std::filesystem::rename(store.files + "/new", store.files + "/object");
+    fs::rename(store.files + "/new", store.files + "/object");
   };
   publish('a');
   std::atomic<unsigned> wrong{0}, right{0};

@@ -49,8 +49,7 @@ TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
     EXPECT_NE(listing.header("cache-status").find("fwd=bypass"), std::string::npos) << listing.head;
   }
   EXPECT_EQ(ask("MKCOL", "/list/new/").status, 405);  // the store's word
-  store.put("kept", "kept");
-  EXPECT_EQ(get("/kept").body, "kept");
+  fetch("kept", "kept");
   EXPECT_EQ(ask("POST", "/kept").status, 405);
   EXPECT_TRUE(get("/kept").isHit()) << "nothing was changed";
 }
@@ -106,7 +105,7 @@ TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
     store.restart("");
     restart(signal);
     ASSERT_TRUE(areUploaded());
-    EXPECT_FALSE(std::filesystem::exists(store.files + "/gone")) << signal;
+    EXPECT_FALSE(fs::exists(store.files + "/gone")) << signal;
     EXPECT_EQ(get("/gone").status, 404) << signal;
   }
 }
@@ -144,7 +143,7 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
   store.restart("if ($http_x_amz_meta_n = 1) { return 503; }");
   for (const auto& c : cases) {
     for (const int signal : {0, SIGKILL}) {
-      std::filesystem::remove(store.files + "/k");
+      fs::remove(store.files + "/k");
       ASSERT_EQ(put("/k", "old", {"x-amz-meta-n: 1"}).status, 200);
       EXPECT_EQ(put("/k", c.bytes, {c.header}).status / 100, 2);
       EXPECT_NE(get("/k").header("x-amz-meta-n"), "1");
@@ -161,9 +160,9 @@ TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {
   store.restart("if ($request_method = PUT) { return 503; }");
   ASSERT_EQ(put("/k", "bytes").status, 200);
   EXPECT_EQ(ask("DELETE", "/k", {"If-Match: x"}).status, 503) << "the store cannot judge it yet";
-  std::filesystem::rename(volume + "/staged", dir / "aside");
+  fs::rename(volume + "/staged", dir / "aside");
   EXPECT_EQ(get("/k").status, 503);
-  std::filesystem::rename(dir / "aside", volume + "/staged");
+  fs::rename(dir / "aside", volume + "/staged");
   EXPECT_EQ(get("/k").body, "bytes");
   store.restart("");
   restart(SIGKILL);
@@ -177,17 +176,12 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
   writeBack.push_back("--root=" + (small / "root"));
   start(writeBack);
   store.restart("if ($request_method = PUT) { return 503; }");
-  store.put("k", "the store's");
-  EXPECT_EQ(get("/k").body, "the store's");
+  fetch("k", "the store's");
   std::ofstream(small / "other") << std::string(17 << 20, 'x');
-  for (int i = 0; i < 60; ++i) {
-    const std::string name = std::string(100, 'n') + std::to_string(i);
-    store.put(name, "x");
-    EXPECT_EQ(get('/' + name).body, "x");
-  }
+  for (int i = 0; i < 60; ++i) fetch(std::string(100, 'n') + std::to_string(i), "x");
   EXPECT_NE(logged().find("can't be written"), std::string::npos);
   EXPECT_EQ(put("/k", "first").status, 507);
-  std::filesystem::remove(small / "other");
+  fs::remove(small / "other");
   for (const char* bytes : {"first", "second"}) ASSERT_EQ(put("/k", bytes).status, 200);
   restart(SIGKILL);
   EXPECT_EQ(get("/k").body, "second");

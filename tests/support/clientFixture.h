@@ -5,8 +5,6 @@
 #include <xxhash.h>
 
 #include <atomic>
-#include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>

@@ -16,6 +16,9 @@
 
 namespace ObjectStore {
 
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
 // A new directory under $TMPDIR or /tmp that goes with all that is in it.
 class TempDir {
  public:
@@ -24,7 +27,7 @@ class TempDir {
   }
   ~TempDir() {
     std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
+    fs::remove_all(m_path, ignored);
   }
   TempDir& operator=(TempDir&&) = delete;
 
@@ -32,12 +35,12 @@ class TempDir {
   std::string operator/(std::string_view name) const { return m_path + '/' + std::string(name); }
 
  private:
-  std::string m_path = std::filesystem::temp_directory_path() / "diskcache-test-XXXXXX";
+  std::string m_path = fs::temp_directory_path() / "diskcache-test-XXXXXX";
 };
 
 // Both throw std::runtime_error when the file cannot be had whole. Writing makes missing parents.
 inline void writeFile(const std::string& path, std::string_view content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  fs::create_directories(fs::path(path).parent_path());
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << content;
   file.close();
@@ -54,7 +57,7 @@ inline std::string readFile(const std::string& path) {
 // Every entry below a directory by relative path, in order; directories end with '/', links with '@'.
 inline std::vector<std::string> treeOf(const std::string& dir) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(dir)) {
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
     const char* mark = entry.is_symlink() ? "@" : entry.is_directory() ? "/" : "";
     names.push_back(entry.path().lexically_relative(dir).string() + mark);
   }
@@ -64,7 +67,7 @@ inline std::vector<std::string> treeOf(const std::string& dir) {
 
 // How many descriptors this process has open; the listing itself holds one.
 inline size_t openDescriptors() {
-  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) - 1;
+  return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {})) - 1;
 }
 
 }  // namespace ObjectStore

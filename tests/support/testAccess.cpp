@@ -26,12 +26,7 @@ DiskCacheOpenTable& Access::openTable(DiskCache& cache) { return cache.m_state->
 size_t Access::openSegments(DiskCache& cache) {
   DiskCacheOpenTable& table = openTable(cache);
   const KxCriticalSectionLock lock(&table.m_openSegmentsLock);
-  return table.m_openSegments.size();
-}
-size_t Access::openHandles(DiskCache& cache) {
-  DiskCacheOpenTable& table = openTable(cache);
-  const KxCriticalSectionLock lock(&table.m_openSegmentsLock);
-  return table.m_handles.size();
+  return table.m_openSegments.size() + table.m_handles.size();
 }
 void Access::setNextHandle(DiskCache& cache, uint32_t handle) {
   DiskCacheOpenTable& table = openTable(cache);

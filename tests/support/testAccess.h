@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <string>
 #include <vector>
 
 #include "diskcache/diskcache.h"
@@ -30,8 +29,7 @@ struct DiskCacheTestAccess {
   static bool isStopping(DiskCache& cache);
 
   static DiskCacheOpenTable& openTable(DiskCache& cache);
-  static size_t openSegments(DiskCache& cache);
-  static size_t openHandles(DiskCache& cache);
+  static size_t openSegments(DiskCache& cache);  // and the numbers that stand for them
   static void setNextHandle(DiskCache& cache, uint32_t handle);
 
   static DiskCacheVolumes& volumes(DiskCache& cache);
