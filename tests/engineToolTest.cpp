@@ -127,6 +127,11 @@ TEST_F(EngineToolTest, AFullDiskIsOneLine) {
       "--root " + (dir / "other ") + "--volume " + (disk / "v") + " --context ctx 0011big ";
   expectFailure("put " + small + (dir / "in"), 3, "No space left");
   EXPECT_EQ(run("exists " + small), 1) << "half of it stayed";
+  writeFile(dir / "old", "old");
+  ASSERT_EQ(run("put " + small + (dir / "old")), 0) << err;
+  expectFailure("put " + small + (dir / "in"), 3, "No space left");
+  EXPECT_EQ(run("get " + small + '-'), 0) << err;
+  EXPECT_EQ(out, "old");
   const auto before = treeOf(disk.path());
   expectFailure("get " + segment("0022big ") + (disk / "copy"), 3, "No space left");
   EXPECT_EQ(treeOf(disk.path()), before) << "a part of it stayed";

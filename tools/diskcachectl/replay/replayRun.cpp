@@ -163,7 +163,7 @@ class Replay {
     std::vector<std::string> dirs = m_settings.volumes;
     dirs.push_back(m_settings.moveVolumeTo);
     for (const std::string& dir : dirs) {
-      const std::string path = dir + '/' + BLOCKS_DIR + '/' + DiskCache::guid2dir(name) + '/' + name;
+      const auto path = std::filesystem::path(dir) / BLOCKS_DIR / DiskCache::guid2dir(name) / name;
       if (std::filesystem::exists(path)) return path;
     }
     return id;
