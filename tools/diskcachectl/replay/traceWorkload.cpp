@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "common/failure.h"
 #include "common/identifier.h"
