@@ -84,8 +84,8 @@ int writeSmallFile(const std::string& path, const std::string& text) {
 }  // namespace
 
 int markMoved(const std::string& source, const std::string& destination) {
-  const Descriptor dir(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   errno = 0;
+  const Descriptor dir(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (dir.fd < 0 || syncfs(dir.fd) != 0) return lastError();
   const std::string marker = source + '/' + VOLUME_MARKER, moved = source + '/' + MOVED_MARKER;
   return rename(marker.c_str(), moved.c_str()) == 0 ? syncDirectory(source + '/' + BLOCKS_DIR) : lastError();

@@ -157,7 +157,7 @@ void VolumeMover::end(int error, const std::string& source, const std::string& d
         error = EIO;
       }
     }
-  } catch (const std::exception&) {
+  } catch (...) {  // whoever waits for the outcome gets one
     error = ENOMEM;
   }
   m_outcome.set_value(error);
