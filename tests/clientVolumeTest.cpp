@@ -155,6 +155,8 @@ TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
   }
   EXPECT_EQ(files(), before);
   readAsking(0, 0, 40);
+  cache->close();
+  m_descriptors = openDescriptors();  // a copy that is stopped leaves its directory open
   start(chosen);
   readAsking(0, 0, 40);
   fs::remove(was[0] + "/blocks/link");

@@ -113,7 +113,7 @@ class ClientTest : public ::testing::Test {
 
   TempDir dir;
   LogCapture log{LogLevel::Error - 1};
-  const size_t m_descriptors = openDescriptors();
+  size_t m_descriptors = openDescriptors();
   std::atomic<size_t> originCalls{0};
   std::atomic<int> originErrNo{0};
   ReadResult result;
