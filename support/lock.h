@@ -20,13 +20,16 @@ namespace ObjectStore {
 // One atomic step to take it and one to give it up while nobody else wants it; who has to wait sleeps at once.
 // errno stays as it is.
 struct KxCriticalSectionH {
+  ~KxCriticalSectionH() { DC_TELL_SANITIZER(destroy(this, 0)); }
   void lock() noexcept {
     const pthread_t self = callingThread();
     if (holder.load(std::memory_order_relaxed) != self) {
+      DC_TELL_SANITIZER(pre_lock(this, 0));
       int free = FREE;
       if (!state.compare_exchange_strong(free, HELD, std::memory_order_acquire, std::memory_order_relaxed)) {
         sleepUntilHeld();
       }
+      DC_TELL_SANITIZER(post_lock(this, 0, 0));
       holder.store(self, std::memory_order_relaxed);
     }
     ++depth;
@@ -34,7 +37,9 @@ struct KxCriticalSectionH {
   void unlock() noexcept {
     if (--depth != 0) return;
     holder.store(NOBODY, std::memory_order_relaxed);
+    DC_TELL_SANITIZER(pre_unlock(this, 0));
     if (state.exchange(FREE, std::memory_order_release) == AWAITED) wakeOne();
+    DC_TELL_SANITIZER(post_unlock(this, 0));
   }
   // Not pthread_self() here: compilers take that for constant, also where a coroutine goes on in another thread.
   DISKCACHE_EXPORT static pthread_t callingThread() noexcept;
