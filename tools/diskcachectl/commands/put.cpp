@@ -142,10 +142,7 @@ class Input {
 };
 
 void check(const CZuError& error, const std::string& what) {
-  if (!error.IsError()) return;
-  // The system reports nothing when the last bytes of a disk took a part.
-  if (RMErrorUtil::IsErrNo(error, 0)) fail(what, ENOSPC);
-  fail(what, error);
+  if (error.IsError()) fail(what, error);
 }
 
 // A section in the middle would grow over those behind it, and cutting it would cut them off.
