@@ -11,6 +11,7 @@
 
 #include "client/descriptor.h"
 #include "client/volumeMarkers.h"
+#include "diskcache/segmentFormat.h"
 #include "support/log.h"
 
 namespace ObjectStore {
@@ -66,6 +67,23 @@ std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
   const ssize_t got = pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
   if (got != static_cast<ssize_t>(bytes.size())) return {};
   return decodeTrailer(bytes);
+}
+
+// Whether a block's file has all of its trailer, or may have, as far as it can be read. A kill cuts the file short,
+// and a power cut may leave zeros for what was not written.
+bool isFinished(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status {};
+  SegmentHeader header;
+  if (file.fd < 0 || fstat(file.fd, &status) != 0) return true;
+  if (pread(file.fd, &header, sizeof header, 0) < 0) return true;
+  const auto size = static_cast<uint64_t>(status.st_size), at = header.sectionOffset[TRAILER_SECTION];
+  if (at == 0 || size <= SECTION_DESC_SIZE || at >= size - SECTION_DESC_SIZE) return false;
+  SectionDesc front;
+  uint64_t end = 0;  // the trailer's own checksum
+  if (pread(file.fd, &front, sizeof front, static_cast<off_t>(at)) < 0) return true;
+  if (pread(file.fd, &end, sizeof end, static_cast<off_t>(size - sizeof end)) < 0) return true;
+  return front.len <= size - at - SECTION_DESC_SIZE && end != 0;
 }
 
 unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
@@ -169,9 +187,12 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   return {Found::Whole, std::move(block), opened.read};
 }
 
-std::optional<BlockTrailer> BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
+BlockStore::Adopted BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
   m_room.staged.insert(id, volume);
-  return openFile(contextOf(Place::Staged, volume), blockName(id), {}).trailer;
+  const guid_t name = blockName(id);
+  auto trailer = openFile(contextOf(Place::Staged, volume), name, {}).trailer;
+  const bool isWhole = trailer || isFinished(m_engine.guid2path(name, volume, STAGED_DIR));
+  return {std::move(trailer), isWhole};
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {

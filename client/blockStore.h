@@ -63,8 +63,12 @@ class BlockStore {
   // Removes a block wherever it lies, but not a staged one.
   void drop(const BlockId& id);
 
-  // A block found in the staging place at the start; what its trailer says, if it has a whole one.
-  std::optional<BlockTrailer> adoptStaged(const BlockId& id, VolIndex volume);
+  struct Adopted {
+    std::optional<BlockTrailer> trailer;  // when it can be read
+    bool isFinished;                      // or may be, where a disk's error or damage hides it
+  };
+  // A block found in the staging place at the start.
+  Adopted adoptStaged(const BlockId& id, VolIndex volume);
   enum class Durable { No, Yes };
   // Makes a staged block prunable; 0 or why not.
   int release(const BlockId& id, Durable durable);

@@ -60,6 +60,10 @@ struct BlockTrailer {
   Metadata metadata;
 };
 
+// An empty object has one block too.
+constexpr uint64_t blockCount(uint64_t objectSize, uint64_t blockSize) {
+  return objectSize == 0 ? 1 : (objectSize - 1) / blockSize + 1;
+}
 // The bytes of one block of an object: its share of the size, 0 behind the end.
 constexpr uint64_t payloadSizeOf(uint64_t objectSize, uint64_t blockSize, uint64_t number) {
   const uint64_t from = number * blockSize;

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "client/startScan.h"
 #include "support/log.h"
 
 namespace ObjectStore {
@@ -108,40 +107,47 @@ void OpenCache::enterBlocks() {
   }
 }
 
-// An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. While a
-// volume is missing nothing goes: the first block may lie there. One that lacks another block stays, for its
-// volume to come back or for who gives it up.
 CZuError OpenCache::enterStaged() {
   std::unordered_map<ObjectId, std::vector<FoundBlock>, HashOfObject> objects;
   std::vector<FoundBlock> found;
+  bool sawAll = volumes.size() == options.volumes.size();
   for (const VolumeRoot& root : volumes.roots())
-    findBlocks(root.dir + '/' + STAGED_DIR, root.index, found, {});
+    sawAll = findBlocks(root.dir + '/' + STAGED_DIR, root.index, found, {}) && sawAll;
   engine->countFound(found.size());
   for (const FoundBlock& block : found) {
     account.add(block.volume, block.bytes);
     objects[block.id.object].push_back(block);
   }
-  const bool isComplete = volumes.size() == options.volumes.size();
   for (const auto& [id, blocks] : objects) {
-    std::optional<BlockTrailer> first;
-    size_t whole = 0;
-    for (const FoundBlock& block : blocks) {
-      auto trailer = store.adoptStaged(block.id, block.volume);
-      whole += trailer.has_value();
-      if (trailer && trailer->blockSize != options.blockSize) {
-        return keyError(RM_CODE_LOCATION, EINVAL, trailer->key, "is staged in blocks of another size");
-      }
-      if (block.id.number == 0) first = std::move(trailer);
+    if (const CZuError error = enterStaged(blocks, sawAll); error.IsError()) return error;
+  }
+  return {};
+}
+
+// An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. Nothing goes
+// while that block may lie where nobody could look. One that lacks other bytes stays, for its volume or its disk to
+// come back or for who gives it up.
+CZuError OpenCache::enterStaged(const std::vector<FoundBlock>& blocks, bool sawAll) {
+  std::optional<BlockTrailer> known;
+  bool isFirstThere = false;
+  size_t whole = 0;
+  for (const FoundBlock& block : blocks) {
+    auto [trailer, isFinished] = store.adoptStaged(block.id, block.volume);
+    isFirstThere = isFirstThere || (block.id.number == 0 && isFinished);
+    if (!trailer) continue;
+    if (trailer->blockSize != options.blockSize) {
+      return keyError(RM_CODE_LOCATION, EINVAL, trailer->key, "is staged in blocks of another size");
     }
-    if (first) writeBack.adopt(*first);
-    const bool isWhole =
-        first &&
-        whole == std::max<uint64_t>((first->objectSize + options.blockSize - 1) / options.blockSize, 1);
-    if (!first && isComplete) {
-      for (const FoundBlock& block : blocks) (void)store.discardStaged(block.id, BlockStore::Durable::No);
-    } else if (!isWhole) {
-      DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", first ? first->key.c_str() : "?");
-    }
+    ++whole;
+    known = std::move(trailer);
+  }
+  if (!isFirstThere && sawAll) {
+    for (const FoundBlock& block : blocks) (void)store.discardStaged(block.id, BlockStore::Durable::No);
+    return {};
+  }
+  if (isFirstThere && known) writeBack.adopt(*known);
+  if (!known || whole != blockCount(known->objectSize, options.blockSize)) {
+    DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", known ? known->key.c_str() : "?");
   }
   return {};
 }

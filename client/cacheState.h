@@ -2,10 +2,13 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "client/blockStore.h"
 #include "client/flights.h"
 #include "client/objectCache.h"
+#include "client/startScan.h"
 #include "client/usage.h"
 #include "client/verifiedBlocks.h"
 #include "client/volumeMover.h"
@@ -42,6 +45,7 @@ struct OpenCache {
   CZuError startEngine(const std::vector<std::string>& dirs);
   void enterBlocks();
   CZuError enterStaged();
+  CZuError enterStaged(const std::vector<FoundBlock>& blocks, bool sawAll);  // of one object
 };
 
 // An error of this place whose message names the key.

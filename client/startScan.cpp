@@ -29,30 +29,36 @@ class Walk {
 
   // Blocks lie `levels` directories below.
   void visit(int parent, const char* name, int levels) {
-    const Stream stream = openDirectory(parent, name);
-    if (!stream) return;
-    const int fd = dirfd(stream.get());
-    while (const dirent* const entry = readdir(stream.get())) {
-      if (entry->d_name[0] == '.') continue;
-      levels > 0 ? visit(fd, entry->d_name, levels - 1) : enter(fd, entry->d_name);
+    const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const Stream stream(fd < 0 ? nullptr : fdopendir(fd));
+    if (!stream) {
+      leaveOut("directory", name);
+      if (fd >= 0) close(fd);
+      return;
     }
+    errno = 0;
+    while (const dirent* const entry = readdir(stream.get())) {
+      if (entry->d_name[0] != '.')
+        levels > 0 ? visit(fd, entry->d_name, levels - 1) : enter(fd, entry->d_name);
+      errno = 0;
+    }
+    if (errno != 0) leaveOut("the rest of", name);
   }
+  bool sawAll() const { return m_sawAll; }
 
  private:
-  static Stream openDirectory(int parent, const char* name) {
-    const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-      const int rc = errno;
-      const bool isExpected = rc == ENOENT || rc == ENOTDIR;
-      DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't open directory [%s] (%d)", name, rc);
-      return nullptr;
-    }
-    return Stream(fdopendir(fd));
+  // What has gone, or never was what it seemed, is no loss.
+  void leaveOut(const char* what, const char* name) {
+    const int rc = errno;
+    const bool isExpected = rc == ENOENT || rc == ENOTDIR;
+    m_sawAll = m_sawAll && isExpected;
+    DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't read %s [%s] (%d)", what, name, rc);
   }
   void enter(int dir, const char* name) {
     const auto id = parseBlockName(name);
+    if (!id) return;
     struct stat status {};
-    if (!id || fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return leaveOut("block", name);
     const int64_t made = int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
     m_out.push_back({*id, m_volume, made, static_cast<uint64_t>(status.st_blocks) * 512});
     if (m_progress && m_out.size() % PROGRESS_EVERY == 0) m_progress(m_out.size());
@@ -61,13 +67,16 @@ class Walk {
   const VolIndex m_volume;
   std::vector<FoundBlock>& m_out;
   const std::function<void(uint64_t)>& m_progress;
+  bool m_sawAll = true;
 };
 
 }  // namespace
 
-void findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
+bool findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
                 const std::function<void(uint64_t)>& progress) {
-  Walk(volume, out, progress).visit(AT_FDCWD, dir.c_str(), NUM_DIR_LEVELS);
+  Walk walk(volume, out, progress);
+  walk.visit(AT_FDCWD, dir.c_str(), NUM_DIR_LEVELS);
+  return walk.sawAll();
 }
 
 }  // namespace ObjectStore

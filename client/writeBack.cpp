@@ -32,10 +32,7 @@ class WriteBack::Object final : public StagedObject {
 
   CZuError read(uint64_t offset, std::span<std::byte> out) const override;
 
-  uint32_t blocks() const {
-    const uint64_t blockSize = m_owner.m_options.blockSize;
-    return static_cast<uint32_t>(std::max<uint64_t>((size + blockSize - 1) / blockSize, 1));
-  }
+  uint32_t blocks() const { return static_cast<uint32_t>(blockCount(size, m_owner.m_options.blockSize)); }
 
   const ObjectId id;
   std::chrono::seconds pause{0};  // before the next try; belongs to the worker that has the object

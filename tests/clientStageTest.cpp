@@ -1,7 +1,6 @@
 // Write-back: staging, flushing, and what survives.
 #include <sys/wait.h>
 
-#include <array>
 #include <future>
 #include <mutex>
 #include <set>
@@ -145,20 +144,56 @@ TEST_F(ClientStageTest, AnUploadUnderWayCountsNoMoreWhenItsObjectIsGivenUp) {
   EXPECT_EQ(cache->metrics().uploadedObjects, 1U);
 }
 
+// The first of two blocks is damaged, or was never finished: then the object was never staged, and goes.
 TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
-  start();
-  EXPECT_EQ(stage("key", 1000), "success");
-  const std::string path = files("staged").at(0);
-  std::string bytes = readFile(path);
-  bytes[bytes.size() / 2] ^= 1;
-  writeFile(path, bytes);
-  EXPECT_EQ(readAll("key", 1000), "right");
-  std::array<std::byte, 1000> all;
-  EXPECT_EQ(outcome(cache->flush([&](const StagedObject& object) { return object.read(0, all); }, 0)), "EIO");
-  EXPECT_EQ(readFile(path), bytes);
-  EXPECT_TRUE(files().empty());
-  start();
-  EXPECT_EQ(cache->staged().objects, 1U);
+  const size_t size = SMALL_BLOCK + 1;
+  const struct {
+    const char* how;
+    void (*change)(std::string& bytes);
+    bool isKept;
+  } cases[] = {{"payload", [](auto& bytes) { bytes[1000] ^= 1; }, true},
+               {"trailer", [](auto& bytes) { bytes.back() ^= 1; }, true},
+               {"header", [](auto& bytes) { bytes.front() ^= 1; }, true},
+               {"cut", [](auto& bytes) { bytes.pop_back(); }, false},
+               {"no trailer", [](auto& bytes) { bytes.resize(SMALL_BLOCK); }, false},
+               {"zeros at its end", [](auto& bytes) { bytes.replace(bytes.size() - 8, 8, 8, '\0'); }, false},
+               {"zeros", [](auto& bytes) { bytes.assign(bytes.size(), '\0'); }, false}};
+  std::string all(size, 'x');
+  const auto take = [&](const StagedObject& object) {
+    return object.read(0, std::as_writable_bytes(std::span(all)));
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.how);
+    start();
+    EXPECT_EQ(stage("key", size), "success");
+    const std::string path = files("staged").at(0);
+    std::string bytes = readFile(path);
+    c.change(bytes);
+    writeFile(path, bytes);
+    EXPECT_EQ(readAll("key", size), "right");
+    EXPECT_EQ(outcome(cache->flush(take, 0)), "EIO");
+    EXPECT_TRUE(files().empty());
+    for (int pass = 0; pass < 2; ++pass) {
+      start();
+      EXPECT_EQ(cache->staged().objects, c.isKept ? 1U : 0U);
+      EXPECT_EQ(files("staged").size(), c.isKept ? 2U : 0U);
+      EXPECT_EQ(outcome(cache->flush(take, 0)), c.isKept ? "EIO" : "success");
+    }
+    EXPECT_EQ(outcome(cache->discardStaged("key", "v")), c.isKept ? "success" : "ENOENT");
+  }
+  // What a start could not look at is there at the next one.
+  EXPECT_EQ(stage("key", size), "success");
+  for (const char* call : {"preadv", "readdir"}) {
+    {
+      FaultPlan plan;
+      plan.failAlways(call, EIO);
+      EXPECT_EQ(openWith(options()), "success");
+      EXPECT_EQ(cache->staged().objects, 0U);
+    }
+    start();
+    EXPECT_EQ(outcome(cache->flush(take, 0)), "success") << call;
+    EXPECT_EQ(stage("key2", size), "success");
+  }
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {
