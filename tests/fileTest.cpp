@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -113,6 +114,28 @@ TEST_F(FileTest, WholeFilesAreReadAsFarAsTheyGo) {
   plan.shortTransfer("read", 1, 1);
   EXPECT_EQ(readWholeFile(dir / "outside/file", content), 0);
   EXPECT_EQ(content, "precious");
+}
+
+TEST_F(FileTest, SizesAreThoseOfTheSystem) {
+  writeFile(dir / "file", "precious");
+  fs::resize_file(dir / "file", 1 << 20);
+  uint64_t bytes = 0, allocated = 0;
+  std::FILE* const file = std::fopen((dir / "file").c_str(), "r");
+  EXPECT_EQ(outcome(getFileSize(&bytes, &allocated, file)), "success");
+  std::fclose(file);
+  EXPECT_EQ(std::pair(bytes, allocated), std::pair(uint64_t{1} << 20, uint64_t{4096}));
+  long long length = 0;
+  EXPECT_EQ(outcome(RMFile::KXGetFileSize(dir / "file", length)), "success");
+  EXPECT_EQ(length, 1 << 20);
+  EXPECT_EQ(outcome(RMFile::KXGetFileSize(dir / "none", length)), "ENOENT");
+
+  // What a file system keeps for the superuser is not free; others write there while this runs.
+  struct statvfs status {};
+  ASSERT_EQ(statvfs("/", &status), 0);
+  uint64_t freeBytes = 0, totalBytes = 0;
+  EXPECT_EQ(outcome(getFreeBytes(&freeBytes, &totalBytes, "/")), "success");
+  EXPECT_EQ(totalBytes, status.f_blocks * status.f_frsize);
+  EXPECT_NEAR(static_cast<double>(freeBytes), static_cast<double>(status.f_bavail * status.f_frsize), 1e9);
 }
 
 TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {

@@ -11,6 +11,7 @@
 #include "support/config.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
+#include "tests/support/process.h"
 
 namespace ObjectStore {
 namespace {
@@ -170,6 +171,7 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
   options.mode = PruningMode::Random;
   options.prunerCallback = [&](auto&&...) { return ++asked, false; };
   for (int i = 0; i < 2; ++i) writeFile(dir / "vol1/ctx/" + std::to_string(i), "");
+  const FaultPlan plan;
   start();
   ASSERT_TRUE(log.waitFor("Pruner Thread will wakeup in [5] minutes"));
   for (const auto& c : cases) {
@@ -190,6 +192,9 @@ TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
     std::erase_if(seen, [](auto& line) { return line.starts_with("checking whether"); });
     EXPECT_EQ(seen, c.seen);
     EXPECT_EQ(asked, c.asked);
+    EXPECT_TRUE(eventually([&] {
+      return std::chrono::round<std::chrono::minutes>(plan.longestWait()).count() == std::stol(c.minutes);
+    })) << plan.longestWait().count();
   }
   log.clear();
   cache.reset();

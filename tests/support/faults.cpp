@@ -57,6 +57,7 @@ struct Record {
 };
 
 std::atomic<bool> g_active{false};
+std::atomic<std::chrono::milliseconds> g_longestWait;
 std::condition_variable& g_holdChanged = *new std::condition_variable;  // outlives every thread
 
 struct LockedRecord {
@@ -103,6 +104,7 @@ FaultPlan& add(FaultPlan& plan, std::string_view call, size_t nth, const Verdict
 
 FaultPlan::FaultPlan() {
   if (g_active.exchange(true)) throw std::logic_error("there is a fault plan already");
+  g_longestWait = std::chrono::milliseconds::zero();
 }
 
 FaultPlan::~FaultPlan() {
@@ -157,6 +159,8 @@ size_t FaultPlan::count(std::string_view call) const {
   return call == ANY ? calls.size() : static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
 }
 std::vector<std::chrono::nanoseconds> FaultPlan::sleeps() const { return recorded()->sleeps; }
+
+std::chrono::milliseconds FaultPlan::longestWait() const { return g_longestWait; }
 
 // What to sleep in place of what was asked for.
 const timespec* recordSleep(const timespec* time) {
@@ -217,6 +221,21 @@ WRAP(stat, int, -1, (const char* path, struct stat* status), (path, status))
 WRAP(statvfs, int, -1, (const char* path, struct statvfs* status), (path, status))
 WRAP(unlink, int, -1, (const char* path), (path))
 WRAP(write, ssize_t, -1, (int fd, const void* from, size_t bytes), (fd, from, verdict.limited(bytes)))
+
+// No call to fail, and made while a plan's own lock is held.
+extern "C" int __real_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
+extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* changed, pthread_mutex_t* mutex, clockid_t clock,
+                                             const timespec* until) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  const auto since = [](const timespec& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  };
+  const auto wait = std::chrono::round<std::chrono::milliseconds>(since(*until) - since(now));
+  auto longest = g_longestWait.load();
+  while (wait > longest && !g_longestWait.compare_exchange_weak(longest, wait)) continue;
+  return __real_pthread_cond_clockwait(changed, mutex, clock, until);
+}
 
 // std::thread starts here: its state comes as a pointer to the owning pointer, and it reports by exception.
 #define START_THREAD(prefix) \

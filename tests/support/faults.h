@@ -41,6 +41,9 @@ class FaultPlan {
   size_t count(std::string_view call) const;
   std::vector<std::chrono::nanoseconds> sleeps() const;
 
+  // The longest that a thread has begun to wait for an event since the plan began; not part of the record.
+  std::chrono::milliseconds longestWait() const;
+
   void clearFaults();  // also those to come
 };
 
