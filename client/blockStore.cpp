@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <ctime>
@@ -67,23 +69,6 @@ std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
   const ssize_t got = pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
   if (got != static_cast<ssize_t>(bytes.size())) return {};
   return decodeTrailer(bytes);
-}
-
-// Whether a block's file has all of its trailer, or may have, as far as it can be read. A kill cuts the file short,
-// and a power cut may leave zeros for what was not written.
-bool isFinished(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  struct stat status {};
-  SegmentHeader header;
-  if (file.fd < 0 || fstat(file.fd, &status) != 0) return true;
-  if (pread(file.fd, &header, sizeof header, 0) < 0) return true;
-  const auto size = static_cast<uint64_t>(status.st_size), at = header.sectionOffset[TRAILER_SECTION];
-  if (at == 0 || size <= SECTION_DESC_SIZE || at >= size - SECTION_DESC_SIZE) return false;
-  SectionDesc front;
-  uint64_t end = 0;  // the trailer's own checksum
-  if (pread(file.fd, &front, sizeof front, static_cast<off_t>(at)) < 0) return true;
-  if (pread(file.fd, &end, sizeof end, static_cast<off_t>(size - sizeof end)) < 0) return true;
-  return front.len <= size - at - SECTION_DESC_SIZE && end != 0;
 }
 
 unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
@@ -187,12 +172,47 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   return {Found::Whole, std::move(block), opened.read};
 }
 
+// Of a block that can't be opened. The front of the trailer's record is written last: a kill leaves it away, and a power
+// cut may leave zeros for it or for the trailer's end. Where the record lies is told twice, so that one damaged number
+// does not hide it.
+BlockStore::Adopted BlockStore::salvage(const std::string& path) {
+  struct {
+    SegmentHeader header;
+    SectionDesc payload;
+  } head;
+  struct stat status {};
+  errno = 0;
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (file.fd < 0 || fstat(file.fd, &status) != 0 || pread(file.fd, &head, sizeof head, 0) < 0)
+    return {.errNo = errno};
+  const auto size = static_cast<uint64_t>(status.st_size);
+  const bool hasPayload = head.payload.type == PAYLOAD_SECTION;
+  const uint64_t behindPayload =
+      SEGMENT_HEADER_SIZE + (hasPayload ? SECTION_DESC_SIZE + head.payload.len : 0);
+  for (const uint64_t at : {head.header.sectionOffset[TRAILER_SECTION], behindPayload}) {
+    if (at < SEGMENT_HEADER_SIZE || at >= size || size - at <= SECTION_DESC_SIZE ||
+        size - at > SECTION_DESC_SIZE + MAX_TRAILER_SIZE)
+      continue;
+    SectionDesc front;
+    std::vector<std::byte> bytes(size - at - SECTION_DESC_SIZE);
+    const std::array parts = {iovec{&front, sizeof front}, iovec{bytes.data(), bytes.size()}};
+    if (preadv(file.fd, parts.data(), parts.size(), static_cast<off_t>(at)) < 0) return {.errNo = errno};
+    if (front.type == 0 && front.subType == 0 && front.len == 0) continue;
+    auto trailer = decodeTrailer(bytes);
+    const auto end = std::span(bytes).last(std::min<size_t>(bytes.size(), sizeof(uint64_t)));
+    const bool hasEnd =
+        std::any_of(end.begin(), end.end(), [](std::byte byte) { return byte != std::byte{}; });
+    if (trailer || (front.len == bytes.size() && hasEnd)) return {Adopted::Damaged, std::move(trailer)};
+  }
+  return {Adopted::Unfinished};
+}
+
 BlockStore::Adopted BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
   m_room.staged.insert(id, volume);
   const guid_t name = blockName(id);
   auto trailer = openFile(contextOf(Place::Staged, volume), name, {}).trailer;
-  const bool isWhole = trailer || isFinished(m_engine.guid2path(name, volume, STAGED_DIR));
-  return {std::move(trailer), isWhole};
+  if (trailer) return {Adopted::Whole, std::move(trailer)};
+  return salvage(m_engine.guid2path(name, volume, STAGED_DIR));
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {
@@ -292,22 +312,25 @@ void BlockStore::drop(const BlockId& id) {
 }
 
 int BlockStore::release(const BlockId& id, Durable durable) {
-  const auto volume = m_room.staged.find(id);
-  if (!volume) return 0;
-  const DiskCacheContext context = contextOf(Place::Staged, *volume);
-  const CZuError error = m_engine.moveToPrunable(context, blockName(id));
-  if (error.IsError()) return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : EIO;
-  m_room.staged.erase(id);
-  (void)m_engine.remember(contextOf(Place::Prunable, *volume),
-                          blockName(id));  // it fails for want of memory: the next start finds the block
-  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(blockName(id), *volume, STAGED_DIR))
-                                 : 0;
+  const guid_t name = blockName(id);
+  VolIndex volume = 0;
+  if (const auto staged = m_room.staged.find(id)) {
+    volume = *staged;
+    const CZuError error = m_engine.moveToPrunable(contextOf(Place::Staged, volume), name);
+    if (error.IsError()) return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : EIO;
+    if (!m_volumes.isThere(volume)) return EIO;
+    m_room.staged.erase(id);
+    (void)m_engine.remember(contextOf(Place::Prunable, volume),
+                            name);  // it fails for want of memory: the next start finds the block
+  } else if (!m_engine.findVolume(name, volume)) {
+    return 0;
+  }
+  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(name, volume, STAGED_DIR)) : 0;
 }
 
 int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   const auto volume = m_room.staged.find(id);
   if (!volume) return 0;
-  m_hot.erase(id);
   const guid_t name = blockName(id);
   const std::string path = m_engine.guid2path(name, *volume, STAGED_DIR);
   m_room.remove(name, *volume, STAGED_DIR);
@@ -315,7 +338,9 @@ int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   errno = 0;
   if (lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR))
     return errno != 0 ? errno : EIO;
+  if (!m_volumes.isThere(*volume)) return EIO;  // and what lies there comes back with it
   m_room.staged.erase(id);
+  m_hot.erase(id);  // who found it staged until now may have entered it
   return durable == Durable::Yes ? syncDirectoryOf(path) : 0;
 }
 

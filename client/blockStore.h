@@ -57,15 +57,19 @@ class BlockStore {
   // Whether the block may be there, from memory alone.
   bool isKnown(const BlockId& id);
   bool isStaged(const BlockId& id) { return m_room.staged.contains(id); }
+  bool isAnythingStaged() const { return !m_room.staged.isEmpty(); }
 
   // Writes a block; 0, or why not, with nothing left behind.
   int store(const BlockContent& content, Place place);
   // Removes a block wherever it lies, but not a staged one.
   void drop(const BlockId& id);
 
+  // What is staged under a block's name: Unfinished as a kill or a power cut leaves it, Unknown when the disk does not
+  // tell (`errNo`). The trailer is there when it is Whole, and may be when it is Damaged.
   struct Adopted {
-    std::optional<BlockTrailer> trailer;  // when it can be read
-    bool isFinished;                      // or may be, where a disk's error or damage hides it
+    enum { Whole, Damaged, Unfinished, Unknown } state = Unknown;
+    std::optional<BlockTrailer> trailer{};
+    int errNo = 0;
   };
   // A block found in the staging place at the start.
   Adopted adoptStaged(const BlockId& id, VolIndex volume);
@@ -77,6 +81,7 @@ class BlockStore {
 
  private:
   struct Opened;
+  static Adopted salvage(const std::string& path);
   Opened openFile(const DiskCacheContext& context, const guid_t& name, std::span<std::byte> front);
   bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
   Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,

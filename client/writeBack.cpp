@@ -36,6 +36,7 @@ class WriteBack::Object final : public StagedObject {
 
   const ObjectId id;
   std::chrono::seconds pause{0};  // before the next try; belongs to the worker that has the object
+  bool isUploaded = false;        // and only to be made prunable; belongs to that worker too
   bool isClaimed = false;         // belongs to the owner's lock
 
  private:
@@ -104,6 +105,25 @@ void WriteBack::unclaim(Object& object, bool isStagedStill) {
   m_changed.notify_all();
 }
 
+class WriteBack::Claim {
+ public:
+  Claim(WriteBack& owner, Object& object) : m_owner(owner), m_object(object), m_isHeld(owner.claim(object)) {}
+  ~Claim() {
+    if (m_isHeld) m_owner.unclaim(m_object, isStagedStill);
+  }
+  Claim(const Claim&) = delete;
+  Claim& operator=(const Claim&) = delete;
+
+  explicit operator bool() const { return m_isHeld; }
+
+  bool isStagedStill = true;
+
+ private:
+  WriteBack& m_owner;
+  Object& m_object;
+  const bool m_isHeld;
+};
+
 // All blocks are this thread's before it changes the first one: nobody fetches or drops one meanwhile. They are
 // taken in order, so two that want those of one object do not wait for each other.
 std::vector<std::unique_ptr<Flights::Flight>> WriteBack::takeBlocks(const Object& object) {
@@ -118,11 +138,16 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
   const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, Clock::now());
   const auto flights = takeBlocks(*object);
   if (find(key, version)) return {};
-  if (const int rc = storeBlocks(*object, bytes); rc != 0) {
+  try {
+    if (const int rc = storeBlocks(*object, bytes); rc != 0) {
+      (void)discardBlocks(*object);
+      return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
+    }
+    enter(object);
+  } catch (...) {
     (void)discardBlocks(*object);
-    return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
+    throw;
   }
-  enter(object);
   m_metrics.add(Count::stagedObjects);
   return {};
 }
@@ -142,9 +167,11 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
 CZuError WriteBack::discard(std::string_view key, std::string_view version) {
   const ObjectPointer object = find(key, version);
   const auto flights = object ? takeBlocks(*object) : std::vector<std::unique_ptr<Flights::Flight>>();
-  if (!object || !claim(*object)) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
+  if (!object) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
+  Claim claim(*this, *object);
+  if (!claim) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
   const int rc = discardBlocks(*object);
-  unclaim(*object, m_store.isStaged({object->id, 0}));
+  claim.isStagedStill = m_store.isStaged({object->id, 0});
   return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, key, "can't be given up");
 }
 
@@ -177,11 +204,16 @@ void WriteBack::adopt(const BlockTrailer& first) {
 
 void WriteBack::enter(ObjectPointer object) {
   const KxCriticalSectionLock lock(&m_lock);
-  m_bytes += object->size;
-  m_ages.insert(object->stagedAt);
-  m_due.emplace(object->stagedAt, object);
   const std::string_view key = object->key;
-  m_objects.emplace(key, std::move(object));
+  const auto age = m_ages.insert(object->stagedAt);
+  try {
+    m_due.emplace(object->stagedAt, object);
+    m_objects.emplace(key, object);
+  } catch (...) {
+    m_ages.erase(age);
+    throw;
+  }
+  m_bytes += object->size;
   m_changed.notify_all();
 }
 
@@ -189,9 +221,9 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
   const Clock::time_point began = Clock::now();
   if (parallel == 0) {
     CZuError first;
-    while (const ObjectPointer object = take(true, began)) {
-      const CZuError error = uploadOne(*object, upload);
-      if (error.IsError()) tryLater(object);
+    while (Queue::node_type object = take(true, began)) {
+      const CZuError error = uploadOne(*object.mapped(), upload);
+      if (error.IsError()) tryLater(std::move(object));
       if (error.IsError() && !first.IsError()) first = error;
     }
     return first;
@@ -212,23 +244,22 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
 }
 
 void WriteBack::work(const Upload& upload) {
-  while (const ObjectPointer object = take(false, {})) {
-    if (uploadOne(*object, upload).IsError()) tryLater(object);
+  while (Queue::node_type object = take(false, {})) {
+    if (uploadOne(*object.mapped(), upload).IsError()) tryLater(std::move(object));
   }
 }
 
-WriteBack::ObjectPointer WriteBack::take(bool isSinglePass, Clock::time_point passBegan) {
+WriteBack::Queue::node_type WriteBack::take(bool isSinglePass, Clock::time_point passBegan) {
   const KxCriticalSectionLock lock(&m_lock);
   Waitable waitable{m_lock};
   while (!m_stop) {
     const Clock::time_point now = isSinglePass ? passBegan : Clock::now();
     if (!m_due.empty() && m_due.begin()->first <= now) {
-      ObjectPointer object = std::move(m_due.begin()->second);
-      m_due.erase(m_due.begin());
-      if (positionLocked(*object) == m_objects.end()) continue;
+      Queue::node_type object = m_due.extract(m_due.begin());
+      if (positionLocked(*object.mapped()) == m_objects.end()) continue;
       return object;
     }
-    if (isSinglePass) return nullptr;
+    if (isSinglePass) return {};
     if (m_due.empty()) {
       m_changed.wait(waitable);
     } else {
@@ -236,17 +267,19 @@ WriteBack::ObjectPointer WriteBack::take(bool isSinglePass, Clock::time_point pa
       m_changed.wait_until(waitable, due);
     }
   }
-  return nullptr;
+  return {};
 }
 
+// What the store has is not given to it again: others may have changed it there since.
 CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
   CZuError error;
   try {
-    error = upload(object);
+    if (!object.isUploaded) error = upload(object);
+    object.isUploaded = !error.IsError();
+    if (object.isUploaded) error = makePrunable(object);
   } catch (...) {
     error = keyError(RM_CODE_LOCATION, EIO, object.key, "the upload threw");
   }
-  if (!error.IsError()) error = makePrunable(object);
   if (!error.IsError() || !isStaged(object)) return {};
   m_metrics.add(Count::failedUploads);
   DC_LOG(LogLevel::Error, "Error: upload of [%s] failed: %s", object.key.c_str(), error.AsString().c_str());
@@ -254,10 +287,11 @@ CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
 }
 
 CZuError WriteBack::makePrunable(Object& object) {
-  if (!claim(object)) return {};
+  Claim claim(*this, object);
+  if (!claim) return {};
   const int rc = release(object);
   if (rc == 0) m_metrics.add(Count::uploadedObjects);  // before anybody sees that it is done
-  unclaim(object, rc != 0);
+  claim.isStagedStill = rc != 0;
   return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
 }
 
@@ -271,10 +305,12 @@ int WriteBack::release(const Object& object) {
   return 0;
 }
 
-void WriteBack::tryLater(const ObjectPointer& object) {
+void WriteBack::tryLater(Queue::node_type&& object) {
   const KxCriticalSectionLock lock(&m_lock);
-  object->pause = std::clamp(object->pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
-  m_due.emplace(Clock::now() + object->pause, object);
+  std::chrono::seconds& pause = object.mapped()->pause;
+  pause = std::clamp(pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
+  object.key() = Clock::now() + pause;
+  m_due.insert(std::move(object));
   m_changed.notify_all();
 }
 
