@@ -113,10 +113,15 @@ TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
 TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
   const struct {
     const char *method, *query, *header;
-  } cases[] = {{"PUT", "?tagging", "A: b"},          {"POST", "", "A: b"},
-               {"POST", "?uploadId=1", "A: b"},      {"PUT", "", "If-Match: \"x\""},
-               {"PUT", "", "If-None-Match: *"},      {"PUT", "", "x-amz-acl: private"},
-               {"PUT", "", "x-amz-copy-source: /x"}, {"DELETE", "", "A: b"}};
+  } cases[] = {{"PUT", "?tagging", "A: b"},
+               {"POST", "", "A: b"},
+               {"POST", "?uploadId=1", "A: b"},
+               {"PUT", "", "If-Match: \"x\""},
+               {"PUT", "", "If-None-Match: *"},
+               {"PUT", "", "x-amz-acl: private"},
+               {"PUT", "", "x-amz-copy-source: /x"},
+               {"PUT", "", "Content-Range: bytes 0-4/9"},
+               {"DELETE", "", "A: b"}};
   start(writeBack);
   store.restart("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
   std::vector<std::string> paths;
@@ -145,7 +150,7 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
     for (const int signal : {0, SIGKILL}) {
       fs::remove(store.files + "/k");
       ASSERT_EQ(put("/k", "old", {"x-amz-meta-n: 1"}).status, 200);
-      EXPECT_EQ(put("/k", c.bytes, {c.header}).status / 100, 2);
+      EXPECT_EQ(put(signal == 0 ? "/k" : "/k?X-Amz-Signature=x", c.bytes, {c.header}).status / 100, 2);
       EXPECT_NE(get("/k").header("x-amz-meta-n"), "1");
       if (signal != 0) restart(signal);
       ASSERT_TRUE(areUploaded()) << c.bytes << c.header;
@@ -153,6 +158,27 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
       EXPECT_EQ(get("/k").body, c.bytes);
     }
   }
+}
+
+// As a kill leaves them that comes before the older one is given up.
+TEST_F(ServerWriteTest, OfTwoStagedOfAKeyOnlyAWholeOneTakesThePlaceOfTheOther) {
+  start(writeBack);
+  store.restart("if ($request_method = PUT) { return 503; }");
+  ASSERT_EQ(put("/k", "old").status, 200);
+  fs::copy(volume + "/staged", dir / "aside", fs::copy_options::recursive);
+  ASSERT_EQ(put("/k", "newer").status, 200);
+  server->end(SIGKILL);
+  for (const auto& entry : fs::recursive_directory_iterator(volume + "/staged")) {
+    if (!entry.is_regular_file()) continue;
+    std::string bytes = readFile(entry.path());
+    bytes.back() ^= 1;
+    writeFile(entry.path(), bytes);
+  }
+  fs::copy(dir / "aside", volume + "/staged", fs::copy_options::recursive);
+  store.restart("");
+  start(writeBack);
+  ASSERT_TRUE(areUploaded());
+  EXPECT_EQ(readFile(store.files + "/k"), "old");
 }
 
 TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {

@@ -63,6 +63,9 @@ class Server {
         m_service(options, m_cache, std::move(credentials)),
         m_io(options->listen, options->ioThreads),
         m_admin(options->admin, m_service, m_start) {}
+  ~Server() { m_cache.close(); }  // its uploads are the service's
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
 
   int run() {
     if (!open()) return 1;

@@ -60,7 +60,8 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
   if (reply.status == 0 || !reply.error.empty())
     throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
-  if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
+  if (changed.staged == GivenUp::Failed || changed.staged == GivenUp::NotForSure)
+    throw Refused(503, "what is staged can't be given up");
   AnswerHead head = relayedHead(reply);
   if (reply.status != 204) head.add("content-length", changed.text.size());
   exchange.addCacheStatus(head);
@@ -81,13 +82,13 @@ OriginCall callOf(const Exchange& exchange) {
   return call;
 }
 
-// Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum.
+// Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum, a part of an object.
 bool wantsMore(const OriginCall& call) {
   return std::any_of(call.headers.begin(), call.headers.end(), [](const auto& header) {
     const auto begins = [&](std::string_view with) {
       return equalsIgnoringCase(std::string_view(header.first).substr(0, with.size()), with);
     };
-    return begins("x-amz-") && !begins("x-amz-meta-");
+    return (begins("x-amz-") && !begins("x-amz-meta-")) || equalsIgnoringCase(header.first, "content-range");
   });
 }
 

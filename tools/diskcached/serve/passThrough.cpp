@@ -31,7 +31,7 @@ OriginCall passedOn(const Exchange& exchange) {
   OriginCall call;
   call.method = exchange.method();
   call.key = exchange.target().key;
-  call.query = canonicalQuery(withoutSignature(exchange.target().query));
+  call.query = canonicalQuery(exchange.target().query);
   call.headers = forwardedHeaders(exchange);
   if (const std::string_view range = exchange.header(http::field::range); !range.empty())
     call.headers.emplace_back("Range", range);
@@ -52,13 +52,14 @@ std::vector<std::string> changedBy(const OriginCall& call) {
   return changed;
 }
 
-// By the upload of an object that is staged here: it would come over the one that an upload in parts makes, and bring
-// back what a list of keys deletes.
+// By the upload of an object that is staged here: it would come over what this makes of the object, and bring back
+// what this deletes. An upload in parts changes nothing before its end.
 bool wouldBeUndone(Service& service, const OriginCall& call, const std::vector<std::string>& changed) {
-  if (call.method != "POST" || !(queryValue(call.query, "uploadId") || queryValue(call.query, "delete")))
-    return false;
-  return std::any_of(changed.begin(), changed.end(),
-                     [&](const std::string& key) { return !service.cache.stagedObjects(key).empty(); });
+  const bool isOfParts = queryValue(call.query, "partNumber") || queryValue(call.query, "uploads") ||
+                         (call.method == "DELETE" && queryValue(call.query, "uploadId"));
+  return !isOfParts && std::any_of(changed.begin(), changed.end(), [&](const std::string& key) {
+    return !service.cache.stagedObjects(key).empty();
+  });
 }
 
 // Makes the call, and forgets what it changes before its answer can be seen, and again at the end: a store may

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "origin/digest.h"
@@ -31,6 +33,15 @@ CZuError spoolObject(const ObjectStore::StagedObject& object, const std::string&
   }
   if (errNo == 0) errNo = spool.map(bytes);
   return errNo == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errNo, "no room for an upload");
+}
+
+bool isReadable(const ObjectStore::StagedObject& object) {
+  std::vector<std::byte> piece(std::min(object.size, COPIED_AT_ONCE));
+  for (uint64_t at = 0; at < object.size; at += piece.size()) {
+    piece.resize(std::min(object.size - at, COPIED_AT_ONCE));
+    if (object.read(at, piece).IsError()) return false;
+  }
+  return true;
 }
 
 OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std::byte> bytes) {
@@ -68,15 +79,16 @@ std::string freeVersion(const StagedObjects& staged, std::string version) {
   return version;
 }
 
+bool isGone(const CZuError& error) { return RMErrorUtil::GetErrNo(error) == ENOENT; }
+
 GivenUp discardAll(Service& service, const StagedObjects& objects) {
-  GivenUp result = GivenUp::Nothing;
+  GivenUp result = objects.empty() ? GivenUp::Nothing : GivenUp::All;
   for (const auto& object : objects) {
     const CZuError error = service.cache.discardStaged(object->key, object->version);
-    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) {
-      DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
-      return GivenUp::Failed;
-    }
-    result = GivenUp::All;
+    if (!error.IsError() || isGone(error)) continue;
+    DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
+    if (!isGone(object->read(0, {}))) return GivenUp::Failed;
+    result = GivenUp::NotForSure;
   }
   return result;
 }
@@ -103,7 +115,7 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 
 GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
   const GivenUp result = discardAll(service, objects);
-  if (result != GivenUp::All) return result;
+  if (result == GivenUp::Nothing || result == GivenUp::Failed) return result;
   const std::string& key = objects.front()->key;
   const ObjectInfoPointer known = service.index.find(key);
   const auto isKnown = [&](const auto& object) {
@@ -113,10 +125,19 @@ GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
   return result;
 }
 
+// Where two are staged of a key, a kill came between the newer one's staging and the older one's end: nobody was told of
+// the newer one yet, and if it is not whole the older one counts.
 void adoptStaged(Service& service) {
-  for (const auto& object : service.cache.stagedObjects()) {
-    const ObjectInfoPointer older = service.index.find(object->key);
-    if (older && older->isStaged) (void)service.cache.discardStaged(object->key, older->version);
+  std::map<std::string, StagedObjects> staged;
+  for (const auto& object : service.cache.stagedObjects()) staged[object->key].push_back(object);
+  for (auto& [key, objects] : staged) {
+    while (objects.size() > 1 && !isReadable(*objects.back())) {
+      (void)discardAll(service, {objects.back()});
+      objects.pop_back();
+    }
+    const auto object = std::move(objects.back());
+    objects.pop_back();
+    (void)discardAll(service, objects);  // what can't be given up now is before its upload
     service.index.change(object->key, describeStaged(object->metadata, object->size, object->version,
                                                      *service.options(), object->stagedAt));
   }
@@ -128,6 +149,9 @@ CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object)
     const KxCriticalSectionLock lock(
         &service.keyLocks.of(object.key));        // whoever stages another is done with this one
     if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
+    const auto newest = service.cache.stagedObjects(object.key).back();
+    if (newest.get() != &object)
+      return service.cache.discardStaged(object.key, object.version);  // it was to be given up before
   }
   Spool spool;
   std::span<const std::byte> bytes;
