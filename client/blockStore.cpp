@@ -2,14 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include "client/descriptor.h"
 #include "client/volumeMarkers.h"
@@ -69,6 +70,35 @@ std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
   const ssize_t got = pread(fd, bytes.data(), bytes.size(), static_cast<off_t>(place.offset));
   if (got != static_cast<ssize_t>(bytes.size())) return {};
   return decodeTrailer(bytes);
+}
+
+bool isOf(const BlockTrailer& trailer, const BlockId& id) {
+  return trailer.number == id.number && objectIdOf(trailer.key, trailer.version) == id.object;
+}
+
+// Where a trailer's record may begin, by its magic number, the last one first; what is meant to mislead is not followed
+// for long.
+std::vector<uint64_t> recordsIn(std::span<const std::byte> tail) {
+  constexpr size_t MOST = 8;
+  const std::string_view text(reinterpret_cast<const char*>(tail.data()), tail.size());
+  std::vector<uint64_t> places;
+  for (size_t at = text.rfind(TRAILER_MAGIC);
+       at != text.npos && at >= SECTION_DESC_SIZE && places.size() < MOST;
+       at = text.rfind(TRAILER_MAGIC, at - 1))
+    places.push_back(at - SECTION_DESC_SIZE);
+  return places;
+}
+
+// 0, or why not; a disk's error may come late.
+int readAll(int fd, std::span<std::byte> to, uint64_t from) {
+  while (!to.empty()) {
+    errno = 0;
+    const ssize_t got = pread(fd, to.data(), to.size(), static_cast<off_t>(from));
+    if (got <= 0) return errno != 0 ? errno : EIO;
+    from += static_cast<uint64_t>(got);
+    to = to.subspan(static_cast<size_t>(got));
+  }
+  return 0;
 }
 
 unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
@@ -172,47 +202,54 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   return {Found::Whole, std::move(block), opened.read};
 }
 
-// Of a block that can't be opened. The front of the trailer's record is written last: a kill leaves it away, and a power
-// cut may leave zeros for it or for the trailer's end. Where the record lies is told twice, so that one damaged number
-// does not hide it.
-BlockStore::Adopted BlockStore::salvage(const std::string& path) {
-  struct {
-    SegmentHeader header;
-    SectionDesc payload;
-  } head;
+// Of a block that can't be opened. The header is written first, and the front of the trailer's record last: a kill leaves
+// that away, and a power cut may leave zeros for either or for the trailer's end. A damaged number does not hide the
+// record: it is looked for, too.
+BlockStore::Adopted BlockStore::salvage(const std::string& path, const BlockId& id) {
+  SegmentHeader header;
   struct stat status {};
   errno = 0;
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (file.fd < 0 || fstat(file.fd, &status) != 0 || pread(file.fd, &head, sizeof head, 0) < 0)
-    return {.errNo = errno};
+  if (file.fd < 0 || fstat(file.fd, &status) != 0) return {.errNo = errno};
   const auto size = static_cast<uint64_t>(status.st_size);
-  const bool hasPayload = head.payload.type == PAYLOAD_SECTION;
-  const uint64_t behindPayload =
-      SEGMENT_HEADER_SIZE + (hasPayload ? SECTION_DESC_SIZE + head.payload.len : 0);
-  for (const uint64_t at : {head.header.sectionOffset[TRAILER_SECTION], behindPayload}) {
-    if (at < SEGMENT_HEADER_SIZE || at >= size || size - at <= SECTION_DESC_SIZE ||
-        size - at > SECTION_DESC_SIZE + MAX_TRAILER_SIZE)
-      continue;
+  if (size <= sizeof header) return {Adopted::Unfinished};
+  const uint64_t tailAt = size - std::min(size - sizeof header, SECTION_DESC_SIZE + MAX_TRAILER_SIZE);
+  std::vector<std::byte> tail(size - tailAt);
+  if (const int rc = readAll(file.fd, std::as_writable_bytes(std::span(&header, 1)), 0); rc != 0)
+    return {.errNo = rc};
+  if (const int rc = readAll(file.fd, tail, tailAt); rc != 0) return {.errNo = rc};
+
+  const bool isWritten = header.magic != 0 || header.version != 0;
+  bool isFinished = isWritten && (header.magic != DISK_CACHE_MAGIC || header.version != DISK_CACHE_VERSION);
+  auto places = recordsIn(tail);
+  places.push_back(header.sectionOffset[TRAILER_SECTION] - tailAt);
+  for (const uint64_t at : places) {
+    if (at >= tail.size() || tail.size() - at <= SECTION_DESC_SIZE) continue;
     SectionDesc front;
-    std::vector<std::byte> bytes(size - at - SECTION_DESC_SIZE);
-    const std::array parts = {iovec{&front, sizeof front}, iovec{bytes.data(), bytes.size()}};
-    if (preadv(file.fd, parts.data(), parts.size(), static_cast<off_t>(at)) < 0) return {.errNo = errno};
+    std::memcpy(&front, &tail[at], sizeof front);
     if (front.type == 0 && front.subType == 0 && front.len == 0) continue;
-    auto trailer = decodeTrailer(bytes);
-    const auto end = std::span(bytes).last(std::min<size_t>(bytes.size(), sizeof(uint64_t)));
+    const auto bytes = std::span(tail).subspan(at + SECTION_DESC_SIZE);
+    if (auto trailer = decodeTrailer(bytes); trailer && isOf(*trailer, id))
+      return {Adopted::Damaged, std::move(trailer)};
+    const auto end = bytes.last(std::min(bytes.size(), sizeof(uint64_t)));
     const bool hasEnd =
         std::any_of(end.begin(), end.end(), [](std::byte byte) { return byte != std::byte{}; });
-    if (trailer || (front.len == bytes.size() && hasEnd)) return {Adopted::Damaged, std::move(trailer)};
+    isFinished = isFinished || (front.len == bytes.size() && hasEnd);
   }
-  return {Adopted::Unfinished};
+  return {isFinished ? Adopted::Damaged : Adopted::Unfinished};
 }
 
 BlockStore::Adopted BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
   m_room.staged.insert(id, volume);
   const guid_t name = blockName(id);
   auto trailer = openFile(contextOf(Place::Staged, volume), name, {}).trailer;
-  if (trailer) return {Adopted::Whole, std::move(trailer)};
-  return salvage(m_engine.guid2path(name, volume, STAGED_DIR));
+  if (trailer && isOf(*trailer, id)) return {Adopted::Whole, std::move(trailer)};
+  return salvage(m_engine.guid2path(name, volume, STAGED_DIR), id);
+}
+
+void BlockStore::keepStaged(const BlockId& id, VolIndex volume, VolIndex other) {
+  m_room.remove(blockName(id), other, STAGED_DIR);
+  m_room.staged.insert(id, volume);
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {

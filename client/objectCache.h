@@ -225,7 +225,8 @@ class DISKCACHE_EXPORT ObjectCache {
   void drop(std::string_view key, std::string_view version, uint64_t objectSize);
 
   // Returns when the object is durable on disk, in the place that pruning leaves alone; it can be read at once.
-  // Success when it is staged already. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
+  // Success when it is staged already and can be read; one that is damaged, or only waits for its release, is staged
+  // anew. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
   // is left.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});

@@ -51,7 +51,7 @@ class Walk {
   void leaveOut(const char* what, const char* name) {
     const int rc = errno;
     const bool isExpected = rc == ENOENT || rc == ENOTDIR;
-    if (m_error == 0 && !isExpected) m_error = rc;
+    if (!isExpected && (m_error == 0 || rc != EIO)) m_error = rc;
     DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't read %s [%s] (%d)", what, name, rc);
   }
   void enter(int dir, const char* name) {

@@ -19,7 +19,7 @@ struct FoundBlock {
 
 // Appends every block below `dir`, a volume's directory of blocks; calls `progress` now and then with how many
 // there are by now. A directory that is missing holds none; what cannot be read is logged and left out, and the result
-// is the first such error's number, or 0.
+// is such an error's number, EIO only where there was no other, or 0.
 int findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
                const std::function<void(uint64_t)>& progress);
 

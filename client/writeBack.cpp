@@ -1,7 +1,9 @@
 #include "client/writeBack.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <new>
 
 #include "client/cacheState.h"
 #include "client/waitable.h"
@@ -35,9 +37,9 @@ class WriteBack::Object final : public StagedObject {
   uint32_t blocks() const { return static_cast<uint32_t>(blockCount(size, m_owner.m_options.blockSize)); }
 
   const ObjectId id;
-  std::chrono::seconds pause{0};  // before the next try; belongs to the worker that has the object
-  bool isUploaded = false;        // and only to be made prunable; belongs to that worker too
-  bool isClaimed = false;         // belongs to the owner's lock
+  std::chrono::seconds pause{0};        // before the next try; belongs to the worker that has the object
+  std::atomic<bool> isUploaded{false};  // and only to be made prunable
+  bool isClaimed = false;               // belongs to the owner's lock
 
  private:
   WriteBack& m_owner;
@@ -137,7 +139,11 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
                           const Metadata& metadata) {
   const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, Clock::now());
   const auto flights = takeBlocks(*object);
-  if (find(key, version)) return {};
+  if (const ObjectPointer known = find(key, version)) {
+    if (isWaiting(*known)) return {};
+    const CZuError error = discard(*known);
+    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) return error;
+  }
   try {
     if (const int rc = storeBlocks(*object, bytes); rc != 0) {
       (void)discardBlocks(*object);
@@ -156,7 +162,9 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
   const uint64_t blockSize = m_options.blockSize;
   for (uint32_t number = object.blocks(); number-- > 0;) {
     const BlockId id{object.id, number};
-    m_store.drop(id);  // the prunable copy
+    // One that a start could not tell the object of, and the prunable copy.
+    if (const int rc = m_store.discardStaged(id, BlockStore::Durable::No); rc != 0) return rc;
+    m_store.drop(id);
     const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
     const BlockContent content{id, object.key, object.version, object.size, object.metadata, payload};
     if (const int rc = m_store.store(content, BlockStore::Place::Staged); rc != 0) return rc;
@@ -167,12 +175,25 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
 CZuError WriteBack::discard(std::string_view key, std::string_view version) {
   const ObjectPointer object = find(key, version);
   const auto flights = object ? takeBlocks(*object) : std::vector<std::unique_ptr<Flights::Flight>>();
-  if (!object) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
-  Claim claim(*this, *object);
-  if (!claim) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
-  const int rc = discardBlocks(*object);
-  claim.isStagedStill = m_store.isStaged({object->id, 0});
-  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, key, "can't be given up");
+  return object ? discard(*object) : keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
+}
+
+CZuError WriteBack::discard(Object& object) {
+  Claim claim(*this, object);
+  if (!claim) return keyError(RM_CODE_LOCATION, ENOENT, object.key, "is not staged");
+  const int rc = discardBlocks(object);
+  claim.isStagedStill = m_store.isStaged({object.id, 0});
+  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be given up");
+}
+
+bool WriteBack::isWaiting(const Object& object) {
+  if (object.isUploaded) return false;
+  std::vector<std::byte> piece(std::min<uint64_t>(object.size, m_options.blockSize));
+  for (uint64_t at = 0; at < object.size; at += piece.size()) {
+    piece.resize(std::min<uint64_t>(object.size - at, m_options.blockSize));
+    if (object.read(at, piece).IsError()) return false;
+  }
+  return true;
 }
 
 // A block that stays behind the first one goes at the next start.
@@ -222,8 +243,7 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
   if (parallel == 0) {
     CZuError first;
     while (Queue::node_type object = take(true, began)) {
-      const CZuError error = uploadOne(*object.mapped(), upload);
-      if (error.IsError()) tryLater(std::move(object));
+      const CZuError error = takeTurn(std::move(object), upload);
       if (error.IsError() && !first.IsError()) first = error;
     }
     return first;
@@ -244,9 +264,18 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
 }
 
 void WriteBack::work(const Upload& upload) {
-  while (Queue::node_type object = take(false, {})) {
-    if (uploadOne(*object.mapped(), upload).IsError()) tryLater(std::move(object));
+  while (Queue::node_type object = take(false, {})) (void)takeTurn(std::move(object), upload);
+}
+
+CZuError WriteBack::takeTurn(Queue::node_type&& object, const Upload& upload) {
+  CZuError error;
+  try {
+    error = uploadOne(*object.mapped(), upload);
+  } catch (const std::bad_alloc&) {
+    error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   }
+  if (error.IsError()) tryLater(std::move(object));
+  return error;
 }
 
 WriteBack::Queue::node_type WriteBack::take(bool isSinglePass, Clock::time_point passBegan) {

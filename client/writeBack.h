@@ -57,12 +57,17 @@ class WriteBack {
   bool claim(Object& object);
   void unclaim(Object& object, bool isStagedStill);
   std::vector<std::unique_ptr<Flights::Flight>> takeBlocks(const Object& object);
+  // Whether the object is staged and of use: it can be read, and is not uploaded yet.
+  bool isWaiting(const Object& object);
   int storeBlocks(Object& object, std::span<const std::byte> bytes);
+  CZuError discard(Object& object);  // with all its blocks taken
   int discardBlocks(const Object& object);
   void enter(ObjectPointer object);
   using Queue = std::multimap<Clock::time_point, ObjectPointer>;
   // The next object that is due, waited for unless in a single pass; none when there is none, or at the end.
   Queue::node_type take(bool isSinglePass, Clock::time_point passBegan);
+  // One turn of an object; it is due again when that fails, in whatever way.
+  CZuError takeTurn(Queue::node_type&& object, const Upload& upload);
   CZuError uploadOne(Object& object, const Upload& upload);
   CZuError makePrunable(Object& object);
   void tryLater(Queue::node_type&& object);

@@ -164,6 +164,7 @@ TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
                {"cut", [](auto& bytes) { bytes.pop_back(); }, false},
                {"no trailer", [](auto& bytes) { bytes.resize(SMALL_BLOCK); }, false},
                {"zeros at its end", [](auto& bytes) { bytes.replace(bytes.size() - 8, 8, 8, '\0'); }, false},
+               {"first sector", [](auto& bytes) { bytes.replace(0, 512, 512, '\0'); }, true},
                {"zeros", [](auto& bytes) { bytes.assign(bytes.size(), '\0'); }, false}};
   std::string all(size, 'x');
   const auto take = [&](const StagedObject& object) {
@@ -186,22 +187,50 @@ TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
       EXPECT_EQ(files("staged").size(), c.isKept ? 2U : 0U);
       EXPECT_EQ(outcome(cache->flush(take, 0)), c.isKept ? "EIO" : "success");
     }
-    EXPECT_EQ(outcome(cache->discardStaged("key", "v")), c.isKept ? "success" : "ENOENT");
+    EXPECT_EQ(stage("key", size), "success") << "by who has the right bytes still";
+    EXPECT_EQ(outcome(cache->flush(take, 0)), "success");
+    cache->drop("key", "v", size);
   }
-  // What a start could not look at is there at the next one.
-  EXPECT_EQ(stage("key", size), "success");
-  for (const auto& [call, errNo] :
-       {std::pair{"preadv", EIO}, {"readdir", EIO}, {"preadv", ENOMEM}, {"readdir", ENOMEM}}) {
-    {
-      FaultPlan plan;
-      plan.failAlways(call, errNo);
-      EXPECT_EQ(openWith(options()), errNo == EIO ? "success" : "ENOMEM");
-      EXPECT_EQ(cache->staged().objects, 0U);
+}
+
+TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
+  const size_t size = SMALL_BLOCK + 1;
+  const ObjectCacheOptions both = options(2);
+  start(both);
+  const auto flushed = [&](const std::string& key) {
+    start(both);
+    EXPECT_EQ(cache->staged().objects, 1U) << key;
+    EXPECT_EQ(outcome(cache->flush(upload, 0)), "success") << key;
+    EXPECT_TRUE(files("staged").empty());
+  };
+  for (const auto& volume : both.volumes) {
+    EXPECT_EQ(stage(volume, size), "success");
+    ObjectCacheOptions one = both;
+    one.volumes = {volume};
+    start(one);
+    flushed(volume);
+  }
+  for (const int errNo : {EIO, ENOMEM}) {
+    for (const std::string call : {"pread", "readdir"}) {
+      EXPECT_EQ(stage(call, size, std::to_string(errNo)), "success");
+      {
+        FaultPlan plan;
+        plan.failAlways(call, errNo);
+        if (call == "pread") plan.failAlways("preadv", errNo);
+        EXPECT_EQ(openWith(both), errNo == EIO ? "success" : "ENOMEM");
+        EXPECT_EQ(cache->staged().objects, 0U);
+      }
+      flushed(call);
     }
-    start();
-    EXPECT_EQ(outcome(cache->flush(take, 0)), "success") << call;
-    EXPECT_EQ(stage("key2", size), "success");
   }
+  // Staged again while its volume was away, and now it is back.
+  EXPECT_EQ(stage("key", 1000), "success");
+  cache.reset();
+  const std::string path = files("staged").at(0), there = dir / "vol1", other = dir / "vol2";
+  const bool isThere = path.starts_with(there);
+  const std::string copy = (isThere ? other : there) + path.substr(there.size());
+  writeFile(copy, readFile(path));
+  flushed("key");
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {

@@ -76,19 +76,21 @@ OriginCall callOf(const Exchange& exchange) {
   call.method = exchange.method();
   call.key = exchange.target().key;
   call.headers = forwardedHeaders(exchange);
-  call.mayRepeat = exchange.header(field::if_match).empty() &&
-                   exchange.header(field::if_none_match).empty() &&
-                   exchange.header(field::if_unmodified_since).empty();
+  // Conditions, and changes of a part of an object, are about what the store has.
+  call.mayRepeat =
+      exchange.header(field::if_match).empty() && exchange.header(field::if_none_match).empty() &&
+      exchange.header(field::if_unmodified_since).empty() && exchange.header(field::content_range).empty() &&
+      exchange.header("x-amz-write-offset-bytes").empty();
   return call;
 }
 
-// Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum, a part of an object.
+// Whether it asks for what only the store can do: a copy, an access list, encryption, a checksum.
 bool wantsMore(const OriginCall& call) {
   return std::any_of(call.headers.begin(), call.headers.end(), [](const auto& header) {
     const auto begins = [&](std::string_view with) {
       return equalsIgnoringCase(std::string_view(header.first).substr(0, with.size()), with);
     };
-    return (begins("x-amz-") && !begins("x-amz-meta-")) || equalsIgnoringCase(header.first, "content-range");
+    return begins("x-amz-") && !begins("x-amz-meta-");
   });
 }
 

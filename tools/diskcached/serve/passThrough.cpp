@@ -52,14 +52,18 @@ std::vector<std::string> changedBy(const OriginCall& call) {
   return changed;
 }
 
+// Parts of an upload, its begin, or that it is given up: the object changes at its end only.
+bool isOfParts(const OriginCall& call) {
+  const auto has = [&](std::string_view name) { return queryValue(call.query, name).has_value(); };
+  return (call.method == "PUT" && has("partNumber") && has("uploadId")) ||
+         (call.method == "POST" && has("uploads")) || (call.method == "DELETE" && has("uploadId"));
+}
+
 // By the upload of an object that is staged here: it would come over what this makes of the object, and bring back
-// what this deletes. An upload in parts changes nothing before its end.
-bool wouldBeUndone(Service& service, const OriginCall& call, const std::vector<std::string>& changed) {
-  const bool isOfParts = queryValue(call.query, "partNumber") || queryValue(call.query, "uploads") ||
-                         (call.method == "DELETE" && queryValue(call.query, "uploadId"));
-  return !isOfParts && std::any_of(changed.begin(), changed.end(), [&](const std::string& key) {
-    return !service.cache.stagedObjects(key).empty();
-  });
+// what this deletes.
+bool wouldBeUndone(Service& service, const std::vector<std::string>& changed) {
+  return std::any_of(changed.begin(), changed.end(),
+                     [&](const std::string& key) { return !service.cache.stagedObjects(key).empty(); });
 }
 
 // Makes the call, and forgets what it changes before its answer can be seen, and again at the end: a store may
@@ -153,11 +157,12 @@ asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   const auto stream = std::make_shared<PassStream>();
   const Abandon abandon(*stream);
   call->onBody = [stream](std::span<const std::byte> bytes) { return stream->putBody(bytes); };
-  // What changes one object takes its turn; parts of an upload change nothing yet, and come side by side.
+  // What changes one object takes its turn; parts of an upload come side by side.
+  const bool isYetToChange = isOfParts(*call);
   std::shared_ptr<KeyTurns::Turn> turn;
-  if (changed.size() == 1 && !queryValue(call->query, "partNumber"))
-    turn = co_await service.keyTurns.take(call->key);
-  if (wouldBeUndone(service, *call, changed)) throw Refused(503, "what is staged is to be uploaded first");
+  if (changed.size() == 1 && !isYetToChange) turn = co_await service.keyTurns.take(call->key);
+  if (!isYetToChange && wouldBeUndone(service, changed))
+    throw Refused(503, "what is staged is to be uploaded first");
   WorkerPool& workers = changed.empty() ? service.passers : service.changers;
   const bool isPosted = workers.post(
       [&service, call, stream, spool, changed = std::move(changed), turn = std::move(turn)]() mutable {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,15 +33,6 @@ CZuError spoolObject(const ObjectStore::StagedObject& object, const std::string&
   }
   if (errNo == 0) errNo = spool.map(bytes);
   return errNo == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, errNo, "no room for an upload");
-}
-
-bool isReadable(const ObjectStore::StagedObject& object) {
-  std::vector<std::byte> piece(std::min(object.size, COPIED_AT_ONCE));
-  for (uint64_t at = 0; at < object.size; at += piece.size()) {
-    piece.resize(std::min(object.size - at, COPIED_AT_ONCE));
-    if (object.read(at, piece).IsError()) return false;
-  }
-  return true;
 }
 
 OriginCall callFor(const ObjectStore::StagedObject& object, std::span<const std::byte> bytes) {
@@ -93,6 +84,19 @@ GivenUp discardAll(Service& service, const StagedObjects& objects) {
   return result;
 }
 
+// For one that was read whole, so that older ones are of no more use; while one is there it must not come later.
+CZuError giveUpOlder(Service& service, const ObjectStore::StagedObject& object) {
+  // Whoever stages another is done with this one.
+  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
+  StagedObjects older = service.cache.stagedObjects(object.key);
+  const auto place =
+      std::find_if(older.begin(), older.end(), [&](const auto& each) { return each.get() == &object; });
+  const bool isNewest = place != older.end() && std::next(place) == older.end();
+  older.erase(place, older.end());
+  if (isNewest && discardAll(service, older) != GivenUp::Failed) return {};
+  return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EBUSY, "another object of this key is staged");
+}
+
 }  // namespace
 
 StageResult stageObject(Service& service, const std::string& key, std::span<const std::byte> bytes,
@@ -125,19 +129,9 @@ GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
   return result;
 }
 
-// Where two are staged of a key, a kill came between the newer one's staging and the older one's end: nobody was told of
-// the newer one yet, and if it is not whole the older one counts.
+// Where two are staged of a key, the older one's end was cut off, or it has come back with its volume.
 void adoptStaged(Service& service) {
-  std::map<std::string, StagedObjects> staged;
-  for (const auto& object : service.cache.stagedObjects()) staged[object->key].push_back(object);
-  for (auto& [key, objects] : staged) {
-    while (objects.size() > 1 && !isReadable(*objects.back())) {
-      (void)discardAll(service, {objects.back()});
-      objects.pop_back();
-    }
-    const auto object = std::move(objects.back());
-    objects.pop_back();
-    (void)discardAll(service, objects);  // what can't be given up now is before its upload
+  for (const auto& object : service.cache.stagedObjects()) {
     service.index.change(object->key, describeStaged(object->metadata, object->size, object->version,
                                                      *service.options(), object->stagedAt));
   }
@@ -145,18 +139,13 @@ void adoptStaged(Service& service) {
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
   const auto turn = service.keyTurns.wait(object.key);
-  {
-    const KxCriticalSectionLock lock(
-        &service.keyLocks.of(object.key));        // whoever stages another is done with this one
-    if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
-    const auto newest = service.cache.stagedObjects(object.key).back();
-    if (newest.get() != &object)
-      return service.cache.discardStaged(object.key, object.version);  // it was to be given up before
-  }
   Spool spool;
   std::span<const std::byte> bytes;
-  if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError())
+  if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError()) {
+    if (isGone(error)) return {};  // given up while this thread waited
     return error;
+  }
+  if (CZuError error = giveUpOlder(service, object); error.IsError()) return error;
   const OriginReply reply = service.origin.call(callFor(object, bytes));
   if (reply.isSuccess()) {
     markUploaded(service, object, reply);
