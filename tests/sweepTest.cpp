@@ -1,6 +1,5 @@
-// Every operation on a segment with its nth system call failing or cut short, once and for good, or the death of the
-// process in its place, after which the kernel keeps all that it was given. DISKCACHE_SOAK=N runs more of the
-// combinations of calls and failures, 60 all of them.
+// Every operation on a segment with its nth system call failing or cut short, once and for good, or with the process's
+// death in its place. DISKCACHE_SOAK=N runs more of the combinations, 60 all of them.
 #include <sys/wait.h>
 #include <unistd.h>
 
