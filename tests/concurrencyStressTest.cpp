@@ -6,23 +6,13 @@
 #include <thread>
 
 #include "tests/support/engineFixture.h"
+#include "tests/support/segmentWork.h"
 #include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
 
 constexpr size_t THREADS = 4;
-constexpr size_t FULL = 3000;  // bytes of a payload; a truncated one has half of them
-
-// Five bits of each byte tell the segment and the position, three who wrote it.
-std::string written(size_t id, size_t writer) {
-  std::string text(FULL, '\0');
-  for (size_t i = 0; i < FULL; ++i)
-    text[i] = static_cast<char>((id * 31 + i * 7 + i / 251) << 3 | (writer & 7));
-  return text;
-}
-
-enum Operation { CREATE, REPLACE, TRUNCATE, WRITE_HALF, READ, DELETE, TO_PRUNABLE, MARK_DIRTY };
 
 class ConcurrencyStressTest : public EngineTest {
  protected:
@@ -39,26 +29,11 @@ class ConcurrencyStressTest : public EngineTest {
     EXPECT_LE(openDescriptors(), m_descriptors);
   }
   static guid_t guidOf(size_t id) { return std::to_string(1000000 + id * 7919 % 1000000); }
-  CZuError perform(Operation operation, DiskCacheContext& own, size_t id, size_t i) {
-    const guid_t guid = guidOf(id);
-    const std::string text = written(id, i), second = text.substr(FULL / 2);
-    const std::vector<Section> whole{section(0, text)}, half{section(0, second, 0, FULL / 2)};
-    const auto force = static_cast<ForceDiskLoc>(own.useNonPrunableDir ? i % 3 : 0);
-    switch (operation) {
-      case CREATE: return cache->createSegment(own, guid, whole, false, i % 2 == 0, false);
-      case REPLACE: return cache->replaceSegment(own, guid, whole);
-      case WRITE_HALF: return cache->writeSections(own, guid, half, i % 16 == 0, force);
-      case TRUNCATE: return cache->truncateSection(own, guid, 0, 0, FULL / 2);
-      case READ: return readRight(own, id);
-      case DELETE: return cache->deleteSegment(own, guid, false, false, static_cast<Recycle>(i % 2));
-      case TO_PRUNABLE: return cache->moveToPrunable(own, guid);
-      default: return cache->markDirty(own, guid, i % 2 == 0);
-    }
-  }
-  // With what another thread's work may make of an operation; anything else is a fault.
-  void performAsUsual(Operation operation, DiskCacheContext& own, size_t id, size_t i) {
+  static uint16_t letterOf(size_t id) { return static_cast<uint16_t>('a' + id); }  // all of a segment's bytes
+  // What another thread's work may make of an operation is no fault.
+  void performAsUsual(SegmentWork::Operation operation, const DiskCacheContext& own, size_t id) {
     static const std::set<std::string> usual{"success", "ENOENT", "EEXIST", "EIO", "error 0"};
-    const CZuError error = perform(operation, own, id, i);
+    const CZuError error = SegmentWork{operation, letterOf(id)}.perform(*cache, own, guidOf(id));
     EXPECT_TRUE(usual.contains(outcome(error))) << "operation " << operation << ": " << error.AsString();
   }
   CZuError readRight(const DiskCacheContext& own, size_t id) {
@@ -68,8 +43,7 @@ class ConcurrencyStressTest : public EngineTest {
     if (error.IsError() || asked[0].status != 0) return error;
     ++m_reads;
     buffer.resize(asked[0].len);
-    for (char& byte : buffer) byte = static_cast<char>(byte & ~7);
-    EXPECT_TRUE(written(id, 0).starts_with(buffer)) << "wrong byte in " << guidOf(id);
+    EXPECT_EQ(buffer, std::string(buffer.size(), static_cast<char>(letterOf(id)))) << guidOf(id);
     return error;
   }
 
@@ -91,7 +65,11 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
         own.volume = static_cast<VolIndex>(1 + random() % 3);
         own.useNonPrunableDir = random() % 2 == 0;
         own.moveOnWrite = random() % 2 == 0;
-        performAsUsual(static_cast<Operation>(random() % (MARK_DIRTY + 1)), own, random() % 24, i);
+        const auto operation =
+            static_cast<SegmentWork::Operation>(random() % (SegmentWork::NUM_OPERATIONS + 1));
+        const size_t id = random() % 24;
+        if (operation < SegmentWork::NUM_OPERATIONS) performAsUsual(operation, own, id);
+        if (operation == SegmentWork::NUM_OPERATIONS) (void)readRight(own, id);
       }
       --working;
     });
@@ -114,10 +92,11 @@ TEST_F(ConcurrencyStressTest, EverySegmentOperationOnTheSameIdentifiers) {
 TEST_F(ConcurrencyStressTest, ReadersFindASegmentThatMovesToAndFro) {
   ctx.useNonPrunableDir = true;
   start();
-  performAsUsual(CREATE, ctx, 1, 1);
+  performAsUsual(SegmentWork::CREATE, ctx, 1);
   std::atomic<bool> stop = false;
   std::jthread mover([&, own = ctx]() mutable {
-    for (size_t i = 0; !stop; ++i) performAsUsual(i % 2 == 0 ? TO_PRUNABLE : MARK_DIRTY, own, 1, 0);
+    for (size_t i = 0; !stop; ++i)
+      performAsUsual(i % 2 == 0 ? SegmentWork::TO_PRUNABLE : SegmentWork::MOVE_DIRTY, own, 1);
   });
   std::vector<SegmentOperation> readers = operationsOn(guidOf(1));
   readers.resize(5);

@@ -56,7 +56,7 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(whole.substr(0, SEGMENT_HEADER_SIZE + 3)), "[EIO]");
   EXPECT_EQ(damaged(whole.substr(0, SEGMENT_HEADER_SIZE + 100)), "[EINVAL]");
   EXPECT_EQ(damaged(patched(0, 'x')), "[EINVAL]");
-  EXPECT_EQ(damaged(patched(sectionSlotOffset(0), 8)), "[EINVAL]");
+  EXPECT_EQ(damaged(patched(sectionSlotOffset(0), 60)), "[EINVAL]");
   EXPECT_EQ(damaged(patched(sectionSlotOffset(0) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");

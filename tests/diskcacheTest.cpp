@@ -26,19 +26,43 @@ class DiskCacheTest : public EngineTest {
   const fs::path m_here = fs::current_path();
 };
 
+// With one volume its number is filled in at every registration, with two the client's own stays.
 TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
-  start();
-  DiskCacheContext first = makeContext("d"), second = makeContext("d");
-  first.prunerCallback = [](auto&&...) { return true; };
-  for (DiskCacheContext* c : {&first, &second}) EXPECT_EQ(outcome(cache->registerContext(*c)), "success");
-  PrunerCallback found;
-  for (DiskCacheContext* c : {&second, &first}) {
-    EXPECT_EQ(outcome(cache->findPrunerCallback("d", found)), "success");
-    EXPECT_TRUE(found && found("", "", ""));
-    EXPECT_EQ(outcome(cache->unregisterContext(*c)), "success");
+  for (const unsigned count : {1U, 2U}) {
+    start({.volumes = count});
+    DiskCacheContext first = makeContext("d"), second = makeContext("d");
+    first.prunerCallback = [](auto&&...) { return true; };
+    log.clear();
+    for (DiskCacheContext* c : {&first, &second}) {
+      c->volume = 7;
+      EXPECT_EQ(outcome(cache->registerContext(*c)), "success");
+      EXPECT_TRUE(c->registered && c->volume == (count == 1 ? 1 : 7));
+    }
+    PrunerCallback found;
+    for (DiskCacheContext* c : {&second, &first}) {
+      c->volume = 9;
+      EXPECT_EQ(outcome(cache->findPrunerCallback("d", found)), "success");
+      EXPECT_TRUE(found && found("", "", ""));
+      EXPECT_EQ(outcome(cache->unregisterContext(*c)), "success");
+      EXPECT_TRUE(!c->registered && c->volume == 9);
+    }
+    EXPECT_EQ(outcome(cache->unregisterContext(first)), "ENOENT");
+    EXPECT_TRUE(cache->findPrunerCallback("d", found).AsString().starts_with("Can't find [d]: "));
+    Texts expected{"1 registering context: [d]",
+                   "1 ctxt [d] refCount [1]",
+                   "1 assigning volume 1",
+                   "1 registering context: [d]",
+                   "3 Info: dir [d] already registered. refCount [2]",
+                   "1 assigning volume 1",
+                   "1 unregistering context: [d]",
+                   "1 ctxt [d] refCount [1]",
+                   "1 unregistering context: [d]",
+                   "1 ctxt [d] refCount [0]",
+                   "1 unregistering context: [d]",
+                   "-1 Error: dir [d] is not registered"};
+    if (count == 2) std::erase(expected, "1 assigning volume 1");
+    EXPECT_EQ(log.takeTexts(), expected);
   }
-  EXPECT_EQ(outcome(cache->unregisterContext(first)), "ENOENT");
-  EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: dir [d] is not registered"});
 }
 
 TEST_F(DiskCacheTest, UnregisteringWaitsForTheCallbackThatRuns) {

@@ -2,7 +2,6 @@
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
-#include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
@@ -54,38 +53,6 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   std::string text = "....";
   std::vector<Section> one = {section(0, text)};
   EXPECT_EQ(outcome(cache->readSections(ctx, "once more", one, true)) + ' ' + text, "success text");
-}
-
-TEST_F(FullDiskTest, InModeRandomEveryRefusalWakesThePruner) {
-  const SmallFileSystem few(8, 20);
-  SKIP_WITHOUT(few);
-  start({.mode = PruningMode::Random, .volumesIn = few.path()});
-  const std::string text = "text", goesToSleep = "Pruner Thread will wakeup";
-  ASSERT_TRUE(log.waitFor(goesToSleep));
-  const std::function<std::string()> refused[] = {
-      [&] {  // no inode is left
-        std::string told = "success";
-        for (int i = 0; told == "success"; ++i) told = outcome(create("abcd" + std::to_string(i), {}));
-        return told;
-      },
-      [&] {  // nor one for a directory
-        ctx.useNonPrunableDir = true;
-        return outcome(cache->copyOverrideSegment(ctx, "abcd0", true));
-      },
-      [&] {  // the volume's reserve is reached
-        Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = 1 << 30; });
-        return outcome(create("abcdx", {}));
-      },
-      [&] {
-        FaultPlan plan;
-        plan.fail("pwrite", 1, ENOSPC);
-        return outcome(write("abcd0", {section(0, text)}));
-      }};
-  for (const auto& operation : refused) {
-    log.clear();
-    EXPECT_EQ(operation(), "ENOSPC");
-    EXPECT_TRUE(log.waitFor(goesToSleep)) << "again, after refusal " << &operation - refused;
-  }
 }
 
 }  // namespace

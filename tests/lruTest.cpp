@@ -119,7 +119,8 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
 
 // Whichever operation touches the list does so before it looks at a file.
 TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
-  startWith([](auto&&...) { return false; });
+  std::string asked;
+  startWith([&](auto& name, auto& path, auto&) { return asked = name + ' ' + path, false; });
   std::vector<SegmentOperation> operations = operationsOn("abcd");
   operations.push_back({"questions", false, [&] {
                           (void)cache->doesSegmentExist(ctx, "abcd");
@@ -135,7 +136,12 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
     (void)run();
     EXPECT_EQ(order(), touches ? "abcdnewer" : "newerabcd");
     list().clearLru();
+    (void)run();
     list().init(1);
+    asked.clear();
+    (void)add("full");
+    EXPECT_EQ(asked, touches ? "ctx " + pathOf("abcd") : "") << "what it enters is the context's";
+    list().clearLru();
     (void)add("kept");
     log.clear();
     const FaultPlan plan;
@@ -146,6 +152,10 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
     EXPECT_EQ(plan.count("open") + plan.count("access"), 0U);
     EXPECT_FALSE(log.takeTexts(LogLevel::Error).empty());
   }
+  list().init(1);
+  ctx.volume = 7;
+  EXPECT_EQ(outcome(create("another", {})), "ENOSPC");
+  EXPECT_EQ(ctx.volume, 1) << "chosen before";
 }
 
 TEST_F(LruTest, AnEntryTakesAtMost96Bytes) {

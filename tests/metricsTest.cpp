@@ -128,6 +128,7 @@ TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
       [&] { (void)remove("aaaa"); },
       [&] { (void)cache->markDirty(ctx, "bbbb", false); },
       [&] { (void)cache->markDirty(ctx, "cccc", true); },
+      [&] { (void)cache->moveToPrunable(ctx, "bbbb"); },
       [&] { (void)remove("dddd", Recycle::Yes); },
       [&] { start(); },
       [&] { (void)remove("bbbb"); },

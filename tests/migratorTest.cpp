@@ -7,6 +7,7 @@
 #include <future>
 #include <optional>
 
+#include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/inMemory.h"
@@ -15,6 +16,8 @@
 
 namespace ObjectStore {
 namespace {
+
+using namespace std::literals;
 
 class MigratorTest : public InMemory, public EngineTest {
  protected:
@@ -28,6 +31,7 @@ class MigratorTest : public InMemory, public EngineTest {
     s_ends.clear();
     options.migrationCallback = [](int error, const std::string& from, const std::string& to) {
       s_ends.push_back(outcome(error) + ' ' + from + ' ' + to);
+      EXPECT_TRUE(fs::exists(fs::path(from).parent_path() / "root/migrate")) << "until the client knows";
       std::error_code absent;
       s_nothingWasLeft = fs::is_empty(to, absent);
     };
@@ -175,7 +179,12 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
     writeFile(source + name, "of the source");
   for (const char* name : {"/c/h.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
-  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  {
+    HoldAtLine hold(log, "copying [" + source + "/c/g.temp]");
+    EXPECT_EQ(cache->migrate(1, source, target), 0);
+    EXPECT_TRUE(hold.reached() && cache->IsSegmentOpened("g.temp"));
+    EXPECT_TRUE(cache->IsSegmentOpened("g")) << "whose next replacement writes over it";
+  }
   EXPECT_EQ(ends(), ended("success", target));
   Texts expected = treeOf(source);
   std::erase(expected, "c/h.copying");
@@ -201,7 +210,7 @@ TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
   for (const std::string& to : {dir / "root/../vol1/.", dir / "link/new", dir.path(), target}) {
     SCOPED_TRACE(to);
     startWithFour();
-    if (to == target) spoil();
+    if (to == target) spoil(), writeFile(target + "/noprune-ctx/f", "of the target");  // of the same length
     const Texts tree = treeOf(source);
     EXPECT_EQ(cache->migrate(1, source, to), 0);
     EXPECT_EQ(ends(), ended("EINVAL", to));
@@ -209,42 +218,59 @@ TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
     EXPECT_FALSE(isSwitched() || fs::exists(file) || fs::exists(target + "/spare/odd"));
     EXPECT_TRUE(log.has(-1, "Error: Migration error detected (22), migration aborted"));
   }
+  fs::remove(source + "/spare/odd");
+  log.clear();
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(ends(), ended("success", target)) << "of the failure before nothing is left";
+  EXPECT_EQ(readFile(target + "/noprune-ctx/f"), "of the target") << "neither removed nor replaced";
 }
 
 TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
-  Texts calls;
-  Texts outcomes;  // "how it ended: which calls failed", in turn; a run of equal calls is told once
-  for (size_t nth = 0; nth <= calls.size(); ++nth) {  // 0: nothing fails
-    SCOPED_TRACE(nth);
-    startWithFour();
-    source = dir / "from";
-    writeFile(source + "/d/segment", "bytes");
-    FaultPlan plan;
-    if (nth > 0) plan.fail(FaultPlan::ANY, nth, EIO);
-    std::string how = outcome(cache->migrate(1, source, target));
-    if (how == "success") {
-      const Texts told = ends();
-      ASSERT_EQ(told.size(), 1U);
-      how = "told " + told[0].substr(0, told[0].find(' '));
+  const std::pair<int, Texts> cases[] = {
+      {EIO,
+       {"told success: unlink", "EINVAL: open write", "told success: close", "EINVAL: rename",
+        "EIO: opendir readdir fstatat readdir stat", "told EIO: opendir readdir fstatat readdir",
+        "told EINVAL: thread",
+        "told EIO: mkdir opendir readdir fstatat access open fstat open copy_file_range close",
+        "told success: close access", "told EIO: rename readdir stat",
+        "told success: mkdir open write close unlink"}},
+      {ENOENT,  // what is gone by then was deleted by clients
+       {"told success: unlink", "EINVAL: open write", "told success: close", "EINVAL: rename",
+        "ENOENT: opendir readdir", "told success: fstatat", "ENOENT: readdir stat",
+        "told ENOENT: opendir readdir", "told success: fstatat", "told ENOENT: readdir",
+        "told EINVAL: thread", "told success: mkdir", "told ENOENT: mkdir", "told success: opendir",
+        "told ENOENT: readdir",
+        "told success: fstatat access open fstat open copy_file_range close access rename",
+        "told ENOENT: readdir stat", "told success: mkdir open fstat read close unlink"}}};
+  for (const auto& [number, expected] : cases) {
+    Texts calls;
+    Texts outcomes;  // "how it ended: which calls failed", in turn; a run of equal calls is told once
+    for (size_t nth = 0; nth <= calls.size(); ++nth) {  // 0: nothing fails
+      SCOPED_TRACE(testing::Message() << number << ' ' << nth);
+      startWithFour();
+      source = dir / "from";
+      writeFile(source + "/d/segment", "bytes");
+      FaultPlan plan;
+      if (nth > 0) plan.fail(FaultPlan::ANY, nth, number);
+      std::string how = outcome(cache->migrate(1, source, target));
+      if (how == "success") {
+        const Texts told = ends();
+        ASSERT_EQ(told.size(), 1U);
+        how = "told " + told[0].substr(0, told[0].find(' '));
+      }
+      const std::string copy = target + "/d/segment";
+      EXPECT_TRUE(fs::exists(copy) ? readFile(copy) == "bytes" : number == ENOENT || how != "told success");
+      EXPECT_FALSE(fs::exists(copy + ".copying") || fs::exists(file + ".new"));
+      EXPECT_EQ(isSwitched(), how == "told success");
+      if (nth == 0) calls = plan.takeTrace();
+      if (nth == 0) continue;
+      how += ':';
+      if (outcomes.empty() || !outcomes.back().starts_with(how)) outcomes.push_back(how);
+      const std::string call = ' ' + calls[nth - 1];
+      if (!outcomes.back().ends_with(call)) outcomes.back() += call;
     }
-    const std::string copy = target + "/d/segment";
-    EXPECT_TRUE(fs::exists(copy) ? readFile(copy) == "bytes" : how != "told success");
-    EXPECT_FALSE(fs::exists(copy + ".copying"));
-    EXPECT_EQ(isSwitched(), how == "told success");
-    if (nth == 0) calls = plan.takeTrace();
-    if (nth == 0) continue;
-    how += ':';
-    if (outcomes.empty() || !outcomes.back().starts_with(how)) outcomes.push_back(how);
-    const std::string call = ' ' + calls[nth - 1];
-    if (!outcomes.back().ends_with(call)) outcomes.back() += call;
+    EXPECT_EQ(outcomes, expected);
   }
-  EXPECT_EQ(outcomes,
-            (Texts{"told success: unlink", "EINVAL: open write", "told success: close", "EINVAL: rename",
-                   "EIO: opendir readdir fstatat readdir stat", "told EIO: opendir readdir fstatat readdir",
-                   "told EINVAL: thread",
-                   "told EIO: mkdir opendir readdir fstatat access open fstat open copy_file_range close",
-                   "told success: close access", "told EIO: rename readdir stat",
-                   "told success: mkdir open write close unlink"}));
 }
 
 // As when the destination's disk turns read-only: its files can be read, but not removed.
@@ -275,6 +301,24 @@ TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
   EXPECT_EQ(outcome(cache->migrate(0, source, target)), "EINVAL");
   EXPECT_EQ(outcome(cache->migrate(1, source, target + "/a\nb")), "EINVAL");
   EXPECT_EQ(outcome(DiskCache(PersistentVolumes::No).migrate(1, source, target)), "EINVAL") << "before init";
+}
+
+TEST_F(MigratorTest, NoNameOfAChangeContinuesOneThatWasCutShort) {
+  const std::string path = dir / "changes", whole = "one\0three\0"s;
+  MigrationChanges changes;
+  changes.begin(path);
+  FaultPlan plan;
+  plan.shortTransfer("write", 2, 2);
+  const int told[] = {changes.add("one"), changes.add("two"), changes.add("three")};
+  EXPECT_EQ(outcome(told[0]) + outcome(told[1]) + outcome(told[2]), "successENOSPCsuccess");
+  EXPECT_EQ(readFile(path), whole);
+  writeFile(path, whole + "by a ki");
+  EXPECT_EQ(changes.resume(path), 0);
+  EXPECT_EQ(changes.add("four"), 0);
+  EXPECT_EQ(readFile(path), whole + "four\0"s);
+  EXPECT_EQ(changes.names().size(), 3U);
+  changes.end();
+  EXPECT_FALSE(fs::exists(path));
 }
 
 // Whatever way it ends, and when it fails at each system call of each change; what a change takes away at the
@@ -316,7 +360,6 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
 TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
   startWithFour();
   migrateUpTo("/spare", target);
-  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
   fs::rename(source, dir / "taken away");
   fs::create_directory(source);
   holding->release();
@@ -358,16 +401,45 @@ TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides
   EXPECT_EQ(read.get(), text);
 }
 
-TEST_F(MigratorTest, ASegmentBegunBeforeAMigrationIsNotLost) {
+// After its copy has been made, before it appears, or while it does: then a removal waits.
+TEST_F(MigratorTest, WhatIsRemovedBesideItsCopyStaysAway) {
+  for (const std::string call : {"", "copy_file_range", "rename"}) {
+    SCOPED_TRACE(call);
+    startWithFour();
+    migrateUpTo(call.empty() ? "/spare" : "/ctx", target);
+    FaultPlan plan;
+    if (!call.empty()) plan.hold(call, 1), holding->release();
+    ASSERT_TRUE(call.empty() || plan.held());
+    auto removed = std::async(std::launch::async, [&] { return outcome(remove("kept")); });
+    const auto state = removed.wait_for(call == "rename" ? std::chrono::milliseconds(100) : LONGEST_WAIT);
+    EXPECT_EQ(state == std::future_status::timeout, call == "rename");
+    plan.release();
+    EXPECT_EQ(removed.get(), "success");
+    EXPECT_EQ(get("kept"), "[ENOENT]");
+    holding->release();
+    EXPECT_EQ(ends(), ended("success", target));
+    EXPECT_EQ(get("kept"), "[ENOENT]");
+    EXPECT_EQ(space().segments(), 0U);
+  }
+}
+
+TEST_F(MigratorTest, WhatBeganBeforeAMigrationIsDoneOnItsOtherSide) {
   startWithFour();
+  FaultPlan plan;
+  plan.hold("stat", 1);  // of the file at the source
+  auto removed = std::async(std::launch::async, [&] { return outcome(remove("kept")); });
+  ASSERT_TRUE(plan.held());
   HoldAtLine hold(log, "Opening disk segment for [fresh]");  // at the source's path, which is looked up again
   auto created = std::async(std::launch::async, [&] { put("fresh", "text"); });
   ASSERT_TRUE(hold.reached());
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
   hold.release();
+  plan.release();
   created.get();
-  EXPECT_EQ(get("fresh"), "text");
+  EXPECT_EQ(removed.get(), "success");
+  EXPECT_EQ(get("fresh") + get("kept"), "text[ENOENT]");
+  EXPECT_EQ(space().segments(), 1U) << "one more, one less";
 }
 
 }  // namespace

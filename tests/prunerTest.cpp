@@ -73,9 +73,14 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   writeFile(dir / "root/volume_info", ",9\n");
   ASSERT_EQ(Access::loadVolumeInfo(*cache), 0);   // a record without a directory
   DiskCacheContext other = makeContext("other");  // without a callback
-  other.nonprunableDir = "./ctx//keep/";
-  for (int i = 0; i < 2; ++i) (void)cache->registerContext(other);
-  (void)cache->unregisterContext(other);
+  for (const char* name : {"./ctx//keep/", "ctx/keeper", "ctx/keep"}) {
+    other.nonprunableDir = name;
+    (void)cache->registerContext(other);
+  }
+  for (const char* name : {"ctx/keeper", "ctx/keep"}) {
+    other.nonprunableDir = name;
+    (void)cache->unregisterContext(other);
+  }
   for (const char* guid : {"oldest", "newest"}) put(guid, "text");
   fs::remove(pathOf("newest"));  // so that only the oldest is met
   fill();

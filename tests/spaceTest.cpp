@@ -22,6 +22,8 @@ class SpaceTest : public EngineTest {
     for (const auto& [key, value] : table) out += key + '=' + value + ' ';
     return out;
   }
+  const std::string payload = "text";
+  const std::vector<Section> in{section(0, payload)};
 };
 
 TEST_F(SpaceTest, EachWatermarkIsBytesOrElsePercent) {
@@ -51,26 +53,53 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
     space().delayWriteToSegment();
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
-  // Over the high watermark every change is delayed before anything is touched, and new bytes wake the pruner.
+  // Over the high watermark a change is delayed before anything is touched, and new bytes wake the pruner.
   ctx.useNonPrunableDir = true;
-  const std::string text = "text";
-  const std::vector<Section> in{section(0, text)};
-  const std::pair<std::function<CZuError()>, bool> changes[] = {
-      {[&] { return create("abcdef", in); }, true},
-      {[&] { return write("abcdef", in); }, true},
-      {[&] { return cache->markDirty(ctx, "abcdef", false); }, false},
-      {[&] { return cache->moveToPrunable(ctx, "abcdef"); }, false}};
+  const struct {
+    std::function<CZuError()> change;
+    bool waits, wakes;
+  } changes[] = {{[&] { return create("abcdef", in); }, true, true},
+                 {[&] { return write("abcdef", in); }, true, true},
+                 {[&] { return cache->replaceSegment(ctx, "abcdef", in); }, false, false},
+                 {[&] { return cache->truncateSection(ctx, "abcdef", 0, 0, 9); }, false, false},
+                 {[&] { return cache->markDirty(ctx, "abcdef", false); }, true, false},
+                 {[&] { return cache->moveToPrunable(ctx, "abcdef"); }, true, false}};
   for (const bool isOver : {false, true}) {
-    for (const auto& [change, wakes] : changes) {
-      SCOPED_TRACE(&change - &changes[0].first);
+    for (const auto& [change, waits, wakes] : changes) {
+      SCOPED_TRACE(testing::Message() << "wakes " << wakes << " waits " << waits);
       Access::setSpace(*cache, isOver ? 600'000 : 400'000, 1'000'000);
       plan.takeTrace();
       EXPECT_EQ(outcome(change()), "success");
-      EXPECT_EQ(plan.trace().front() == "nanosleep", isOver);
+      EXPECT_EQ(plan.trace().front() == "nanosleep", isOver && waits);
       EXPECT_EQ(space().waitForWakeup(0), isOver && wakes);
     }
     (void)remove("abcdef");
   }
+}
+
+TEST_F(SpaceTest, InModeRandomWhoFindsNoRoomWakesThePrunerUnlessThatIsSimulated) {
+  HoldAtLine hold(log, "Pruner Thread will wakeup");  // which would take the wake-up
+  start({.mode = PruningMode::Random});
+  ASSERT_TRUE(hold.reached());
+  ctx.useNonPrunableDir = true;
+  put("abcd", "text");
+  const std::pair<std::string, std::function<CZuError()>> cases[] = {
+      {"open", [&] { return create("new", in); }},
+      {"pwrite", [&] { return write("abcd", in); }},
+      {"pwrite", [&] { return cache->replaceSegment(ctx, "abcd", in); }},
+      {"pwrite", [&] { return cache->truncateSection(ctx, "abcd", 0, 0, 2); }},
+      {"mkdir", [&] { return cache->copyOverrideSegment(ctx, "abcd", true); }}};
+  for (const auto& [call, change] : cases) {
+    const uint64_t refused = space().stats().errOutOfSpace.value();
+    FaultPlan plan;
+    plan.failAlways(call, ENOSPC);
+    EXPECT_EQ(outcome(change()), "ENOSPC");
+    EXPECT_TRUE(space().waitForWakeup(0)) << call;
+    EXPECT_EQ(space().stats().errOutOfSpace.value() - refused, call == "pwrite" ? 1U : 0U);
+  }
+  cache->setOutOfSpace(true);
+  EXPECT_EQ(outcome(create("new", in)), "ENOSPC");
+  EXPECT_FALSE(space().waitForWakeup(0));
 }
 
 TEST_F(SpaceTest, StatusAndCountersAreTold) {

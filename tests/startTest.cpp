@@ -1,4 +1,4 @@
-// How an engine begins: what init and registering fill in, and the scan for segments that are on the volumes.
+// How an engine begins: what init fills in, and the scan for segments that are on the volumes.
 
 #include <set>
 
@@ -29,7 +29,7 @@ TEST_F(StartTest, AScanFollowsLinksButNotInACircleAndNotForEver) {
   uint64_t files = 0;
   EXPECT_EQ(outcome(scanSegmentsIntoLru(list(), Access::volumes(*cache), files)), "success");
   for (const char* file : {"in-a", "in-b", "in-c"}) EXPECT_TRUE(list().isInLru(file, false));
-  EXPECT_FALSE(list().isInLru("too deep", false));
+  for (const char* none : {"too deep", "up", "to-a"}) EXPECT_FALSE(list().isInLru(none, false));
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_TRUE(
       log.has(LogLevel::Error, "Error: [" + deepest + "] is more than 64 directories deep, not scanned"));
@@ -59,6 +59,7 @@ TEST_F(StartTest, InitBoundsTheListAndScansInModeLruOnly) {
               c.result);
     EXPECT_EQ(log.has(LogLevel::Segment, "Finished scanning segments"),
               c.mode == PruningMode::Lru && c.result == "success");
+    EXPECT_EQ(log.has(LogLevel::Setup, "maxLruEntries set too low, setting to 5"), c.asked < 5);
     std::map<std::string, std::string> status;
     cache->getStatus(status);
     EXPECT_EQ(status["DC.LRUEntriesMax"], c.bound);
@@ -66,24 +67,6 @@ TEST_F(StartTest, InitBoundsTheListAndScansInModeLruOnly) {
     VolIndex s = 0, v = 0;
     EXPECT_EQ(list().findVolume("s", s) && list().findVolume("v", v), c.entries == "4");
     EXPECT_EQ(s + 10 * v, c.entries == "4" ? 21 : 0);
-  }
-}
-
-// With one volume its number is filled in at every registration, with two the client's own stays.
-TEST_F(StartTest, RegisteringFillsInTheOnlyVolume) {
-  for (const VolIndex count : {VolIndex{1}, VolIndex{2}}) {
-    start({.volumes = count});
-    DiskCacheContext other = makeContext("other");
-    for (int times = 0; times < 2; ++times) {
-      other.volume = 7;
-      other.registered = false;
-      EXPECT_EQ(outcome(cache->registerContext(other)), "success");
-      EXPECT_EQ(other.volume, count == 1 ? 1 : 7);
-      EXPECT_TRUE(other.registered);
-    }
-    other.volume = 9;
-    EXPECT_EQ(outcome(cache->unregisterContext(other)), "success");
-    EXPECT_TRUE(!other.registered && other.volume == 9);
   }
 }
 

@@ -1,6 +1,11 @@
-// Every operation on a segment with its nth system call failing or cut short, once and for good. DISKCACHE_SOAK=N
-// runs more of the combinations, 60 all of them.
+// Every operation on a segment with its nth system call failing or cut short, once and for good, or with the process's
+// death in its place. DISKCACHE_SOAK=N runs more of the combinations, 60 all of them.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <array>
+#include <csignal>
+#include <cstdlib>
 #include <future>
 #include <thread>
 
@@ -68,6 +73,20 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
     if (forGood) plan.forGood();
     work();
     return plan.count(FaultPlan::ANY);
+  }
+  // Calls it in a child that dies at the nth of its calls; a new engine is to find what that left.
+  void withDeath(size_t nth, const std::function<void()>& work) {
+    const pid_t child = fork();  // this process has no other thread meanwhile
+    if (child == 0) {
+      FaultPlan plan;
+      plan.killAt(nth);
+      work();
+      _exit(EXIT_SUCCESS);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    begin();
   }
   // The same within a migration that has copied one of the two directories, and that then ends as it may.
   size_t beside(size_t nth, int errNo, bool forGood, const std::function<void()>& work,
@@ -144,8 +163,16 @@ struct SweepTest : InMemory, EngineTest, ::testing::WithParamInterface<std::tupl
         }
         expectNeighbour();
       };
-      return beside(
-          nth, errNo, forGood, [&] { error = work.perform(*cache, ctx, touched); }, check);
+      const auto perform = [&] { error = work.perform(*cache, ctx, touched); };
+      const size_t calls = beside(nth, errNo, forGood, perform, check);
+      for (size_t last = 1; nth == 0 && !migrates() && !isCold && last <= calls; ++last) {
+        SCOPED_TRACE("death at call " + std::to_string(last));
+        fill(before);
+        withDeath(last, perform);
+        EXPECT_TRUE(work.mayShow(get(touched), before, after)) << "was left as " << get(touched);
+        expectNeighbour();
+      }
+      return calls;
     });
   }
   void sweepReader(const Reader& reader, const Copies& copies) {

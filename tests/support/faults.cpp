@@ -1,6 +1,7 @@
 #include "tests/support/faults.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -203,11 +204,24 @@ WRAP(lstat, int, -1, (const char* path, struct stat* status), (path, status))
 WRAP(mkdir, int, -1, (const char* path, mode_t mode), (path, mode))
 WRAP(mmap, void*, MAP_FAILED, (void* at, size_t bytes, int protection, int flags, int fd, off_t offset),
      (at, bytes, protection, flags, fd, offset))
+// No child is to have what is opened, and others than the owner not what is made; a copy is as its source.
+int checkedFlags(const std::string& path, int flags, mode_t mode) {
+  EXPECT_TRUE((flags & O_CLOEXEC) != 0) << path;
+  const bool isMade = (flags & O_CREAT) != 0 && !path.ends_with(".copying");
+  EXPECT_EQ(isMade ? mode : 0600U, 0600U) << path;
+  return flags;
+}
 // Where a caller gives no mode, the system does not look at it.
-WRAP(open, int, -1, (const char* path, int flags, mode_t mode), (path, flags, mode))
+WRAP(open, int, -1, (const char* path, int flags, mode_t mode), (path, checkedFlags(path, flags, mode), mode))
 WRAP(opendir, DIR*, nullptr, (const char* path), (path))
 WRAP(nanosleep, int, -1, (const timespec* time, timespec* rest), (recordSleep(time), rest))
-WRAP(pread, ssize_t, -1, (int fd, void* to, size_t bytes, off_t at), (fd, to, verdict.limited(bytes), at))
+// No reader's access is worth a time that is written to the disk.
+int untimed(int fd) {
+  EXPECT_NE(fcntl(fd, F_GETFL) & O_NOATIME, 0);
+  return fd;
+}
+WRAP(pread, ssize_t, -1, (int fd, void* to, size_t bytes, off_t at),
+     (untimed(fd), to, verdict.limited(bytes), at))
 WRAP(preadv, ssize_t, -1, (int fd, const iovec* parts, int count, off_t at), (fd, parts, count, at))
 WRAP(pwrite, ssize_t, -1, (int fd, const void* from, size_t bytes, off_t at),
      (fd, from, verdict.limited(bytes), at))
