@@ -24,7 +24,7 @@ TEST_F(FormatTest, TheLastSectionIsTheFurthestOfTypesZeroToFour) {
 TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
   const std::string text = "abc", fitting = "EBADF";  // how writing to no file ends
   const auto append = [&](VolIndex volume) {
-    return outcome(Access::records(*cache).appendSection(-1, volume, section(0, text)));
+    return outcome(Access::records(*cache).appendSection(-1, volume, section(0, text, 0, 9)));
   };
   // Not enabled: the pruner that is woken must not measure the volume anew.
   const auto setFree = [this](int64_t bytes) {
