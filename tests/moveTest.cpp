@@ -79,7 +79,7 @@ TEST_F(MoveTest, DescriptorsGoRound) {
   cache->closeSegment(1U);
   EXPECT_TRUE(cache->IsSegmentOpened("a") && !cache->IsSegmentOpened("none"));
   EXPECT_EQ(cache->openSegment("b"), 4U) << "a number is not used again at once";
-  EXPECT_TRUE(log.has(LogLevel::Segment, "opened disk segment 4"));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "opened disk segment 1"));
   EXPECT_TRUE(log.has(LogLevel::Segment, "checking whether disk segment [none] opened."));
   Access::setNextHandle(*cache, 0xFFFFFFFE);
   for (const unsigned expected : {0xFFFFFFFEU, 1U, 5U}) EXPECT_EQ(cache->openSegment("c"), expected);

@@ -282,8 +282,9 @@ TEST_F(WriteTest, TheLogTellsWhatEachOperationDoes) {
   log.setLevel(LogLevel::Accounting);
   (void)create(SEGMENT, {section(3, HELLO)});
   const std::vector<SegmentOperation> operations = operationsOn(SEGMENT);
-  const std::vector<size_t> lines[] = {{0, 5}, {0, 5},  {2, 3, 4}, {6, 7, 8}, {9, 13, 8},
+  const std::vector<size_t> lines[] = {{0, 5}, {5},     {2, 3, 4}, {6, 7, 8}, {0, 9, 13, 8},
                                        {14},   {9, 10}, {11, 12},  {9, 11},   {8}};
+  ctx.moveOnWrite = true;  // nowhere to, at first
   std::string told;
   for (const std::vector<size_t>& line : lines) {
     ctx.useNonPrunableDir = &line - lines > 5;
@@ -294,11 +295,11 @@ TEST_F(WriteTest, TheLogTellsWhatEachOperationDoes) {
     }
   }
   EXPECT_EQ(told, R"(
- | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 can't find section 0 (0/0) in [FILE] | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=0, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
- | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 found section 0 off=157 len=4; 5 data size = 4 | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=0, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 5 modifySection len=4 off=0 secOff=157; 5 desc.len=4; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
+ | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 can't find section 0 (0/0) in [FILE] | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
+ | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 5 modifySection len=4 off=0 secOff=157; 5 desc.len=4; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
  | success; 5 cache: readall segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: read segment [abcd-1] vol=1 section 0; 5 TOUCH; 5 read 4 bytes | success; 5 getting section size for [abcd-1] vol=1 type=0 sub=0
  | success; 5 cache: writing segment abcd-1 vol=1 secs=1; 5 TOUCH; 5 OPEN | success; 5 cache: truncate segment [abcd-1] vol=1 size=1; 5 TOUCH; 5 OPEN | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH
- | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 useNonPrunableDir is false for [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=0; 5 cache: deleting [FILE]; 9 Trace: m_totalCacheUsed (5904) subtract: s.st_blocks_x_512 [4096] | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2)
+ | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 found section 0 off=136 len=1; 5 data size = 1 | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 useNonPrunableDir is false for [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=0; 5 cache: deleting [FILE]; 9 Trace: m_totalCacheUsed (5904) subtract: s.st_blocks_x_512 [4096] | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2)
  | success; 5 cache: creating segment [abcd-1] secs=1 sync=0 nonPrune=0; 5 TOUCH; 5 OPEN; 5 cache: assigning segment to vol 1 [FILE]; 9 Trace: m_totalCacheUsed (14096) ADD allocatedSize: [4096]
  | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0 | success; 5 cache: marking dirty [abcd-1]; 5 TOUCH; 5 OPEN; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=1; 5 override file already exists [abcd-1]
  | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 removing [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=1
