@@ -127,7 +127,6 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
                           (void)cache->IsSegmentOpened("abcd");
                           return CZuError();
                         }});
-  const std::string noRoom = ": Error: No prunable items in LRU: No space left on device (28)";
   for (const auto& [name, touches, run] : operations) {
     SCOPED_TRACE(name);
     list().clearLru();
@@ -146,7 +145,7 @@ TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
     if (!touches) continue;
     EXPECT_EQ(plan.count("open") + plan.count("access"), 0U);
     const std::string pushed = name == "createSegment" ? "t insert into LRU: [abcd]" : "t add [abcd] to LRU";
-    EXPECT_TRUE(log.takeTexts(LogLevel::Error).back().ends_with(pushed + noRoom));
+    EXPECT_NE(log.takeTexts(LogLevel::Error).back().find(pushed + ": Error: No prunable"), std::string::npos);
   }
 }
 
