@@ -1,9 +1,11 @@
 // The readers of sections: what each gives back, and tells of a file that is cut, damaged or not there.
 #include <unistd.h>
 
+#include <random>
 #include <tuple>
 
 #include "tests/support/engineFixture.h"
+#include "tests/support/soak.h"
 
 namespace ObjectStore {
 namespace {
@@ -244,6 +246,14 @@ TEST_F(ReadTest, DamagedFilesGiveErrorsOrTheirOwnBytes) {
     survive(good.substr(0, at));
     for (const char value : {'\0', '\x01', '\x7f', '\x80', '\xff'})
       survive(std::string(good).replace(at, 1, 1, value));
+  }
+  std::minstd_rand random(17);
+  for (size_t i = 0; i < soaked(200) && !HasFatalFailure(); ++i) {
+    SCOPED_TRACE(i);
+    std::string bytes = good;
+    for (size_t n = 1 + random() % 8; n > 0; --n)
+      bytes[random() % bytes.size()] = static_cast<char>(random());
+    survive(bytes);
   }
 }
 
