@@ -24,7 +24,7 @@ TEST_F(FormatTest, TheLastSectionIsTheFurthestOfTypesZeroToFour) {
 TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
   const std::string text = "abc", fitting = "EBADF";  // how writing to no file ends
   const auto append = [&](VolIndex volume) {
-    return outcome(Access::records(*cache).appendSection(-1, volume, section(0, text)));
+    return outcome(Access::records(*cache).appendSection(-1, volume, section(0, text, 0, 9)));
   };
   // Not enabled: the pruner that is woken must not measure the volume anew.
   const auto setFree = [this](int64_t bytes) {
@@ -74,6 +74,8 @@ TEST_F(FormatTest, OperationsTimeTheirCallsUnderTheCountersTheyAreKnownBy) {
       {[&] { return cache->readAllSections(ctx, "abcd", all); },  // the header's read counts as a write
        "diskRead 1 DiskRead 6 DiskWrite 1 Open 1 Seek 3 "},
       {[&] { return cache->readCompleteSection(ctx, "abcd", 0, data); }, "diskRead 1 DiskRead 3 Open 1 "},
+      {[&] { return cache->truncateSection(ctx, "abcd", 1, 0, 4); },
+       "DiskRead 2 DiskWrite 2 Open 1 Close 1 "},
       {[&] { return cache->syncSegment(ctx, "abcd"); }, "Sync 1 Open 1 Close 1 "},
       {[&] { return cache->replaceSegment(ctx, "abcd", one); }, "DiskWrite 4 Open 1 Seek 1 Close 1 "},
       {[&] { return remove("abcd"); }, "Fstat 1 "}};

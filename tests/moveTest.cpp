@@ -21,6 +21,7 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
   };
   const std::string noCopy = between("Error: Can't copy file [abcdef] from ", 0) + ": " + bare;
   const std::string noSize = "Error: can't get file size for [" + files[1] + "]: [" + bare + "]: " + bare;
+  const std::string noDir = "Error: Can't create directory for segment creation: [" + volumes[0];
   enum { COPY, MOVE, BACK };
   const struct {
     int operation;
@@ -32,11 +33,10 @@ TEST_F(MoveTest, AnOverrideIsMadeOnceAndGivenUp) {
   } cases[] = {
       {COPY, "r-", "rr"},
       {MOVE, "r-", "-r"},
-      {COPY, "ro", "ro"},
-      {BACK, "ro", "o-"},
-      {COPY, "!r-", "r-"},
       {BACK, "!-o", "-o"},
       {COPY, "r-", "r-", "rename", pushed + noCopy},
+      {COPY, "r-", "r-", "mkdir", pushed + bare, noDir + "/noprune-ctx/ab/cd]"},
+      {BACK, "ro", "ro", "mkdir", bare, noDir + "/ctx/ab/cd]"},
       {COPY, "r-", "rr", "stat", pushed + noSize},
       {MOVE, "r-", "r-", "rename", pushed + bare, between("Error: can't rename ", 0)},
       {MOVE, "r-", "-r", "rename", "success", "", EXDEV},  // the sides are on two file systems
@@ -74,6 +74,7 @@ TEST_F(MoveTest, DescriptorsGoRound) {
   cache->closeSegment(1U);
   EXPECT_TRUE(cache->IsSegmentOpened("a") && !cache->IsSegmentOpened("none"));
   EXPECT_EQ(cache->openSegment("b"), 4U) << "a number is not used again at once";
+  EXPECT_TRUE(log.has(LogLevel::Segment, "opened disk segment 1"));
   Access::setNextHandle(*cache, 0xFFFFFFFE);
   for (const unsigned expected : {0xFFFFFFFEU, 1U, 5U}) EXPECT_EQ(cache->openSegment("c"), expected);
   log.clear();
@@ -97,6 +98,7 @@ TEST_F(MoveTest, AChangeNeedsTheNameOfTheNonPrunableDirectory) {
   }
   EXPECT_EQ(refused, (Texts{"writeSections", "truncateSection", "markDirty", "moveToPrunable",
                             "deleteSegment, recycling", "deleteSegment"}));
+  EXPECT_TRUE(!cache->createSegment(ctx, "abcd", {}, false, true, false).IsError() && isCached("abcd"));
 }
 
 }  // namespace

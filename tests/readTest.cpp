@@ -73,7 +73,11 @@ TEST_F(ReadTest, ReadsWhatThereIsAndTellsMismatches) {
   EXPECT_EQ(readSome(1), wrong + "; left open 1 8/0........");
   EXPECT_EQ(readWhole(1), wrong + "; left open 1");
   EXPECT_EQ(sizeOf(1), wrong + " 6");
-  EXPECT_EQ(readWhole(4), "ENOENT; left open 1");
+  EXPECT_NE(told(write(SEGMENT, {section(1, "W", 9)})).find("different section 1/9->39;"), std::string::npos);
+  std::vector<unsigned char> data;
+  const CZuError none = cache->readCompleteSection(ctx, SEGMENT, 4, data);
+  EXPECT_EQ(none.AsString(), "Can't find section 4 in [abcd-1]: No such file or directory (2)");
+  EXPECT_EQ(told(none), "ENOENT; left open 1");
   EXPECT_EQ(sizeOf(4), "ENOENT 99");
   EXPECT_EQ(sizeOf(6), "EINVAL; -1 Error: invalid section type (6) 99");
   EXPECT_TRUE(readWhole(6).ends_with("Can't find sections in [abcd-1]: Invalid argument (22); left open 1"));
@@ -103,6 +107,7 @@ TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
   };
   const std::string noFront = "success; -1 Error: incomplete descriptor in " + path + " section ";
   const std::string noPayload = "error 0; -1 Error: can't read file " + path + " len=";
+  const std::string noHeader = "; -1 Error: invalid segment header for " + path;
   const std::pair<std::string, std::string> cases[] = {
       {good, "success 3/9worlds 0/7hello"},
       {pointing(5, 136), "success 3/9worlds 3/9worlds 0/7hello"},
@@ -113,6 +118,8 @@ TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
        "success; -1 Error: Can't seek to 18446744073709551615 in " + path + " (22) 0/7hello"},
       {good.substr(0, 176), noPayload + "5 (0) 3/9worlds 0/7"},
       {std::string(good).replace(166, 1, 1, '\0'), noPayload + "0 (0) 3/9worlds 0/7"},
+      {good.substr(0, 100), "error 0; -1 Error: can't read segment header (0)" + noHeader},
+      {'?' + good.substr(1), "EINVAL; -1 Error: incorrect magic number (0xdc3f)" + noHeader},
       {std::string(good).replace(8, 48, 48, '\0'), "success"}};
   for (const auto& [bytes, got] : cases) {
     writeFile(pathOf(SEGMENT), bytes);
@@ -136,7 +143,6 @@ TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
       path;
   // the file; what readSections, readCompleteSection and getSectionSize tell of type 0
   const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
-      {good, "success 5/0hello...", "success hello", "success 5"},
       {good.substr(0, 100), header + " 8/0........", header, header + " 99"},
       {good.substr(0, 170), "success; -1 Error: can't read descriptor " + path + " len=16 (12,0) 0/0........",
        "error 0" + noFile + "(12,0)", "error 0" + noFile + "len=16 (12,0) 99"},
@@ -156,13 +162,14 @@ TEST_F(ReadTest, SectionsAreFilledInTheOrderAskedUpToOneThatCannotBe) {
   std::string buffers[] = {"........", "....", "........", "........"};
   std::vector<Section> asked = {section(0, buffers[0]), section(4, buffers[1]), section(3, buffers[2], 0, 2),
                                 section(6, buffers[3])};
+  asked[0].status = 9;
   EXPECT_EQ(told(cache->readSections(ctx, SEGMENT, asked, false)),
             "EINVAL; -1 Error: invalid section type (6); -1 Error: can't search for section in [" +
                 pathOf(SEGMENT) + ']');
   std::string got;
   for (size_t i = 0; i < asked.size(); ++i)
     got += std::to_string(asked[i].len) + '/' + std::to_string(asked[i].status) + buffers[i] + ' ';
-  EXPECT_EQ(got, "5/0hello... 0/2.... 4/0rlds.... 8/0........ ");
+  EXPECT_EQ(got, "5/9hello... 0/2.... 4/0rlds.... 8/0........ ");
   std::vector<Section> none;
   EXPECT_EQ(told(cache->readSections(ctx, SEGMENT, none, false)), "success");
   fs::resize_file(pathOf(SEGMENT), 0);

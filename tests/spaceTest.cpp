@@ -45,6 +45,7 @@ TEST_F(SpaceTest, EachWatermarkIsBytesOrElsePercent) {
 }
 
 TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
+  put("abcdef", "text");
   (void)cache->updateWatermarks(50, 1, 1);
   FaultPlan plan;
   plan.skipSleeps();
@@ -53,27 +54,19 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
     space().delayWriteToSegment();
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
-  // Over the high watermark a change is delayed before anything is touched, and new bytes wake the pruner.
+  // Over the high watermark these changes are delayed before anything is touched, and new bytes wake the pruner.
   ctx.useNonPrunableDir = true;
-  const struct {
-    std::function<CZuError()> change;
-    bool waits, wakes;
-  } changes[] = {{[&] { return create("abcdef", in); }, true, true},
-                 {[&] { return write("abcdef", in); }, true, true},
-                 {[&] { return cache->replaceSegment(ctx, "abcdef", in); }, false, false},
-                 {[&] { return cache->truncateSection(ctx, "abcdef", 0, 0, 9); }, false, false},
-                 {[&] { return cache->markDirty(ctx, "abcdef", false); }, true, false},
-                 {[&] { return cache->moveToPrunable(ctx, "abcdef"); }, true, false}};
   for (const bool isOver : {false, true}) {
-    for (const auto& [change, waits, wakes] : changes) {
-      SCOPED_TRACE(testing::Message() << "wakes " << wakes << " waits " << waits);
+    for (const auto& [name, touches, run] : operationsOn("abcdef")) {
+      SCOPED_TRACE(name);
+      const bool wakes = name == "createSegment" || name == "writeSections";
+      const bool waits = wakes || name == "markDirty" || name == "moveToPrunable";
       Access::setSpace(*cache, isOver ? 600'000 : 400'000, 1'000'000);
       plan.takeTrace();
-      EXPECT_EQ(outcome(change()), "success");
+      EXPECT_EQ(outcome(run()), "success");
       EXPECT_EQ(plan.trace().front() == "nanosleep", isOver && waits);
       EXPECT_EQ(space().waitForWakeup(0), isOver && wakes);
     }
-    (void)remove("abcdef");
   }
 }
 

@@ -34,6 +34,7 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
     return whole.substr(0, 157) + std::string(reinterpret_cast<const char*>(&front), sizeof(front)) + payload;
   };
   const std::string named = " [" + path + ']', all = "second one", cut = bytes(4, "seco");
+  const std::string overHeader = std::string("\1\0\0\0\x9\0\0\0\4\0\0\0\0\0\0\0", 16) + whole.substr(16, 4);
   const struct {
     int32_t type;
     uint64_t size;
@@ -45,6 +46,7 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
       {2, 14, "", "success", bytes(14, all + std::string(4, '\0'))},
       {0, 4, "", "EEXIST", whole, {"Error: 0 is not last section in" + named}},
       {1, 0, "", "success", whole},
+      {1, 4, "", "success", overHeader, {"Error: zero length", "Error: can't append section to" + named}},
       {6, 4, "", "EINVAL", whole, {"Error: invalid section type (6)", "Error: can't find section" + named}},
       {2, ~0UL, "", "EINVAL", whole, {"Error: can't truncate" + named + " (22)"}},
       {2, 4, "open", "EIO", whole, {"Error: can't open file" + named + " (5)"}},
@@ -88,16 +90,6 @@ TEST_F(TrimTest, SyncingTellsOfTheCopyThatCounts) {
     EXPECT_EQ(log.has(LogLevel::Segment, "can't fsync file [" + path + "] (5)"), copies[0] == '!');
     EXPECT_EQ(openDescriptors(), descriptors);
   }
-}
-
-TEST_F(TrimTest, AllocatedBytesAreAccounted) {
-  const uint64_t before = space().used();
-  put("abcd", std::string(5'000, 'a'));
-  EXPECT_EQ(space().used() - before, allocated(pathOf("abcd")));
-  const std::string longer(90'000, 'b');
-  EXPECT_EQ(outcome(write("abcd", {section(0, longer)})), "success");
-  EXPECT_EQ(space().used() - before, allocated(pathOf("abcd")));
-  EXPECT_EQ(space().segments(), 2U);
 }
 
 TEST_F(TrimTest, DeletionFollowsItsFlags) {

@@ -51,6 +51,8 @@ class WriteTest : public EngineTest {
     for (const auto& [name, what] : {std::pair{"DETAILS", failure.AsString(EErrorOutputFormat::Detailed)},
                                      {"FILE", pathOf(SEGMENT)},
                                      {"VOL", volumes[0]},
+                                     {"OPEN", "Opening disk segment for [" + SEGMENT + ']'},
+                                     {"TOUCH", "addToLru: [" + SEGMENT + "] num=2 max=1000"},
                                      {"file FD ", "file " + std::to_string(next) + ' '},
                                      {"MAX", std::to_string(~0UL)}}) {
       for (size_t at = 0; (at = text.find(what)) != std::string::npos;) text.replace(at, what.size(), name);
@@ -121,19 +123,23 @@ TEST_F(WriteTest, FilesAreRightByteForByte) {
 }
 
 TEST_F(WriteTest, CreateAtEachFailingCall) {
-  const auto make = [&] { return cache->createSegment(ctx, SEGMENT, {}, true, false, false); };
+  DiskCacheContext other = makeContext("other");  // the segment goes to its second place
+  std::tie(other.nonprunableDir, other.useNonPrunableDir) = std::pair(ctx.dir, true);
+  fs::create_directories(volumes[0] + "/other/ab/cd");
+  const auto make = [&] { return cache->createSegment(other, SEGMENT, {}, true, true, false); };
   EXPECT_EQ(sweepWrites("", make, false), R"(
-statvfs mkdir access open write fstat fsync close | success [0.] counted new
+statvfs mkdir access access mkdir open write fstat fsync close | success [0.] counted new
 statvfs | ENOSPC none refused; 4 Can't get free space for VOL (28); 4 Error: Can't find volume with free space
-mkdir | ENOSPC none; -1 Error: Can't create directory for segment creation: [VOL/ctx/ab/cd]
+mkdir | ENOSPC none; -1 Error: Can't create directory for segment creation: [VOL/other/ab/cd]
+access | EEXIST none; -1 Error: File already exists: [VOL/other/ab/cd/abcd-1]
 access | EEXIST none; -1 Error: File already exists: [FILE]
+mkdir | ENOSPC none; -1 Error: Can't create directory for segment creation: [VOL/ctx/ab/cd]
 write | ENOSPC [] refused; -1 Error: Can't write header (28); -1 Error: Can't write header for [FILE]
 fstat | ENOSPC [0.]; -1 Error: can't get file size [FILE] (28)
 fsync | ENOSPC [0.] counted; -1 Error: can't fsync file [FILE] (28)
 )");
-  fs::remove(pathOf(SEGMENT));
-  EXPECT_EQ(run([&] { return outcome(make()); }, 4, ENOENT), "success");
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "mkdir"), 2) << "the pruner may have found it empty";
+  EXPECT_EQ(run([&] { return fs::remove(pathOf(SEGMENT)), outcome(make()); }, 6, ENOENT), "success");
+  EXPECT_EQ(calls[6], "mkdir") << "the empty directory may have been taken away";
 }
 
 TEST_F(WriteTest, WriteSectionsAtEachFailingCall) {
@@ -221,7 +227,11 @@ pread | ENOSPC 8........; -1 Error: can't read file [FILE] len=5 (MAX,28)
   EXPECT_EQ(run([&] { return get(SEGMENT); }, 4, ENOSPC),
             "[ENOSPC]; -1 Error: can't read file [FILE] len=5 (0,28)");
   EXPECT_EQ(run(readAll, 2, ENOSPC), "ENOSPC; -1 Error: can't get file size for [FILE] (28)");
+  EXPECT_TRUE(run(readAll, 3, ENOSPC).starts_with("ENOSPC; -1 Error: can't seek to 0 (28); -1 Error: inv"));
+  EXPECT_TRUE(run(readAll, 4, ENOSPC).starts_with("ENOSPC; -1 Error: can't read segment header (28); -1"));
   EXPECT_EQ(run(readAll, 5, ENOSPC), "success; -1 Error: Can't seek to 136 in [FILE] (28)");
+  EXPECT_EQ(run(readAll, 6, ENOSPC), "success; -1 Error: incomplete descriptor in [FILE] section 0 (0,28)");
+  EXPECT_EQ(run(readAll, 7, ENOSPC), "ENOSPC got ; -1 Error: Can't seek to 136 in [FILE] (28)");
   EXPECT_EQ(run(readAll, 8, ENOSPC), "ENOSPC got \0\0\0\0\0; -1 Error: can't read file [FILE] len=5 (28)"s);
 }
 
@@ -232,6 +242,7 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
       {6, 5, 4, 0, "EINVAL; -1 Error: len exceeds vector size"},
       {6, ONE_WRITE + 1, ONE_WRITE + 1, 0, "EFBIG; -1 Error: section too long (2147479553)"},
       {6, 5, 5, 0, "EINVAL; -1 Error: invalid section type (6)"},
+      {-1, 5, 5, 0, "EINVAL; -1 Error: invalid section type (-1)"},
       {5, 5, 5, 4, "ENOSPC; 4 Error: out of space"}};
   for (const auto& [type, len, bufferSize, free, expected] : refusals) {
     std::vector<Section> one = {section(type, HELLO)};
@@ -249,26 +260,42 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
   EXPECT_EQ(outcome(write("abcd-0", {section(0, "?", 8)})), "EINVAL");
   EXPECT_TRUE(log.has(LogLevel::Error, "Error: writing different section 0/8->00"));
   EXPECT_EQ(get("abcd-0"), "?akes the directories") << "the data is written by then";
-  EXPECT_EQ(outcome(write("abcd-0", {section(0, "M")})), "success");
+  EXPECT_EQ(outcome(write("abcd-0", {section(0, "M"), section(-1, "?")})), "EINVAL");
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't search for section 1 in [" + pathOf("abcd-0") + ']'));
   EXPECT_EQ(get("abcd-0"), "Makes the directories") << "no shorter than before";
 }
 
-TEST_F(WriteTest, WhereSectionsAreWrittenTo) {
-  // useNonPrunableDir, moveOnWrite, force; the copies after writing 0, 1, 2, ...
-  const std::tuple<bool, bool, F, std::string> cases[] = {
-      {false, true, F::NonPrunable, "0, none"}, {true, false, F::Default, "1, none"},
-      {true, true, F::Default, "1, 2"},         {true, false, F::NonPrunable, "1, 3"},
-      {true, false, F::Default, "1, 4"},        {true, true, F::Prunable, "5, 4"}};
+TEST_F(WriteTest, AContextMayMoveOnWrite) {
   put(SEGMENT, "?");
-  char text = '0';
-  for (const auto& [use, move, force, expected] : cases) {
-    ctx.useNonPrunableDir = use;
-    ctx.moveOnWrite = move;
-    const std::string bytes(1, text++), copy = nonPrunablePathOf(SEGMENT);
-    EXPECT_EQ(outcome(write(SEGMENT, {section(0, bytes)}, force)), "success");
-    const std::string copied = fs::exists(copy) ? readFile(copy).substr(152) : "none";
-    EXPECT_EQ(bytesOf(SEGMENT).substr(152) + ", " + copied, expected);
+  ctx.useNonPrunableDir = ctx.moveOnWrite = true;
+  for (const auto& [text, force] : {std::pair{"1", F::Prunable}, {"2", F::Default}, {"3", F::Prunable}})
+    EXPECT_EQ(outcome(write(SEGMENT, {section(0, text)}, force)), "success");
+  EXPECT_EQ(bytesOf(SEGMENT).substr(152) + readFile(nonPrunablePathOf(SEGMENT)).substr(152), "32");
+}
+
+TEST_F(WriteTest, TheLogTellsWhatEachOperationDoes) {
+  log.setLevel(LogLevel::Accounting);
+  (void)create(SEGMENT, {section(3, HELLO)});
+  const std::vector<SegmentOperation> operations = operationsOn(SEGMENT);
+  const std::vector<size_t> lines[] = {{0, 5},  {5, 2, 3, 4}, {6, 7, 8, 0}, {9, 13, 8, 14},
+                                       {9, 10}, {11, 12},     {9, 11, 8}};
+  ctx.moveOnWrite = true;  // nowhere to, at first
+  std::string told;
+  for (const std::vector<size_t>& line : lines) {
+    ctx.useNonPrunableDir = &line - lines > 3;  // two places for the operations of the last lines
+    for (const size_t& i : line) {
+      Access::setSpace(*cache, 10'000, 1'000'000);
+      told += (&i == line.data() ? "\n | " : " | ") + run([&] { return outcome(operations[i].run()); });
+    }
   }
+  EXPECT_EQ(told, R"(
+ | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 can't find section 0 (0/0) in [FILE] | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
+ | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 5 modifySection len=4 off=0 secOff=157; 5 desc.len=4; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096] | success; 5 cache: readall segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: read segment [abcd-1] vol=1 section 0; 5 TOUCH; 5 read 4 bytes | success; 5 getting section size for [abcd-1] vol=1 type=0 sub=0
+ | success; 5 cache: writing segment abcd-1 vol=1 secs=1; 5 TOUCH; 5 OPEN | success; 5 cache: truncate segment [abcd-1] vol=1 size=1; 5 TOUCH; 5 OPEN | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 found section 0 off=136 len=1; 5 data size = 1
+ | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 useNonPrunableDir is false for [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=0; 5 cache: deleting [FILE]; 9 Trace: m_totalCacheUsed (5904) subtract: s.st_blocks_x_512 [4096] | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2) | success; 5 cache: creating segment [abcd-1] secs=1 sync=0 nonPrune=0; 5 TOUCH; 5 OPEN; 5 cache: assigning segment to vol 1 [FILE]; 9 Trace: m_totalCacheUsed (14096) ADD allocatedSize: [4096]
+ | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0 | success; 5 cache: marking dirty [abcd-1]; 5 TOUCH; 5 OPEN; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=1; 5 override file already exists [abcd-1]
+ | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 removing [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=1
+ | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 src segment doesn't exist [abcd-1] | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 src segment doesn't exist [abcd-1] | ENOENT; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2); 5 can't open file [VOL/noprune-ctx/ab/cd/abcd-1] (2))");
 }
 
 // A segment is a file: nothing else is followed, waited for, replaced or taken for one.
@@ -303,7 +330,7 @@ TEST_F(WriteTest, ANewSegmentTakesNobodysPlace) {
   ctx.useNonPrunableDir = true;
   for (const std::string& path : {pathOf(SEGMENT), nonPrunablePathOf(SEGMENT)}) {
     for (const bool nonPrune : {false, true}) {
-      for (const bool dangling : {false, true}) {
+      for (const bool dangling : {true, false}) {
         SCOPED_TRACE(path + (nonPrune ? " non-prunable" : "") + (dangling ? " dangling" : ""));
         if (dangling && (path == pathOf(SEGMENT)) == nonPrune) continue;  // absent to those who look there
         writeFile(path, "there");
@@ -317,6 +344,9 @@ TEST_F(WriteTest, ANewSegmentTakesNobodysPlace) {
       }
     }
   }
+  EXPECT_EQ(outcome(create(SEGMENT, {})), "ENOSPC");
+  EXPECT_EQ(std::to_string(refused()) + shown(pathOf(SEGMENT)), "0 none");
+  cache->setOutOfSpace(false);
   for (const std::string& name : {"x.temp"s, "x.copying"s, std::string(256, 'x')}) {
     const std::string told = name.size() > 255 ? "ENAMETOOLONG" : "EINVAL";
     const FaultPlan plan;
@@ -329,6 +359,7 @@ TEST_F(WriteTest, ANewSegmentTakesNobodysPlace) {
   put(longest, "old");
   for (const bool move : {false, true}) {
     EXPECT_EQ(outcome(cache->replaceSegment(ctx, longest, {section(0, HELLO)})), "success");
+    EXPECT_EQ(fs::status(pathOf(longest)).permissions(), fs::perms(0600));
     EXPECT_EQ(outcome(cache->markDirty(ctx, longest, move)), "success");
     EXPECT_EQ(outcome(cache->moveToPrunable(ctx, longest)), "success");
   }
