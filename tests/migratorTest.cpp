@@ -28,6 +28,7 @@ class MigratorTest : public InMemory, public EngineTest {
     s_ends.clear();
     options.migrationCallback = [](int error, const std::string& from, const std::string& to) {
       s_ends.push_back(outcome(error) + ' ' + from + ' ' + to);
+      EXPECT_TRUE(fs::exists(fs::path(from).parent_path() / "root/migrate")) << "told before it is forgotten";
       std::error_code absent;
       s_nothingWasLeft = fs::is_empty(to, absent);
     };
@@ -144,8 +145,17 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   start();
   std::vector<fs::path> names;
   for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
+  writeFile(source + "/file", "at the top");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
+  const std::string way = '[' + source + "] [" + target + "] ";
+  for (const std::string& line :
+       Texts{"1 migrating vol=1 src=[" + source + "] dst=[" + target + ']', "5 m_numJobs = 4",
+             "3 cache: entering migration thread " + way + "8 10", "3 cache: migration finished",
+             "3 Calling user migration callback with error code 0"})
+    EXPECT_TRUE(log.has(line[0] - '0', line.substr(2))) << line;
+  EXPECT_EQ(readFile(dir / "root/volume_info"), target + ",1\n") << "though volumes do not persist";
+  EXPECT_FALSE(fs::exists(target + "/file"));
   for (size_t i = 0; i < names.size(); ++i)
     EXPECT_EQ(fs::exists(fs::path(target) / names[i] / "sub/file"), i != 4 && i != 7) << i;
   EXPECT_TRUE(fs::exists(target + "/recycle")) << "which the source has not";
@@ -175,7 +185,10 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
     writeFile(source + name, "of the source");
   for (const char* name : {"/c/h.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
+  HoldAtLine hold(log, "copying [" + source + "/ctx/");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_TRUE(hold.reached() && fs::remove(target + "/ctx/ke/pt")) << "as the pruner does with an empty one";
+  hold.release();
   EXPECT_EQ(ends(), ended("success", target));
   Texts expected = treeOf(source);
   std::erase(expected, "c/h.copying");
@@ -201,12 +214,13 @@ TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
   for (const std::string& to : {dir / "root/../vol1/.", dir / "link/new", dir.path(), target}) {
     SCOPED_TRACE(to);
     startWithFour();
-    if (to == target) spoil();
+    if (to == target) spoil(), writeFile(to + "/noprune-ctx/f", "was there before");
     const Texts tree = treeOf(source);
     EXPECT_EQ(cache->migrate(1, source, to), 0);
     EXPECT_EQ(ends(), ended("EINVAL", to));
     EXPECT_EQ(treeOf(source), tree);
     EXPECT_FALSE(isSwitched() || fs::exists(file) || fs::exists(target + "/spare/odd"));
+    EXPECT_TRUE(to != target || readFile(to + "/noprune-ctx/f") == "was there before");
     EXPECT_TRUE(log.has(-1, "Error: Migration error detected (22), migration aborted"));
   }
 }
@@ -265,7 +279,8 @@ TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
 TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
   const Works works{{SegmentWork::CREATE, 'a'}, {SegmentWork::REPLACE, 'c'}};
   begin(works, "/spare", false, target);
-  EXPECT_EQ(outcome(cache->migrate(1, source, target)), "EEXIST");
+  EXPECT_EQ(outcome(cache->migrate(1, source, "/x")), "EEXIST");
+  EXPECT_TRUE(log.has(-1, "Migration already in progress (from [" + source + "] to [" + target + "])"));
   FaultPlan plan;
   plan.fail("open", 1, ENOSPC);  // of "migrate.changed"
   perform(works.back());
@@ -273,7 +288,9 @@ TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
   EXPECT_EQ(ends(), ended("ENOSPC", target));
   expectCopies();
   EXPECT_EQ(outcome(cache->migrate(0, source, target)), "EINVAL");
-  EXPECT_EQ(outcome(cache->migrate(1, source, target + "/a\nb")), "EINVAL");
+  for (const auto& [from, to] :
+       {std::pair{source, target + "\n"}, {source + '\n', target}, {source, ""}, {"", target}})
+    EXPECT_EQ(outcome(cache->migrate(1, from, to)), "EINVAL") << from;
   EXPECT_EQ(outcome(DiskCache(PersistentVolumes::No).migrate(1, source, target)), "EINVAL") << "before init";
 }
 
@@ -317,6 +334,7 @@ TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
   startWithFour();
   migrateUpTo("/spare", target);
   EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  EXPECT_EQ(readFile(file), "1\n" + source + '\n' + target + '\n');
   fs::rename(source, dir / "taken away");
   fs::create_directory(source);
   holding->release();
