@@ -148,10 +148,9 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   writeFile(source + "/file", "at the top");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
-  const std::string way = '[' + source + "] [" + target + "] ";
   for (const std::string& line :
        Texts{"1 migrating vol=1 src=[" + source + "] dst=[" + target + ']', "5 m_numJobs = 4",
-             "3 cache: entering migration thread " + way + "8 10", "3 cache: migration finished",
+             "3 cache: entering migration thread [" + source + "] [" + target + "] 8 10",
              "3 Calling user migration callback with error code 0"})
     EXPECT_TRUE(log.has(line[0] - '0', line.substr(2))) << line;
   EXPECT_EQ(readFile(dir / "root/volume_info"), target + ",1\n") << "though volumes do not persist";

@@ -40,19 +40,6 @@ TEST(ErrorTest, KeepsItsNumberAndShowsTheNewestMessageFirst) {
             "No such file or directory (2)");
 }
 
-TEST(LogTest, FailuresAreLoggedAndReturned) {
-  LogCapture capture(LogLevel::Segment - 1);
-  DC_LOG(LogLevel::Segment, "not logged");
-  const CZuError shared = failAt(INNER, LogLevel::Error, EIO, "Error: step %d", 2);
-  EXPECT_EQ(capture.take().back().operation, INNER.operation);
-  EXPECT_TRUE(RMErrorUtil::IsErrNo(DC_FAIL(LogLevel::NoSpace, ENOSPC, "no room for [%s]", "%n"), ENOSPC));
-  EXPECT_TRUE(RMErrorUtil::IsErrNo(pushAndLog(shared, OUTER, "Error: Can't scan %s", "x"), EIO));
-  EXPECT_EQ(capture.takeTexts(),
-            (Texts{"4 no room for [%n]",
-                   "-1 Error: Can't scan x [outer.cpp:11 int outer(char)]: [inner.cpp:7 void inner()]: "
-                   "Input/output error (5): Error: Can't scan x: Input/output error (5)"}));
-}
-
 // The first and the last of each run of characters that act on a terminal, and their neighbours that do not.
 constexpr const char* CONTROLS =
     "\u0080\u009f\u00a0\u061b\u061c\u200d\u200e\u200f\u2010\u2029\u202a\u202e\u202f\u2065\u2066\u2069\u206a"
