@@ -145,7 +145,7 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   start();
   std::vector<fs::path> names;
   for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
-  writeFile(source + "/file", "at the top");
+  writeFile(source + "/file", "at the top"), fs::create_directory_symlink("a", source + "/link");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
   for (const std::string& line :

@@ -89,6 +89,7 @@ TEST_F(SpaceTest, StatusAndCountersAreTold) {
   FaultPlan plan;
   plan.skipSleeps();
   Access::setSpace(*cache, 900, 1000);
+  EXPECT_TRUE(cache->isOverAlarmWatermark()) << "which is negative";
   Access::changeVolume(*cache, 1, [](Volume& volume) { volume.reserved = ~uint64_t{0}; });
   EXPECT_EQ(outcome(create("refused", {})), "ENOSPC");
   table.clear();

@@ -34,7 +34,7 @@ TEST(ErrorTest, KeepsItsNumberAndShowsTheNewestMessageFirst) {
   CZuError error = RMErrorUtil::ErrorErrNo(INNER, ENOENT, "Can't find [%s]", "a%sb");
   CZuError copy = error;
   copy.Push(OUTER, "Can't scan %d", 3);
-  copy.Success();
+  EXPECT_FALSE(copy.Success().IsError());
   EXPECT_EQ(error.AsString(EErrorOutputFormat::Detailed),
             "Can't scan 3 [outer.cpp:11 int outer(char)]: Can't find [a%sb] [inner.cpp:7 void inner()]: "
             "No such file or directory (2)");
