@@ -110,12 +110,13 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
   };
   const auto before = identity();
   const std::tuple<const char*, uint64_t, std::vector<VolIndex>, std::string> cases[] = {
-      {"opendir", 0, {1, 2}, "Error: can't remove tree [" + volumes[0] + "] (5)"},
+      {"opendir", 1, {1, 2}, "Error: can't remove tree [" + volumes[0] + "] (5)"},
       {"mkdir", ~0UL, {1}, "Error: Can't create [" + volumes[0] + "/recycle] (5)"}};
   for (const auto& [call, reserve, rotation, line] : cases) {
     for (const char* guid : {"seg1", "seg2"}) put(guid, guid);  // one on each volume
     ASSERT_EQ(cache->disableNewSegments(volumes[1]), 0);
-    Access::changeVolume(*cache, 2, [bytes = reserve](Volume& volume) { volume.reserved = bytes; });
+    Access::changeVolume(*cache, 2,
+                         [bytes = reserve](Volume& volume) { volume.reserved = bytes, volume.free = 0; });
     const uint64_t segments = space().segments();
     FaultPlan plan;
     plan.fail(call, 1, EIO);

@@ -65,7 +65,11 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
     const auto files = std::count_if(tree.begin(), tree.end(), [](auto& name) { return name.back() != '/'; });
     EXPECT_EQ(files, 2 + c.left);  // two it never visits
     EXPECT_EQ(fs::exists(volumes[0] + "/ctx"), c.left > 0);
+    EXPECT_EQ(log.takeTexts(LogLevel::Error).size(), c.action == Throw ? 6U : 0U);
+    EXPECT_EQ(pruner().deletePrunableSegsInVol(1), c.result);
+    log.clear();
   }
+  EXPECT_EQ(pruner().deletePrunableSegsInVol(9), PrunerError::BranchFailed);
 }
 
 TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsItsBranchOnly) {
@@ -94,11 +98,15 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   };
   {
     FaultPlan plan;
+    plan.fail("fstatat", 1, EACCES);
+    EXPECT_EQ(pruner().deletePrunableSegsInDir(top, "ctx", options.prunerCallback),
+              PrunerError::BranchFailed);
+    EXPECT_EQ(space().stats().numPruned.value(), 0U);
     plan.fail("fstatat", 1, EACCES);  // the first entry of whichever directory comes first
     EXPECT_GE(walk(), 1U) << "the other one is walked";
   }
   const Texts errors = log.takeTexts(LogLevel::Error);
-  EXPECT_TRUE(errors.size() == 1 && errors[0].starts_with("Error: can't stat " + volumes[0] + '/'));
+  EXPECT_TRUE(errors.size() == 2 && errors[0].starts_with("Error: can't stat " + top + '/'));
   walk();
   EXPECT_EQ(treeOf(top),
             (Texts{"keep/", "keep/aa/", "keep/aa/bb/", "keep/aa/bb/aabb1", "ol/", "ol/de/", "ol/de/oldest",

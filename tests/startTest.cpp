@@ -137,6 +137,7 @@ TEST_F(StartTest, AScanTagsByTheFirstChildAndAFailureEndsItsPass) {
 TEST_F(StartTest, EachStepIsTold) {
   const std::string vol1 = dir / "vol1", vol2 = dir / "vol2";
   int high = 0, low = 0, alarm = 0;
+  testing::internal::CaptureStdout();
   cache = std::make_unique<DiskCache>(PersistentVolumes::Yes);
   DiskCachePruner& pruner = Access::pruner(*cache);
   ctx.prunerCallback = [](auto&, auto& path, auto& guid) { return guid == "old" || fs::remove(path); };
@@ -164,6 +165,8 @@ TEST_F(StartTest, EachStepIsTold) {
     }
     told += '\n';
   }
+  cache.reset();
+  told += testing::internal::GetCapturedStdout();
   for (const auto& [pattern, shown] :
        {std::pair{dir.path(), "DIR"}, {"[0-9]{4,}", "N"}, {"\\[[^\\]]*cpp:[^\\]]*\\]", "AT"}})
     told = std::regex_replace(told, std::regex(pattern), shown);
@@ -178,6 +181,9 @@ TEST_F(StartTest, EachStepIsTold) {
 ; registerContext 1 registering context: [ctx]; registerContext 3 Info: dir [ctx] already registered. refCount [2]; enableNewSegments 3 enable new segments: DIR/vol1; clearCache 0 cache: clearing cache; refreshCacheUtilizationData 3 volume DIR/vol1 index=1 allow=1 free=N total=N res=N; refreshCacheUtilizationData 3 volume DIR/vol2 index=2 allow=1 free=N total=N res=N; refreshCacheUtilizationData 3 Old m_totalCacheUsed 0 m_totalCache N; refreshCacheUtilizationData 3 New m_totalCacheUsed N m_totalCache N; clearCache 9 Trace: m_totalCacheUsed (N) ClearCache; refreshCacheUtilizationData 3 volume DIR/vol1 index=1 allow=1 free=N total=N res=N; refreshCacheUtilizationData 3 volume DIR/vol2 index=2 allow=1 free=N total=N res=N; refreshCacheUtilizationData 3 Old m_totalCacheUsed N m_totalCache N; refreshCacheUtilizationData 3 New m_totalCacheUsed N m_totalCache N; clearCache 9 Trace: m_totalCacheUsed (N) ClearCache
 ; removeVolume 3 Removing volume: DIR/vol2; disableNewSegments 3 disable new segments: DIR/vol2; initVolumes 3 Loaded volume DIR/vol1 index=1 allow=1 free=N total=N res=N; initVolumes 3 Loaded volume DIR/vol2 index=2 allow=0 free=0 total=0 res=0; removeAllVolumes 3 Removing all volumes; deletePrunableSegsInVol 5 pruning in vol 9; deletePrunableSegsInVol -1 Error: can't find volume 9
 ; addToLru 5 addToLru: [old] num=0 max=1; addToLru 5 addToLru: [kept] num=1 max=1; pruneFromBack 5 successfully pruned: [old]; addToLru 5 addToLru: [new] num=1 max=1; pruneFromBack -1 Error: Can't find [gone]: No such file or directory (2); pruneFromBack 5 lru out of space; addToLru -1 Error: No prunable items in LRU AT: AT: No space left on device (28): Error: No prunable items in LRU: No space left on device (28)
+index=1
+index=2
+hash size=1
 )");
 }
 

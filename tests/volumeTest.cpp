@@ -125,8 +125,10 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   start();
   EXPECT_EQ(std::pair(space().used(), space().capacity()), std::pair(9UL << 20, 60UL << 20));
   const uint64_t exact = fs::space(small.path()).available, full = exact + 1;
-  const std::pair<std::vector<uint64_t>, Indexes> cases[] = {
-      {{exact, full, exact}, {1, 3, 1, 3}}, {{full, full, full}, {0, 0, 0, 0}}, {{0, 0, 0}, {1, 2, 3, 1}}};
+  const std::pair<std::vector<uint64_t>, Indexes> cases[] = {{{0, 0, 0}, {1, 2, 3, 1}},
+                                                             {{exact, full, exact}, {1, 3, 1, 3}},
+                                                             {{full, full, full}, {0, 0, 0, 0}},
+                                                             {{0, 0, 0}, {1, 2, 3, 1}}};
   for (const auto& [reserves, chosen] : cases) {
     Access::volumes(*cache).initVolumes(Texts{});  // puts the cursor at the front
     const auto reserve = [&reserves = reserves](Volume& v) { v.reserved = reserves[v.index - 1U]; };
@@ -143,6 +145,7 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
                    "Error 2 getting updated volume size for " + volumes[2] + ", skipped"}));
   EXPECT_EQ(space().used(), 2 * ((20U << 20) - fs::space(small.path()).available));
   EXPECT_EQ(space().capacity(), 2U * 20 << 20);
+  Access::changeVolume(*cache, 3, [](Volume& volume) { EXPECT_EQ(volume.total, 20U << 20) << "stays"; });
   EXPECT_EQ(cache->disableNewSegments(volumes[2]), 0);
   EXPECT_EQ(choose(2), (Indexes{1, 2}));
   const SmallFileSystem huge(17'000'003);  // whose reserve no float can tell exactly
