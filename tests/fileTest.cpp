@@ -129,6 +129,7 @@ TEST_F(FileTest, SizesAreThoseOfTheSystem) {
   EXPECT_EQ(outcome(RMFile::KXGetFileSize(dir / "file", length)), "success");
   EXPECT_EQ(length, 1 << 20);
   EXPECT_EQ(outcome(RMFile::KXGetFileSize(dir / "none", length)), "ENOENT");
+  EXPECT_EQ(to_hexstring(reinterpret_cast<void*>(0x1f0a)), "0x1f0a");
 
   // What a file system keeps for the superuser is not free; others write there while this runs.
   struct statvfs status {};
