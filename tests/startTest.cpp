@@ -67,8 +67,6 @@ TEST_F(StartTest, InitBoundsTheListAndScansInModeLruOnly) {
     for (const char* line :
          {"Error: Can't create pruner thread: Input/output error", "Error: Can't init pruner (22)"})
       EXPECT_EQ(log.has(LogLevel::Error, line), c.result == "EINVAL");
-    EXPECT_EQ(log.has(LogLevel::Segment, "Finished scanning segments"),
-              c.mode == PruningMode::Lru && c.result == "success");
     std::map<std::string, std::string> status;
     cache->getStatus(status);
     EXPECT_EQ(status["DC.LRUEntriesMax"], c.bound);
