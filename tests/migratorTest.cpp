@@ -148,8 +148,17 @@ TEST_F(MigratorTest, FourWorkersDivideTheDirectoriesWithGaps) {
   start();
   std::vector<fs::path> names;
   for (const auto& entry : fs::directory_iterator(source)) names.push_back(entry.path().filename());
+  writeFile(source + "/file", "at the top"), fs::create_directory_symlink("a", source + "/link");
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target));
+  for (const std::string& line :
+       Texts{"1 migrating vol=1 src=[" + source + "] dst=[" + target + ']', "5 m_numJobs = 4",
+             "3 cache: migration finished",
+             "3 cache: entering migration thread [" + source + "] [" + target + "] 8 10",
+             "3 Calling user migration callback with error code 0"})
+    EXPECT_TRUE(log.has(line[0] - '0', line.substr(2))) << line;
+  EXPECT_EQ(readFile(dir / "root/volume_info"), target + ",1\n") << "though volumes do not persist";
+  EXPECT_FALSE(fs::exists(target + "/file"));
   for (size_t i = 0; i < names.size(); ++i)
     EXPECT_EQ(fs::exists(fs::path(target) / names[i] / "sub/file"), i != 4 && i != 7) << i;
   EXPECT_TRUE(fs::exists(target + "/recycle")) << "which the source has not";
@@ -290,8 +299,10 @@ TEST_F(MigratorTest, WhatTheDestinationDoesNotLetGoIsBackAllTheSame) {
 
 TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
   const Works works{{SegmentWork::CREATE, 'a'}, {SegmentWork::REPLACE, 'c'}};
+  options.persistent = PersistentVolumes::Yes;
   begin(works, "/spare", false, target);
-  EXPECT_EQ(outcome(cache->migrate(1, source, target)), "EEXIST");
+  EXPECT_EQ(outcome(cache->migrate(1, source, "/x")), "EEXIST");
+  EXPECT_TRUE(log.has(-1, "Migration already in progress (from [" + source + "] to [" + target + "])"));
   FaultPlan plan;
   plan.fail("open", 1, ENOSPC);  // of "migrate.changed"
   perform(works.back());
@@ -299,7 +310,11 @@ TEST_F(MigratorTest, AChangeThatCannotBeNotedFailsTheMigration) {
   EXPECT_EQ(ends(), ended("ENOSPC", target));
   expectCopies();
   EXPECT_EQ(outcome(cache->migrate(0, source, target)), "EINVAL");
-  EXPECT_EQ(outcome(cache->migrate(1, source, target + "/a\nb")), "EINVAL");
+  for (const std::string& bad : Texts{"", target + '\n'}) {
+    EXPECT_EQ(outcome(cache->migrate(1, source, bad)), "EINVAL");
+    EXPECT_EQ(outcome(cache->migrate(1, bad, target)), "EINVAL");
+  }
+  EXPECT_EQ(outcome(cache->migrate(1, source, target + ',')), "EINVAL");
   EXPECT_EQ(outcome(DiskCache(PersistentVolumes::No).migrate(1, source, target)), "EINVAL") << "before init";
 }
 
@@ -360,6 +375,8 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
 TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
   startWithFour();
   migrateUpTo("/spare", target);
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+  EXPECT_EQ(readFile(file), "1\n" + source + '\n' + target + '\n');
   fs::rename(source, dir / "taken away");
   fs::create_directory(source);
   holding->release();
