@@ -155,7 +155,7 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
 TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
   fs::create_directories(dir / "here");
   writeFile(dir / "root/volume_info",
-            (dir / "here,3 \n") + "no index\n" + (dir / "gone,9\n") + (dir / "again,9\n"));
+            (dir / "here,3 \n") + "no index\n" + (dir / "again,9\n") + (dir / "gone,9\n"));
   writeFile(dir / "root/migrate", "3\n" + (dir / "here\n") + (dir / "there\n"));
   const json known = parsed("volumes --root " + (dir / "root"), 1);
   const uint64_t total = fs::space(dir.path()).capacity;
