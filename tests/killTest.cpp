@@ -9,7 +9,6 @@
 
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
-#include "tests/support/inMemory.h"
 
 namespace ObjectStore {
 namespace {
