@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "tests/support/clientFixture.h"
-#include "tests/support/failingNew.h"
 #include "tests/support/faults.h"
 #include "tests/support/metricsFault.h"
 #include "tests/support/process.h"

@@ -85,6 +85,8 @@ TEST_F(EngineToolTest, WhatIsNotAsItShouldBeIsToldAndKept) {
   EXPECT_EQ(run("put --volume " + (dir / "a/. ") + segment("0011first ") + (dir / "in")), 0) << err;
   EXPECT_EQ(readFile(dir / "root/volume_info"), known);
 
+  fs::resize_file(pathOf("0011first"), SEGMENT_HEADER_SIZE);
+  EXPECT_EQ(get("0011first"), "[1]") << "no front is not an empty section";
   writeFile(pathOf("0011first"), "damaged");
   EXPECT_EQ(get("0011first"), "[1]");
   EXPECT_EQ(put("0011first", "new"), 1) << "what is damaged is left to be looked at";
@@ -93,7 +95,8 @@ TEST_F(EngineToolTest, WhatIsNotAsItShouldBeIsToldAndKept) {
   EXPECT_NE(err.find("b: No such file or directory, left out"), std::string::npos) << err;
 
   writeFile(dir / "root/migrate", "1\n" + (dir / "a\n") + (dir / "c\n"));
-  expectFailure("put " + segment("0011x ") + (dir / "in"), 3, "volume 1 is moving");
+  for (const std::string& command : {"put " + segment("0011x ") + (dir / "in"), "verify --remove " + root})
+    expectFailure(command, 3, "volume 1 is moving");
   EXPECT_EQ(readFile(dir / "root/migrate").substr(0, 2), "1\n");
 }
 
@@ -143,6 +146,7 @@ TEST_F(EngineToolTest, AFullDiskIsOneLine) {
 
 TEST_F(EngineToolTest, StatusInEachFormat) {
   ASSERT_EQ(put("0011first", "one"), 0) << err;
+  writeFile(pathOf("0011first") + ".temp", "left over");
   const json status = parsed("status --mode lru " + cache);
   EXPECT_EQ(status["segments"], 1);
   EXPECT_EQ(parsed("status " + cache)["segments"], nullptr);

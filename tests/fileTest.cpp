@@ -149,39 +149,35 @@ TEST_F(FileTest, CopiesKeepBytesHolesAndMode) {
   fs::resize_file(dir / "from", 3 * GAP);
   fs::permissions(dir / "from", fs::perms::owner_all);
   content = readFile(dir / "from");
-  const struct {
-    const char* call;
-    size_t nth;  // 0: every call
-    int errNo;   // 0: a short transfer
-    size_t bytes;
-    bool copied;
-  } cases[] = {{"open", 1, EPERM, 0, true},    // another user's file keeps no access time
-               {"lseek", 0, EINVAL, 0, true},  // a file system without holes
-               {"copy_file_range", 0, EXDEV, 0, true},
-               {"copy_file_range", 2, EINTR, 0, true},
-               {"copy_file_range", 2, 0, 10, true},
-               {"copy_file_range", 2, 0, 0, true},
-               {"pread", 2, 0, 10, true},
-               {"pwrite", 2, 0, 10, true},
-               {"rename", 1, EIO, 0, false},
-               {"ftruncate", 1, EIO, 0, false},
-               {"pread", 2, 0, 0, false},  // the source was cut
-               {"pwrite", 2, 0, 0, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.call << ' ' << c.errNo << ' ' << c.bytes);
+  // Which call (0: every one) fails with what (0: it moves so many bytes), and whether the copy is made.
+  const std::tuple<std::string, size_t, int, size_t, bool> cases[] = {
+      {"open", 1, EPERM, 0, true},    // another user's file keeps no access time
+      {"lseek", 0, EINVAL, 0, true},  // a file system without holes
+      {"copy_file_range", 0, EXDEV, 0, true},
+      {"copy_file_range", 2, EINTR, 0, true},
+      {"copy_file_range", 2, 0, 10, true},
+      {"copy_file_range", 2, 0, 0, true},
+      {"pread", 2, 0, 10, true},
+      {"pwrite", 2, 0, 10, true},
+      {"rename", 1, EIO, 0, false},
+      {"ftruncate", 1, EIO, 0, false},
+      {"pread", 2, 0, 0, false},  // the source was cut
+      {"pwrite", 2, 0, 0, false}};
+  for (const auto& [call, nth, errNo, bytes, copied] : cases) {
+    SCOPED_TRACE(testing::Message() << call << ' ' << errNo << ' ' << bytes);
     writeFile(dir / "to", "old");
     writeFile(RMFile::temporaryCopyName(dir / "to"), "left behind by a crash");
     const size_t descriptors = openDescriptors();
     FaultPlan plan;
-    if (c.call[0] == 'p') plan.failAlways("copy_file_range", EXDEV);
-    c.errNo ? plan.fail(c.call, c.nth, c.errNo) : plan.shortTransfer(c.call, c.nth, c.bytes);
-    EXPECT_EQ(copy(), c.copied ? "success" : "EIO");
+    if (call[0] == 'p') plan.failAlways("copy_file_range", EXDEV);
+    errNo ? plan.fail(call, nth, errNo) : plan.shortTransfer(call, nth, bytes);
+    EXPECT_EQ(copy(), copied ? "success" : "EIO");
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_TRUE(readFile(dir / "to") == (c.copied ? content : "old"));
+    EXPECT_TRUE(readFile(dir / "to") == (copied ? content : "old"));
     struct stat status {};
     EXPECT_EQ(stat((dir / "to").c_str(), &status), 0);
-    EXPECT_TRUE(!c.copied || (status.st_mode & 0777) == 0700);
-    EXPECT_TRUE(c.errNo == EINVAL || status.st_blocks * 512 < 1 << 20) << "holes stay holes";
+    EXPECT_TRUE(!copied || (status.st_mode & 0777) == 0700);
+    EXPECT_TRUE(errNo == EINVAL || status.st_blocks * 512 < 1 << 20) << "holes stay holes";
     EXPECT_EQ(treeOf(dir.path()), (Texts{"from", "to"}));
   }
 }

@@ -113,7 +113,7 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   const std::string first = writeSegment("a", "ctx", "0011x", sound);
   writeSegment("a", "ctx/deep", "0022y", sound + std::string(5000, 'z'));
   writeSegment("b", "ctx", "0033z", "damaged");
-  const std::string hostile = "0044\u009b\u202e\x7f\n";  // as plain text each of them would act on a terminal
+  const std::string hostile = "0044\u009b\u061c\u202e\x7f\n";  // each of them acts on a terminal
   writeSegment("b", "other", hostile, sound);
   writeFile(dir / "b/ctx/00/33/0033z.temp", "left over");
   writeFile(dir / "root/volume_info", (dir / "a,1\n") + (dir / "b,7\n"));
@@ -127,14 +127,16 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
                                                           {dir / "b", "ctx", "0033z", "7", "null"},
                                                           {dir / "b", "other", hostile, "222", "[0,3]"}};
   EXPECT_EQ(lines, expected);
-  EXPECT_NE(out.find("\"0044\\u009b\\u202e\\u007f\\n\""), std::string::npos) << out;
+  EXPECT_NE(out.find("\"0044\\u009b\\u061c\\u202e\\u007f\\n\""), std::string::npos) << out;
   ASSERT_EQ(run("ls --volume " + (dir / "b")), 0);
   EXPECT_NE(out.find("damaged     " + (dir / "b") + "  ctx  0033z\n"), std::string::npos) << out;
-  EXPECT_NE(out.find("  0044\\xc2\\x9b\\xe2\\x80\\xae\\x7f\\x0a\n"), std::string::npos) << out;
+  EXPECT_NE(out.find("  0044\\xc2\\x9b\\xd8\\x9c\\xe2\\x80\\xae\\x7f\\x0a\n"), std::string::npos) << out;
 
   const timespec longAgo[] = {{1000, 0}, {1000, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, first.c_str(), longAgo, 0), 0);
+  fs::resize_file(dir / "b/ctx/00/33/0033z", 1 << 20);  // of which it takes no more than before
   const std::string volumes = " --top 1 --volume " + (dir / "a ") + (dir / "b");
+  EXPECT_EQ(parsed("ls" + volumes)["segments"].size(), 1U);
   for (const auto& [order, top] : {std::pair{"size", "0022y"}, {"age", "0011x"}})
     EXPECT_EQ(parsed("ls --sort " + (order + volumes))["segments"].back()["identifier"], top);
 
@@ -144,7 +146,7 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   expectFields(used[0]["directories"][0], {{"segments", 2}, {"bytes", 222 + 5222}});
   EXPECT_GE(used[0]["allocated"], 512 * status.st_blocks);
   EXPECT_EQ(used[1]["directories"][0]["segments"], 1) << "the leftover is no segment";
-  EXPECT_EQ(used[1]["bytes"], 7 + 9 + 222);
+  EXPECT_EQ(used[1]["bytes"], (1 << 20) + 9 + 222);
   EXPECT_EQ(used[0]["inodes"], 6 + 2 + 1) << "directories, files and the volume itself";
   const json bars = parsed("du --histogram --root " + (dir / "root"))["volumes"][0];
   EXPECT_EQ(bars["sizes"][0],
@@ -155,12 +157,13 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
 TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
   fs::create_directories(dir / "here");
   writeFile(dir / "root/volume_info",
-            (dir / "here,3 \n") + "no index\n" + (dir / "gone,9\n") + (dir / "again,9\n"));
+            (dir / "here,3 \n") + "no index\n" + (dir / "again,9\n") + (dir / "gone,9\n") + "/proc,10\n");
   writeFile(dir / "root/migrate", "3\n" + (dir / "here\n") + (dir / "there\n"));
   const json known = parsed("volumes --root " + (dir / "root"), 1);
   const uint64_t total = fs::space(dir.path()).capacity;
   expectFields(known["volumes"][0], {{"index", 3}, {"directory", dir / "here"}, {"total", total}});
   expectFields(known["volumes"][1], {{"directory", dir / "gone"}, {"present", false}, {"total", nullptr}});
+  expectFields(known["volumes"][2], {{"inodes", 0}, {"limits", {"bytes"}}});
   EXPECT_EQ(known["migration"]["destination"], dir / "there");
   EXPECT_EQ(known["problems"].size(), 2U);
   EXPECT_EQ(run("volumes --root " + (dir / "root")), 1);

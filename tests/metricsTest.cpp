@@ -80,11 +80,7 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
   std::vector<SectionPlace> places(1);
   int fd = -1;
-  const struct {
-    const char *name, *outcome;
-    Figures risen;
-    std::function<CZuError()> call;
-  } cases[] = {
+  const std::tuple<std::string, std::string, Figures, std::function<CZuError()>> cases[] = {
       {"a hit", "success", {1}, [&] { return look("aaaa"); }},
       {"missed, so bbbb goes", "success", {0, 1, 1, 0, 0, 0, 0, 0, 0, 1}, [&] { return look("none"); }},
       {"a miss asked for", "ENOENT", {}, [&] { return cache->openSection(fd, places, ctx, "gone"); }},
@@ -95,19 +91,19 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
       {"a replacement", "success", {1, 0, 0, 0, 0, 0, 0, 0, 1}, replace},
       {"full, so cccc goes", "ENOSPC", {0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1}, makeInFullCache},
   };
-  for (const auto& c : cases) {
+  for (const auto& [name, result, risen, call] : cases) {
     Figures expected = figures();
-    for (size_t i = 0; i < c.risen.size(); ++i) expected[i] += c.risen[i];
-    EXPECT_EQ(outcome(c.call()), c.outcome) << c.name;
-    EXPECT_EQ(figures(), expected) << c.name;
+    for (size_t i = 0; i < risen.size(); ++i) expected[i] += risen[i];
+    EXPECT_EQ(outcome(call()), result) << name;
+    EXPECT_EQ(figures(), expected) << name;
   }
   EXPECT_EQ(metric("segments"), 3);
   EXPECT_EQ(metric("recency_list_entries"), 5);
   EXPECT_EQ(metric("recency_list_entries_limit"), 5);
   EXPECT_EQ(metric("high_watermark_ratio"), FAR_WM / 100.0);
   EXPECT_EQ(metric("mode_info{mode=\"lru\"}"), 1);
-  space().stats().delayMs += 1500;
-  EXPECT_EQ(metric("write_delay_seconds_total"), 1.5);
+  space().stats().delayMs += 1'234'567'890;
+  EXPECT_EQ(metric("write_delay_seconds_total"), 1'234'567.89);
   EXPECT_EQ(ofVolume("capacity_bytes"), fs::space(volumes[0]).capacity);
   EXPECT_EQ(ofVolume("has_room"), 1);
   EXPECT_EQ(ofVolume("present"), 1);
@@ -139,8 +135,10 @@ TEST_F(MetricsTest, SegmentsAreThoseOnDiskAlsoAfterARestart) {
     step();
     EXPECT_EQ(metric("segments"), segmentFiles()) << "after step " << &step - steps;
   }
-  options.mode = PruningMode::Random;  // where nobody counts what is there
+  options.mode = PruningMode::Random, options.maxLruEntries = 5;  // where nobody counts what is there
   start();
+  for (const char* guid : {"1", "2", "3", "4", "5", "6"}) put(guid, "text");
+  EXPECT_EQ(metric("recency_list_entries"), 5) << "one was forgotten";
   EXPECT_EQ(page().find("diskcache_segments"), std::string::npos);
   EXPECT_EQ(metric("mode_info{mode=\"random\"}"), 1);
 }

@@ -20,7 +20,6 @@
 #include "diskcache/diskcachePruner.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
-#include "tests/support/inMemory.h"
 #include "tests/support/process.h"
 #include "tests/support/segmentWork.h"
 #include "tests/support/smallFileSystem.h"

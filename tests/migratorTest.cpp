@@ -10,7 +10,6 @@
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
-#include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
 #include "tests/support/smallFileSystem.h"
 

@@ -60,6 +60,7 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
     fill();
     Access::setSpace(*cache, c.used, 100);
     EXPECT_EQ(pruner().deletePrunableSegments(), c.result);
+    EXPECT_EQ(log.has(LogLevel::Error, "Error: pruning callback of [ctx] threw"), c.action == Throw);
     EXPECT_EQ(static_cast<long>(space().stats().numPruned.value()), c.pruned);
     const Texts tree = treeOf(volumes[0]);
     const auto files = std::count_if(tree.begin(), tree.end(), [](auto& name) { return name.back() != '/'; });
@@ -118,6 +119,7 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
                    "op/", "op/en/", "op/en/opened", "op/en/opened.copying", "op/en/opened.temp"}));
   EXPECT_TRUE(log.has(LogLevel::Segment, "File is opened. cannot prune [" + top + "/op/en/opened.temp]"));
   EXPECT_TRUE(log.has(LogLevel::Segment, "File is in LRU. cannot prune [" + pathOf("oldest") + ']'));
+  EXPECT_FALSE(log.has(LogLevel::Segment, "pruning in [ctx] [ctx]")) << "of the working directory";
   EXPECT_EQ(walk(), 1U) << "also without a callback";
   EXPECT_TRUE(fs::exists(volumes[0] + "/other/aa/1"));
   EXPECT_EQ(openDescriptors(), descriptors);
@@ -128,6 +130,12 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   (void)cache->unregisterContext(other);
   walk();
   EXPECT_EQ(treeOf(top), (Texts{"ol/", "ol/de/", "ol/de/oldest"}));
+  EXPECT_TRUE(log.has(LogLevel::Segment, "removed directory [" + top + "/keep]"));
+  fs::remove_all(top);
+  for (const char* name : {"/x/1", "/y/1"}) writeFile(top + name, "x");
+  FaultPlan plan;
+  plan.fail("fstatat", 2, EACCES);  // in whichever of the two comes first
+  EXPECT_EQ(walk(), 1U) << "the other one is walked";
 }
 
 // As if shuffled by hand: each place from the second on changes with the one that rand() names.
@@ -149,6 +157,7 @@ TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
     srand(seed);
     Texts expected;
     for (const std::string& volume : shuffled(volumes)) {
+      expected.push_back("pruning in vol " + volume.substr(volume.size() - 1));
       for (const std::string& name : shuffled({"a", "b", "ctx", "d"}))
         expected.push_back("pruning in [" + volume + '/' + name + "] [" + name + ']');
     }
@@ -156,9 +165,11 @@ TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
     srand(seed);
     EXPECT_EQ(pruner().deletePrunableSegments(), PrunerError::Exhausted);
     Texts seen = log.takeTexts(LogLevel::Segment);
-    std::erase_if(seen, [](auto& line) { return !line.starts_with("pruning in ["); });
+    std::erase_if(seen, [](auto& line) { return !line.starts_with("pruning in "); });
     EXPECT_EQ(seen, expected);
   }
+  EXPECT_EQ(pruner().deletePrunableSegsInVol(5), PrunerError::BranchFailed);
+  EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: can't find volume 5"});
 }
 
 // Begins above the high watermark, goes on to the low one, and decides by what it has measured itself.

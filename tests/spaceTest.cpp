@@ -49,9 +49,17 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
   (void)cache->updateWatermarks(50, 1, 1);
   FaultPlan plan;
   plan.skipSleeps();
-  for (const uint64_t used : {500U, 1000U, 1001U, 997U, 999U}) {
-    Access::setSpace(*cache, used, 1000);
+  const std::string over = "Is OverHighWaterMark, Empty space available is ";
+  const std::string delay = "Delaying the write to segment operation ";
+  const std::pair<uint64_t, Texts> cases[] = {{500, {}},
+                                              {1000, {over + '0'}},
+                                              {1001, {over + "18446744073709551615", delay + '0'}},
+                                              {997, {over + '3', delay + "666"}},
+                                              {999, {over + '1', delay + "1000"}}};
+  for (const auto& [used, lines] : cases) {
+    log.clear(), Access::setSpace(*cache, used, 1000);
     space().delayWriteToSegment();
+    EXPECT_EQ(log.takeTexts(LogLevel::Segment), lines);
   }
   EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
   // Over the high watermark these changes are delayed before anything is touched, and new bytes wake the pruner.

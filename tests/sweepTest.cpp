@@ -12,7 +12,6 @@
 #include "diskcache/diskcacheMigrator.h"
 #include "tests/support/engineFixture.h"
 #include "tests/support/faults.h"
-#include "tests/support/inMemory.h"
 #include "tests/support/segmentWork.h"
 #include "tests/support/soak.h"
 

@@ -5,7 +5,7 @@
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
-#include "tests/support/failingNew.h"
+#include "tests/support/faults.h"
 #include "tests/support/smallFileSystem.h"
 
 namespace ObjectStore {
@@ -108,8 +108,11 @@ TEST_F(VolumeTest, TheRotationFollowsEachChange) {
   testing::internal::CaptureStdout();
   printFreeSpaceList({&printed});
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "free space list\n/a free=7\n");
-  for (const Change change : {drop, disable, enable}) {
+  for (const auto& [change, line] : {std::pair{drop, "Removing volume: nowhere"},
+                                     {disable, "disable new segments: nowhere"},
+                                     {enable, "enable new segments: nowhere"}}) {
     EXPECT_EQ(outcome((*cache.*change)("nowhere")), "ENOENT");
+    EXPECT_TRUE(log.has(LogLevel::Info, line));
     EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Can't disable new segment nowhere"});
   }
   EXPECT_EQ((cache->removeAllVolumes(), choose(1)), Indexes{0});
@@ -139,6 +142,7 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
   put("abcdef", std::string(1 << 20, 'x'));
   fs::remove_all(volumes[2]);
   EXPECT_EQ(choose(2), (Indexes{0, 0}));
+  EXPECT_TRUE(log.has(LogLevel::NoSpace, "Can't get free space for " + volumes[2] + " (2)"));
   EXPECT_EQ(cache->refreshCacheUtilizationData(), 0);
   EXPECT_EQ(log.takeTexts(LogLevel::Error),
             (Texts{"Can't get free bytes " + volumes[2] + " (2)",

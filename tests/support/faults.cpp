@@ -18,6 +18,7 @@
 #include <ctime>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -249,6 +250,13 @@ extern "C" int __wrap_pthread_cond_clockwait(pthread_cond_t* changed, pthread_mu
   auto longest = g_longestWait.load();
   while (wait > longest && !g_longestWait.compare_exchange_weak(longest, wait)) continue;
   return __real_pthread_cond_clockwait(changed, mutex, clock, until);
+}
+
+// operator new; a sanitizer's stays in its place.
+extern "C" void* __real__Znwm(size_t size);
+extern "C" void* __wrap__Znwm(size_t size) {
+  if (FailingNew::s_left > 0 && --FailingNew::s_left == 0) throw std::bad_alloc();
+  return __real__Znwm(size);
 }
 
 // std::thread starts here: its state comes as a pointer to the owning pointer, and it reports by exception.

@@ -47,4 +47,16 @@ class FaultPlan {
   void clearFaults();  // also those to come
 };
 
+// While it lives, the nth allocation from now on (1 is the next) that this thread makes in our own objects
+// throws std::bad_alloc.
+class FailingNew {
+ public:
+  explicit FailingNew(size_t nth) { s_left = nth; }
+  ~FailingNew() { s_left = 0; }
+  FailingNew& operator=(FailingNew&&) = delete;
+  bool happened() const { return s_left == 0; }
+
+  static inline thread_local size_t s_left = 0;  // up to and with the one that fails; 0: none fails
+};
+
 }  // namespace ObjectStore

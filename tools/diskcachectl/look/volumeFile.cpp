@@ -58,7 +58,7 @@ VolumeFile readVolumeFile(const std::string& root) {
   VolumeFile file;
   std::string content;
   file.isThere = readOwnFile(root, "volume_info", content);
-  std::map<VolIndex, std::string> volumes;
+  std::map<VolIndex, std::string> volumes;  // of one index the last counts, as in the cache
   size_t number = 0;
   for (std::string_view rest = content; !rest.empty();) {
     std::string_view line = takeLine(rest);
@@ -69,7 +69,7 @@ VolumeFile readVolumeFile(const std::string& root) {
     if (index == 0 || comma == 0) {
       file.problems.push_back(
           fmt::format("{}/volume_info:{}: no directory,index: \"{}\"", root, number, line));
-    } else if (!volumes.try_emplace(index, line.substr(0, comma)).second) {
+    } else if (!volumes.insert_or_assign(index, line.substr(0, comma)).second) {
       file.problems.push_back(fmt::format("{}/volume_info:{}: index {} again", root, number, index));
     }
   }
