@@ -17,7 +17,7 @@ using ClientFaultTest = ClientTest;
 constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
 
 TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
-  ObjectCacheOptions chosen = options(2);
+  chosen = options(2);
   chosen.maxBytes = 6 * (SMALL_BLOCK + 8192);
   const auto script = [&](int run) {
     const std::string key = "key" + std::to_string(run);
@@ -26,7 +26,7 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
     EXPECT_EQ(read(key, SIZE, 70000, 1000), "right") << run;
     EXPECT_EQ(readAll("next" + std::to_string(run), SIZE), "right") << run;  // evicts
   };
-  start(chosen);
+  start();
   std::set<std::string> calls;
   {
     FaultPlan plan;
@@ -54,25 +54,21 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
   }
   EXPECT_GT(cache->metrics().refusedByDisk, 0U);
   // What the faults left behind is found by the next start, and counted.
-  start(chosen);
+  start();
   EXPECT_LE(cache->metrics().usedBytes, chosen.maxBytes);
   script(0);
 }
 
 // Anywhere, in place and at any moment, also below descriptors that are open.
 TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
-  ObjectCacheOptions chosen = options();
   chosen.blockSize = 2 * SMALL_BLOCK;  // so that a second chunk is damaged too
   chosen.hotBlocks = 16;
   chosen.maxHotBytes = 17 * 1024;
-  start(chosen);
-  constexpr size_t OBJECTS = 20;
-  const auto sizeOf = [](size_t object) { return object * object * 400 + 1; };
+  start();
   std::minstd_rand random(3);
   const size_t reads = soaked(2000);
   for (size_t i = 0; i < reads; ++i) {
-    const size_t object = random() % OBJECTS, size = sizeOf(object);
-    const size_t from = random() % size;
+    const size_t object = random() % 20, size = object * object * 400 + 1, from = random() % size;
     ASSERT_EQ(read(std::to_string(object), size, from, random() % 70000), "right") << i;
     if (i % 2 == 0) continue;
     const std::vector<std::string> all = files();
@@ -115,7 +111,7 @@ TEST_F(ClientFaultTest, WhateverStandsInABlocksPlace) {
 }
 
 TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
-  ObjectCacheOptions chosen = options(2);
+  chosen = options(2);
   chosen.maxBytes = 20 * SMALL_BLOCK;
   const std::string told = dir / "told";  // the keys that the children have staged
   const auto live = [&](unsigned life) {
@@ -145,7 +141,7 @@ TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
     chosen.maxBytes = (20 + 4 * staged.size()) * SMALL_BLOCK;
   }
   EXPECT_GT(staged.size(), 10U);
-  start(chosen);
+  start();
   EXPECT_GE(cache->staged().objects, staged.size());
   asked();
   for (const std::string& key : staged) EXPECT_EQ(readAll(key, SIZE), "right") << key;
