@@ -179,6 +179,7 @@ TEST_F(ClientReadTest, MemoryKeepsOnlyBytesThatAreRightAndCostsNoAllocation) {
       damage();
     }
     for (int i = 0; i < 4; ++i) EXPECT_EQ(readAll(key, 300), "right");
+    EXPECT_EQ(outcome(cache->pin(key, "v", 0).error), "success") << "mended";
     EXPECT_EQ(asked(), 3U);
     EXPECT_EQ(cache->metrics().hotBytes, 364U);
     EXPECT_EQ(stage(key, 400), "success");
