@@ -18,6 +18,7 @@ class BlockSet {
   void erase(const BlockId& block);
   std::optional<VolIndex> find(const BlockId& block);
   bool contains(const BlockId& block) { return find(block).has_value(); }
+  bool isEmpty() const { return m_size.load(std::memory_order_relaxed) == 0; }
 
   // Is in a set while it lives, or until somebody takes it out.
   class Member {

@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 #include "client/descriptor.h"
 #include "client/volumeMarkers.h"
@@ -69,21 +72,33 @@ std::optional<BlockTrailer> readTrailer(int fd, const SectionPlace& place) {
   return decodeTrailer(bytes);
 }
 
-// Whether a block's file has all of its trailer, or may have, as far as it can be read. A kill cuts the file short,
-// and a power cut may leave zeros for what was not written.
-bool isFinished(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  struct stat status {};
-  SegmentHeader header;
-  if (file.fd < 0 || fstat(file.fd, &status) != 0) return true;
-  if (pread(file.fd, &header, sizeof header, 0) < 0) return true;
-  const auto size = static_cast<uint64_t>(status.st_size), at = header.sectionOffset[TRAILER_SECTION];
-  if (at == 0 || size <= SECTION_DESC_SIZE || at >= size - SECTION_DESC_SIZE) return false;
-  SectionDesc front;
-  uint64_t end = 0;  // the trailer's own checksum
-  if (pread(file.fd, &front, sizeof front, static_cast<off_t>(at)) < 0) return true;
-  if (pread(file.fd, &end, sizeof end, static_cast<off_t>(size - sizeof end)) < 0) return true;
-  return front.len <= size - at - SECTION_DESC_SIZE && end != 0;
+bool isOf(const BlockTrailer& trailer, const BlockId& id) {
+  return trailer.number == id.number && objectIdOf(trailer.key, trailer.version) == id.object;
+}
+
+// Where a trailer's record may begin, by its magic number, the last one first; what is meant to mislead is not followed
+// for long.
+std::vector<uint64_t> recordsIn(std::span<const std::byte> tail) {
+  constexpr size_t MOST = 8;
+  const std::string_view text(reinterpret_cast<const char*>(tail.data()), tail.size());
+  std::vector<uint64_t> places;
+  for (size_t at = text.rfind(TRAILER_MAGIC);
+       at != text.npos && at >= SECTION_DESC_SIZE && places.size() < MOST;
+       at = text.rfind(TRAILER_MAGIC, at - 1))
+    places.push_back(at - SECTION_DESC_SIZE);
+  return places;
+}
+
+// 0, or why not; a disk's error may come late.
+int readAll(int fd, std::span<std::byte> to, uint64_t from) {
+  while (!to.empty()) {
+    errno = 0;
+    const ssize_t got = pread(fd, to.data(), to.size(), static_cast<off_t>(from));
+    if (got <= 0) return errno != 0 ? errno : EIO;
+    from += static_cast<uint64_t>(got);
+    to = to.subspan(static_cast<size_t>(got));
+  }
+  return 0;
 }
 
 unsigned char* plain(std::byte* bytes) { return reinterpret_cast<unsigned char*>(bytes); }
@@ -187,12 +202,54 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   return {Found::Whole, std::move(block), opened.read};
 }
 
+// Of a block that can't be opened. The header is written first, and the front of the trailer's record last: a kill leaves
+// that away, and a power cut may leave zeros for either or for the trailer's end. A damaged number does not hide the
+// record: it is looked for, too.
+BlockStore::Adopted BlockStore::salvage(const std::string& path, const BlockId& id) {
+  SegmentHeader header;
+  struct stat status {};
+  errno = 0;
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (file.fd < 0 || fstat(file.fd, &status) != 0) return {.errNo = errno};
+  const auto size = static_cast<uint64_t>(status.st_size);
+  if (size <= sizeof header) return {Adopted::Unfinished};
+  const uint64_t tailAt = size - std::min(size - sizeof header, SECTION_DESC_SIZE + MAX_TRAILER_SIZE);
+  std::vector<std::byte> tail(size - tailAt);
+  if (const int rc = readAll(file.fd, std::as_writable_bytes(std::span(&header, 1)), 0); rc != 0)
+    return {.errNo = rc};
+  if (const int rc = readAll(file.fd, tail, tailAt); rc != 0) return {.errNo = rc};
+
+  const bool isWritten = header.magic != 0 || header.version != 0;
+  bool isFinished = isWritten && (header.magic != DISK_CACHE_MAGIC || header.version != DISK_CACHE_VERSION);
+  auto places = recordsIn(tail);
+  places.push_back(header.sectionOffset[TRAILER_SECTION] - tailAt);
+  for (const uint64_t at : places) {
+    if (at >= tail.size() || tail.size() - at <= SECTION_DESC_SIZE) continue;
+    SectionDesc front;
+    std::memcpy(&front, &tail[at], sizeof front);
+    if (front.type == 0 && front.subType == 0 && front.len == 0) continue;
+    const auto bytes = std::span(tail).subspan(at + SECTION_DESC_SIZE);
+    if (auto trailer = decodeTrailer(bytes); trailer && isOf(*trailer, id))
+      return {Adopted::Damaged, std::move(trailer)};
+    const auto end = bytes.last(std::min(bytes.size(), sizeof(uint64_t)));
+    const bool hasEnd =
+        std::any_of(end.begin(), end.end(), [](std::byte byte) { return byte != std::byte{}; });
+    isFinished = isFinished || (front.len == bytes.size() && hasEnd);
+  }
+  return {isFinished ? Adopted::Damaged : Adopted::Unfinished};
+}
+
 BlockStore::Adopted BlockStore::adoptStaged(const BlockId& id, VolIndex volume) {
   m_room.staged.insert(id, volume);
   const guid_t name = blockName(id);
   auto trailer = openFile(contextOf(Place::Staged, volume), name, {}).trailer;
-  const bool isWhole = trailer || isFinished(m_engine.guid2path(name, volume, STAGED_DIR));
-  return {std::move(trailer), isWhole};
+  if (trailer && isOf(*trailer, id)) return {Adopted::Whole, std::move(trailer)};
+  return salvage(m_engine.guid2path(name, volume, STAGED_DIR), id);
+}
+
+void BlockStore::keepStaged(const BlockId& id, VolIndex volume, VolIndex other) {
+  m_room.remove(blockName(id), other, STAGED_DIR);
+  m_room.staged.insert(id, volume);
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {
@@ -292,22 +349,25 @@ void BlockStore::drop(const BlockId& id) {
 }
 
 int BlockStore::release(const BlockId& id, Durable durable) {
-  const auto volume = m_room.staged.find(id);
-  if (!volume) return 0;
-  const DiskCacheContext context = contextOf(Place::Staged, *volume);
-  const CZuError error = m_engine.moveToPrunable(context, blockName(id));
-  if (error.IsError()) return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : EIO;
-  m_room.staged.erase(id);
-  (void)m_engine.remember(contextOf(Place::Prunable, *volume),
-                          blockName(id));  // it fails for want of memory: the next start finds the block
-  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(blockName(id), *volume, STAGED_DIR))
-                                 : 0;
+  const guid_t name = blockName(id);
+  VolIndex volume = 0;
+  if (const auto staged = m_room.staged.find(id)) {
+    volume = *staged;
+    const CZuError error = m_engine.moveToPrunable(contextOf(Place::Staged, volume), name);
+    if (error.IsError()) return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : EIO;
+    if (!m_volumes.isThere(volume)) return EIO;
+    m_room.staged.erase(id);
+    (void)m_engine.remember(contextOf(Place::Prunable, volume),
+                            name);  // it fails for want of memory: the next start finds the block
+  } else if (!m_engine.findVolume(name, volume)) {
+    return 0;
+  }
+  return durable == Durable::Yes ? syncDirectoryOf(m_engine.guid2path(name, volume, STAGED_DIR)) : 0;
 }
 
 int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   const auto volume = m_room.staged.find(id);
   if (!volume) return 0;
-  m_hot.erase(id);
   const guid_t name = blockName(id);
   const std::string path = m_engine.guid2path(name, *volume, STAGED_DIR);
   m_room.remove(name, *volume, STAGED_DIR);
@@ -315,7 +375,9 @@ int BlockStore::discardStaged(const BlockId& id, Durable durable) {
   errno = 0;
   if (lstat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR))
     return errno != 0 ? errno : EIO;
+  if (!m_volumes.isThere(*volume)) return EIO;  // and what lies there comes back with it
   m_room.staged.erase(id);
+  m_hot.erase(id);  // who found it staged until now may have entered it
   return durable == Durable::Yes ? syncDirectoryOf(path) : 0;
 }
 

@@ -57,18 +57,24 @@ class BlockStore {
   // Whether the block may be there, from memory alone.
   bool isKnown(const BlockId& id);
   bool isStaged(const BlockId& id) { return m_room.staged.contains(id); }
+  bool isAnythingStaged() const { return !m_room.staged.isEmpty(); }
 
   // Writes a block; 0, or why not, with nothing left behind.
   int store(const BlockContent& content, Place place);
   // Removes a block wherever it lies, but not a staged one.
   void drop(const BlockId& id);
 
+  // What is staged under a block's name: Unfinished as a kill or a power cut leaves it, Unknown when the disk does not
+  // tell (`errNo`). The trailer is there when it is Whole, and may be when it is Damaged.
   struct Adopted {
-    std::optional<BlockTrailer> trailer;  // when it can be read
-    bool isFinished;                      // or may be, where a disk's error or damage hides it
+    enum State { Whole, Damaged, Unfinished, Unknown } state = Unknown;
+    std::optional<BlockTrailer> trailer{};
+    int errNo = 0;
   };
-  // A block found in the staging place at the start.
+  // A block found in the staging place at the start. When it lies on two volumes the one adopted last counts, until it
+  // is said which one is kept; the other one goes then.
   Adopted adoptStaged(const BlockId& id, VolIndex volume);
+  void keepStaged(const BlockId& id, VolIndex volume, VolIndex other);
   enum class Durable { No, Yes };
   // Makes a staged block prunable; 0 or why not.
   int release(const BlockId& id, Durable durable);
@@ -77,6 +83,7 @@ class BlockStore {
 
  private:
   struct Opened;
+  static Adopted salvage(const std::string& path, const BlockId& id);
   Opened openFile(const DiskCacheContext& context, const guid_t& name, std::span<std::byte> front);
   bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
   Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,

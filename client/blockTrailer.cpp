@@ -11,7 +11,7 @@ namespace ObjectStore {
 
 namespace {
 
-constexpr uint32_t MAGIC = 0x5442434f;  // "OCBT"
+constexpr uint32_t MAGIC = 0x5442434f;  // TRAILER_MAGIC
 constexpr size_t FIXED_SIZE = 56;
 constexpr size_t CHECKSUM_SIZE = sizeof(uint64_t);
 

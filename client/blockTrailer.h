@@ -37,6 +37,7 @@
 
 namespace ObjectStore {
 
+inline constexpr std::string_view TRAILER_MAGIC = "OCBT";
 inline constexpr uint16_t TRAILER_FORMAT = 1;
 inline constexpr int32_t PAYLOAD_SECTION = 0;
 inline constexpr int32_t TRAILER_SECTION = 1;

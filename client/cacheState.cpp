@@ -28,6 +28,9 @@ uint64_t protectedBlocks(const std::vector<std::string>& dirs, uint64_t blockSiz
   return std::clamp(capacity / SHARE / blockSize, LEAST, MOST);
 }
 
+// What passes by itself: a start that left staged objects out for it would hide them.
+bool isOfThisProcess(int errNo) { return errNo == EMFILE || errNo == ENFILE || errNo == ENOMEM; }
+
 }  // namespace
 
 CZuError keyError(const RMCodeLocation& where, int errNo, std::string_view key, const char* what) {
@@ -45,7 +48,8 @@ OpenCache::OpenCache(const ObjectCacheOptions& chosen, Metrics& counters, Volume
       room(*engine, volumes, account, hot, counters, chosen),
       store(*engine, volumes, account, hot, verified, room, counters, chosen),
       writeBack(store, flights, counters, chosen),
-      uses(chosen.useWindow) {}
+      uses(chosen.useWindow),
+      m_markers(markers) {}
 
 OpenCache::~OpenCache() {
   writeBack.stop();
@@ -110,35 +114,47 @@ void OpenCache::enterBlocks() {
 CZuError OpenCache::enterStaged() {
   std::unordered_map<ObjectId, std::vector<FoundBlock>, HashOfObject> objects;
   std::vector<FoundBlock> found;
-  bool sawAll = volumes.size() == options.volumes.size();
-  for (const VolumeRoot& root : volumes.roots())
-    sawAll = findBlocks(root.dir + '/' + STAGED_DIR, root.index, found, {}) && sawAll;
+  bool sawAll = m_markers.areAllClaimed();
+  for (const VolumeRoot& root : volumes.roots()) {
+    const int rc = findBlocks(root.dir + '/' + STAGED_DIR, root.index, found, {});
+    if (isOfThisProcess(rc)) return keyError(RM_CODE_LOCATION, rc, root.dir, "can't be looked through");
+    sawAll = sawAll && rc == 0;
+  }
   engine->countFound(found.size());
   for (const FoundBlock& block : found) {
     account.add(block.volume, block.bytes);
     objects[block.id.object].push_back(block);
   }
-  for (const auto& [id, blocks] : objects) {
+  for (auto& [id, blocks] : objects) {
+    std::sort(blocks.begin(), blocks.end(), [](const auto& a, const auto& b) {
+      return std::pair(a.id.number, a.madeAt) < std::pair(b.id.number, b.madeAt);
+    });
     if (const CZuError error = enterStaged(blocks, sawAll); error.IsError()) return error;
   }
   return {};
 }
 
 // An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. Nothing goes
-// while that block may lie where nobody could look. One that lacks other bytes stays, for its volume or its disk to
+// while that block may lie where nobody could look: on a volume that is not there or not given. One that lacks other bytes stays, for its volume or its disk to
 // come back or for who gives it up.
-CZuError OpenCache::enterStaged(const std::vector<FoundBlock>& blocks, bool sawAll) {
+CZuError OpenCache::enterStaged(std::span<const FoundBlock> blocks, bool sawAll) {
   std::optional<BlockTrailer> known;
   bool isFirstThere = false;
   size_t whole = 0;
-  for (const FoundBlock& block : blocks) {
-    auto [trailer, isFinished] = store.adoptStaged(block.id, block.volume);
-    isFirstThere = isFirstThere || (block.id.number == 0 && isFinished);
+  for (auto at = blocks.begin(); at != blocks.end();) {
+    const auto end =
+        std::find_if(at, blocks.end(), [&](const auto& block) { return block.id.number != at->id.number; });
+    auto [state, trailer, errNo] = adoptOne({at, end});
+    if (isOfThisProcess(errNo)) {
+      return keyError(RM_CODE_LOCATION, errNo, blockName(at->id), "is staged and can't be looked at");
+    }
+    isFirstThere = isFirstThere || (at->id.number == 0 && state != BlockStore::Adopted::Unfinished);
+    whole += state == BlockStore::Adopted::Whole;
+    at = end;
     if (!trailer) continue;
     if (trailer->blockSize != options.blockSize) {
       return keyError(RM_CODE_LOCATION, EINVAL, trailer->key, "is staged in blocks of another size");
     }
-    ++whole;
     known = std::move(trailer);
   }
   if (!isFirstThere && sawAll) {
@@ -147,9 +163,30 @@ CZuError OpenCache::enterStaged(const std::vector<FoundBlock>& blocks, bool sawA
   }
   if (isFirstThere && known) writeBack.adopt(*known);
   if (!known || whole != blockCount(known->objectSize, options.blockSize)) {
-    DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", known ? known->key.c_str() : "?");
+    const guid_t name = known ? known->key : blockName(blocks.front().id);
+    DC_LOG(LogLevel::Error, "Error: a staged object [%s] is not whole", name.c_str());
   }
   return {};
+}
+
+// Copies of one block on several volumes, the newest last: one was staged again while its volume was away. One that is
+// whole is enough.
+BlockStore::Adopted OpenCache::adoptOne(std::span<const FoundBlock> copies) {
+  using Adopted = BlockStore::Adopted;
+  Adopted best;
+  const FoundBlock* kept = nullptr;
+  for (const FoundBlock& copy : copies) {
+    Adopted adopted = store.adoptStaged(copy.id, copy.volume);
+    if (isOfThisProcess(adopted.errNo)) return adopted;
+    const bool isBetter = kept == nullptr || adopted.state == Adopted::Whole || best.state != Adopted::Whole;
+    const bool isOneEnough = adopted.state == Adopted::Whole || best.state == Adopted::Whole;
+    if (kept != nullptr && isOneEnough)
+      store.keepStaged(copy.id, (isBetter ? copy : *kept).volume, (isBetter ? *kept : copy).volume);
+    if (!isBetter) continue;
+    best = std::move(adopted);
+    kept = &copy;
+  }
+  return best;
 }
 
 }  // namespace ObjectStore

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -45,7 +46,10 @@ struct OpenCache {
   CZuError startEngine(const std::vector<std::string>& dirs);
   void enterBlocks();
   CZuError enterStaged();
-  CZuError enterStaged(const std::vector<FoundBlock>& blocks, bool sawAll);  // of one object
+  CZuError enterStaged(std::span<const FoundBlock> blocks, bool sawAll);  // of one object
+  BlockStore::Adopted adoptOne(std::span<const FoundBlock> copies);
+
+  const VolumeMarkers& m_markers;
 };
 
 // An error of this place whose message names the key.

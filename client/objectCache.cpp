@@ -192,7 +192,7 @@ void ObjectCache::setMaxBytes(uint64_t bytes) {
 CZuError ObjectCache::moveVolume(const std::string& volume, const std::string& destination) try {
   if (!m_state->cache) return keyError(RM_CODE_LOCATION, EBADF, volume, "the cache is not open");
   const std::unique_lock alone(m_state->moving, std::try_to_lock);
-  if (!alone || staged().objects > 0)
+  if (!alone || m_state->cache->store.isAnythingStaged())
     return keyError(RM_CODE_LOCATION, EBUSY, volume, "something is staged, or another volume is moved");
   if (volume.empty() || destination.empty())
     return keyError(RM_CODE_LOCATION, EINVAL, volume, "needs a destination");

@@ -199,8 +199,8 @@ class DISKCACHE_EXPORT ObjectCache {
 
   // Takes root and volumes and finds what is on them. EBUSY: another process or cache has the root, a volume
   // belongs to another cache or was moved to another directory, or a volume's move is not finished; EEXIST: one
-  // volume given twice; EINVAL: options that make no sense, or staged objects of another block size. After an error
-  // the cache is closed.
+  // volume given twice; EINVAL: options that make no sense, or staged objects of another block size; EMFILE,
+  // ENFILE, ENOMEM: staged objects that can't be looked at for want of these. After an error the cache is closed.
   CZuError open();
   // Ends the flush workers, each after the upload it is at, and gives root and volumes back.
   void close();
@@ -225,7 +225,8 @@ class DISKCACHE_EXPORT ObjectCache {
   void drop(std::string_view key, std::string_view version, uint64_t objectSize);
 
   // Returns when the object is durable on disk, in the place that pruning leaves alone; it can be read at once.
-  // Success when it is staged already. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
+  // Success when it is staged already and can be read; one that is damaged, or only waits for its release, is staged
+  // anew. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
   // is left.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});

@@ -44,14 +44,14 @@ class Walk {
     }
     if (errno != 0) leaveOut("the rest of", name);
   }
-  bool sawAll() const { return m_sawAll; }
+  int error() const { return m_error; }
 
  private:
   // What has gone, or never was what it seemed, is no loss.
   void leaveOut(const char* what, const char* name) {
     const int rc = errno;
     const bool isExpected = rc == ENOENT || rc == ENOTDIR;
-    m_sawAll = m_sawAll && isExpected;
+    if (!isExpected && (m_error == 0 || rc != EIO)) m_error = rc;
     DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't read %s [%s] (%d)", what, name, rc);
   }
   void enter(int dir, const char* name) {
@@ -67,16 +67,16 @@ class Walk {
   const VolIndex m_volume;
   std::vector<FoundBlock>& m_out;
   const std::function<void(uint64_t)>& m_progress;
-  bool m_sawAll = true;
+  int m_error = 0;
 };
 
 }  // namespace
 
-bool findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
-                const std::function<void(uint64_t)>& progress) {
+int findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
+               const std::function<void(uint64_t)>& progress) {
   Walk walk(volume, out, progress);
   walk.visit(AT_FDCWD, dir.c_str(), NUM_DIR_LEVELS);
-  return walk.sawAll();
+  return walk.error();
 }
 
 }  // namespace ObjectStore

@@ -18,9 +18,9 @@ struct FoundBlock {
 };
 
 // Appends every block below `dir`, a volume's directory of blocks; calls `progress` now and then with how many
-// there are by now. False when there may be more: a directory is missing and holds none, but one that cannot be read
-// is logged and left out.
-bool findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
-                const std::function<void(uint64_t)>& progress);
+// there are by now. A directory that is missing holds none; what cannot be read is logged and left out, and the result
+// is such an error's number, EIO only where there was no other, or 0.
+int findBlocks(const std::string& dir, VolIndex volume, std::vector<FoundBlock>& out,
+               const std::function<void(uint64_t)>& progress);
 
 }  // namespace ObjectStore

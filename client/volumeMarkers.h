@@ -43,6 +43,8 @@ class VolumeMarkers {
   void forgetMove() const;
   // Returns when the engine has removed it itself, also from the disk, or does not within ten seconds.
   void awaitEndOfMove() const;
+  // Whether no volume is missing of those that the root knows.
+  bool areAllClaimed() const { return m_claimed.size() == m_known.size(); }
   // A claimed volume lies in another directory now.
   void follow(const std::string& from, const std::string& to);
 

@@ -1,7 +1,9 @@
 #include "client/writeBack.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <new>
 
 #include "client/cacheState.h"
 #include "client/waitable.h"
@@ -35,8 +37,9 @@ class WriteBack::Object final : public StagedObject {
   uint32_t blocks() const { return static_cast<uint32_t>(blockCount(size, m_owner.m_options.blockSize)); }
 
   const ObjectId id;
-  std::chrono::seconds pause{0};  // before the next try; belongs to the worker that has the object
-  bool isClaimed = false;         // belongs to the owner's lock
+  std::chrono::seconds pause{0};        // before the next try; belongs to the worker that has the object
+  std::atomic<bool> isUploaded{false};  // and only to be made prunable
+  bool isClaimed = false;               // belongs to the owner's lock
 
  private:
   WriteBack& m_owner;
@@ -104,6 +107,25 @@ void WriteBack::unclaim(Object& object, bool isStagedStill) {
   m_changed.notify_all();
 }
 
+class WriteBack::Claim {
+ public:
+  Claim(WriteBack& owner, Object& object) : m_owner(owner), m_object(object), m_isHeld(owner.claim(object)) {}
+  ~Claim() {
+    if (m_isHeld) m_owner.unclaim(m_object, isStagedStill);
+  }
+  Claim(const Claim&) = delete;
+  Claim& operator=(const Claim&) = delete;
+
+  explicit operator bool() const { return m_isHeld; }
+
+  bool isStagedStill = true;
+
+ private:
+  WriteBack& m_owner;
+  Object& m_object;
+  const bool m_isHeld;
+};
+
 // All blocks are this thread's before it changes the first one: nobody fetches or drops one meanwhile. They are
 // taken in order, so two that want those of one object do not wait for each other.
 std::vector<std::unique_ptr<Flights::Flight>> WriteBack::takeBlocks(const Object& object) {
@@ -117,12 +139,21 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
                           const Metadata& metadata) {
   const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, Clock::now());
   const auto flights = takeBlocks(*object);
-  if (find(key, version)) return {};
-  if (const int rc = storeBlocks(*object, bytes); rc != 0) {
-    (void)discardBlocks(*object);
-    return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
+  if (const ObjectPointer known = find(key, version)) {
+    if (isWaiting(*known)) return {};
+    const CZuError error = discard(*known);
+    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) return error;
   }
-  enter(object);
+  try {
+    if (const int rc = storeBlocks(*object, bytes); rc != 0) {
+      (void)discardBlocks(*object);
+      return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
+    }
+    enter(object);
+  } catch (...) {
+    (void)discardBlocks(*object);
+    throw;
+  }
   m_metrics.add(Count::stagedObjects);
   return {};
 }
@@ -131,7 +162,9 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
   const uint64_t blockSize = m_options.blockSize;
   for (uint32_t number = object.blocks(); number-- > 0;) {
     const BlockId id{object.id, number};
-    m_store.drop(id);  // the prunable copy
+    // One that a start could not tell the object of, and the prunable copy.
+    if (const int rc = m_store.discardStaged(id, BlockStore::Durable::No); rc != 0) return rc;
+    m_store.drop(id);
     const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
     const BlockContent content{id, object.key, object.version, object.size, object.metadata, payload};
     if (const int rc = m_store.store(content, BlockStore::Place::Staged); rc != 0) return rc;
@@ -142,10 +175,25 @@ int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
 CZuError WriteBack::discard(std::string_view key, std::string_view version) {
   const ObjectPointer object = find(key, version);
   const auto flights = object ? takeBlocks(*object) : std::vector<std::unique_ptr<Flights::Flight>>();
-  if (!object || !claim(*object)) return keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
-  const int rc = discardBlocks(*object);
-  unclaim(*object, m_store.isStaged({object->id, 0}));
-  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, key, "can't be given up");
+  return object ? discard(*object) : keyError(RM_CODE_LOCATION, ENOENT, key, "is not staged");
+}
+
+CZuError WriteBack::discard(Object& object) {
+  Claim claim(*this, object);
+  if (!claim) return keyError(RM_CODE_LOCATION, ENOENT, object.key, "is not staged");
+  const int rc = discardBlocks(object);
+  claim.isStagedStill = m_store.isStaged({object.id, 0});
+  return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be given up");
+}
+
+bool WriteBack::isWaiting(const Object& object) {
+  if (object.isUploaded) return false;
+  std::vector<std::byte> piece(std::min<uint64_t>(object.size, m_options.blockSize));
+  for (uint64_t at = 0; at < object.size; at += piece.size()) {
+    piece.resize(std::min<uint64_t>(object.size - at, m_options.blockSize));
+    if (object.read(at, piece).IsError()) return false;
+  }
+  return true;
 }
 
 // A block that stays behind the first one goes at the next start.
@@ -177,11 +225,16 @@ void WriteBack::adopt(const BlockTrailer& first) {
 
 void WriteBack::enter(ObjectPointer object) {
   const KxCriticalSectionLock lock(&m_lock);
-  m_bytes += object->size;
-  m_ages.insert(object->stagedAt);
-  m_due.emplace(object->stagedAt, object);
   const std::string_view key = object->key;
-  m_objects.emplace(key, std::move(object));
+  const auto age = m_ages.insert(object->stagedAt);
+  try {
+    m_due.emplace(object->stagedAt, object);
+    m_objects.emplace(key, object);
+  } catch (...) {
+    m_ages.erase(age);
+    throw;
+  }
+  m_bytes += object->size;
   m_changed.notify_all();
 }
 
@@ -189,9 +242,8 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
   const Clock::time_point began = Clock::now();
   if (parallel == 0) {
     CZuError first;
-    while (const ObjectPointer object = take(true, began)) {
-      const CZuError error = uploadOne(*object, upload);
-      if (error.IsError()) tryLater(object);
+    while (Queue::node_type object = take(true, began)) {
+      const CZuError error = takeTurn(std::move(object), upload);
       if (error.IsError() && !first.IsError()) first = error;
     }
     return first;
@@ -212,23 +264,31 @@ CZuError WriteBack::flush(Upload upload, unsigned parallel) {
 }
 
 void WriteBack::work(const Upload& upload) {
-  while (const ObjectPointer object = take(false, {})) {
-    if (uploadOne(*object, upload).IsError()) tryLater(object);
-  }
+  while (Queue::node_type object = take(false, {})) (void)takeTurn(std::move(object), upload);
 }
 
-WriteBack::ObjectPointer WriteBack::take(bool isSinglePass, Clock::time_point passBegan) {
+CZuError WriteBack::takeTurn(Queue::node_type&& object, const Upload& upload) {
+  CZuError error;
+  try {
+    error = uploadOne(*object.mapped(), upload);
+  } catch (const std::bad_alloc&) {
+    error = RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
+  }
+  if (error.IsError()) tryLater(std::move(object));
+  return error;
+}
+
+WriteBack::Queue::node_type WriteBack::take(bool isSinglePass, Clock::time_point passBegan) {
   const KxCriticalSectionLock lock(&m_lock);
   Waitable waitable{m_lock};
   while (!m_stop) {
     const Clock::time_point now = isSinglePass ? passBegan : Clock::now();
     if (!m_due.empty() && m_due.begin()->first <= now) {
-      ObjectPointer object = std::move(m_due.begin()->second);
-      m_due.erase(m_due.begin());
-      if (positionLocked(*object) == m_objects.end()) continue;
+      Queue::node_type object = m_due.extract(m_due.begin());
+      if (positionLocked(*object.mapped()) == m_objects.end()) continue;
       return object;
     }
-    if (isSinglePass) return nullptr;
+    if (isSinglePass) return {};
     if (m_due.empty()) {
       m_changed.wait(waitable);
     } else {
@@ -236,17 +296,19 @@ WriteBack::ObjectPointer WriteBack::take(bool isSinglePass, Clock::time_point pa
       m_changed.wait_until(waitable, due);
     }
   }
-  return nullptr;
+  return {};
 }
 
+// What the store has is not given to it again: others may have changed it there since.
 CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
   CZuError error;
   try {
-    error = upload(object);
+    if (!object.isUploaded) error = upload(object);
+    object.isUploaded = !error.IsError();
+    if (object.isUploaded) error = makePrunable(object);
   } catch (...) {
     error = keyError(RM_CODE_LOCATION, EIO, object.key, "the upload threw");
   }
-  if (!error.IsError()) error = makePrunable(object);
   if (!error.IsError() || !isStaged(object)) return {};
   m_metrics.add(Count::failedUploads);
   DC_LOG(LogLevel::Error, "Error: upload of [%s] failed: %s", object.key.c_str(), error.AsString().c_str());
@@ -254,10 +316,11 @@ CZuError WriteBack::uploadOne(Object& object, const Upload& upload) {
 }
 
 CZuError WriteBack::makePrunable(Object& object) {
-  if (!claim(object)) return {};
+  Claim claim(*this, object);
+  if (!claim) return {};
   const int rc = release(object);
   if (rc == 0) m_metrics.add(Count::uploadedObjects);  // before anybody sees that it is done
-  unclaim(object, rc != 0);
+  claim.isStagedStill = rc != 0;
   return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be made prunable");
 }
 
@@ -271,10 +334,12 @@ int WriteBack::release(const Object& object) {
   return 0;
 }
 
-void WriteBack::tryLater(const ObjectPointer& object) {
+void WriteBack::tryLater(Queue::node_type&& object) {
   const KxCriticalSectionLock lock(&m_lock);
-  object->pause = std::clamp(object->pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
-  m_due.emplace(Clock::now() + object->pause, object);
+  std::chrono::seconds& pause = object.mapped()->pause;
+  pause = std::clamp(pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
+  object.key() = Clock::now() + pause;
+  m_due.insert(std::move(object));
   m_changed.notify_all();
 }
 

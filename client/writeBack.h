@@ -45,26 +45,32 @@ class WriteBack {
  private:
   using Clock = std::chrono::system_clock;
   class Object;
+  class Claim;
   using ObjectPointer = std::shared_ptr<Object>;
-
   using Objects = std::unordered_multimap<std::string_view, ObjectPointer>;
 
   ObjectPointer find(std::string_view key, std::string_view version);
   bool isStaged(const Object& object);  // once nobody has a claim
   Objects::iterator positionLocked(const Object& object) DC_REQUIRES(m_lock);
   // Makes this thread the only one that makes it prunable or discards it, until unclaim(); false when it is
-  // staged no more.
+  // staged no more. A Claim calls both.
   bool claim(Object& object);
   void unclaim(Object& object, bool isStagedStill);
   std::vector<std::unique_ptr<Flights::Flight>> takeBlocks(const Object& object);
+  // Whether the object is staged and of use: it can be read, and is not uploaded yet.
+  bool isWaiting(const Object& object);
   int storeBlocks(Object& object, std::span<const std::byte> bytes);
+  CZuError discard(Object& object);  // with all its blocks taken
   int discardBlocks(const Object& object);
   void enter(ObjectPointer object);
-  // The next object that is due, waited for unless in a single pass; null when there is none, or at the end.
-  ObjectPointer take(bool isSinglePass, Clock::time_point passBegan);
+  using Queue = std::multimap<Clock::time_point, ObjectPointer>;
+  // The next object that is due, waited for unless in a single pass; none when there is none, or at the end.
+  Queue::node_type take(bool isSinglePass, Clock::time_point passBegan);
+  // One turn of an object; it is due again when that fails, in whatever way.
+  CZuError takeTurn(Queue::node_type&& object, const Upload& upload);
   CZuError uploadOne(Object& object, const Upload& upload);
   CZuError makePrunable(Object& object);
-  void tryLater(const ObjectPointer& object);
+  void tryLater(Queue::node_type&& object);
   void work(const Upload& upload);
   int release(const Object& object);
 
@@ -78,7 +84,7 @@ class WriteBack {
   Objects m_objects DC_GUARDED_BY(m_lock);  // by their keys
   // Those that no worker has, by when they are to be tried: at first when they were staged. Those discarded stay
   // until then.
-  std::multimap<Clock::time_point, ObjectPointer> m_due DC_GUARDED_BY(m_lock);
+  Queue m_due DC_GUARDED_BY(m_lock);
   std::multiset<Clock::time_point> m_ages DC_GUARDED_BY(m_lock);
   uint64_t m_bytes DC_GUARDED_BY(m_lock) = 0;
   bool m_stop DC_GUARDED_BY(m_lock) = false;

@@ -76,13 +76,13 @@ TEST_F(ClientStageTest, FailedUploadsAreTriedAgainByWorkersThatCloseEnds) {
   EXPECT_EQ(stage("closed", 5), "EBADF");
 }
 
-// Of three blocks; a kill at each of its calls leaves the object whole or not staged.
+// A kill at each call leaves what is staged, and what is given up, whole or not there.
 TEST_F(ClientStageTest, WhatIsGivenUpStaysSoAndAKillLeavesAllOrNothing) {
   const size_t size = 3 * SMALL_BLOCK;
   bool isGivenUp = false;
   size_t whole = 0;
   for (size_t call = 1; !isGivenUp; ++call) {
-    ASSERT_LT(call, 100U);
+    ASSERT_LT(call, 200U);
     start();
     EXPECT_EQ(stage("key", size), "success");
     cache.reset();
@@ -91,7 +91,8 @@ TEST_F(ClientStageTest, WhatIsGivenUpStaysSoAndAKillLeavesAllOrNothing) {
       if (openWith(options()) != "success") _exit(1);
       FaultPlan plan;
       plan.killAt(call);
-      const bool isSuccess = !cache->discardStaged("key", "v").IsError();
+      const bool isSuccess =
+          stage("other", SMALL_BLOCK + 1) == "success" && !cache->discardStaged("key", "v").IsError();
       plan.clearFaults();
       _exit(isSuccess ? 0 : 1);
     }
@@ -100,13 +101,14 @@ TEST_F(ClientStageTest, WhatIsGivenUpStaysSoAndAKillLeavesAllOrNothing) {
     isGivenUp = WIFEXITED(status);
     EXPECT_TRUE(!isGivenUp || WEXITSTATUS(status) == 0);
     start();
-    const auto staged = cache->stagedObjects("key");
-    EXPECT_EQ(files("staged").size(), 3 * staged.size());
-    for (const auto& object : staged) EXPECT_EQ(outcome(upload(*object)), "success");
-    whole += staged.size();
-    EXPECT_FALSE(isGivenUp && !staged.empty());
+    const size_t isThere = cache->stagedObjects("key").size(), isNew = cache->stagedObjects("other").size();
+    EXPECT_EQ(files("staged").size(), 3 * isThere + 2 * isNew);
+    for (const auto& object : cache->stagedObjects()) EXPECT_EQ(outcome(upload(*object)), "success");
+    EXPECT_EQ(outcome(cache->discardStaged("other", "v")), isNew ? "success" : "ENOENT");
+    whole += isThere + isNew;
+    EXPECT_FALSE(isGivenUp && (isThere || !isNew));
   }
-  EXPECT_GT(whole, 0U);
+  EXPECT_GT(whole, 3U);
   FaultPlan plan;
   EXPECT_EQ(stage("key", size), "success");
   plan.failAlways("unlink", EIO);
@@ -147,6 +149,7 @@ TEST_F(ClientStageTest, AnUploadUnderWayCountsNoMoreWhenItsObjectIsGivenUp) {
 // The first of two blocks is damaged, or was never finished: then the object was never staged, and goes.
 TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
   const size_t size = SMALL_BLOCK + 1;
+  static constexpr size_t PAYLOAD = 136, TRAILER = PAYLOAD + 16 + SMALL_BLOCK;  // where their records begin
   const struct {
     const char* how;
     void (*change)(std::string& bytes);
@@ -154,9 +157,14 @@ TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
   } cases[] = {{"payload", [](auto& bytes) { bytes[1000] ^= 1; }, true},
                {"trailer", [](auto& bytes) { bytes.back() ^= 1; }, true},
                {"header", [](auto& bytes) { bytes.front() ^= 1; }, true},
+               {"the trailer's place", [](auto& bytes) { bytes[19] ^= 1; }, true},
+               {"the payload's length", [](auto& bytes) { bytes[PAYLOAD + 8] ^= 1; }, true},
+               {"the trailer's length", [](auto& bytes) { bytes[TRAILER + 9] ^= 1; }, true},
+               {"no front", [](auto& bytes) { bytes.replace(TRAILER, 16, 16, '\0'); }, false},
                {"cut", [](auto& bytes) { bytes.pop_back(); }, false},
                {"no trailer", [](auto& bytes) { bytes.resize(SMALL_BLOCK); }, false},
                {"zeros at its end", [](auto& bytes) { bytes.replace(bytes.size() - 8, 8, 8, '\0'); }, false},
+               {"first sector", [](auto& bytes) { bytes.replace(0, 512, 512, '\0'); }, true},
                {"zeros", [](auto& bytes) { bytes.assign(bytes.size(), '\0'); }, false}};
   std::string all(size, 'x');
   const auto take = [&](const StagedObject& object) {
@@ -179,21 +187,50 @@ TEST_F(ClientStageTest, AStagedBlockThatIsDamagedIsKeptForWhoCanSaveIt) {
       EXPECT_EQ(files("staged").size(), c.isKept ? 2U : 0U);
       EXPECT_EQ(outcome(cache->flush(take, 0)), c.isKept ? "EIO" : "success");
     }
-    EXPECT_EQ(outcome(cache->discardStaged("key", "v")), c.isKept ? "success" : "ENOENT");
+    EXPECT_EQ(stage("key", size), "success") << "by who has the right bytes still";
+    EXPECT_EQ(outcome(cache->flush(take, 0)), "success");
+    cache->drop("key", "v", size);
   }
-  // What a start could not look at is there at the next one.
-  EXPECT_EQ(stage("key", size), "success");
-  for (const char* call : {"preadv", "readdir"}) {
-    {
-      FaultPlan plan;
-      plan.failAlways(call, EIO);
-      EXPECT_EQ(openWith(options()), "success");
-      EXPECT_EQ(cache->staged().objects, 0U);
+}
+
+TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
+  const size_t size = SMALL_BLOCK + 1;
+  const ObjectCacheOptions both = options(2);
+  start(both);
+  const auto flushed = [&](const std::string& key) {
+    start(both);
+    EXPECT_EQ(cache->staged().objects, 1U) << key;
+    EXPECT_EQ(outcome(cache->flush([](const auto& object) { return upload(object); }, 0)), "success") << key;
+    EXPECT_TRUE(files("staged").empty());
+  };
+  for (const auto& volume : both.volumes) {
+    EXPECT_EQ(stage(volume, size), "success");
+    ObjectCacheOptions one = both;
+    one.volumes = {volume};
+    start(one);
+    flushed(volume);
+  }
+  for (const int errNo : {EIO, ENOMEM}) {
+    for (const std::string call : {"pread", "readdir"}) {
+      EXPECT_EQ(stage(call, size, std::to_string(errNo)), "success");
+      {
+        FaultPlan plan;
+        plan.failAlways(call, errNo);
+        if (call == "pread") plan.failAlways("preadv", errNo);
+        EXPECT_EQ(openWith(both), errNo == EIO ? "success" : "ENOMEM");
+        EXPECT_EQ(cache->staged().objects, 0U);
+      }
+      flushed(call);
     }
-    start();
-    EXPECT_EQ(outcome(cache->flush(take, 0)), "success") << call;
-    EXPECT_EQ(stage("key2", size), "success");
   }
+  // Staged again while its volume was away, and now it is back.
+  EXPECT_EQ(stage("key", 1000), "success");
+  cache.reset();
+  const std::string path = files("staged").at(0), there = dir / "vol1", other = dir / "vol2";
+  const bool isThere = path.starts_with(there);
+  const std::string copy = (isThere ? other : there) + path.substr(there.size());
+  writeFile(copy, readFile(path));
+  flushed("key");
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {

@@ -116,10 +116,15 @@ TEST_F(ServerWriteTest, WhatWasDeletedDoesNotComeBackAndWhatIsUnreadableForAWhil
 
 TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
   const std::tuple<std::string, std::string, std::string> cases[] = {
-      {"PUT", "?tagging", "A: b"},          {"POST", "", "A: b"},
-      {"POST", "?uploadId=1", "A: b"},      {"PUT", "", "If-Match: \"x\""},
-      {"PUT", "", "If-None-Match: *"},      {"PUT", "", "x-amz-acl: private"},
-      {"PUT", "", "x-amz-copy-source: /x"}, {"DELETE", "", "A: b"}};
+      {"PUT", "?tagging", "A: b"},
+      {"POST", "", "A: b"},
+      {"POST", "?uploadId=1", "A: b"},
+      {"PUT", "", "If-Match: \"x\""},
+      {"PUT", "", "If-None-Match: *"},
+      {"PUT", "", "x-amz-acl: private"},
+      {"PUT", "", "x-amz-copy-source: /x"},
+      {"PUT", "", "Content-Range: bytes 0-4/9"},
+      {"DELETE", "", "A: b"}};
   start(writeBack);
   store.restart("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
   std::vector<std::string> paths;
@@ -146,13 +151,40 @@ TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
     for (const int signal : {0, SIGKILL}) {
       fs::remove(store.files + "/k");
       ASSERT_EQ(put("/k", "old", {"x-amz-meta-n: 1"}).status, 200);
-      EXPECT_EQ(put("/k", bytes, {header}).status / 100, 2);
+      EXPECT_EQ(put(signal == 0 ? "/k" : "/k?X-Amz-Signature=x", bytes, {header}).status / 100, 2);
       EXPECT_NE(get("/k").header("x-amz-meta-n"), "1");
       if (signal != 0) restart(signal);
       expectUploaded("/k", bytes);
       EXPECT_EQ(get("/k").body, bytes) << header;
     }
   }
+}
+
+// As a kill leaves them that comes before the older one is given up.
+TEST_F(ServerWriteTest, OfTwoStagedOfAKeyTheOlderOneWaitsForTheOther) {
+  start(writeBack);
+  store.restart("if ($request_method = PUT) { return 503; }");
+  ASSERT_EQ(put("/k", "old").status, 200);
+  fs::copy(volume + "/staged", dir / "aside", fs::copy_options::recursive);
+  const time_t second = time(nullptr);
+  EXPECT_TRUE(eventually([&] { return time(nullptr) > second; }))
+      << "which tells the newer one after a restart";
+  ASSERT_EQ(put("/k", std::string(100'000, 'n')).status, 200);
+  server->end(SIGKILL);
+  for (const auto& entry : fs::recursive_directory_iterator(volume + "/staged")) {
+    if (!entry.path().string().ends_with("00000000")) continue;  // the first block
+    std::string bytes = readFile(entry.path());
+    bytes.back() ^= 1;
+    writeFile(entry.path(), bytes);
+  }
+  fs::copy(dir / "aside", volume + "/staged", fs::copy_options::recursive);
+  store.restart("");
+  start(writeBack);
+  EXPECT_TRUE(eventually([&] { return metric("diskcache_client_failed_uploads_total") >= 2; }));
+  EXPECT_FALSE(fs::exists(store.files + "/k"));
+  EXPECT_EQ(get("/k").status, 503);
+  EXPECT_EQ(put("/k", "right").status, 200);
+  expectUploaded("/k", "right");
 }
 
 TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {

@@ -48,7 +48,8 @@ struct ClientTest : ::testing::Test {
     cache = std::make_unique<ObjectCache>(given);
     return outcome(cache->open());
   }
-  void start() { ASSERT_EQ(openWith(chosen), "success"); }
+  void start(const ObjectCacheOptions& given) { ASSERT_EQ(openWith(given), "success"); }
+  void start() { start(chosen); }
 
   // The origin's answer for an object of `size` bytes.
   OriginAnswer answer(std::string_view key, std::string_view version, uint64_t size, uint64_t from,

@@ -85,9 +85,11 @@ AdminSocket::AdminSocket(const Address& address, Service& service, StartState& s
   m_thread = std::thread([this] { m_context.run(); });
 }
 
-AdminSocket::~AdminSocket() {
+AdminSocket::~AdminSocket() { stop(); }
+
+void AdminSocket::stop() {
   m_context.stop();
-  m_thread.join();
+  if (m_thread.joinable()) m_thread.join();
 }
 
 uint16_t AdminSocket::port() const { return m_acceptor.local_endpoint().port(); }

@@ -20,6 +20,8 @@ class AdminSocket {
   AdminSocket(const AdminSocket&) = delete;
   AdminSocket& operator=(const AdminSocket&) = delete;
 
+  // Once it has returned nothing is answered.
+  void stop();
   uint16_t port() const;
 
  private:

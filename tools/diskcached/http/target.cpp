@@ -59,9 +59,10 @@ void eachParameter(std::string_view query, F visit) {
   }
 }
 
-bool isOfSignature(std::string_view name, bool isOldKind) {
+bool isOfSignature(std::string_view name, std::string_view value, bool isOldKind) {
   const auto is = [name](std::string_view other) { return equalsIgnoringCase(name, other); };
   if (isOldKind && (is("awsaccesskeyid") || is("signature") || is("expires"))) return true;
+  if (is("x-amz-content-sha256")) return equalsIgnoringCase(value, "UNSIGNED-PAYLOAD");
   return is("x-amz-algorithm") || is("x-amz-credential") || is("x-amz-date") || is("x-amz-expires") ||
          is("x-amz-signedheaders") || is("x-amz-signature") || is("x-amz-security-token");
 }
@@ -129,7 +130,7 @@ std::string withoutSignature(std::string_view query) {
   const bool isOldKind = queryValue(query, "AWSAccessKeyId").has_value();
   std::string out;
   eachParameter(query, [&](std::string_view name, std::string_view value) {
-    if (isOfSignature(decodeEscapes(name).value_or(""), isOldKind)) return;
+    if (isOfSignature(decodeEscapes(name).value_or(""), value, isOldKind)) return;
     const char* const end = value.data() + value.size();
     out.append(out.empty() ? "" : "&").append(name.data(), end);
   });

@@ -143,6 +143,7 @@ class Server {
     }
     m_service.origin.stop();
     m_io.cutOff();
+    m_admin.stop();
     m_service.stopWorkers();
     m_cache.close();
     m_service.index.save();
@@ -153,6 +154,14 @@ class Server {
   StartState m_start;
   ObjectStore::ObjectCache m_cache;
   Service m_service;
+  // What the cache uploads is the service's, and what clients ask both.
+  struct CloseCache {
+    explicit CloseCache(ObjectStore::ObjectCache& itsCache) : cache(itsCache) {}
+    ~CloseCache() { cache.close(); }
+    CloseCache(const CloseCache&) = delete;
+    CloseCache& operator=(const CloseCache&) = delete;
+    ObjectStore::ObjectCache& cache;
+  } m_afterClients{m_cache};
   IoThreads m_io;
   AdminSocket m_admin;
 };

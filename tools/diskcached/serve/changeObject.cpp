@@ -60,7 +60,8 @@ asio::awaitable<void> relayChange(Exchange& exchange, const Changed& changed) {
   exchange.setCacheStatus(fmt::format("diskcached; fwd=method; fwd-status={}", reply.status));
   if (reply.status == 0 || !reply.error.empty())
     throw Refused(reply.isTimeout ? 504 : 502, "the store can't be asked");
-  if (changed.staged == GivenUp::Failed) throw Refused(503, "what is staged can't be given up");
+  if (changed.staged == GivenUp::Failed || changed.staged == GivenUp::NotForSure)
+    throw Refused(503, "what is staged can't be given up");
   AnswerHead head = relayedHead(reply);
   if (reply.status != 204) head.add("content-length", changed.text.size());
   exchange.addCacheStatus(head);
@@ -75,9 +76,11 @@ OriginCall callOf(const Exchange& exchange) {
   call.method = exchange.method();
   call.key = exchange.target().key;
   call.headers = forwardedHeaders(exchange);
-  call.mayRepeat = exchange.header(field::if_match).empty() &&
-                   exchange.header(field::if_none_match).empty() &&
-                   exchange.header(field::if_unmodified_since).empty();
+  // Conditions, and changes of a part of an object, are about what the store has.
+  call.mayRepeat =
+      exchange.header(field::if_match).empty() && exchange.header(field::if_none_match).empty() &&
+      exchange.header(field::if_unmodified_since).empty() && exchange.header(field::content_range).empty() &&
+      exchange.header("x-amz-write-offset-bytes").empty();
   return call;
 }
 

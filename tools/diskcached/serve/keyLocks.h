@@ -1,4 +1,5 @@
-// What the disks and the index hold of one key is changed by one at a time; never held while the store is asked.
+// What the disks and the index hold of one key is changed by one at a time. Nobody asks the store while he holds one,
+// but who stages or forgets an object waits for those of its blocks that are on their way from there.
 #pragma once
 
 #include <array>

@@ -31,7 +31,7 @@ OriginCall passedOn(const Exchange& exchange) {
   OriginCall call;
   call.method = exchange.method();
   call.key = exchange.target().key;
-  call.query = canonicalQuery(withoutSignature(exchange.target().query));
+  call.query = canonicalQuery(exchange.target().query);
   call.headers = forwardedHeaders(exchange);
   if (const std::string_view range = exchange.header(http::field::range); !range.empty())
     call.headers.emplace_back("Range", range);
@@ -52,11 +52,16 @@ std::vector<std::string> changedBy(const OriginCall& call) {
   return changed;
 }
 
-// By the upload of an object that is staged here: it would come over the one that an upload in parts makes, and bring
-// back what a list of keys deletes.
-bool wouldBeUndone(Service& service, const OriginCall& call, const std::vector<std::string>& changed) {
-  if (call.method != "POST" || !(queryValue(call.query, "uploadId") || queryValue(call.query, "delete")))
-    return false;
+// Parts of an upload, its begin, or that it is given up: the object changes at its end only.
+bool isOfParts(const OriginCall& call) {
+  const auto has = [&](std::string_view name) { return queryValue(call.query, name).has_value(); };
+  return (call.method == "PUT" && has("partNumber") && has("uploadId")) ||
+         (call.method == "POST" && has("uploads")) || (call.method == "DELETE" && has("uploadId"));
+}
+
+// By the upload of an object that is staged here: it would come over what this makes of the object, and bring back
+// what this deletes.
+bool wouldBeUndone(Service& service, const std::vector<std::string>& changed) {
   return std::any_of(changed.begin(), changed.end(),
                      [&](const std::string& key) { return !service.cache.stagedObjects(key).empty(); });
 }
@@ -152,11 +157,12 @@ asio::awaitable<void> passThrough(Exchange& exchange, std::string_view why) {
   const auto stream = std::make_shared<PassStream>();
   const Abandon abandon(*stream);
   call->onBody = [stream](std::span<const std::byte> bytes) { return stream->putBody(bytes); };
-  // What changes one object takes its turn; parts of an upload change nothing yet, and come side by side.
+  // What changes one object takes its turn; parts of an upload come side by side.
+  const bool isYetToChange = isOfParts(*call);
   std::shared_ptr<KeyTurns::Turn> turn;
-  if (changed.size() == 1 && !queryValue(call->query, "partNumber"))
-    turn = co_await service.keyTurns.take(call->key);
-  if (wouldBeUndone(service, *call, changed)) throw Refused(503, "what is staged is to be uploaded first");
+  if (changed.size() == 1 && !isYetToChange) turn = co_await service.keyTurns.take(call->key);
+  if (!isYetToChange && wouldBeUndone(service, changed))
+    throw Refused(503, "what is staged is to be uploaded first");
   WorkerPool& workers = changed.empty() ? service.passers : service.changers;
   const bool isPosted = workers.post(
       [&service, call, stream, spool, changed = std::move(changed), turn = std::move(turn)]() mutable {

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "origin/digest.h"
@@ -68,17 +70,31 @@ std::string freeVersion(const StagedObjects& staged, std::string version) {
   return version;
 }
 
+bool isGone(const CZuError& error) { return RMErrorUtil::GetErrNo(error) == ENOENT; }
+
 GivenUp discardAll(Service& service, const StagedObjects& objects) {
-  GivenUp result = GivenUp::Nothing;
+  GivenUp result = objects.empty() ? GivenUp::Nothing : GivenUp::All;
   for (const auto& object : objects) {
     const CZuError error = service.cache.discardStaged(object->key, object->version);
-    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) {
-      DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
-      return GivenUp::Failed;
-    }
-    result = GivenUp::All;
+    if (!error.IsError() || isGone(error)) continue;
+    DC_LOG(ObjectStore::LogLevel::Error, "Error: %s", error.AsString().c_str());
+    if (!isGone(object->read(0, {}))) return GivenUp::Failed;
+    result = GivenUp::NotForSure;
   }
   return result;
+}
+
+// For one that was read whole, so that older ones are of no more use; while one is there it must not come later.
+CZuError giveUpOlder(Service& service, const ObjectStore::StagedObject& object) {
+  // Whoever stages another is done with this one.
+  const KxCriticalSectionLock lock(&service.keyLocks.of(object.key));
+  StagedObjects older = service.cache.stagedObjects(object.key);
+  const auto place =
+      std::find_if(older.begin(), older.end(), [&](const auto& each) { return each.get() == &object; });
+  const bool isNewest = place != older.end() && std::next(place) == older.end();
+  older.erase(place, older.end());
+  if (isNewest && discardAll(service, older) != GivenUp::Failed) return {};
+  return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, EBUSY, "another object of this key is staged");
 }
 
 }  // namespace
@@ -103,7 +119,7 @@ StageResult stageObject(Service& service, const std::string& key, std::span<cons
 
 GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
   const GivenUp result = discardAll(service, objects);
-  if (result != GivenUp::All) return result;
+  if (result == GivenUp::Nothing || result == GivenUp::Failed) return result;
   const std::string& key = objects.front()->key;
   const ObjectInfoPointer known = service.index.find(key);
   const auto isKnown = [&](const auto& object) {
@@ -113,10 +129,9 @@ GivenUp giveUpStaged(Service& service, const StagedObjects& objects) {
   return result;
 }
 
+// Where two are staged of a key, the older one's end was cut off, or it has come back with its volume.
 void adoptStaged(Service& service) {
   for (const auto& object : service.cache.stagedObjects()) {
-    const ObjectInfoPointer older = service.index.find(object->key);
-    if (older && older->isStaged) (void)service.cache.discardStaged(object->key, older->version);
     service.index.change(object->key, describeStaged(object->metadata, object->size, object->version,
                                                      *service.options(), object->stagedAt));
   }
@@ -124,15 +139,13 @@ void adoptStaged(Service& service) {
 
 CZuError uploadStaged(Service& service, const ObjectStore::StagedObject& object) {
   const auto turn = service.keyTurns.wait(object.key);
-  {
-    const KxCriticalSectionLock lock(
-        &service.keyLocks.of(object.key));        // whoever stages another is done with this one
-    if (object.read(0, {}).IsError()) return {};  // given up while this thread waited
-  }
   Spool spool;
   std::span<const std::byte> bytes;
-  if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError())
+  if (CZuError error = spoolObject(object, service.options()->root, spool, bytes); error.IsError()) {
+    if (isGone(error)) return {};  // given up while this thread waited
     return error;
+  }
+  if (CZuError error = giveUpOlder(service, object); error.IsError()) return error;
   const OriginReply reply = service.origin.call(callFor(object, bytes));
   if (reply.isSuccess()) {
     markUploaded(service, object, reply);

@@ -25,7 +25,7 @@ ObjectStore::CZuError uploadStaged(Service& service, const ObjectStore::StagedOb
 
 // Gives up staged objects of one key that a change at the store has replaced: after it has succeeded, so that a kill
 // leaves the state before or after it. To be called under the key's lock.
-enum class GivenUp { Nothing, All, Failed };
+enum class GivenUp { Nothing, All, NotForSure, Failed };  // not for sure: a power cut may bring them back
 using StagedObjects = std::vector<std::shared_ptr<const ObjectStore::StagedObject>>;
 GivenUp giveUpStaged(Service& service, const StagedObjects& objects);
 
