@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 
+#include "client/blockTrailer.h"
 #include "tests/support/clientFixture.h"
 #include "tests/support/faults.h"
 #include "tests/support/soak.h"
@@ -17,7 +18,7 @@ using ClientFaultTest = ClientTest;
 constexpr uint64_t SIZE = 2 * SMALL_BLOCK + 100;
 
 TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
-  ObjectCacheOptions chosen = options(2);
+  chosen = options(2);
   chosen.maxBytes = 6 * (SMALL_BLOCK + 8192);
   const auto script = [&](int run) {
     const std::string key = "key" + std::to_string(run);
@@ -26,7 +27,7 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
     EXPECT_EQ(read(key, SIZE, 70000, 1000), "right") << run;
     EXPECT_EQ(readAll("next" + std::to_string(run), SIZE), "right") << run;  // evicts
   };
-  start(chosen);
+  start();
   std::set<std::string> calls;
   {
     FaultPlan plan;
@@ -54,25 +55,21 @@ TEST_F(ClientFaultTest, NoFailingCallOfTheSystemIsTheCallersTrouble) {
   }
   EXPECT_GT(cache->metrics().refusedByDisk, 0U);
   // What the faults left behind is found by the next start, and counted.
-  start(chosen);
+  start();
   EXPECT_LE(cache->metrics().usedBytes, chosen.maxBytes);
   script(0);
 }
 
 // Anywhere, in place and at any moment, also below descriptors that are open.
 TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
-  ObjectCacheOptions chosen = options();
   chosen.blockSize = 2 * SMALL_BLOCK;  // so that a second chunk is damaged too
   chosen.hotBlocks = 16;
   chosen.maxHotBytes = 17 * 1024;
-  start(chosen);
-  constexpr size_t OBJECTS = 20;
-  const auto sizeOf = [](size_t object) { return object * object * 400 + 1; };
+  start();
   std::minstd_rand random(3);
   const size_t reads = soaked(2000);
   for (size_t i = 0; i < reads; ++i) {
-    const size_t object = random() % OBJECTS, size = sizeOf(object);
-    const size_t from = random() % size;
+    const size_t object = random() % 20, size = object * object * 400 + 1, from = random() % size;
     ASSERT_EQ(read(std::to_string(object), size, from, random() % 70000), "right") << i;
     if (i % 2 == 0) continue;
     const std::vector<std::string> all = files();
@@ -90,6 +87,40 @@ TEST_F(ClientFaultTest, ReadsOfDamagedFilesAreNeverWrong) {
   const ObjectCacheMetrics metrics = cache->metrics();
   EXPECT_GT(metrics.damagedBlocks, reads / 20);
   EXPECT_GT(metrics.memoryHits, 0U);
+}
+
+TEST_F(ClientFaultTest, ATrailerComesBackAndNoDamageToItGoesUnnoticed) {
+  BlockTrailer trailer;
+  trailer.number = 2;
+  trailer.blockSize = 1 << 17;
+  trailer.objectSize = (2 << 17) + 65537;
+  trailer.payloadSize = 65537;
+  trailer.madeAt = 0x0102030405;
+  trailer.checksums = {0x1111111111111111, 0x2222222222222222};
+  trailer.key = "key";
+  trailer.version = "v";
+  trailer.metadata = {{"a", "xy"}, {"b", ""}};
+  const std::vector<std::byte> bytes = encodeTrailer(trailer);
+  const auto back = decodeTrailer(bytes);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(encodeTrailer(*back), bytes);
+  for (size_t at = 0; at < bytes.size(); ++at) {
+    EXPECT_FALSE(decodeTrailer(std::span(bytes).first(at))) << at;
+    std::vector<std::byte> damaged = bytes;
+    damaged[at] ^= std::byte{0x10};
+    EXPECT_FALSE(decodeTrailer(damaged)) << at;
+    // The same with a checksum that fits: no length may be believed, whatever comes of it.
+    const uint64_t checksum = checksumOf(std::span(damaged).first(damaged.size() - 8));
+    for (unsigned i = 0; i < 8; ++i)
+      damaged[damaged.size() - 8 + i] = static_cast<std::byte>(checksum >> (8 * i));
+    const bool isAccepted = decodeTrailer(damaged).has_value();
+    const bool isTextOrTime = (at >= 32 && at < 40) || at >= 56;
+    EXPECT_TRUE(isTextOrTime || !isAccepted) << at;
+  }
+  BlockTrailer lacking = trailer, endless = trailer;
+  lacking.checksums.pop_back();
+  endless.metadata["long"] = std::string(MAX_TRAILER_SIZE, 'x');
+  for (const BlockTrailer& wrong : {lacking, endless}) EXPECT_FALSE(decodeTrailer(encodeTrailer(wrong)));
 }
 
 TEST_F(ClientFaultTest, WhateverStandsInABlocksPlace) {
@@ -115,7 +146,7 @@ TEST_F(ClientFaultTest, WhateverStandsInABlocksPlace) {
 }
 
 TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
-  ObjectCacheOptions chosen = options(2);
+  chosen = options(2);
   chosen.maxBytes = 20 * SMALL_BLOCK;
   const std::string told = dir / "told";  // the keys that the children have staged
   const auto live = [&](unsigned life) {
@@ -145,7 +176,7 @@ TEST_F(ClientFaultTest, AKillAnywhereCostsNoObjectAndNoStagedByte) {
     chosen.maxBytes = (20 + 4 * staged.size()) * SMALL_BLOCK;
   }
   EXPECT_GT(staged.size(), 10U);
-  start(chosen);
+  start();
   EXPECT_GE(cache->staged().objects, staged.size());
   asked();
   for (const std::string& key : staged) EXPECT_EQ(readAll(key, SIZE), "right") << key;

@@ -16,9 +16,9 @@ using ClientStageTest = ClientTest;
 auto soon() { return std::chrono::steady_clock::now() + LONGEST_WAIT; }
 
 TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
-  ObjectCacheOptions chosen = options(2);
+  chosen = options(2);
   chosen.maxBytes = 40 * SMALL_BLOCK;
-  start(chosen);
+  start();
   const std::vector<size_t> sizes = {0, 1, SMALL_BLOCK, 3 * SMALL_BLOCK + 1};
   EXPECT_EQ(readAll("size 65536", SMALL_BLOCK), "right");  // the prunable copy gives way
   for (const size_t size : sizes) EXPECT_EQ(stage("size " + std::to_string(size), size), "success");
@@ -34,7 +34,7 @@ TEST_F(ClientStageTest, StagedObjectsAreReadAtOnceSurviveAndAreFlushedInOrder) {
     asked();
     for (const size_t size : sizes) EXPECT_EQ(readAll("size " + std::to_string(size), size), "right");
     EXPECT_EQ(asked(), 0U);
-    start(chosen);
+    start();
   }
   std::multiset<size_t> uploaded;
   const auto note = [&](const StagedObject& object) {
@@ -200,7 +200,7 @@ TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
   const auto flushed = [&](const std::string& key) {
     start(both);
     EXPECT_EQ(cache->staged().objects, 1U) << key;
-    EXPECT_EQ(outcome(cache->flush(upload, 0)), "success") << key;
+    EXPECT_EQ(outcome(cache->flush([](const auto& object) { return upload(object); }, 0)), "success") << key;
     EXPECT_TRUE(files("staged").empty());
   };
   for (const auto& volume : both.volumes) {
@@ -234,9 +234,8 @@ TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {
-  ObjectCacheOptions chosen = options();
   chosen.maxBytes = 4 * SMALL_BLOCK;
-  start(chosen);
+  start();
   EXPECT_EQ(stage("too large", 5 * SMALL_BLOCK), "ENOSPC");
   EXPECT_TRUE(files("staged").empty());
   for (const char* call : {"fsync", "write", "mkdir"}) {

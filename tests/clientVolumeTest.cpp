@@ -8,8 +8,7 @@
 namespace ObjectStore {
 namespace {
 
-class ClientVolumeTest : public ClientTest {
- protected:
+struct ClientVolumeTest : ClientTest {
   void readObjects(int from, int to, size_t size = 1000) {
     for (int i = from; i < to; ++i) ASSERT_EQ(readAll(std::to_string(i), size), "right") << i;
   }
@@ -22,9 +21,9 @@ class ClientVolumeTest : public ClientTest {
 };
 
 TEST_F(ClientVolumeTest, EverythingIsFoundAgainWhateverTheOrderAndWhateverLiesBeside) {
-  ObjectCacheOptions chosen = options(3);
+  chosen = options(3);
   chosen.highWatermark = chosen.lowWatermark = 1000;
-  start(chosen);
+  start();
   readAsking(60, 0, 60);
   for (const std::string& volume : chosen.volumes) {
     EXPECT_GT(std::distance(fs::recursive_directory_iterator(volume + "/blocks"), {}), 20);
@@ -36,26 +35,26 @@ TEST_F(ClientVolumeTest, EverythingIsFoundAgainWhateverTheOrderAndWhateverLiesBe
     chosen.mode = mode;
     std::rotate(chosen.volumes.begin(), chosen.volumes.begin() + 1, chosen.volumes.end());
     chosen.volumes[0] += "//";
-    start(chosen);
+    start();
     readAsking(0, 0, 60);
   }
 }
 
 TEST_F(ClientVolumeTest, AVolumeThatIsNotThereIsNotFilled) {
-  ObjectCacheOptions chosen = options(2);
-  start(chosen);
+  chosen = options(2);
+  start();
   readObjects(0, 40);
   cache.reset();
   fs::rename(dir / "vol2", dir / "away");
   fs::create_directories(dir / "vol2");  // an empty mount point
-  start(chosen);
+  start();
   EXPECT_EQ(cache->metrics().absentVolumes, 1U);
   readAsking(20, 0, 40);
   EXPECT_TRUE(fs::is_empty(dir / "vol2"));
   cache.reset();
   fs::remove_all(dir / "vol2");
   fs::rename(dir / "away", dir / "vol2");
-  start(chosen);
+  start();
   readAsking(0, 0, 40);
   EXPECT_EQ(files().size(), 40U);  // the copies made meanwhile are gone
 
@@ -67,29 +66,29 @@ TEST_F(ClientVolumeTest, AVolumeThatIsNotThereIsNotFilled) {
   readAsking(0, 0, 80);
   cache.reset();
   chosen.replaceVolumes = true;
-  start(chosen);
+  start();
   EXPECT_EQ(cache->metrics().absentVolumes, 0U);
 }
 
 TEST_F(ClientVolumeTest, RootsAndVolumesAreNotShared) {
-  start(options(2));
-  ObjectCache second(options(2));
+  chosen = options(2);
+  start();
+  ObjectCache second(chosen);
   const CZuError error = second.open();
   EXPECT_EQ(outcome(error), "EBUSY");
   EXPECT_NE(error.AsString().find(std::to_string(getpid())), std::string::npos) << error.AsString();
-  ObjectCacheOptions foreign = options(2);
-  foreign.root = dir / "another root";
-  EXPECT_EQ(outcome(ObjectCache(foreign).open()), "EBUSY");
-  ObjectCacheOptions twice = options(2);
+  chosen.root = dir / "another root";
+  EXPECT_EQ(outcome(ObjectCache(chosen).open()), "EBUSY");
+  chosen = options(2);
   fs::create_directory_symlink(dir / "vol1", dir / "link");
-  twice.volumes.push_back(dir / "link");
-  EXPECT_EQ(openWith(twice), "EEXIST");
-  ObjectCacheOptions wrong = options();
-  wrong.blockSize = 65537;
-  EXPECT_EQ(openWith(wrong), "EINVAL");
-  wrong = options();
-  wrong.maxBlocks = 4;
-  EXPECT_EQ(openWith(wrong), "EINVAL");
+  chosen.volumes.push_back(dir / "link");
+  EXPECT_EQ(openWith(chosen), "EEXIST");
+  chosen = options();
+  chosen.blockSize = 65537;
+  EXPECT_EQ(openWith(chosen), "EINVAL");
+  chosen = options();
+  chosen.maxBlocks = 4;
+  EXPECT_EQ(openWith(chosen), "EINVAL");
   EXPECT_EQ(outcome(cache->read("key", "v", 0, {}, [](OriginRequest&) { return OriginAnswer(); }).error),
             "EBADF");
   writeFile(dir / "root/migrate", "1\n/a\n/b\n");
@@ -97,12 +96,11 @@ TEST_F(ClientVolumeTest, RootsAndVolumesAreNotShared) {
 }
 
 TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAtOnceAndAtTheNextStart) {
-  ObjectCacheOptions chosen = options();
-  start(chosen);
+  start();
   readObjects(0, 1);
   const uint64_t each = cache->metrics().usedBytes;
   chosen.maxBytes = 20 * each + 4096;
-  start(chosen);
+  start();
   readObjects(0, 20);
   for (const std::string& path : files())
     fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::hours(1));
@@ -113,7 +111,7 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
   readAsking(0, 0, 5);
   readAsking(0, 15, 30);
   chosen.maxBytes = 10 * each;
-  start(chosen);
+  start();
   EXPECT_EQ(files().size(), 10U);
   readAsking(0, 20, 30);  // those made last
   readAsking(0, 25, 30);
@@ -123,7 +121,7 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
   readAsking(0, 25, 30);
   chosen.maxBytes = 0;
   chosen.maxBlocks = 7;
-  start(chosen);
+  start();
   readObjects(25, 34);
   EXPECT_EQ(cache->metrics().evictedBlocks, 2U);
   EXPECT_EQ(asked(), 4U);
@@ -132,8 +130,8 @@ TEST_F(ClientVolumeTest, TheBoundEvictsTheLeastRecentlyUsedAndLoweringItCountsAt
 }
 
 TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
-  ObjectCacheOptions chosen = options(2);
-  start(chosen);
+  chosen = options(2);
+  start();
   readObjects(0, 40);
   const std::vector<std::string> before = files(), was = chosen.volumes;
   ASSERT_EQ(stage("staged", 1000), "success");
@@ -157,7 +155,7 @@ TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
   readAsking(0, 0, 40);
   cache->close();
   m_descriptors = openDescriptors();  // a copy that is stopped leaves its directory open
-  start(chosen);
+  start();
   readAsking(0, 0, 40);
   fs::remove(was[0] + "/blocks/link");
 
@@ -167,7 +165,7 @@ TEST_F(ClientVolumeTest, AMovedVolumeIsFoundWhereItIsAndNotWhereItWas) {
   readAsking(20, 0, 60);
   EXPECT_EQ(openWith(chosen), "EBUSY");
   chosen.volumes[0] = dir / "new";
-  start(chosen);
+  start();
   readAsking(0, 0, 60);
   // Back again, also for the next open() of the same cache.
   fs::remove_all(was[0]);
@@ -185,11 +183,11 @@ TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
   for (const auto& [inodes, size, objects] : {std::tuple{0U, 3 * SMALL_BLOCK, 100}, {100U, 100U, 200}}) {
     const SmallFileSystem disk(8, inodes);
     SKIP_WITHOUT(disk);
-    ObjectCacheOptions chosen = options();
+    chosen = options();
     chosen.root = dir / "root" + std::to_string(inodes);
     chosen.volumes = {disk / "volume"};
     chosen.reserveFiles = 10;
-    start(chosen);
+    start();
     readObjects(0, objects, size);
     EXPECT_GT(cache->metrics().evictedBlocks, 100U);
     EXPECT_EQ(cache->metrics().refusedForRoom, 0U);
@@ -199,7 +197,7 @@ TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
     EXPECT_GE(status.f_favail, 10U);
     // More than the disk must stay free: nothing is cached, and everything is served.
     chosen.reserve = 64 << 20;
-    start(chosen);
+    start();
     EXPECT_EQ(readAll("new", SMALL_BLOCK), "right");
     EXPECT_EQ(cache->metrics().refusedForRoom, 1U);
     cache.reset();
@@ -209,19 +207,15 @@ TEST_F(ClientVolumeTest, AFullDiskAndItsInodesEvictAndNobodyIsHurt) {
 TEST_F(ClientVolumeTest, ModeRandomUnderPressureServesAll) {
   const SmallFileSystem disk(8);
   SKIP_WITHOUT(disk);
-  ObjectCacheOptions chosen = options();
   chosen.volumes = {disk / "volume"};
   chosen.mode = PruningMode::Random;
   chosen.highWatermark = 50;
   chosen.lowWatermark = 30;
-  start(chosen);
+  start();
   FaultPlan plan;
   plan.skipSleeps();  // of writers that make way for the pruner
-  size_t reads = 0;
-  while (cache->metrics().evictedBlocks < 50 && reads < 20000) {
-    ASSERT_EQ(readAll(std::to_string(reads % 500), 2 * SMALL_BLOCK), "right");
-    ++reads;
-  }
+  for (size_t i = 0; cache->metrics().evictedBlocks < 50 && i < 20000; ++i)
+    ASSERT_EQ(readAll(std::to_string(i % 500), 2 * SMALL_BLOCK), "right");
   EXPECT_GE(cache->metrics().evictedBlocks, 50U);
   EXPECT_EQ(cache->metrics().damagedBlocks, 0U);
   cache.reset();

@@ -1,12 +1,14 @@
-// The subcommands of diskcachectl that only look: inspect, verify, ls, du, volumes. The files that they are
-// shown are put together by hand, byte by byte.
+// The subcommands of diskcachectl that only look: inspect, verify, ls, du, volumes, top. The files and pages that they
+// are shown are put together by hand.
 #ifdef DISKCACHECTL_PATH
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <array>
+#include <atomic>
 #include <map>
 
+#include "tests/support/scriptedServer.h"
 #include "tests/support/toolFixture.h"
 
 namespace ObjectStore {
@@ -169,6 +171,45 @@ TEST_F(LookingToolTest, VolumesShowsWhatTheCacheKnows) {
   EXPECT_EQ(run("volumes --root " + (dir / "root")), 1);
   EXPECT_NE(err.find("volume_info:2: "), std::string::npos) << err;
   EXPECT_NE(out.find("volume 3 is moving"), std::string::npos) << out;
+}
+
+TEST_F(LookingToolTest, TopShowsTheRatesOfALiveServer) {
+  // A page with these counters: hits from table and disk, misses, bytes from disk, ages and number of the evicted.
+  const auto page = [](const std::array<const char*, 6>& values) {
+    const char* const names[] = {
+        "hits_total{from=\"table\"}",      "hits_total{from=\"disk\"}", "misses_total",
+        "read_bytes_total{from=\"disk\"}", "evicted_age_seconds_sum",   "evicted_age_seconds_count"};
+    std::string text = "# HELP x y\ndiskcache_client_read_bytes_total{from=\"origin\"} 0\n";
+    for (size_t i = 0; i < values.size(); ++i)
+      text += std::string("diskcache_client_") + names[i] + ' ' + values[i] + '\n';
+    return text + "diskcache_volume_free_bytes{index=\"1\",directory=\"/a }\\\"b\"} 5000\n" +
+           "diskcache_volume_reserved_bytes{index=\"1\",directory=\"/a }\\\"b\"} 1000\n";
+  };
+  const std::string before = page({"100", "0", "10", "0", "50", "5"});
+  const std::string after = page({"150", "40", "20", "1e9", "350", "8"});
+  // What comes of one request after the other; 503 in place of an empty page.
+  const std::string pages[] = {before, after, after, before, "", after, ""};
+  std::atomic<size_t> next = 0;
+  const ScriptedServer server([&](const auto& request, const auto& send) {
+    const std::string& text = pages[std::min(next++, std::size(pages) - 1)];
+    send(ScriptedServer::answer(request, "", text, text.empty() ? "503 Unavailable" : "200 OK"));
+  });
+  const std::string url = server.url() + "/metrics";
+  ASSERT_EQ(run("top --json --interval 0.05 --count 2 " + url), 0) << err;
+  const json first = json::parse(out.substr(0, out.find('\n')));
+  EXPECT_DOUBLE_EQ(first["hit_ratio"], 0.9);
+  EXPECT_GT(first["disk_bytes_per_s"], 1e6);
+  EXPECT_DOUBLE_EQ(first["evicted_age_s"], 100.0);
+  EXPECT_EQ(first["delay_ratio"], nullptr) << "the page does not tell";
+  EXPECT_EQ(first["room"], (json{{"/a }\"b", 4000.0}}));
+  EXPECT_EQ(json::parse(out.substr(out.find('\n')))["hit_ratio"], nullptr) << "nothing was asked for";
+
+  ASSERT_EQ(run("top --interval 0.05 --count 2 " + url), 0) << err;
+  EXPECT_NE(err.find("HTTP status 503"), std::string::npos) << err;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << "a heading, and a line for the page that came";
+  EXPECT_NE(out.find(" 90.0 "), std::string::npos) << out;
+  expectFailure("top --count 1 " + url, 3, "HTTP status 503");
+  expectFailure("top --count 1 ftp://127.0.0.1/", 2, "ftp://127.0.0.1/");
 }
 
 }  // namespace

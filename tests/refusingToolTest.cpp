@@ -61,11 +61,8 @@ struct RefusingToolTest : ToolTest {
   const std::string cache = root + "--context ctx ";
 };
 
-struct Command {
-  std::string arguments;
-  int status;
-  std::string message;  // somewhere in what it says
-};
+// Arguments, the status, and what stands somewhere in what is said.
+using Command = std::tuple<std::string, int, std::string>;
 
 TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
   const std::string in = dir / "in", typo = on("typo");

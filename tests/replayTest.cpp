@@ -1,6 +1,5 @@
 // diskcachectl replay and curve: what a trace gives with a cache of some size, compared with a plain list.
 #ifdef DISKCACHECTL_PATH
-#include <algorithm>
 #include <map>
 #include <random>
 

@@ -37,7 +37,7 @@ class HttpClient {
             const std::string& body = "") {
     curl_easy_reset(m_curl);
     Reply reply;
-    curl_slist* list = nullptr;
+    curl_slist* list = curl_slist_append(nullptr, "Content-Type:");  // none of libcurl's own
     for (const std::string& header : headers) list = curl_slist_append(list, header.c_str());
     curl_easy_setopt(m_curl, CURLOPT_URL, ("http://127.0.0.1:" + std::to_string(m_port) + path).c_str());
     curl_easy_setopt(m_curl, CURLOPT_PROXY, "");
@@ -48,13 +48,9 @@ class HttpClient {
     curl_easy_setopt(m_curl, CURLOPT_CUSTOMREQUEST, method.c_str());
     if (method == "HEAD") curl_easy_setopt(m_curl, CURLOPT_NOBODY, 1L);
     if (method == "PUT" || !body.empty()) {
-      curl_easy_setopt(m_curl, CURLOPT_UPLOAD, 1L);
-      curl_easy_setopt(m_curl, CURLOPT_INFILESIZE_LARGE,
-                       isChunked ? curl_off_t{-1} : static_cast<curl_off_t>(body.size()));
+      curl_easy_setopt(m_curl, CURLOPT_POSTFIELDS, body.data());
+      curl_easy_setopt(m_curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     }
-    m_unsent = body;
-    curl_easy_setopt(m_curl, CURLOPT_READFUNCTION, &HttpClient::onRead);
-    curl_easy_setopt(m_curl, CURLOPT_READDATA, this);
     curl_easy_setopt(m_curl, CURLOPT_WRITEFUNCTION, &HttpClient::onReply);
     curl_easy_setopt(m_curl, CURLOPT_WRITEDATA, &reply.body);
     curl_easy_setopt(m_curl, CURLOPT_HEADERFUNCTION, &HttpClient::onReply);
@@ -66,15 +62,7 @@ class HttpClient {
     return reply;
   }
 
-  bool isChunked = false;  // uploads in chunks, without a length
-
  private:
-  static size_t onRead(char* to, size_t size, size_t count, void* self) {
-    std::string_view& unsent = static_cast<HttpClient*>(self)->m_unsent;
-    const size_t bytes = unsent.copy(to, size * count);
-    unsent.remove_prefix(bytes);
-    return bytes;
-  }
   static size_t onReply(char* data, size_t size, size_t count, void* part) {
     static_cast<std::string*>(part)->append(data, size * count);
     return size * count;
@@ -82,7 +70,6 @@ class HttpClient {
 
   const uint16_t m_port;
   CURL* const m_curl;
-  std::string_view m_unsent;
 };
 
 // A bare connection, for what no client sends.

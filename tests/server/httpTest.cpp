@@ -26,33 +26,27 @@ TEST(HttpTest, TargetsNameKeysOrNothing) {
 TEST(HttpTest, OnlyWhatNamesOneVersionForCertainLetsAPartBeAnswered) {
   const std::string_view date = "Sun, 06 Nov 1994 08:49:37 GMT", later = "Sun, 06 Nov 1994 08:49:38 GMT";
   const std::time_t second = *parseHttpDate(std::string(date));
-  const struct {
-    std::string_view ifRange, etag;
-    std::time_t lookedAt;
-    bool mayBe;
-  } cases[] = {{"", "W/\"a\"", second, true},         {"\"a\"", "\"a\"", second, true},
-               {"W/\"a\"", "W/\"a\"", second, false}, {"\"a\"", "W/\"a\"", second, false},
-               {"W/\"a\"", "\"a\"", second, false},   {date, "\"a\"", second + 1, true},
-               {date, "\"a\"", second, false},        {later, "\"a\"", second + 9, false},
-               {"yesterday", "", second + 9, false}};
-  for (const auto& c : cases)
-    EXPECT_EQ(mayAnswerPart(c.ifRange, c.etag, date, c.lookedAt), c.mayBe) << c.ifRange << c.etag;
+  const std::tuple<std::string_view, std::string_view, std::time_t, bool> cases[] = {
+      {"", "W/\"a\"", second, true},         {"\"a\"", "\"a\"", second, true},
+      {"W/\"a\"", "W/\"a\"", second, false}, {"\"a\"", "W/\"a\"", second, false},
+      {"W/\"a\"", "\"a\"", second, false},   {date, "\"a\"", second + 1, true},
+      {date, "\"a\"", second, false},        {later, "\"a\"", second + 9, false},
+      {"yesterday", "", second + 9, false}};
+  for (const auto& [ifRange, etag, lookedAt, mayBe] : cases)
+    EXPECT_EQ(mayAnswerPart(ifRange, etag, date, lookedAt), mayBe) << ifRange << etag;
 }
 
 TEST(HttpTest, KeysToDeleteAreReadWholeOrNotAtAll) {
   using Keys = std::vector<std::string>;
   const auto object = [](const std::string& key) { return "<Object>\n<Key>" + key + "</Key></Object>"; };
-  const struct {
-    std::string xml;
-    Keys keys;
-  } cases[] = {
+  const std::pair<std::string, Keys> cases[] = {
       {object("a/b c") + object(""), {"a/b c", ""}},
       {object("&lt;&gt;&amp;amp;&quot;&apos;"), {"<>&amp;\"'"}},
       {object("&#65;&#x7f;&#xe4;&#x7ff;&#x800;&#8364;&#xffff;&#x10000;&#x10ffff;"),
        {"A\x7f\xc3\xa4\xdf\xbf\xe0\xa0\x80\xe2\x82\xac\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"}},
       {"<s:Key xmlns:s='u'>a</s:Key ><Keys>b</Keys><Quiet/>", {"a"}},
   };
-  for (const auto& c : cases) EXPECT_EQ(keysToDelete(c.xml), c.keys) << c.xml;
+  for (const auto& [xml, keys] : cases) EXPECT_EQ(keysToDelete(xml), keys) << xml;
   for (const std::string refused :
        {"&other;", "&#x110000;", "&#;", "&amp", "&", "<![CDATA[a]]>", "a<!-- -->b"})
     EXPECT_TRUE(keysToDelete(object("a") + object(refused)).empty()) << refused;

@@ -16,17 +16,14 @@ struct ServerLifeTest : ServerTest {
 };
 
 TEST_F(ServerLifeTest, WrongOptionsAreRefusedInOneLine) {
-  const auto write = [&](const char* name, const std::string& text, mode_t mode) {
-    writeFile(dir / name, text);
-    chmod((dir / name).c_str(), mode);
-    return dir / name;
-  };
-  const std::string secret = "aws_access_key_id = me\naws_secret_access_key = hush\n";
+  writeFile(config, "fresh-fro = 5\n");
+  writeFile(dir / "open", "aws_access_key_id = me\naws_secret_access_key = hush\n");
+  chmod((dir / "open").c_str(), 0644);
   std::vector<std::pair<std::string, std::string>> cases = {
-      {"--config=" + write("unknown.conf", "fresh-fro = 5\n", 0600), "fresh-fro"},
+      {"--config=" + config, "fresh-fro"},
       {"--config=" + (dir / "missing.conf"), "missing.conf"},
       {"--access-log=" + (dir / "no/such/dir/log"), "--access-log"},
-      {"--credentials=" + write("open", secret, 0644), "can be read by others"},
+      {"--credentials=" + (dir / "open"), "can be read by others"},
   };
   for (const std::string option :
        {"--no-such-option=1", "--origin=ftp://x", "--max-bytes=lots", "--block-size=100000", "--listen=8080",
@@ -105,8 +102,7 @@ TEST_F(ServerLifeTest, TheAdminSocketTellsAndPurges) {
   for (const char* name :
        {"diskcached_objects_total{result=\"hit\"}", "diskcache_segments",
         "diskcached_objects_total{result=\"miss\"}", "diskcache_client_stored_blocks_total"})
-    EXPECT_TRUE(eventually([&] { return metric(name) == 3; }))
-        << name;  // blocks are kept after they were sent
+    EXPECT_TRUE(eventually([&] { return metric(name) == 3; })) << name << ": kept after it was sent";
   EXPECT_EQ(nlohmann::json::parse(admin("/purge?prefix=p%2F", "POST").body)["purged"], 2);
   EXPECT_FALSE(get("/p/a").isHit());
   EXPECT_TRUE(get("/q").isHit());
@@ -148,7 +144,7 @@ TEST_F(ServerLifeTest, CutsOffWhatIsUnderWayAtTheEndOfTheGrace) {
   const RawClient reader(port), writer(port);
   reader.send("GET /big?pass HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_NE(reader.receive(), "");  // and takes no more
-  store.freeze();
+  store.tell(SIGSTOP);
   EXPECT_EQ(put("/staged", "x").status, 200);
   writer.send("PUT /through HTTP/1.1\r\nHost: h\r\nIf-Match: x\r\nContent-Length: 1\r\n\r\nx");
   ASSERT_TRUE(eventually([&] { return metric("diskcached_client_uploads_total") == 2; }));

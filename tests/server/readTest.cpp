@@ -1,6 +1,5 @@
 // Reading through the server: right bytes, whatever is asked for and whatever happens meanwhile.
 #include <atomic>
-#include <random>
 #include <thread>
 
 #include "http/target.h"
@@ -10,18 +9,7 @@ namespace diskcached {
 namespace {
 
 struct ServerReadTest : ServerTest {
-  // Fills the store with files of many sizes.
-  void makeFiles() {
-    std::mt19937 random(1);
-    for (size_t i = 0; i < 2000; ++i) {
-      const std::string name = "d" + std::to_string(i % 50) + "/file " + std::to_string(i);
-      const size_t bits = random() % 18;
-      const size_t size = i % 400 == 7 ? 3'000'000 + random() % 100'000 : random() % (size_t{1} << bits);
-      files.emplace_back(name, bytesOf(name, size));
-      store.put(name, files.back().second);
-    }
-  }
-  // Many clients ask for them, or for parts of them; answers are right, or not there if the server may end.
+  // Many clients ask for files, or for parts of them; answers are right, or not there if the server may end.
   void load(unsigned clients, size_t requests, bool mayEnd = false) const {
     std::vector<std::jthread> threads;
     for (unsigned c = 0; c < clients; ++c) {
@@ -48,7 +36,14 @@ struct ServerReadTest : ServerTest {
 };
 
 TEST_F(ServerReadTest, ManyClientsGetEveryByteAlsoAfterRestartAndKill) {
-  makeFiles();
+  std::mt19937 random(1);
+  for (size_t i = 0; i < 2000; ++i) {
+    const std::string name = "d" + std::to_string(i % 50) + "/file " + std::to_string(i);
+    const size_t bits = random() % 18;
+    const size_t size = i % 400 == 7 ? 3'000'000 + random() % 100'000 : random() % (size_t{1} << bits);
+    files.emplace_back(name, bytesOf(name, size));
+    store.put(name, files.back().second);
+  }
   start();
   load(64, 6400);
   EXPECT_EQ(server->end(SIGTERM), 0);
@@ -117,12 +112,7 @@ TEST_F(ServerReadTest, AnswersRangesAndConditionsByTheBook) {
   const std::string etag = whole.header("etag"), date = whole.header("last-modified");
   ASSERT_FALSE(etag.empty());
   EXPECT_EQ(whole.header("content-type"), "text/plain");
-  const struct {
-    const char* method;
-    std::vector<std::string> headers;
-    long status;
-    size_t from, size;
-  } cases[] = {
+  const std::tuple<std::string, std::vector<std::string>, long, size_t, size_t> cases[] = {
       {"GET", {"Range: bytes=0-0"}, 206, 0, 1},
       {"GET", {"Range: bytes=65530-65545"}, 206, 65530, 16},
       {"GET", {"Range: bytes=99999-"}, 206, 99999, 1},
@@ -147,31 +137,29 @@ TEST_F(ServerReadTest, AnswersRangesAndConditionsByTheBook) {
       {"HEAD", {}, 200, 0, 100'000},
       {"HEAD", {"Range: bytes=10-19"}, 206, 10, 10},
   };
-  HttpClient client(port);
-  for (const auto& c : cases) {
-    const Reply reply = client.ask(c.method, "/object.txt", c.headers);
-    SCOPED_TRACE(c.headers.empty() ? c.method : c.headers.back());
-    EXPECT_EQ(reply.status, c.status);
-    EXPECT_EQ(reply.body, *c.method == 'H' ? "" : content.substr(c.from, c.size));
+  for (const auto& [method, headers, status, from, size] : cases) {
+    const Reply reply = ask(method, "/object.txt", headers);
+    SCOPED_TRACE(headers.empty() ? method : headers.back());
+    EXPECT_EQ(reply.status, status);
+    EXPECT_EQ(reply.body, method == "HEAD" ? "" : content.substr(from, size));
     EXPECT_TRUE(reply.isHit()) << reply.head;
-    const std::string part = std::to_string(c.from) + '-' + std::to_string(c.from + c.size - 1);
-    const std::string range = c.status == 206 ? "bytes " + part + "/100000" : "";
-    EXPECT_EQ(reply.header("content-range"), c.status == 416 ? "bytes */100000" : range);
-    EXPECT_EQ(reply.header("etag"), c.status == 412 || c.status == 416 ? "" : etag);
-    EXPECT_TRUE(c.status != 200 || reply.header("content-length") == "100000") << reply.head;
+    const std::string part = std::to_string(from) + '-' + std::to_string(from + size - 1);
+    const std::string range = status == 206 ? "bytes " + part + "/100000" : "";
+    EXPECT_EQ(reply.header("content-range"), status == 416 ? "bytes */100000" : range);
+    EXPECT_EQ(reply.header("etag"), status == 412 || status == 416 ? "" : etag);
+    EXPECT_TRUE(status != 200 || reply.header("content-length") == "100000") << reply.head;
   }
-  EXPECT_TRUE(client.ask("GET", "/object.txt?x-id=GetObject").isHit());  // as some clients name what they do
-  EXPECT_FALSE(client.ask("GET", "/object.txt?x-id=PutObject").isHit());
+  EXPECT_TRUE(get("/object.txt?x-id=GetObject").isHit());  // as some clients name what they do
+  EXPECT_FALSE(get("/object.txt?x-id=PutObject").isHit());
 }
 
 TEST_F(ServerReadTest, ServesOddKeysAndRequestsInARow) {
   start();
-  HttpClient client(port);
   for (const std::string name : {"a:b", "plus+sign", "100%", "ä ö", "q?m", "hash#tag", "quote\"d",
                                  "back\\slash", "(par[en]{s})", "!$&;='*,@^`|<>~"}) {
     store.put(name, bytesOf(name, 1000));
     for (const bool isHit : {false, true}) {
-      const Reply reply = client.ask("GET", '/' + encodePath(name));
+      const Reply reply = get('/' + encodePath(name));
       EXPECT_EQ(reply.body, bytesOf(name, 1000)) << name;
       EXPECT_EQ(reply.isHit(), isHit) << name;
     }

@@ -8,7 +8,6 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -51,7 +50,16 @@ class Store {
 
   void start() {
     if (port == 0) close(ObjectStore::bindLoopback(port));
-    writeFile(m_dir + "/nginx.conf", config());
+    std::string text =
+        "daemon off; master_process off; pid nginx.pid;\nevents { worker_connections 2048; }\nhttp {\n"
+        "log_format short '$request_method $request_uri $status $body_bytes_sent';\n"
+        "access_log access.log short; client_max_body_size 1g; keepalive_requests 1000000;\n"
+        "types { text/plain txt; } default_type application/octet-stream;\n";
+    for (const char* name : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+      text += std::string(name) + "_temp_path " + m_dir + "/tmp-" + name + ";\n";
+    text += "server { listen 127.0.0.1:" + std::to_string(port) + "; root " + files +
+            ";\ndav_methods PUT DELETE; create_full_put_path on;\n" + m_extra + "}\n}\n";
+    writeFile(m_dir + "/nginx.conf", text);
     m_process =
         std::make_unique<Process>(std::vector<std::string>{"/usr/sbin/nginx", "-p", m_dir, "-e",
                                                            m_dir + "/error.log", "-c", m_dir + "/nginx.conf"},
@@ -59,9 +67,8 @@ class Store {
     eventually([&] { return m_process->hasEnded() || RawClient(port).isConnected(); });
   }
   void stop() { m_process->end(SIGKILL); }
-  // Connections stay, and nothing is answered until it is thawed.
-  void freeze() const { m_process->tell(SIGSTOP); }
-  void thaw() const { m_process->tell(SIGCONT); }
+  // After SIGSTOP connections stay, and nothing is answered until SIGCONT.
+  void tell(int signal) const { m_process->tell(signal); }
   void restart(const std::string& withLines) {
     stop();
     m_extra = withLines;
@@ -76,18 +83,6 @@ class Store {
   uint16_t port = 0;
 
  private:
-  std::string config() const {
-    std::string text =
-        "daemon off; master_process off; pid nginx.pid;\nevents { worker_connections 2048; }\nhttp {\n"
-        "log_format short '$request_method $request_uri $status $body_bytes_sent';\n"
-        "access_log access.log short; client_max_body_size 1g; keepalive_requests 1000000;\n"
-        "types { text/plain txt; } default_type application/octet-stream;\n";
-    for (const char* name : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
-      text += std::string(name) + "_temp_path " + m_dir + "/tmp-" + name + ";\n";
-    return text + "server { listen 127.0.0.1:" + std::to_string(port) + "; root " + files +
-           ";\ndav_methods PUT DELETE; create_full_put_path on;\n" + m_extra + "}\n}\n";
-  }
-
   const std::string m_dir;
   std::string m_extra;  // lines of the configuration
   std::unique_ptr<Process> m_process;
@@ -96,10 +91,9 @@ class Store {
   const std::string files;
 };
 
-class ServerTest : public ::testing::Test {
- protected:
+struct ServerTest : ::testing::Test {
   // An option of `more` takes the place of the usual one; with nothing behind its '=' it is not given at all.
-  std::vector<std::string> arguments(const std::vector<std::string>& more) const {
+  void launch(const std::vector<std::string>& more = {}) {
     std::vector<std::string> all = {DISKCACHED_PATH,
                                     "--origin=http://127.0.0.1:" + std::to_string(store.port),
                                     "--root=" + (dir / "root"),
@@ -114,12 +108,9 @@ class ServerTest : public ::testing::Test {
       std::erase_if(all, [&](const std::string& usual) { return usual.starts_with(name + '='); });
       if (!option.ends_with('=')) all.push_back(option);
     }
-    return all;
-  }
-  void launch(const std::vector<std::string>& more = {}) {
     server.reset();
     fs::remove(dir / "log");
-    server = std::make_unique<Process>(arguments(more), dir / "log", environment);
+    server = std::make_unique<Process>(all, dir / "log", environment);
   }
   void start(const std::vector<std::string>& more = {}) {
     launch(more);

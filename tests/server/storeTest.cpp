@@ -1,5 +1,4 @@
 // What clients get from stores of other habits, and what such stores are asked for.
-#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -13,13 +12,10 @@ namespace {
 using Request = ScriptedServer::Request;
 using Send = ScriptedServer::Send;
 
-// An object that a store names by these headers.
-struct Content {
-  std::string headers, body;
-};
+// Headers of an object that a store names by them, and its bytes.
+using Content = std::pair<std::string, std::string>;
 
-class ServerStoreTest : public ServerTest {
- protected:
+struct ServerStoreTest : ServerTest {
   std::string answerTo(const Request& request) {
     const std::lock_guard lock(m_lock);
     const auto found = m_objects.find(request.target);
@@ -40,14 +36,11 @@ class ServerStoreTest : public ServerTest {
     m_objects[target] = std::move(content);
   }
   // The server in front of a store of this script.
-  void startBefore(ScriptedServer::Script script, std::vector<std::string> options) {
+  void startBefore(std::vector<std::string> options, ScriptedServer::Script script) {
     m_scripted = std::make_unique<ScriptedServer>(std::move(script));
     options.push_back("--origin=" + m_scripted->url());
     start(options);
   }
-  const ScriptedServer::Script plain = [this](const Request& request, const Send& send) {
-    send(answerTo(request));
-  };
   std::atomic<bool> isReleased{false};
 
  private:
@@ -58,17 +51,16 @@ class ServerStoreTest : public ServerTest {
 
 TEST_F(ServerStoreTest, ALookBegunBeforeAChangeTellsNobodyWhoCameAfterIt) {
   std::atomic<bool> isHolding{false}, isHeld{false};
-  const auto script = [&](const Request& request, const Send& send) {
+  startBefore({"--index-entries=1"}, [&](const Request& request, const Send& send) {
     const std::string answer = answerTo(request);
     if (request.method == "HEAD" && isHolding.exchange(false)) {
       isHeld = true;
       eventually([&] { return isReleased.load(); }, std::chrono::seconds(5));
     }
     send(answer);
-  };
+  });
   set("/k", {"ETag: \"1\"\r\n", "old"});
   set("/other", {"ETag: \"1\"\r\n", "other"});
-  startBefore(script, {"--index-entries=1"});
   EXPECT_EQ(get("/k").body, "old");
   EXPECT_EQ(get("/other").body, "other");  // the index has forgotten k, whose block is on disk
   isHolding = true;
@@ -81,16 +73,15 @@ TEST_F(ServerStoreTest, ALookBegunBeforeAChangeTellsNobodyWhoCameAfterIt) {
 
 TEST_F(ServerStoreTest, ChangesOfOtherKindsAreSeenOnceTheyAreAnswered) {
   const char* const keys[] = {"/b/a%26b", "/b/left", "/whole"};
-  const auto script = [&](const Request& request, const Send& send) {
+  startBefore({"--fresh-for=immutable"}, [&](const Request& request, const Send& send) {
     if (request.method != "POST") return send(answerTo(request));
     const std::string answer = ScriptedServer::answer(request, "", std::string(1000, ' '));
     for (const char* const key : keys) set(key, {"ETag: \"2\"\r\n", "second"});
     send(std::string_view(answer).substr(0, answer.size() - 500));
     eventually([&] { return isReleased.load(); }, std::chrono::seconds(5));
     send(std::string_view(answer).substr(answer.size() - 500));
-  };
+  });
   for (const char* const key : keys) set(key, {"ETag: \"1\"\r\n", "first"});
-  startBefore(script, {"--fresh-for=immutable"});
   for (const char* const key : keys) EXPECT_EQ(get(key).body, "first");
   const RawClient raw(port);
   raw.send("POST /whole?uploadId=1 HTTP/1.1\r\nHost: h\r\nContent-Length: 1\r\nConnection: close\r\n\r\nx");
@@ -110,22 +101,17 @@ TEST_F(ServerStoreTest, ChangesOfOtherKindsAreSeenOnceTheyAreAnswered) {
 
 TEST_F(ServerStoreTest, WhatNamesNoBytesForCertainIsNeverMixedFromTwoVersions) {
   const std::string date = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n", weak = "ETag: W/\"1\"\r\n";
-  startBefore(plain, {"--fresh-for=immutable"});
-  const struct {
-    const char* path;
-    std::string headers;
-    size_t size;
-    bool isCached;
-  } cases[] = {{"/weak", weak, 200'000, false},
-               {"/weak-block", weak, 60'000, true},
-               {"/dated", date, 200'000, false},
-               {"/dated-block", date, 60'000, true},
-               {"/both", weak + date, 65'537, false}};
-  for (const auto& c : cases) {
-    set(c.path, {c.headers, std::string(c.size, 'a')});
-    EXPECT_EQ(get(c.path, {"Range: bytes=0-9"}).body.substr(0, 10), "aaaaaaaaaa") << c.path;
-    set(c.path, {c.headers, std::string(c.size, 'b')});
-    EXPECT_TRUE(get(c.path).body == std::string(c.size, c.isCached ? 'a' : 'b')) << c.path;
+  startBefore({"--fresh-for=immutable"}, [&](auto& request, auto& send) { send(answerTo(request)); });
+  const std::tuple<const char*, std::string, size_t, bool> cases[] = {{"/weak", weak, 200'000, false},
+                                                                      {"/weak-block", weak, 60'000, true},
+                                                                      {"/dated", date, 200'000, false},
+                                                                      {"/dated-block", date, 60'000, true},
+                                                                      {"/both", weak + date, 65'537, false}};
+  for (const auto& [path, headers, size, isCached] : cases) {
+    set(path, {headers, std::string(size, 'a')});
+    EXPECT_EQ(get(path, {"Range: bytes=0-9"}).body.substr(0, 10), "aaaaaaaaaa") << path;
+    set(path, {headers, std::string(size, 'b')});
+    EXPECT_TRUE(get(path).body == std::string(size, isCached ? 'a' : 'b')) << path;
   }
 }
 
@@ -146,7 +132,7 @@ TEST_F(ServerStoreTest, AStoreThatKnowsNoRangesIsNotAskedForAnObjectBlockByBlock
 TEST_F(ServerStoreTest, WhatTheStoreSaysOfFreshnessComesFirst) {
   const std::string tag = "ETag: \"1\"\r\n", old = "Expires: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
   const std::string control = tag + "Cache-Control: ";
-  startBefore(plain, {"--fresh-for=immutable"});
+  startBefore({"--fresh-for=immutable"}, [&](auto& request, auto& send) { send(answerTo(request)); });
   const struct {
     const char* path;
     std::string headers;
@@ -176,12 +162,11 @@ TEST_F(ServerStoreTest, WhatTheStoreSaysOfFreshnessComesFirst) {
 }
 
 TEST_F(ServerStoreTest, AnswersToChangesAreWholeOrNone) {
-  const auto script = [&](const Request& request, const Send& send) {
+  startBefore({"--origin-retries=0"}, [](const Request& request, const Send& send) {
     if (request.target == "/cut")
       return send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\nConnection: close\r\n\r\nten bytes.");
     send(ScriptedServer::answer(request, "", std::string(request.target == "/long" ? 65'537 : 65'536, 'x')));
-  };
-  startBefore(script, {"--origin-retries=0"});
+  });
   EXPECT_EQ(put("/right", "x").body.size(), 65'536U);
   for (const char* const path : {"/cut", "/long"}) {
     EXPECT_EQ(put(path, "x").status, 502) << path;
@@ -191,10 +176,9 @@ TEST_F(ServerStoreTest, AnswersToChangesAreWholeOrNone) {
 
 TEST_F(ServerStoreTest, SignaturesInTargetsReachNeitherStoreNorLog) {
   const std::string log = dir / "access.log";
-  const auto script = [](const Request& request, const Send& send) {
+  startBefore({"--access-log=" + log}, [](const Request& request, const Send& send) {
     send(ScriptedServer::answer(request, "", request.target));
-  };
-  startBefore(script, {"--access-log=" + log});
+  });
   EXPECT_EQ(get("/x?X-Amz-Signature=hush&versionId=7&X-Amz-Credential=me&x-amz-security-token=hush").body,
             "/x?versionId=7");
   EXPECT_EQ(get("/x?AWSAccessKeyId=me&Signature=hush&Expires=1").body, "/x");

@@ -5,38 +5,38 @@
 namespace diskcached {
 namespace {
 
-class ServerWriteTest : public ServerTest {
- protected:
+struct ServerWriteTest : ServerTest {
   std::vector<std::string> writeBack = {"--write-back", "--origin-retries=0", "--grace=20"};
 
   void restart(int signal) {
     server->end(signal);
     start(writeBack);
   }
-  bool areUploaded() const {
-    return eventually([&] { return metric("diskcache_client_staged_objects") == 0; });
+  // All that was staged, and the store has these bytes.
+  void expectUploaded(const std::string& path, const std::string& bytes) const {
+    EXPECT_TRUE(eventually([&] { return metric("diskcache_client_staged_objects") == 0; }))
+        << admin("/status").body;
+    EXPECT_EQ(readFile(store.files + path), bytes);
   }
 };
 
 TEST_F(ServerWriteTest, ChangesGoThroughToTheStoreAndAreSeenAtOnce) {
   start();
-  HttpClient client(port);
   const std::string sizes[] = {"", "short", bytesOf("first", 3'000'000)};
   for (const bool isChunked : {false, true}) {
     for (const std::string& content : sizes) {
       const std::string path = "/dir/object-" + std::to_string(content.size());
       const std::string full = content + (isChunked ? "chunked" : "");
-      client.isChunked = isChunked;
-      EXPECT_EQ(client.ask("PUT", path, {}, full).status / 100, 2);
+      EXPECT_EQ(put(path, full, {isChunked ? "Transfer-Encoding: chunked" : "A: b"}).status / 100, 2);
       EXPECT_EQ(readFile(store.files + path), full);
-      EXPECT_EQ(client.ask("GET", path).body, full);
-      EXPECT_TRUE(client.ask("GET", path).isHit() || full.empty());
+      EXPECT_EQ(get(path).body, full);
+      EXPECT_TRUE(get(path).isHit() || full.empty());
     }
   }
   for (const auto& [method, status] : {std::pair{"DELETE", 204}, {"GET", 404}, {"DELETE", 404}})
-    EXPECT_EQ(client.ask(method, "/dir/object-5").status, status) << method;
+    EXPECT_EQ(ask(method, "/dir/object-5").status, status) << method;
   store.stop();
-  EXPECT_EQ(client.ask("PUT", "/dir/lost", {}, "x").status, 502);
+  EXPECT_EQ(put("/dir/lost", "x").status, 502);
 }
 
 TEST_F(ServerWriteTest, WhatIsNoObjectIsPassedThroughUncached) {
@@ -73,9 +73,8 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
   restart(SIGKILL);
   expectVisible();
   store.start();
-  ASSERT_TRUE(areUploaded()) << admin("/status").body;
-  EXPECT_EQ(readFile(store.files + "/a:b/staged"), content);
-  EXPECT_EQ(readFile(store.files + "/a:b/twice"), "new");
+  expectUploaded("/a:b/staged", content);
+  expectUploaded("/a:b/twice", "new");
   EXPECT_EQ(get("/a:b/staged").body, content);
   EXPECT_EQ(put("/last", content).status, 200);
   EXPECT_EQ(server->end(SIGTERM), 0);  // and uploads what is left
@@ -84,78 +83,79 @@ TEST_F(ServerWriteTest, StagedObjectsSurviveKillsAndReachTheStore) {
 
 TEST_F(ServerWriteTest, AnUploadUnderWayKeepsNoChangeOfTheKeyWaiting) {
   start({"--write-back", "--origin-timeout=600"});
-  store.freeze();
+  store.tell(SIGSTOP);
   const auto began = std::chrono::steady_clock::now();
   for (const char last : {'1', '2', '3', '4', '5'})
     EXPECT_EQ(put("/key", std::string(100'000, last)).status, 200);  // the first are uploaded meanwhile
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
-  store.thaw();
-  ASSERT_TRUE(areUploaded());
-  EXPECT_EQ(readFile(store.files + "/key"), std::string(100'000, '5'));
+  store.tell(SIGCONT);
+  expectUploaded("/key", std::string(100'000, '5'));
   EXPECT_EQ(get("/key").body, std::string(100'000, '5'));
 }
 
-TEST_F(ServerWriteTest, ADeletedObjectDoesNotComeBackByItsUpload) {
+TEST_F(ServerWriteTest, WhatWasDeletedDoesNotComeBackAndWhatIsUnreadableForAWhileDoes) {
   start(writeBack);
   for (const int signal : {SIGKILL, SIGTERM}) {
     store.restart("if ($request_method = PUT) { return 503; }");
-    ASSERT_EQ(put("/gone", "x").status, 200);
+    const std::string bytes = "staged before " + std::to_string(signal);
+    for (const char* const path : {"/gone", "/k"}) ASSERT_EQ(put(path, bytes).status, 200);
     EXPECT_EQ(ask("DELETE", "/gone").status, 204);
     EXPECT_EQ(get("/gone").status, 404);
+    EXPECT_EQ(ask("DELETE", "/k", {"If-Match: x"}).status, 503) << "the store cannot judge it yet";
+    fs::rename(volume + "/staged", dir / "aside");
+    EXPECT_EQ(get("/k").status, 503);
+    fs::rename(dir / "aside", volume + "/staged");
+    EXPECT_EQ(get("/k").body, bytes);
     store.restart("");
     restart(signal);
-    ASSERT_TRUE(areUploaded());
+    expectUploaded("/k", bytes);
     EXPECT_FALSE(fs::exists(store.files + "/gone")) << signal;
     EXPECT_EQ(get("/gone").status, 404) << signal;
   }
 }
 
 TEST_F(ServerWriteTest, OnlyASuccessfulChangeGivesUpWhatIsStaged) {
-  const struct {
-    const char *method, *query, *header;
-  } cases[] = {{"PUT", "?tagging", "A: b"},
-               {"POST", "", "A: b"},
-               {"POST", "?uploadId=1", "A: b"},
-               {"PUT", "", "If-Match: \"x\""},
-               {"PUT", "", "If-None-Match: *"},
-               {"PUT", "", "x-amz-acl: private"},
-               {"PUT", "", "x-amz-copy-source: /x"},
-               {"PUT", "", "Content-Range: bytes 0-4/9"},
-               {"DELETE", "", "A: b"}};
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"PUT", "?tagging", "A: b"},
+      {"POST", "", "A: b"},
+      {"POST", "?uploadId=1", "A: b"},
+      {"PUT", "", "If-Match: \"x\""},
+      {"PUT", "", "If-None-Match: *"},
+      {"PUT", "", "x-amz-acl: private"},
+      {"PUT", "", "x-amz-copy-source: /x"},
+      {"PUT", "", "Content-Range: bytes 0-4/9"},
+      {"DELETE", "", "A: b"}};
   start(writeBack);
   store.restart("if ($args) { return 404; } if ($request_method !~ GET|HEAD) { return 503; }");
   std::vector<std::string> paths;
-  for (const auto& c : cases) {
+  for (const auto& [method, query, header] : cases) {
     const std::string& path = paths.emplace_back("/k" + std::to_string(paths.size()));
     EXPECT_EQ(put(path, path).status, 200);
-    EXPECT_GE(ask(c.method, path + c.query, {c.header}, "other").status, 400);
-    EXPECT_EQ(get(path).body, path) << c.method << c.query << c.header;
+    EXPECT_GE(ask(method, path + query, {header}, "other").status, 400);
+    EXPECT_EQ(get(path).body, path) << method << query << header;
   }
   const std::string list = "<Delete><Object><Key>k0</Key></Object></Delete>";
   EXPECT_EQ(ask("POST", "/?delete", {}, list).status, 503);
   restart(SIGKILL);
   for (const std::string& path : paths) EXPECT_EQ(get(path).body, path);
   store.restart("");
-  ASSERT_TRUE(areUploaded());
-  for (const std::string& path : paths) EXPECT_EQ(readFile(store.files + path), path);
+  for (const std::string& path : paths) expectUploaded(path, path);
 }
 
 TEST_F(ServerWriteTest, WhatReplacesAStagedObjectIsWhatTheStoreGets) {
-  const struct {
-    const char *bytes, *header;
-  } cases[] = {{"newer", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"newer", "x-amz-acl: private"}};
+  const std::pair<std::string, std::string> cases[] = {
+      {"newer", "x-amz-meta-n: 2"}, {"old", "x-amz-meta-n: 2"}, {"newer", "x-amz-acl: private"}};
   start(writeBack);
   store.restart("if ($http_x_amz_meta_n = 1) { return 503; }");
-  for (const auto& c : cases) {
+  for (const auto& [bytes, header] : cases) {
     for (const int signal : {0, SIGKILL}) {
       fs::remove(store.files + "/k");
       ASSERT_EQ(put("/k", "old", {"x-amz-meta-n: 1"}).status, 200);
-      EXPECT_EQ(put(signal == 0 ? "/k" : "/k?X-Amz-Signature=x", c.bytes, {c.header}).status / 100, 2);
+      EXPECT_EQ(put(signal == 0 ? "/k" : "/k?X-Amz-Signature=x", bytes, {header}).status / 100, 2);
       EXPECT_NE(get("/k").header("x-amz-meta-n"), "1");
       if (signal != 0) restart(signal);
-      ASSERT_TRUE(areUploaded()) << c.bytes << c.header;
-      EXPECT_EQ(readFile(store.files + "/k"), c.bytes) << c.header;
-      EXPECT_EQ(get("/k").body, c.bytes);
+      expectUploaded("/k", bytes);
+      EXPECT_EQ(get("/k").body, bytes) << header;
     }
   }
 }
@@ -184,23 +184,7 @@ TEST_F(ServerWriteTest, OfTwoStagedOfAKeyTheOlderOneWaitsForTheOther) {
   EXPECT_FALSE(fs::exists(store.files + "/k"));
   EXPECT_EQ(get("/k").status, 503);
   EXPECT_EQ(put("/k", "right").status, 200);
-  ASSERT_TRUE(areUploaded());
-  EXPECT_EQ(readFile(store.files + "/k"), "right");
-}
-
-TEST_F(ServerWriteTest, WhatIsStagedAndUnreadableForAWhileIsNotForgotten) {
-  start(writeBack);
-  store.restart("if ($request_method = PUT) { return 503; }");
-  ASSERT_EQ(put("/k", "bytes").status, 200);
-  EXPECT_EQ(ask("DELETE", "/k", {"If-Match: x"}).status, 503) << "the store cannot judge it yet";
-  fs::rename(volume + "/staged", dir / "aside");
-  EXPECT_EQ(get("/k").status, 503);
-  fs::rename(dir / "aside", volume + "/staged");
-  EXPECT_EQ(get("/k").body, "bytes");
-  store.restart("");
-  restart(SIGKILL);
-  ASSERT_TRUE(areUploaded());
-  EXPECT_EQ(readFile(store.files + "/k"), "bytes");
+  expectUploaded("/k", "right");
 }
 
 TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
@@ -219,19 +203,14 @@ TEST_F(ServerWriteTest, ARootThatWasFullForAMomentCostsNoStagedObject) {
   restart(SIGKILL);
   EXPECT_EQ(get("/k").body, "second");
   store.restart("");
-  ASSERT_TRUE(areUploaded());
-  EXPECT_EQ(readFile(store.files + "/k"), "second");
+  expectUploaded("/k", "second");
 }
 
 TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
   const std::string md5 = "Content-MD5: ", sha = "x-amz-content-sha256: ", zeros(64, '0');
   const std::string itsMd5 = md5 + "df2YmYFQmVh3fN/Nxm4htQ==";
   const std::string itsSha = sha + "771824de42287642fa0fbe0b568b80cc3290e29b7d3cd6efbc7b1b8eb1037b04";
-  const struct {
-    std::vector<std::string> headers;
-    long status;
-    const char* code;
-  } cases[] = {
+  const std::tuple<std::vector<std::string>, long, std::string> cases[] = {
       {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
       {{md5 + "1B2M2Y8AsgTpgAmY7PhCfg"}, 400, "InvalidDigest"},
       {{itsMd5, md5 + "1B2M2Y8AsgTpgAmY7PhCfg=="}, 400, "BadDigest"},
@@ -248,7 +227,7 @@ TEST_F(ServerWriteTest, ABodyThatIsNotTheOneOfItsDigestsChangesNothing) {
     for (const auto& [headers, status, code] : cases) {
       const Reply reply = put(target, "a body", headers);
       EXPECT_EQ(reply.status, status) << headers.back();
-      EXPECT_NE(reply.body.find("<Code>" + std::string(code) + "</Code>"), std::string::npos) << reply.body;
+      EXPECT_NE(reply.body.find("<Code>" + code + "</Code>"), std::string::npos) << reply.body;
       EXPECT_EQ(store.requests().find('/' + name), std::string::npos) << headers.back();
     }
     EXPECT_EQ(readFile(store.files + '/' + name), "old");

@@ -30,8 +30,7 @@ inline std::string bytesOf(std::string_view key, std::string_view version, uint6
   return bytes;
 }
 
-class ClientTest : public ::testing::Test {
- protected:
+struct ClientTest : ::testing::Test {
   void TearDown() override {
     cache.reset();
     EXPECT_LE(openDescriptors(), m_descriptors);
@@ -44,13 +43,13 @@ class ClientTest : public ::testing::Test {
     made.blockSize = SMALL_BLOCK;
     return made;
   }
-  std::string openWith(const ObjectCacheOptions& chosen) {
+  std::string openWith(const ObjectCacheOptions& given) {
     cache.reset();
-    cache = std::make_unique<ObjectCache>(chosen);
+    cache = std::make_unique<ObjectCache>(given);
     return outcome(cache->open());
   }
-  void start(const ObjectCacheOptions& chosen) { ASSERT_EQ(openWith(chosen), "success"); }
-  void start() { start(options()); }
+  void start(const ObjectCacheOptions& given) { ASSERT_EQ(openWith(given), "success"); }
+  void start() { start(chosen); }
 
   // The origin's answer for an object of `size` bytes.
   OriginAnswer answer(std::string_view key, std::string_view version, uint64_t size, uint64_t from,
@@ -66,19 +65,14 @@ class ClientTest : public ::testing::Test {
   // What a read gives, "right", or what is wrong with it.
   std::string read(std::string_view key, uint64_t size, uint64_t from, size_t count,
                    std::string_view version = "v") {
-    return readInto(result, key, size, from, count, version);
-  }
-  // The same for any thread, with a result of its own.
-  std::string readInto(ReadResult& got, std::string_view key, uint64_t size, uint64_t from, size_t count,
-                       std::string_view version = "v") {
     std::string buffer(count, 'x');
-    got =
+    result =
         cache->read(key, version, from, std::as_writable_bytes(std::span(buffer)),
                     [&](uint64_t at, std::span<std::byte> to) { return answer(key, version, size, at, to); });
-    if (!got) return outcome(got.error);
+    if (!result) return outcome(result.error);
     const uint64_t expected = from >= size ? 0 : std::min<uint64_t>(count, size - from);
-    if (got.bytes != expected) return "length " + std::to_string(got.bytes);
-    if (got.objectSize != size) return "size " + std::to_string(got.objectSize);
+    if (result.bytes != expected) return "length " + std::to_string(result.bytes);
+    if (result.objectSize != size) return "size " + std::to_string(result.objectSize);
     if (!buffer.starts_with(bytesOf(key, version, from, expected))) return "wrong bytes";
     return "right";
   }
@@ -90,10 +84,11 @@ class ClientTest : public ::testing::Test {
     const Metadata metadata = {{"etag", std::string(version)}};
     return outcome(cache->stage(key, version, std::as_bytes(std::span(bytes)), metadata));
   }
-  // An upload, to which all that was staged must come.
-  static CZuError upload(const StagedObject& object) {
+  // An upload, to which all that was staged must come, unless it was given up.
+  static CZuError upload(const StagedObject& object, bool mayBeGivenUp = false) {
     std::string bytes(object.size, 'x');
     const CZuError error = object.read(0, std::as_writable_bytes(std::span(bytes)));
+    if (mayBeGivenUp && RMErrorUtil::GetErrNo(error) == ENOENT) return error;
     EXPECT_EQ(bytes, bytesOf(object.key, object.version, 0, object.size));
     EXPECT_EQ(object.metadata.at("etag"), object.version);
     return error;
@@ -112,11 +107,12 @@ class ClientTest : public ::testing::Test {
   }
 
   TempDir dir;
+  ObjectCacheOptions chosen = options();  // for the next start
   LogCapture log{LogLevel::Error - 1};
   size_t m_descriptors = openDescriptors();
   std::atomic<size_t> originCalls{0};
   std::atomic<int> originErrNo{0};
-  ReadResult result;
+  static inline thread_local ReadResult result;  // of this thread's last read
   std::unique_ptr<ObjectCache> cache;
 };
 

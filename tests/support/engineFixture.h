@@ -48,8 +48,7 @@ struct SegmentOperation {
   std::function<CZuError()> run;
 };
 
-class EngineTest : public ::testing::Test {
- protected:
+struct EngineTest : ::testing::Test {
   using Access = DiskCacheTestAccess;
 
   // Makes the engine and registers `ctx`; called again, it starts a new engine on the same directories.

@@ -55,7 +55,10 @@ class ScriptedServer {
 
   explicit ScriptedServer(Script script) : m_script(std::move(script)), m_fd(bindLoopback(m_port)) {
     (void)listen(m_fd, 100);
-    m_acceptor = std::thread([this] { acceptAll(); });
+    m_acceptor = std::thread([this] {
+      for (int fd = accept(m_fd, nullptr, nullptr); fd >= 0; fd = accept(m_fd, nullptr, nullptr))
+        m_threads.emplace_back([this, fd] { serve(fd); });
+    });
   }
   ~ScriptedServer() {
     shutdown(m_fd, SHUT_RDWR);
@@ -75,10 +78,6 @@ class ScriptedServer {
   }
 
  private:
-  void acceptAll() {
-    for (int fd = accept(m_fd, nullptr, nullptr); fd >= 0; fd = accept(m_fd, nullptr, nullptr))
-      m_threads.emplace_back([this, fd] { serve(fd); });
-  }
   void serve(int fd) const {
     std::string got;
     const auto receive = [&] {

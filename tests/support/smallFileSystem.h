@@ -19,7 +19,9 @@ class SmallFileSystem {
   explicit SmallFileSystem(unsigned mebibytes, unsigned inodes = 0) {
     thread_local const bool mountsArePrivate =
         unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    m_mounted = mountsArePrivate && mountTmpfs(mebibytes, inodes);
+    std::string options = "mode=0700,size=" + std::to_string(mebibytes) + "m";
+    if (inodes != 0) options += ",nr_inodes=" + std::to_string(inodes);
+    m_mounted = mountsArePrivate && mount("tmpfs", path().c_str(), "tmpfs", 0, options.c_str()) == 0;
   }
   ~SmallFileSystem() {
     if (m_mounted) umount2(path().c_str(), MNT_DETACH);  // even when a failed test has a file open
@@ -31,12 +33,6 @@ class SmallFileSystem {
   std::string operator/(std::string_view name) const { return m_dir / name; }
 
  private:
-  bool mountTmpfs(unsigned mebibytes, unsigned inodes) {
-    std::string options = "mode=0700,size=" + std::to_string(mebibytes) + "m";
-    if (inodes != 0) options += ",nr_inodes=" + std::to_string(inodes);
-    return mount("tmpfs", path().c_str(), "tmpfs", 0, options.c_str()) == 0;
-  }
-
   TempDir m_dir;
   bool m_mounted = false;
 };
