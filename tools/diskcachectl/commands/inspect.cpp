@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "commands/commands.h"
@@ -103,9 +104,13 @@ int inspect(Inspected& file) {
   const std::filesystem::path path(file.path);
   if (!isBlock(path.parent_path().native(), path.filename().native())) return 0;
   const Record* trailer = file.layout.find(ObjectStore::TRAILER_SECTION);
-  if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);
-  const std::string why = whyNoBlock(opened.fd(), file.layout, path.filename().native(), true);
-  if (!why.empty()) file.layout.problems.push_back(why);
+  try {
+    if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);
+    const std::string why = whyNoBlock(opened.fd(), file.layout, path.filename().native(), true);
+    if (!why.empty()) file.layout.problems.push_back(why);
+  } catch (const std::system_error& failed) {
+    return failed.code().value();
+  }
   return 0;
 }
 

@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -149,9 +150,13 @@ class Verification {
     counts.sections += layout.liveSections;
     counts.bytes += layout.bytes;
     if (layout.problems.empty() && isBlockAt(named)) {
-      ++counts.blocks;
-      const std::string why = whyNoBlock(file.fd(), layout, nameIn(name), true);
-      if (!why.empty()) layout.problems.push_back(why);
+      try {
+        const std::string why = whyNoBlock(file.fd(), layout, nameIn(name), true);
+        ++counts.blocks;
+        if (!why.empty()) layout.problems.push_back(why);
+      } catch (const std::system_error& failed) {
+        return complain(pathOf(named), failed.code().value(), ExitStatus::Error);
+      }
     }
     if (!layout.problems.empty()) report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")));
   }
