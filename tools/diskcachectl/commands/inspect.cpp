@@ -21,6 +21,7 @@
 #include "common/output.h"
 #include "common/units.h"
 #include "look/blockLook.h"
+#include "look/knownCache.h"
 #include "look/looking.h"
 #include "look/segmentDecoder.h"
 
@@ -67,7 +68,8 @@ void printTable(const Inspected& file) {
   }
   for (const Extent& hole : file.holes)
     fmt::print("  hole of {} at {}\n", formatSize(hole.length), hole.offset);
-  for (const std::string& problem : layout.problems) fmt::print("  {}\n", painted(Colour::Red, problem));
+  for (const std::string& problem : layout.problems)
+    fmt::print("  {}\n", painted(Colour::Red, printable(problem)));
 }
 
 ordered_json asJson(const Inspected& file) {
@@ -101,7 +103,7 @@ int inspect(Inspected& file) {
   const int rc = decodeSegment(opened.fd(), file.layout);
   if (rc != 0) return rc;
   file.holes = holesOf(opened.fd(), file.layout.bytes);
-  const std::filesystem::path path(file.path);
+  const std::filesystem::path path(canonicalPath(file.path));
   if (!isBlock(path.parent_path().native(), path.filename().native())) return 0;
   const Record* trailer = file.layout.find(ObjectStore::TRAILER_SECTION);
   try {

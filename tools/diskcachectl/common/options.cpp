@@ -34,8 +34,9 @@ CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool 
 
 std::string whyNotBelow(const std::string& name) {
   const std::filesystem::path path(name);
-  const bool isBelow =
-      !name.empty() && path.is_relative() && std::find(path.begin(), path.end(), "..") == path.end();
+  const auto leadsOn = [](const std::filesystem::path& part) { return !part.empty() && part != "."; };
+  const bool isBelow = path.is_relative() && std::any_of(path.begin(), path.end(), leadsOn) &&
+                       std::find(path.begin(), path.end(), "..") == path.end();
   return isBelow ? "" : fmt::format("\"{}\" lies below no volume", name);
 }
 
