@@ -174,7 +174,8 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   for (const auto& [context, why] : {std::pair{"staged", "only copy"}, {"./", "below no volume"}})
     expectFailure("prune --bytes 1 " + root + "--context " + context, 2, why);
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
-  EXPECT_TRUE(fs::exists(dir / "a/blocks/volume.id"));
+  EXPECT_TRUE(fs::remove(dir / "a/blocks/volume.id"));
+  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 2, "is the disk mounted?");
 }
 
 TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
