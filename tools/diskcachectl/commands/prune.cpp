@@ -271,6 +271,7 @@ void add(CLI::App& program) {
   command->add_option("--to", options->percent, "Free until each file system is used to so many percent")
       ->type_name("PERCENT")
       ->check(CLI::Range(0.0, 100.0).description(""))
+      ->check(CLI::Validator(whyNan, ""))
       ->excludes(bytes);
   command->add_option("--older-than", options->age, "Only what was not changed for so long (90m, 12h, 7d)")
       ->type_name("AGE")
