@@ -113,6 +113,10 @@ TEST_F(EngineToolTest, LargeSectionsAndThoseOfOtherProgramsComeBackWhole) {
     EXPECT_EQ(std::system(("cmp " + (dir / "large ") + (dir / "copy")).c_str()), 0) << id;
   }
 
+  const std::string touched = pathOf("0011large");
+  run("get " + segment("0011large ") + "| { head -c 1; touch " + touched + "; cat; } >/dev/null");
+  EXPECT_NE(err.find(touched + ": was changed while it was read"), std::string::npos) << err;
+
   // A sub-type is its owner's, and stays.
   ASSERT_EQ(put("0033typed", "one"), 0) << err;
   std::string whole = readFile(pathOf("0033typed"));

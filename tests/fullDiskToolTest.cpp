@@ -92,6 +92,9 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   fs::create_directories(at + "88/deep");
   fs::create_directories(dir / "a/lost+found/empty/one");
   writeFile(dir / "a/notes", "nobody's but mine");
+  const std::string half = segment("data", "0099half", 5);  // of two sections the first is whole
+  ASSERT_EQ(run("put --type 1 " + root + on("a") + "--context data 0099half " + (dir / "in")), 0) << err;
+  fs::resize_file(half, fs::file_size(half) - 1);
   // Beside a server: what is old and not open. The directories are new.
   for (const auto& [path, why] : useless) age(path, why == "cut short" ? 0 : 2);
   const int open = ::open((at + "11/0011sound.temp").c_str(), O_RDONLY | O_CLOEXEC);
@@ -111,16 +114,18 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   EXPECT_EQ(listed["found"].size(), useless.size() + 3) << "77, 88 and what is in it: " << listed;
   EXPECT_EQ(parsed("clean " + root)["found"].size(), useless.size() + 2) << "it was recycled just now";
   EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
-  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "notes"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes"}));
   EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
 }
 
 TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
   const std::string damaged = segment("data", "0011bad", 0), sound = segment("data", "0022good", 0);
-  writeFile(damaged, "damaged");
-  const std::string verify = "verify --remove " + root;
-  EXPECT_EQ(parsed(verify, 1)["removed"], 1);
-  EXPECT_FALSE(fs::exists(damaged));
+  for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README"})
+    writeFile(path, "damaged");
+  const json verified = parsed("verify --remove " + root, 1);
+  EXPECT_EQ(verified["problems"].size(), 2U) << "the index is none: " << verified;
+  EXPECT_EQ(verified["removed"], 1);
+  EXPECT_EQ(left(), (std::set<std::string>{"0022good", "diskcached.index", "README"}));
 
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
   fs::remove_all(dir / "a");
@@ -158,9 +163,19 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   const json damage = parsed("verify " + root, 1);
   EXPECT_EQ(damage["problems"][0]["problem"],
             "bytes 0 to 34463 of its payload are not those that were written");
-  expectFailure("prune --context staged --bytes 1 " + root, 2, "only copy");
+  fs::create_symlink(path, dir / "link");
+  EXPECT_EQ(run("inspect " + (dir / "link")), 1) << "a block by another name";
+  const std::string staged = std::string(path).replace(path.find("/blocks/"), 8, "/staged/");
+  writeFile(staged, bytes);
+  fs::create_directory_symlink("staged", dir / "a/link");
+  EXPECT_EQ(parsed("verify --remove " + root + (dir / "a/link"), 1)["removed"], 0);
+  EXPECT_EQ(parsed("prune --context link --bytes 1T " + root)["segments"], 0);
+  EXPECT_TRUE(fs::exists(staged));
+  for (const auto& [context, why] : {std::pair{"staged", "only copy"}, {"./", "below no volume"}})
+    expectFailure("prune --bytes 1 " + root + "--context " + context, 2, why);
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
-  EXPECT_TRUE(fs::exists(dir / "a/blocks/volume.id"));
+  EXPECT_TRUE(fs::remove(dir / "a/blocks/volume.id"));
+  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 2, "is the disk mounted?");
 }
 
 TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {

@@ -38,7 +38,7 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr const char* HELP =
-    R"(Lists what lies on volumes and serves nobody: leftovers of replacements and copies (.temp, .copying), files that a kill cut short, segments where no identifier leads, empty directories, and what is in "recycle" for longer than --recycled-for. --remove deletes it. Beside a running server only what was not changed for an hour counts and is not open in any process. Files that are no segments are left alone, and so are objects that are staged.
+    R"(Lists what lies on volumes and serves nobody: leftovers of replacements and copies (.temp, .copying), files that a kill cut short and that have no whole section, segments where no identifier leads, empty directories, and what is in "recycle" for longer than --recycled-for. --remove deletes it. Beside a running server only what was not changed for an hour counts and is not open in any process. Files that are no segments are left alone, and so are objects that are staged.
 
 Exit status: 0 success, 2 bad input, 3 a directory that cannot be read or a file that cannot be removed.
 
@@ -147,11 +147,13 @@ class Cleaning {
     const LookedAt opened(file.dirFd, file.name, O_NOFOLLOW);
     if (opened.error() != 0 || decodeSegment(opened.fd(), m_layout) != 0) return nullptr;
     if (!placeOf(file).isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
-    if (m_layout.isCutShort) return "cut short";
-    // The trailer is written last.
-    const bool isCutBlock =
-        isBlock(file.relative, file.name) && m_layout.find(ObjectStore::TRAILER_SECTION) == nullptr;
-    return m_layout.isSegment && isCutBlock ? "cut short" : nullptr;
+    // The trailer is written last. A segment gives the sections that are whole when the next one is cut.
+    const bool isUseless =
+        isBlock(file.relative, file.name)
+            ? m_layout.isCutShort ||
+                  (m_layout.isSegment && m_layout.find(ObjectStore::TRAILER_SECTION) == nullptr)
+            : m_layout.isCutShort && !m_layout.hasWholeSection();
+    return isUseless ? "cut short" : nullptr;
   }
 
   // From the deepest on, so that what holds only empty directories is empty too.

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "client/blockName.h"
@@ -89,8 +90,12 @@ Explained explain(const FoundCopy& copy, const Options& options, const OpenFiles
   found.allocated = layout.allocated;
   found.problems = layout.problems;
   if (layout.problems.empty() && isBlock(copy.context, options.id)) {
-    const std::string why = whyNoBlock(file.fd(), layout, options.id, true);
-    if (!why.empty()) found.problems.push_back(why);
+    try {
+      const std::string why = whyNoBlock(file.fd(), layout, options.id, true);
+      if (!why.empty()) found.problems.push_back(why);
+    } catch (const std::system_error& failed) {
+      found.problems.emplace_back(std::strerror(failed.code().value()));
+    }
   }
   if (copy.context == options.nonprunable) {
     found.pins.push_back(fmt::format("\"{}\" is left alone by pruning", options.nonprunable));

@@ -29,7 +29,7 @@ namespace diskcachectl::forget {
 namespace {
 
 constexpr const char* HELP =
-    R"(Takes a volume, given by directory or index, out of the root's file "volume_info", so that a disk that is lost no longer fails the start. What lies on it stays; the other volumes keep their indexes. A server that is still told to use the directory makes it a volume again, with another index.
+    R"(Takes a volume, given by directory or, all digits, by index, out of the root's file "volume_info", so that a disk that is lost no longer fails the start. What lies on it stays; the other volumes keep their indexes. A server that is still told to use the directory makes it a volume again, with another index.
 
 Exit status: 0 success, 2 there is no such volume, 3 an error of the system, a move of a volume that is not finished, or a server runs.
 
@@ -65,9 +65,10 @@ void run(const Options& options) {
   const KnownCache known(options.root);
   known.refuseMove();
   std::error_code ignored;
+  const bool isIndex = options.volume.find_first_not_of("0123456789") == std::string::npos;
   const auto isMeant = [&](const KnownVolume& volume) {
-    return volume.dir == options.volume || std::to_string(volume.index) == options.volume ||
-           std::filesystem::equivalent(volume.dir, options.volume, ignored);
+    if (isIndex) return std::to_string(volume.index) == options.volume;
+    return volume.dir == options.volume || std::filesystem::equivalent(volume.dir, options.volume, ignored);
   };
   const auto volume = std::find_if(known.volumes.begin(), known.volumes.end(), isMeant);
   if (volume == known.volumes.end()) {
@@ -90,7 +91,9 @@ void add(CLI::App& program) {
   CLI::App* command = addCommand(program, "forget", "Takes a lost volume out of what a cache knows", HELP,
                                  [options] { run(*options); });
   addRoot(*command, options->root)->required();
-  command->add_option("VOLUME", options->volume, "Its directory, or its index")->required()->type_name("");
+  command->add_option("VOLUME", options->volume, "Its directory, or its index: all digits")
+      ->required()
+      ->type_name("");
   addJson(*command, options->isJson);
 }
 

@@ -1,6 +1,7 @@
 // diskcachectl get: reads a section of a segment.
 #include <fcntl.h>
 #include <fmt/core.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -13,6 +14,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <system_error>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -35,7 +37,7 @@ constexpr const char* HELP =
     R"(Writes one section's bytes to FILE, which appears whole or not at all, or to standard output. A server
 may be running on the root; access times stay as they are.
 Exit status: 0 success, 1 there is no such segment or section, or it is damaged, 2 bad input, 3 an error of
-the cache or the system.
+the cache or the system, or a section of 8 MiB or more was changed while it was read.
 
 Example:
   diskcachectl get --root /var/cache/root --context data 0123abcd /tmp/section)";
@@ -52,6 +54,7 @@ struct Options : SegmentOptions {
 class Target {
  public:
   explicit Target(const Options& options) : m_name(options.isStdout() ? "standard output" : options.file) {
+    constexpr mode_t ANYBODY = 0666;
     if (options.isStdout()) {
       m_fd = STDOUT_FILENO;
       return;
@@ -59,12 +62,15 @@ class Target {
     std::error_code error;
     const fs::file_status status = fs::status(m_name, error);
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-      open(m_name, 0);
+      open(m_name, 0, ANYBODY);
       return;
     }
     m_path = fs::weakly_canonical(m_name);  // what a link points at, rather than the link, is replaced
     m_temporary = m_path.parent_path() / fmt::format(".{}.part", getpid());
-    open(m_temporary, O_CREAT | O_EXCL);
+    // Who could not read the file that it replaces shall not read this one.
+    const auto old = static_cast<mode_t>(status.permissions() & fs::perms::all);
+    open(m_temporary, O_CREAT | O_EXCL, fs::exists(status) ? old : ANYBODY);
+    if (fs::exists(status)) (void)fchmod(m_fd, old);  // with what the mask has taken
   }
   ~Target() {
     if (m_fd > STDERR_FILENO) close(m_fd);
@@ -86,8 +92,8 @@ class Target {
   }
 
  private:
-  void open(const fs::path& path, int flags) {
-    m_fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, 0666);
+  void open(const fs::path& path, int flags, mode_t mode) {
+    m_fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, mode);
     if (m_fd < 0) fail(m_name, errno);
   }
 
@@ -146,6 +152,13 @@ class Reader {
   const std::unique_ptr<unsigned char[]> m_buffer;
 };
 
+// Which file it is, and when it was changed.
+auto stateOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) status = {};
+  return std::tuple(status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+}
+
 void run(Options options) {
   if (options.isJson && options.isStdout()) {
     throw Failure(ExitStatus::BadInput, "get: --json needs FILE (see --help)");
@@ -154,6 +167,7 @@ void run(Options options) {
   options.volumes = KnownCache(options.root).choosePresent(options.volumes, Stranger::Accept);
   CacheSession session(options, CacheSession::Use::Look);
   const Copy copy = session.require(options).front();
+  const auto state = stateOf(copy.path);
   Reader reader(session.cache(), copy, options);
   std::vector<Section> sections = reader.read(0);
   uint64_t bytes = sections.front().len;
@@ -164,6 +178,9 @@ void run(Options options) {
     target.write(sections);
     bytes += sections.front().len;
   }
+  // Each chunk was read through an open of its own.
+  if (bytes >= CHUNK && stateOf(copy.path) != state)
+    throw Failure(ExitStatus::Error, copy.path + ": was changed while it was read");
   target.finish();
   if (!options.isJson) return;
   printJson({{"identifier", options.id},

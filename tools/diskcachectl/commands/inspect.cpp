@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "commands/commands.h"
@@ -20,6 +21,7 @@
 #include "common/output.h"
 #include "common/units.h"
 #include "look/blockLook.h"
+#include "look/knownCache.h"
 #include "look/looking.h"
 #include "look/segmentDecoder.h"
 
@@ -66,7 +68,8 @@ void printTable(const Inspected& file) {
   }
   for (const Extent& hole : file.holes)
     fmt::print("  hole of {} at {}\n", formatSize(hole.length), hole.offset);
-  for (const std::string& problem : layout.problems) fmt::print("  {}\n", painted(Colour::Red, problem));
+  for (const std::string& problem : layout.problems)
+    fmt::print("  {}\n", painted(Colour::Red, printable(problem)));
 }
 
 ordered_json asJson(const Inspected& file) {
@@ -100,12 +103,16 @@ int inspect(Inspected& file) {
   const int rc = decodeSegment(opened.fd(), file.layout);
   if (rc != 0) return rc;
   file.holes = holesOf(opened.fd(), file.layout.bytes);
-  const std::filesystem::path path(file.path);
+  const std::filesystem::path path(canonicalPath(file.path));
   if (!isBlock(path.parent_path().native(), path.filename().native())) return 0;
   const Record* trailer = file.layout.find(ObjectStore::TRAILER_SECTION);
-  if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);
-  const std::string why = whyNoBlock(opened.fd(), file.layout, path.filename().native(), true);
-  if (!why.empty()) file.layout.problems.push_back(why);
+  try {
+    if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);
+    const std::string why = whyNoBlock(opened.fd(), file.layout, path.filename().native(), true);
+    if (!why.empty()) file.layout.problems.push_back(why);
+  } catch (const std::system_error& failed) {
+    return failed.code().value();
+  }
   return 0;
 }
 

@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <vector>
 
@@ -189,7 +190,11 @@ class Listing {
       typesOf(header, m_line.types);
       if (isBlock(m_line.context, m_line.identifier)) {
         const uint64_t trailer = header.sectionOffset[ObjectStore::TRAILER_SECTION];
-        m_line.block = readTrailer(opened.fd(), trailer, m_line.bytes);
+        try {
+          m_line.block = readTrailer(opened.fd(), trailer, m_line.bytes);
+        } catch (const std::system_error& failed) {
+          complain(file.path(), failed.code().value(), ExitStatus::Error);
+        }
       }
     }
     m_lines.add(m_line);

@@ -50,8 +50,10 @@ constexpr const char* HELP =
 named objects, which will not take it for its volume again. The engine leaves some
 directories behind when their number is no multiple of 4, and files that lie directly in the volume:
 the command stops when there are any, unless told what to do. No file may lie in DIR yet, so that nothing
-older takes the place of what is copied; but a migration that was killed is resumed by the same command.
-No server may be running on the root.
+older takes the place of what is copied; but a migration that was killed is resumed by the same command, unless
+it was still copying what would stay behind (--complete): then empty DIR first.
+A volume of named objects without its marker is taken for a disk that is not mounted. No server may be running on
+the root.
 Exit status: 0 success, 2 bad input or something would stay behind, 3 an error of the cache or the system, or
 interrupted (the volume then stays where it was).
 
@@ -266,6 +268,9 @@ void run(Options options) {
   options.volumes =
       known.choosePresent(options.volumes, options.addsVolume ? Stranger::Add : Stranger::Refuse);
   const std::string source = isResumed ? noted->source : directoryOf(known, options);
+  if (known.isObjectCache && !fs::exists(fs::path(source) / VOLUME_MARKER)) {
+    throw Failure(ExitStatus::BadInput, source + ": has no marker of the cache: is the disk mounted?");
+  }
   if (!isResumed) refuseDestination(known, source, options.destination);
 
   Plan plan = planFor(source);

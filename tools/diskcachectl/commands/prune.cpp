@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "commands/commands.h"
@@ -58,10 +59,12 @@ struct Options {
 };
 
 struct Candidate {
-  int64_t modified;  // nanoseconds since 1970
+  timespec modified;
   uint64_t allocated;
   dev_t device;
   std::string path;
+
+  auto order() const { return std::tie(modified.tv_sec, modified.tv_nsec, path); }
 };
 
 // How much is still to be freed.
@@ -112,27 +115,31 @@ struct Freed {
 
 class Pruning {
  public:
-  explicit Pruning(const Options& options) : m_options(options) {}
+  Pruning(const Options& options, bool isObjectCache) : m_options(options), m_isObjectCache(isObjectCache) {}
 
   void collect(const std::vector<std::string>& volumes) {
     std::vector<std::string> roots;
     for (const auto* names : {&m_options.contexts, &m_options.nonprunable}) {
+      m_prunableRoots = roots.size();
       for (const std::string& name : *names) {
         for (const std::string& volume : volumes) {
           std::string root = volume;
           root.append(1, '/').append(name);
-          if (LookedAt(root, O_DIRECTORY).error() == 0) roots.push_back(root);
+          if (LookedAt(root, O_DIRECTORY).error() == 0) roots.push_back(canonicalPath(root));
         }
       }
     }
+    for (const std::string& volume : volumes) m_volumes.push_back(canonicalPath(volume));
     if (roots.empty()) throw Failure(ExitStatus::BadInput, "no volume has a directory of that name");
     TreeWalk walk(
         roots, [this](const WalkedFile& file, size_t) { visit(file); },
         [this](const std::string& path, int error) { complain(path, error); });
     walk.runWithProgress("prune", 1, [] { return std::string("looking"); });
-    std::sort(m_found.begin(), m_found.end(), [](const Candidate& a, const Candidate& b) {
-      return a.modified != b.modified ? a.modified < b.modified : a.path < b.path;
-    });
+    std::sort(m_found.begin(), m_found.end(),
+              [](const Candidate& a, const Candidate& b) { return a.order() < b.order(); });
+    // Directories may be named twice, or one within another.
+    const auto isSame = [](const Candidate& a, const Candidate& b) { return a.path == b.path; };
+    m_found.erase(std::unique(m_found.begin(), m_found.end(), isSame), m_found.end());
   }
 
   Freed free(Goal goal) {
@@ -145,7 +152,7 @@ class Pruning {
       goal.took(candidate);
       ++freed.segments;
       freed.bytes += candidate.allocated;
-      freed.youngest = candidate.modified / 1'000'000'000;
+      freed.youngest = candidate.modified.tv_sec;
     }
     freed.missing = goal.missing();
     return freed;
@@ -157,12 +164,13 @@ class Pruning {
   void visit(const WalkedFile& file) {
     // What lies elsewhere is no segment: the markers of volumes, for one.
     if (file.type != DT_REG || kindOf(file) != FileKind::Segment || !placeOf(file).isInPlace) return;
+    if (m_isObjectCache && file.root < m_prunableRoots && isStaged(belowVolume(m_volumes, file.dir))) return;
     struct stat status {};
     if (fstatat(file.dirFd, file.name, &status, AT_SYMLINK_NOFOLLOW) != 0)
       return complain(file.path(), errno);
     if (m_options.age && m_now - status.st_mtim.tv_sec < *m_options.age) return;
-    m_found.push_back({int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec,
-                       static_cast<uint64_t>(status.st_blocks) * 512, status.st_dev, file.path()});
+    m_found.push_back(
+        {status.st_mtim, static_cast<uint64_t>(status.st_blocks) * 512, status.st_dev, file.path()});
   }
 
   bool remove(const std::string& path) {
@@ -185,7 +193,10 @@ class Pruning {
   }
 
   const Options& m_options;
+  const bool m_isObjectCache;
   const int64_t m_now = std::time(nullptr);
+  std::vector<std::string> m_volumes;
+  size_t m_prunableRoots = 0;  // those behind them are of --non-prunable
   std::vector<Candidate> m_found;
   ExitStatus m_worst = ExitStatus::Success;
 };
@@ -236,7 +247,7 @@ void run(Options options) {
     confirm(fmt::format("What lies in {} was never to be pruned and may have no other copy. Delete it?",
                         fmt::join(options.nonprunable, ", ")));
   }
-  Pruning pruning(options);
+  Pruning pruning(options, known.isObjectCache);
   pruning.collect(volumes);
   print(options, pruning.free(Goal(options, volumes)));
   if (pruning.worst() != ExitStatus::Success) throw Failure(pruning.worst());
@@ -260,6 +271,7 @@ void add(CLI::App& program) {
   command->add_option("--to", options->percent, "Free until each file system is used to so many percent")
       ->type_name("PERCENT")
       ->check(CLI::Range(0.0, 100.0).description(""))
+      ->check(CLI::Validator(whyNan, ""))
       ->excludes(bytes);
   command->add_option("--older-than", options->age, "Only what was not changed for so long (90m, 12h, 7d)")
       ->type_name("AGE")

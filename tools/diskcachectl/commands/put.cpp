@@ -17,11 +17,13 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "commands/commands.h"
+#include "common/identifier.h"
 #include "common/options.h"
 #include "common/output.h"
 #include "look/knownCache.h"
@@ -157,9 +159,12 @@ void refuseUnfit(const SegmentLayout& layout, const Record& old, uint64_t length
                   length, isLast ? "this type never becomes shorter" : "others lie behind it"));
 }
 
-// A write that fails half-way would leave neither the old bytes nor the new.
-void refuseWithoutRoom(uint64_t growth, const std::string& path) {
-  if (std::filesystem::space(path).available < growth) fail(path, ENOSPC);
+// A write that fails half-way would leave neither the old bytes nor the new. It fills holes as well; what it makes
+// longer begins and ends within a block, and the file system may need one to find it by.
+void refuseWithoutRoom(const SegmentLayout& layout, uint64_t growth, const FoundCopy& copy) {
+  const uint64_t needed = growth + layout.bytes - std::min(layout.bytes, layout.allocated);
+  const auto room = measure(copy.directory);
+  if (needed != 0 && room && room->free < needed + 2 * room->block) fail(copy.path, ENOSPC);
 }
 
 SegmentLayout layoutOf(const std::string& path) {
@@ -189,7 +194,7 @@ std::optional<SegmentLayout> prepare(Options& options, const Input& input) {
   SegmentLayout layout = layoutOf(path);
   const Record* old = layout.find(options.type);
   if (old != nullptr) refuseUnfit(layout, *old, input.length(), path);
-  if (input.length() > lengthOf(old)) refuseWithoutRoom(input.length() - lengthOf(old), path);
+  refuseWithoutRoom(layout, std::max(input.length(), lengthOf(old)) - lengthOf(old), copies.front());
   return layout;
 }
 
@@ -233,10 +238,8 @@ void create(CacheSession& session, const Options& options, Input& input) {
 }
 
 void run(Options options) {
-  if (options.id.ends_with(RMFile::COPY_SUFFIX) || options.id.ends_with(".temp")) {
-    throw Failure(ExitStatus::BadInput,
-                  fmt::format("{}: ends like the cache's own unfinished files", options.id));
-  }
+  if (const std::string_view why = whyNotNew(options.id); !why.empty())
+    throw Failure(ExitStatus::BadInput, fmt::format("{}: {}", options.id, why));
   Input input(options.file);
   if (input.length() == 0) {
     throw Failure(ExitStatus::BadInput, options.file + ": empty; a section has at least 1 byte");

@@ -20,6 +20,7 @@
 #include "common/failure.h"
 #include "common/options.h"
 #include "common/units.h"
+#include "look/server.h"
 #include "replay/cacheSession.h"
 #include "replay/replayRun.h"
 #include "replay/report.h"
@@ -146,6 +147,8 @@ Report replay(Options options, const Workload& workload) {
   options.cache.verify = ObjectStore::Verify::Never;  // every hit is compared with the origin's bytes
   options.cache.highWatermark = options.cache.lowWatermark = NEVER;  // but for the budget
   options.cache.replaceVolumes = true;
+  RootClaim claim(options.cache.root);
+  claim.passOnClient();
   ObjectStore::ObjectCache cache(options.cache);
   bringUp(cache, options);
   RunSettings settings = options.run;
@@ -236,6 +239,7 @@ void add(CLI::App& program) {
   add("--zipf", options->zipf, "S", "Exponent of the law by which files are drawn; 0 draws all alike")
       ->needs(origin)
       ->check(range(0.0, 10.0))
+      ->check(CLI::Validator(whyNan, ""))
       ->capture_default_str();
   add("--requests", options->run.requests, "N",
       "How many; a shorter trace begins anew (default: the trace, or 10 a file)")

@@ -209,7 +209,7 @@ void run(const Options& options) {
   const KnownCache known(options.root);
   Status status;
   status.server = serverOn(options.root);
-  for (const std::string& dir : known.choosePresent(options.volumes, Stranger::Accept)) {
+  for (const std::string& dir : known.choose(options.volumes, Stranger::Accept)) {
     const auto volume = std::find_if(known.volumes.begin(), known.volumes.end(),
                                      [&](const KnownVolume& v) { return v.dir == dir; });
     const ObjectStore::VolIndex index = volume == known.volumes.end() ? 0 : volume->index;

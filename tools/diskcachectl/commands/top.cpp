@@ -223,6 +223,7 @@ void add(CLI::App& program) {
   command->add_option("--interval", options->interval, "Seconds from one look to the next")
       ->type_name("S")
       ->check(CLI::Range(0.01, 86400.0).description(""))
+      ->check(CLI::Validator(whyNan, ""))
       ->capture_default_str();
   command->add_option("--count", options->count, "How many times (default: until it is ended)")
       ->type_name("N");

@@ -12,13 +12,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "commands/commands.h"
@@ -39,9 +40,9 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr const char* HELP =
-    R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by one. Segments have no checksums: what is checked is that a file's records are where its header says and whole. Blocks of named objects have: their trailer is checked, and their bytes against its checksums. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying) and files where no identifier leads are counted apart. One that a running server is writing at this moment may seem damaged.
+    R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by one. Segments have no checksums: what is checked is that a file's records are where its header says and whole. Blocks of named objects have: their trailer is checked, and their bytes against its checksums. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying) and files where no identifier leads are counted apart. Paths are told without links. One that a running server is writing at this moment may seem damaged.
 
-With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them.
+With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them, and so do files where no identifier leads, which may be anybody's.
 
 Exit status: 0 all sound, 1 damage, removed or not, 2 a path that cannot be used, 3 a file or directory below one that cannot be read or removed, or a server runs.
 
@@ -71,8 +72,12 @@ struct alignas(64) Counts {
 
 class Verification {
  public:
-  explicit Verification(const Options& options)
-      : m_counts(options.threads), m_isJson(options.isJson), m_removes(options.removes) {}
+  // All paths of volumes and of what is looked at are canonical.
+  Verification(const Options& options, std::vector<std::string> volumes)
+      : m_counts(options.threads),
+        m_volumes(std::move(volumes)),
+        m_isJson(options.isJson),
+        m_removes(options.removes) {}
 
   void run(const std::vector<std::string>& paths) {
     std::vector<std::string> directories;
@@ -122,16 +127,17 @@ class Verification {
     check(file.dirFd, file.name, file, counts);
   }
 
-  static bool isBlockAt(const std::string& path) {
-    const size_t slash = path.find_last_of('/');
-    return slash != std::string::npos && isBlock(path.substr(0, slash), path.substr(slash + 1));
+  bool isBlockAt(const std::string& path) const {
+    return isBlock(belowVolume(m_volumes, path.substr(0, path.find_last_of('/'))), nameIn(path.c_str()));
   }
   // A whole path, or a name in the directory that the walk is in.
   static std::string_view nameIn(const char* path) {
     const std::string_view name = path;
     return name.substr(name.find_last_of('/') + 1);
   }
-  static bool isBlockAt(const WalkedFile& file) { return isBlock(file.dir, file.name); }
+  bool isBlockAt(const WalkedFile& file) const {
+    return isBlock(belowVolume(m_volumes, file.dir), file.name);
+  }
 
   static std::string pathOf(const std::string& path) { return path; }
   static std::string pathOf(const WalkedFile& file) { return file.path(); }
@@ -149,9 +155,13 @@ class Verification {
     counts.sections += layout.liveSections;
     counts.bytes += layout.bytes;
     if (layout.problems.empty() && isBlockAt(named)) {
-      ++counts.blocks;
-      const std::string why = whyNoBlock(file.fd(), layout, nameIn(name), true);
-      if (!why.empty()) layout.problems.push_back(why);
+      try {
+        const std::string why = whyNoBlock(file.fd(), layout, nameIn(name), true);
+        ++counts.blocks;
+        if (!why.empty()) layout.problems.push_back(why);
+      } catch (const std::system_error& failed) {
+        return complain(pathOf(named), failed.code().value(), ExitStatus::Error);
+      }
     }
     if (!layout.problems.empty()) report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")));
   }
@@ -163,13 +173,19 @@ class Verification {
     if (m_isJson) {
       m_problems.push_back({{"path", path}, {"problem", problem}});
     } else {
-      fmt::print("{}: {}\n", printable(path), painted(Colour::Red, problem));
+      fmt::print("{}: {}\n", printable(path), painted(Colour::Red, printable(problem)));
     }
   }
 
   void remove(const std::string& path) {
-    if (isStaged(path)) {
+    const size_t slash = path.find_last_of('/');
+    const std::string dir = path.substr(0, slash), name = path.substr(slash + 1);
+    const std::string_view below = belowVolume(m_volumes, dir);
+    const SegmentPlace place = placeOf({AT_FDCWD, name.c_str(), dir, 0, below, DT_REG});
+    if (isStaged(below)) {
       printError(path + ": staged, left as it is");
+    } else if (!place.isInPlace || place.context.empty()) {
+      printError(path + ": no identifier leads there, left as it is");
     } else if (unlink(path.c_str()) != 0) {
       complain(path, errno, ExitStatus::Error);
     } else {
@@ -221,6 +237,7 @@ class Verification {
   }
 
   std::vector<Counts> m_counts;
+  const std::vector<std::string> m_volumes;  // none without a root
   const bool m_isJson;
   const bool m_removes;
   std::mutex m_lock;  // guards what follows while threads run
@@ -231,31 +248,28 @@ class Verification {
   ordered_json m_problems = ordered_json::array();
 };
 
-// What is removed must be the cache's own.
-void requireWithin(const std::vector<std::string>& volumes, const std::string& path) {
-  namespace fs = std::filesystem;
-  const fs::path real = fs::weakly_canonical(path);
-  for (const std::string& volume : volumes) {
-    const fs::path way = real.lexically_relative(fs::weakly_canonical(volume));
-    if (!way.empty() && *way.begin() != "..") return;
-  }
-  throw Failure(ExitStatus::BadInput, path + ": lies on no volume of the cache");
-}
-
 void run(Options options) {
   std::optional<RootClaim> claim;
+  std::vector<std::string> volumes;
+  // As they are typed they need not tell which part of which volume they are.
+  for (std::string& path : options.paths) path = canonicalPath(path);
   if (!options.root.empty()) {
     if (options.removes) claim.emplace(options.root);
+    tellServer(options.root);
     const KnownCache known(options.root);
     if (options.removes) known.refuseMove();
-    const std::vector<std::string> volumes = known.choosePresent({}, Stranger::Refuse);
-    for (const std::string& path : options.paths) requireWithin(volumes, path);
+    volumes = known.choosePresent({}, Stranger::Refuse);
+    for (std::string& volume : volumes) volume = canonicalPath(volume);
+    for (const std::string& path : options.paths) {
+      if (belowVolume(volumes, path) != path) continue;
+      throw Failure(ExitStatus::BadInput, path + ": lies on no volume of the cache");
+    }
     if (options.paths.empty()) options.paths = volumes;
   }
   if (options.paths.empty()) {
     throw Failure(ExitStatus::BadInput, "verify: one of PATH and --root is required (see --help)");
   }
-  Verification verification(options);
+  Verification verification(options, volumes);
   verification.run(options.paths);
   const ExitStatus status = verification.finish();
   if (status != ExitStatus::Success) throw Failure(status);

@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/blockTrailer.h"
 #include "client/objectCache.h"
 #include "commands/commands.h"
 #include "common/failure.h"
@@ -103,6 +104,7 @@ std::vector<Item> itemsOfList(const Options& options) {
     items.push_back({line.substr(0, first), line.substr(first + 1, second - first - 1),
                      second == std::string::npos ? options.version : line.substr(second + 1)});
   }
+  if (file.bad()) fail(options.list, errno);
   return items;
 }
 
@@ -149,7 +151,7 @@ class Segments : public Target {
       : m_options(options), m_session(options, CacheSession::Use::Fill) {}
 
   Outcome store(const Item& item, const Source& source) override {
-    if (const std::string_view why = whyRefused(item.name); !why.empty())
+    if (const std::string_view why = whyNotNew(item.name); !why.empty())
       throw Failure(ExitStatus::CheckFailed, std::string(why));
     if (source.size() == 0 || source.size() > MAX_SEGMENT)
       throw Failure(ExitStatus::CheckFailed, "its size fits no section");
@@ -314,7 +316,7 @@ void add(CLI::App& program) {
       ->type_name("NAME")
       ->check(CLI::Validator(whyNotBelow, ""));
   const auto addSize = [command](const char* name, uint64_t& value, const char* description) {
-    command->add_option(name, value, description)
+    return command->add_option(name, value, description)
         ->type_name("SIZE")
         ->transform(CLI::Validator(sizeToNumber, ""));
   };
@@ -325,7 +327,8 @@ void add(CLI::App& program) {
       ->type_name("TEXT");
   addSize("--rate", options->rate, "At most so many bytes in a second (50MiB)");
   addSize("--max-bytes", options->maxBytes, "What objects may take on disk");
-  addSize("--block-size", options->blockSize, "Of objects (default: 4MiB)");
+  addSize("--block-size", options->blockSize, "Of objects (default: 4MiB)")
+      ->check(CLI::Range(MIN_BLOCK_SIZE, MAX_BLOCK_SIZE).description(""));
 }
 
 }  // namespace diskcachectl::warm

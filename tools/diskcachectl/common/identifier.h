@@ -4,6 +4,8 @@
 #include <climits>
 #include <string_view>
 
+#include "support/file.h"
+
 namespace diskcachectl {
 
 // Why the cache refuses an identifier, or the system a file of that name; empty when neither does.
@@ -16,6 +18,12 @@ inline std::string_view whyRefused(std::string_view id) {
     return "the identifier would leave its directory";
   }
   return "";
+}
+
+// The same of a segment that is to be made.
+inline std::string_view whyNotNew(std::string_view id) {
+  const bool isUnfinished = id.ends_with(ObjectStore::RMFile::COPY_SUFFIX) || id.ends_with(".temp");
+  return isUnfinished ? "the identifier ends like the cache's own unfinished files" : whyRefused(id);
 }
 
 }  // namespace diskcachectl

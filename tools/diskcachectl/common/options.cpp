@@ -7,6 +7,8 @@
 #include <CLI/Formatter.hpp>
 #include <CLI/Validators.hpp>
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <utility>
 
@@ -34,9 +36,14 @@ CLI::Option* addVolumes(CLI::App& command, std::vector<std::string>& dirs, bool 
 
 std::string whyNotBelow(const std::string& name) {
   const std::filesystem::path path(name);
-  const bool isBelow =
-      !name.empty() && path.is_relative() && std::find(path.begin(), path.end(), "..") == path.end();
+  const auto leadsOn = [](const std::filesystem::path& part) { return !part.empty() && part != "."; };
+  const bool isBelow = path.is_relative() && std::any_of(path.begin(), path.end(), leadsOn) &&
+                       std::find(path.begin(), path.end(), "..") == path.end();
   return isBelow ? "" : fmt::format("\"{}\" lies below no volume", name);
+}
+
+std::string whyNan(const std::string& text) {
+  return std::isnan(std::strtod(text.c_str(), nullptr)) ? fmt::format("\"{}\" is no number", text) : "";
 }
 
 CLI::Option* addContexts(CLI::App& command, const std::string& name, std::vector<std::string>& names,

@@ -29,6 +29,9 @@ CLI::Option* addContexts(CLI::App& command, const std::string& name, std::vector
 // Why a name lies below no volume; empty when it does.
 std::string whyNotBelow(const std::string& name);
 
+// Why a text is no number to compare with; "nan" is within all bounds.
+std::string whyNan(const std::string& text);
+
 // For commands that can ask the root for its volumes.
 void makeVolumesOptional(CLI::App& command);
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <span>
+#include <system_error>
 #include <vector>
 
 #include "client/blockName.h"
@@ -33,7 +34,7 @@ std::string whyWrongBytes(int fd, uint64_t offset, const BlockTrailer& trailer) 
   for (uint64_t at = 0, chunk = 0; at < trailer.payloadSize; at += CHUNK_SIZE, ++chunk) {
     const auto bytes = std::span(buffer).first(std::min(CHUNK_SIZE, trailer.payloadSize - at));
     const ssize_t got = readFully(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset + at));
-    if (got < 0) return fmt::format("its bytes from {} on cannot be read: {}", at, std::strerror(errno));
+    if (got < 0) throw std::system_error(errno, std::generic_category());
     const bool isWhole = static_cast<size_t>(got) == bytes.size();
     if (!isWhole || checksumOf(bytes) != trailer.checksums[chunk]) {
       return fmt::format("bytes {} to {} of its payload are not those that were written", at,
@@ -56,6 +57,7 @@ std::optional<BlockTrailer> readTrailer(int fd, uint64_t offset, uint64_t bytes)
   if (offset == 0 || offset > bytes || bytes - offset < sizeof(front)) return std::nullopt;
   std::vector<std::byte> record(std::min(bytes - offset, sizeof(front) + MAX_TRAILER_SIZE));
   const ssize_t got = readFully(fd, record.data(), record.size(), static_cast<off_t>(offset));
+  if (got < 0) throw std::system_error(errno, std::generic_category());
   if (got != static_cast<ssize_t>(record.size())) return std::nullopt;
   std::memcpy(&front, record.data(), sizeof(front));
   if (front.type != TRAILER_SECTION || front.len > record.size() - sizeof(front)) return std::nullopt;

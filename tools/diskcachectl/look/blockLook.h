@@ -20,6 +20,7 @@ bool isBlock(std::string_view dir, std::string_view name);
 // Whether a directory is one of those that hold the only copy of objects.
 bool isStaged(std::string_view dir);
 
+// What cannot be read is no damage: both throw a std::system_error.
 // The trailer at `offset` of an open file of `bytes`; none when it is not whole. 0 is no offset.
 std::optional<ObjectStore::BlockTrailer> readTrailer(int fd, uint64_t offset, uint64_t bytes);
 

@@ -39,6 +39,23 @@ std::string segmentPath(const std::string& volume, const std::string& context, c
   return fmt::format("{}/{}/{}{}{}", volume, context, levels, levels.empty() ? "" : "/", id);
 }
 
+std::string canonicalPath(const std::string& path) {
+  std::error_code error;
+  const fs::path real = fs::weakly_canonical(path, error);
+  return error ? path : real.native();
+}
+
+std::string_view belowVolume(const std::vector<std::string>& volumes, std::string_view path) {
+  for (std::string_view volume : volumes) {
+    if (volume == "/") volume = "";
+    if (!path.starts_with(volume)) continue;
+    const std::string_view below = path.substr(volume.size());
+    if (below.empty()) return below;
+    if (below.front() == '/') return below.substr(1);
+  }
+  return path;
+}
+
 KnownCache::KnownCache(std::string rootDir) : root(std::move(rootDir)) {
   migration = readMigration(root);  // before the volumes, which its end changes
   VolumeFile file = readVolumeFile(root);

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "look/volumeFile.h"
@@ -52,5 +53,10 @@ class KnownCache {
 
 // VOLUME/CONTEXT/ab/cd/IDENTIFIER
 std::string segmentPath(const std::string& volume, const std::string& context, const std::string& id);
+
+// Without links, and whole; one that does not lead anywhere as it is.
+std::string canonicalPath(const std::string& path);
+// What of a path is below one of the volumes; all of it when it is on none. Of canonical paths.
+std::string_view belowVolume(const std::vector<std::string>& volumes, std::string_view path);
 
 }  // namespace diskcachectl

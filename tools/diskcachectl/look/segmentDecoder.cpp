@@ -168,6 +168,13 @@ const Record* SegmentLayout::find(int32_t type) const {
   return found == records.end() ? nullptr : &*found;
 }
 
+bool SegmentLayout::hasWholeSection() const {
+  return std::any_of(records.begin(), records.end(), [this](const Record& record) {
+    const uint64_t room = bytes - record.offset - SECTION_DESC_SIZE;
+    return record.isLive && record.front.len != 0 && record.front.len <= room;
+  });
+}
+
 int decodeSegment(int fd, SegmentLayout& layout) {
   struct stat status {};
   if (fstat(fd, &status) != 0) return errno;

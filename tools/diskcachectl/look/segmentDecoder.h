@@ -30,6 +30,8 @@ struct SegmentLayout {
 
   // The live record of a type; null when there is none.
   const Record* find(int32_t type) const;
+  // Whether a section can be read to its end; an empty one may be a front that was not written yet.
+  bool hasWholeSection() const;
 };
 
 // Decodes an open file into `layout`, whose memory is used again. Returns 0, or the system error number of a

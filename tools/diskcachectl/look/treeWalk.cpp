@@ -47,8 +47,9 @@ std::string_view lastPart(std::string_view path) { return path.substr(path.find_
 FileKind kindOf(const WalkedFile& file) {
   const std::string_view name = file.name;
   if (file.relative.empty()) {
-    constexpr std::string_view OWN[] = {"volume_info", "migrate",        "migrate.new",
-                                        "client.lock", "client.volumes", "migrate.changed"};
+    constexpr std::string_view OWN[] = {"volume_info",     "migrate",          "migrate.new",
+                                        "client.lock",     "client.volumes",   "client.volumes.new",
+                                        "migrate.changed", "diskcached.index", "diskcached.index.new"};
     if (std::find(std::begin(OWN), std::end(OWN), name) != std::end(OWN)) return FileKind::Own;
     if (lastPart(file.dir) == "recycle") return FileKind::Recycled;
   }

@@ -37,13 +37,6 @@ std::string whyNoIdentifier(const std::string& id) {
   return why.empty() ? "" : fmt::format("\"{}\": {}", id, why);
 }
 
-std::string whyNoDirectory(const std::string& name) {
-  const fs::path path(name);
-  const bool isBelow =
-      !name.empty() && path.is_relative() && std::find(path.begin(), path.end(), "..") == path.end();
-  return isBelow ? "" : fmt::format("\"{}\" lies below no volume", name);
-}
-
 bool isThere(const std::string& dir) {
   std::error_code ignored;
   return fs::is_directory(dir, ignored);
@@ -227,10 +220,10 @@ void addSegmentOptions(CLI::App& command, SegmentOptions& options) {
   command.add_option("--context", options.context, "The client's directory on the volumes")
       ->required()
       ->type_name("NAME")
-      ->check(CLI::Validator(whyNoDirectory, ""));
+      ->check(CLI::Validator(whyNotBelow, ""));
   command.add_option("--nonprunable", options.nonprunable, "Its directory of what pruning leaves alone")
       ->type_name("NAME")
-      ->check(CLI::Validator(whyNoDirectory, ""));
+      ->check(CLI::Validator(whyNotBelow, ""));
   command.add_option("IDENTIFIER", options.id, "The segment's name")
       ->required()
       ->type_name("")
