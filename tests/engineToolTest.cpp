@@ -56,9 +56,10 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
   EXPECT_EQ(put("0011first", "again"), 0) << err;
   EXPECT_EQ(get("0011first") + get("0011first", "--type 1"), "againbehind it");
 
+  writeFile(dir / "target", ""), fs::create_symlink("target", dir / "copy");
   ASSERT_EQ(run("get " + segment("0022second --type 3 ") + (dir / "copy") + " --json"), 0) << err;
   EXPECT_EQ(json::parse(out)["bytes"], 3);
-  EXPECT_EQ(readFile(dir / "copy"), "two");
+  EXPECT_EQ(readFile(dir / "target"), "two");
   // Nor is a file written over that has the name a temporary one would have.
   const std::string inPlace = ">.$$.part; exec " DISKCACHECTL_PATH " get " + segment("0022second --type 3 ");
   EXPECT_NE(std::system(("cd " + dir.path() + "; echo mine " + inPlace + "other 2>err").c_str()), 0);

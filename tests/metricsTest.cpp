@@ -98,7 +98,6 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
     EXPECT_EQ(figures(), expected) << name;
   }
   EXPECT_EQ(metric("segments"), 3);
-  EXPECT_EQ(metric("recency_list_entries"), 5);
   EXPECT_EQ(metric("recency_list_entries_limit"), 5);
   EXPECT_EQ(metric("high_watermark_ratio"), FAR_WM / 100.0);
   EXPECT_EQ(metric("mode_info{mode=\"lru\"}"), 1);
