@@ -98,7 +98,7 @@ TEST_F(MoveTest, AChangeNeedsTheNameOfTheNonPrunableDirectory) {
   }
   EXPECT_EQ(refused, (Texts{"writeSections", "truncateSection", "markDirty", "moveToPrunable",
                             "deleteSegment, recycling", "deleteSegment"}));
-  EXPECT_TRUE(!cache->createSegment(ctx, "abcd", {}, false, true, false).IsError() && isCached("abcd"));
+  EXPECT_TRUE(!cache->createSegment(ctx, "new1", {}, false, true, false).IsError() && isCached("new1"));
 }
 
 }  // namespace
