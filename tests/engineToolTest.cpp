@@ -40,6 +40,10 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
       << "on one volume";
   EXPECT_EQ(get("0011first"), "one");
   EXPECT_EQ(get("0022second", "--type 3"), "two");
+  const std::string failing = "LD_PRELOAD=" FAILING_FSYNC_PATH " " DISKCACHECTL_PATH " put ";
+  const std::string second = segment("0022second --type 3 ") + (dir / "in >") + (dir / "out 2>&1");
+  EXPECT_EQ(std::system((failing + second).c_str()), 0);
+  EXPECT_NE(std::system((failing + "--sync " + second).c_str()), 0);
   EXPECT_EQ(get("0022second"), "[1]");
   EXPECT_NE(err.find("there is no section 0"), std::string::npos) << err;
 
