@@ -223,7 +223,7 @@ void WriteBack::adopt(const BlockTrailer& first) {
                                  Clock::from_time_t(static_cast<time_t>(first.madeAt))));
 }
 
-void WriteBack::enter(ObjectPointer object) {
+void WriteBack::enter(const ObjectPointer& object) {
   const KxCriticalSectionLock lock(&m_lock);
   const std::string_view key = object->key;
   const auto age = m_ages.insert(object->stagedAt);

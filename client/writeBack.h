@@ -62,7 +62,7 @@ class WriteBack {
   int storeBlocks(Object& object, std::span<const std::byte> bytes);
   CZuError discard(Object& object);  // with all its blocks taken
   int discardBlocks(const Object& object);
-  void enter(ObjectPointer object);
+  void enter(const ObjectPointer& object);
   using Queue = std::multimap<Clock::time_point, ObjectPointer>;
   // The next object that is due, waited for unless in a single pass; none when there is none, or at the end.
   Queue::node_type take(bool isSinglePass, Clock::time_point passBegan);
