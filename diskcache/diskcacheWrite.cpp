@@ -130,14 +130,16 @@ CZuError makeSegment(DiskCacheState& engine, DiskCacheContext& ctx, const guid_t
 
   const uint32_t generation = engine.migrator.generation();
   NewSegment place{guid, vol, &ctx.dir, engine.migrator.rootFor(guid, vol, ctx.dir)};
-  if (const CZuError error = place.make(where); error.IsError()) return error;
+  const CZuError made = place.make(where);
 
   AutoOpenSegment open(engine.openTable, guid);
   if (!open.opened()) return RMErrorUtil::ErrorErrNo(where, ENOMEM);
   const KxCriticalSectionLock lock(&open.getSegInfo()->lock);
   if (generation != engine.migrator.generation() || engine.migrator.isMigrating(vol)) {
-    // Under the lock the answer stays right.
+    // Under the lock the answer stays right, and where the volume was it may have been removed.
     if (const CZuError error = claimPlace(engine, place, where); error.IsError()) return error;
+  } else if (made.IsError()) {
+    return made;
   }
   if (const CZuError error = checkAbsent(engine, ctx, guid, place.path, where); error.IsError()) return error;
   if (engine.space.isOutOfSpace()) return failAt(where, LogLevel::Segment, ENOSPC, "simulating out of space");
