@@ -1,10 +1,11 @@
-// What diskcachectl makes of figures: sizes and ages as text, and a replay's percentiles.
+// What diskcachectl makes of figures: sizes and ages as text, a replay's percentiles, and lengths of identifiers.
 #ifdef DISKCACHECTL_PATH
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "tools/diskcachectl/common/identifier.h"
 #include "tools/diskcachectl/common/units.h"
 #include "tools/diskcachectl/replay/report.h"
 
@@ -22,6 +23,11 @@ TEST(FiguresToolTest, SizesAndAgesGoFromUnitToUnit) {
   const std::pair<const char*, int64_t> parsed[] = {
       {"30s", 30}, {"90m", 5400}, {"1d", 86400}, {"2w", 1209600}};
   for (const auto& [text, seconds] : parsed) EXPECT_EQ(parseAge(text).count(), seconds);
+}
+
+TEST(FiguresToolTest, AnIdentifierIsAsLongAsANameMayBe) {
+  for (const size_t size : {254, 255, 256})
+    EXPECT_EQ(whyRefused(std::string(size, 'i')).empty(), size <= 255);
 }
 
 TEST(FiguresToolTest, PercentilesAreValuesThatWereMeasured) {
