@@ -135,8 +135,8 @@ CZuError OpenCache::enterStaged() {
 }
 
 // An object whose first block is not there was never staged whole, or is uploaded: the rest of it goes. Nothing goes
-// while that block may lie where nobody could look: on a volume that is not there or not given. One that lacks other bytes stays, for its volume or its disk to
-// come back or for who gives it up.
+// while that block may lie where nobody could look: on a volume that is not there or not given. One that lacks other
+// bytes stays, for its volume or its disk to come back or for who gives it up.
 CZuError OpenCache::enterStaged(std::span<const FoundBlock> blocks, bool sawAll) {
   std::optional<BlockTrailer> known;
   bool isFirstThere = false;

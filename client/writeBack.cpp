@@ -218,9 +218,9 @@ std::vector<std::shared_ptr<const StagedObject>> WriteBack::list(std::optional<s
   return objects;
 }
 
-void WriteBack::adopt(const BlockTrailer& first) {
-  enter(std::make_shared<Object>(*this, first.key, first.version, first.objectSize, first.metadata,
-                                 Clock::from_time_t(static_cast<time_t>(first.madeAt))));
+void WriteBack::adopt(const BlockTrailer& trailer) {
+  enter(std::make_shared<Object>(*this, trailer.key, trailer.version, trailer.objectSize, trailer.metadata,
+                                 Clock::from_time_t(static_cast<time_t>(trailer.madeAt))));
 }
 
 void WriteBack::enter(const ObjectPointer& object) {

@@ -39,8 +39,8 @@ class WriteBack {
   // Ends the workers, each after its upload.
   void stop();
 
-  // An object found at the start, whose blocks the store has adopted, by its first block's trailer.
-  void adopt(const BlockTrailer& first);
+  // An object found at the start, whose blocks the store has adopted, by the trailer of any of them.
+  void adopt(const BlockTrailer& trailer);
 
  private:
   using Clock = std::chrono::system_clock;
