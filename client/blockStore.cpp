@@ -202,9 +202,9 @@ BlockStore::Lookup BlockStore::openIn(const DiskCacheContext& context, const gui
   return {Found::Whole, std::move(block), opened.read};
 }
 
-// Of a block that can't be opened. The header is written first, and the front of the trailer's record last: a kill leaves
-// that away, and a power cut may leave zeros for either or for the trailer's end. A damaged number does not hide the
-// record: it is looked for, too.
+// Of a block that can't be opened. The header is written first, and the front of the trailer's record last: a kill
+// leaves that away, and a power cut may leave zeros for either or for the trailer's end. A damaged number does not hide
+// the record: it is looked for, too.
 BlockStore::Adopted BlockStore::salvage(const std::string& path, const BlockId& id) {
   SegmentHeader header;
   struct stat status {};

@@ -371,6 +371,22 @@ TEST_F(MigratorTest, AChangeIsKeptWholeWhenTheMigrationEndsWithinIt) {
 }
 
 // As when the source's disk is taken away: what is not there any more was not deleted by clients.
+// It began before the end, and where the volume was nothing can be made any more.
+TEST_F(MigratorTest, ACreationGoesWhereTheVolumeIsByThen) {
+  startWithFour();
+  FaultPlan plan;
+  plan.hold("mkdir", 1);
+  auto making = std::async(std::launch::async, [&] { return outcome(create("made", {})); });
+  ASSERT_TRUE(plan.held());
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_EQ(ends(), ended("success", target));
+  fs::remove_all(source);
+  writeFile(source, "no directory");
+  plan.release();
+  EXPECT_EQ(making.get(), "success");
+  EXPECT_TRUE(fs::exists(target + "/ctx/ma/de/made"));
+}
+
 TEST_F(MigratorTest, AnotherDirectoryInTheSourcesPlaceFailsTheMigration) {
   startWithFour();
   migrateUpTo("/spare", target);
