@@ -12,7 +12,7 @@
 namespace diskcachectl {
 namespace {
 
-TEST(FiguresToolTest, SizesAndAgesGoFromUnitToUnit) {
+TEST(FiguresToolTest, SizesAgesAndNamesAtTheirLimits) {
   const std::pair<uint64_t, const char*> sizes[] = {
       {1023, "1023 B"}, {1024, "1.0 KiB"}, {1048524, "1023.9 KiB"}, {1048525, "1.0 MiB"}};
   for (const auto& [bytes, text] : sizes) EXPECT_EQ(formatSize(bytes), text);
@@ -23,9 +23,6 @@ TEST(FiguresToolTest, SizesAndAgesGoFromUnitToUnit) {
   const std::pair<const char*, int64_t> parsed[] = {
       {"30s", 30}, {"90m", 5400}, {"1d", 86400}, {"2w", 1209600}};
   for (const auto& [text, seconds] : parsed) EXPECT_EQ(parseAge(text).count(), seconds);
-}
-
-TEST(FiguresToolTest, AnIdentifierIsAsLongAsANameMayBe) {
   for (const size_t size : {254, 255, 256})
     EXPECT_EQ(whyRefused(std::string(size, 'i')).empty(), size <= 255);
 }
