@@ -23,7 +23,7 @@ TEST(FiguresToolTest, SizesAgesAndNamesAtTheirLimits) {
   const std::pair<const char*, int64_t> parsed[] = {
       {"30s", 30}, {"90m", 5400}, {"1d", 86400}, {"2w", 1209600}};
   for (const auto& [text, seconds] : parsed) EXPECT_EQ(parseAge(text).count(), seconds);
-  for (const size_t size : {254, 255, 256})
+  for (const size_t size : {254U, 255U, 256U})
     EXPECT_EQ(whyRefused(std::string(size, 'i')).empty(), size <= 255);
 }
 
