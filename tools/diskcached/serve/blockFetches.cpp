@@ -53,6 +53,7 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
                                        uint64_t number) {
   const std::string name = nameOf(key, *info, number);
   std::shared_ptr<BlockFetch> fetch;
+  std::function<void()> work;
   {
     const KxCriticalSectionLock lock(&m_lock);
     if (const auto found = m_fetches.find(name); found != m_fetches.end()) return {found->second, false};
@@ -60,18 +61,18 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
     auto share = m_memory.take(2 * size);  // the cache has a copy of its own
     if (!share) throw Overloaded();
     fetch = std::make_shared<BlockFetch>(size, std::move(share));
+    work = [this, fetch, key, info, number, name] {  // made before anybody can wait for it
+      try {
+        fill(*fetch, key, *info, number * m_blockSize);
+      } catch (const std::exception&) {
+        fetch->finish(ENOMEM);
+      }
+      const KxCriticalSectionLock lock(&m_lock);
+      m_fetches.erase(name);
+    };
     m_fetches.emplace(name, fetch);
   }
-  const bool isPosted = m_workers.post([this, fetch, key, info, number, name] {
-    try {
-      fill(*fetch, key, *info, number * m_blockSize);
-    } catch (const std::exception&) {
-      fetch->finish(ENOMEM);
-    }
-    const KxCriticalSectionLock lock(&m_lock);
-    m_fetches.erase(name);
-  });
-  if (!isPosted) {
+  if (!m_workers.post(std::move(work))) {
     {
       const KxCriticalSectionLock lock(&m_lock);
       m_fetches.erase(name);

@@ -27,13 +27,7 @@ asio::awaitable<Found> Lookups::find(std::string key, std::shared_ptr<const Opti
 
 Lookups::Pending Lookups::join(const std::string& key, const std::shared_ptr<const Options>& options) {
   const auto pending = std::make_shared<Look>(m_index.ticket(key));
-  {
-    const KxCriticalSectionLock lock(&m_lock);
-    Pending& entry = m_pending[key];
-    if (entry && entry->ticket == pending->ticket) return entry;
-    entry = pending;
-  }
-  const bool isPosted = m_workers.post([this, key, options, pending] {
+  std::function<void()> look = [this, key, options, pending] {  // made before anybody can wait for it
     State state{.isDone = true};
     try {
       state.found = std::make_shared<const Found>(ask(key, pending->ticket, *options));
@@ -41,8 +35,14 @@ Lookups::Pending Lookups::join(const std::string& key, const std::shared_ptr<con
       state.isOverloaded = true;  // no memory
     }
     end(key, pending, std::move(state));
-  });
-  if (!isPosted) end(key, pending, {.isDone = true, .isOverloaded = true});
+  };
+  {
+    const KxCriticalSectionLock lock(&m_lock);
+    Pending& entry = m_pending[key];
+    if (entry && entry->ticket == pending->ticket) return entry;
+    entry = pending;
+  }
+  if (!m_workers.post(std::move(look))) end(key, pending, {.isDone = true, .isOverloaded = true});
   return pending;
 }
 

@@ -1,5 +1,7 @@
 #include "serve/workerPool.h"
 
+#include <new>
+
 #include "support/log.h"
 
 namespace diskcached {
@@ -13,7 +15,11 @@ WorkerPool::WorkerPool(unsigned threads, size_t longestQueue) : m_longestQueue(l
 bool WorkerPool::post(std::function<void()> work) {
   const KxCriticalSectionLock lock(&m_lock);
   if (m_isStopped || m_queue.size() >= m_longestQueue) return false;
-  m_queue.push_back(std::move(work));
+  try {
+    m_queue.push_back(std::move(work));
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   m_changed.notify_one();
   return true;
 }

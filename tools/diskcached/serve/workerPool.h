@@ -30,7 +30,7 @@ class WorkerPool {
   WorkerPool(const WorkerPool&) = delete;
   WorkerPool& operator=(const WorkerPool&) = delete;
 
-  // False when the queue is full.
+  // False when the queue is full, or there is no memory for it.
   bool post(std::function<void()> work);
   // Does all that is queued and ends the threads.
   void stop();
