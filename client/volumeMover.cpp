@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <thread>
 
 #include "client/failure.h"
@@ -145,22 +147,21 @@ void VolumeMover::ended(int error, const std::string& source, const std::string&
   if (mover) mover->end(error, source, destination);
 }
 
-// The source's marker goes when its blocks are safe at the destination, also from a power cut.
+// The engine is at the destination: whoever stages there must find it after the next start, so want of memory is no
+// reason to leave the records behind.
 void VolumeMover::end(int error, const std::string& source, const std::string& destination) {
-  try {
-    const bool isMarked = m_volumes.endMove(m_index, error == 0);
-    if (error == 0) {
-      m_hot.clear();  // so that the source can be unmounted
-      if (isMarked) {
-        m_markers.follow(source, destination);
-      } else {
-        error = EIO;
-      }
+  std::optional<bool> isMarked;
+  for (bool isOver = false; !isOver;) {
+    try {
+      if (!isMarked) isMarked = m_volumes.endMove(m_index, error == 0);
+      if (error == 0) m_hot.clear();  // so that the source can be unmounted
+      if (error == 0 && *isMarked) m_markers.follow(source, destination);
+      isOver = true;
+    } catch (const std::bad_alloc&) {
+      std::this_thread::sleep_for(BEFORE_ANOTHER_TRY);
     }
-  } catch (...) {  // whoever waits for the outcome gets one
-    error = ENOMEM;
   }
-  m_outcome.set_value(error);
+  m_outcome.set_value(*isMarked ? error : EIO);
 }
 
 }  // namespace ObjectStore

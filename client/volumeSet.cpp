@@ -103,11 +103,12 @@ bool VolumeSet::isThere(VolIndex volume) {
 bool VolumeSet::endMove(VolIndex volume, bool isMoved) {
   const KxCriticalSectionLock lock(&m_lock);
   CacheVolume& moved = find(volume);
+  const std::string path = moved.destination + '/' + VOLUME_MARKER;  // from here on nothing throws
   bool isMarked = true;
   if (isMoved) {
     moved.dir.swap(moved.destination);
     struct stat marker {};
-    isMarked = stat((moved.dir + '/' + VOLUME_MARKER).c_str(), &marker) == 0;
+    isMarked = stat(path.c_str(), &marker) == 0;
     moved.device = marker.st_dev;
     moved.inode = marker.st_ino;
     m_engine.refreshCacheUtilizationData();  // of another file system, maybe
