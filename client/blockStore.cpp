@@ -250,9 +250,27 @@ BlockStore::Adopted BlockStore::adoptStaged(const BlockId& id, VolIndex volume) 
   return salvage(m_engine.guid2path(name, volume, STAGED_DIR), id);
 }
 
-void BlockStore::keepStaged(const BlockId& id, VolIndex volume, VolIndex other) {
-  m_room.remove(blockName(id), other, STAGED_DIR);
-  m_room.staged.insert(id, volume);
+BytesAre BlockStore::checkStaged(const BlockId& id, std::string_view key, std::string_view version) {
+  const auto volume = m_room.staged.find(id);
+  if (!volume) return BytesAre::Damaged;
+  const guid_t name = blockName(id);
+  const auto [found, block, read] = openIn(contextOf(Place::Staged, *volume), name, id, key, version, {});
+  if (block) return block->check(0, block->trailer().payloadSize, Verify::Always);
+  bool canTell = found != Found::Trouble;
+  if (found == Found::Nothing) {
+    canTell = m_volumes.isThere(*volume);
+  } else if (canTell) {
+    canTell = salvage(m_engine.guid2path(name, *volume, STAGED_DIR), id).state != Adopted::Unknown;
+  }
+  return canTell ? BytesAre::Damaged : BytesAre::Unreadable;
+}
+
+void BlockStore::removeStagedCopy(const BlockId& id, VolIndex volume) {
+  const guid_t name = blockName(id);
+  const std::string path = m_engine.guid2path(name, volume, STAGED_DIR);
+  const bool isGone = m_room.remove(name, volume, STAGED_DIR) > 0;
+  if (isGone && syncDirectoryOf(path) == 0) return;
+  DC_LOG(LogLevel::Error, "Error: [%s] lies on another volume too, and may be uploaded twice", path.c_str());
 }
 
 int BlockStore::store(const BlockContent& content, Place place) {
@@ -298,14 +316,19 @@ int BlockStore::create(const BlockContent& content, const std::vector<std::byte>
   if (!content.payload.empty()) sections.push_back(sectionOf(PAYLOAD_SECTION, content.payload));
   sections.push_back(sectionOf(TRAILER_SECTION, trailer));
   DiskCacheContext context = contextOf(place, 0);
-  const CZuError error = m_engine.createSegment(context, name, sections, isStaging, isStaging, false);
-  int rc = RMErrorUtil::GetErrNo(error);
-  if (error.IsError() && rc == 0) rc = ENOSPC;  // the last bytes of a disk took a part
-  if (rc == 0) rc = finish(content, name, context.volume, place, grant);
+  int rc = 0;
+  try {
+    const CZuError error = m_engine.createSegment(context, name, sections, isStaging, isStaging, false);
+    rc = RMErrorUtil::GetErrNo(error);
+    if (error.IsError() && rc == 0) rc = ENOSPC;  // the last bytes of a disk took a part
+    if (rc == 0) rc = finish(content, name, context.volume, place, grant);
+  } catch (const std::bad_alloc&) {
+    rc = ENOMEM;
+  }
   if (rc == 0) return 0;
   m_engine.forget(name);
   if (rc == EEXIST) {
-    removeEverywhere(name);
+    removeEverywhere(name, place);
   } else {
     m_room.discard(name, context.volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
   }
@@ -319,6 +342,7 @@ int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex
   const std::string path = m_engine.guid2path(name, volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
   if (isStaging) {
     if (const int rc = syncDirectories(path, m_volumes.rootOf(path).dir); rc != 0) return rc;
+    if (!m_volumes.isThere(volume)) return EIO;  // it lies where the volume was mounted until now
   }
   struct stat status {};
   errno = 0;
@@ -336,11 +360,9 @@ int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex
   return 0;
 }
 
-void BlockStore::removeEverywhere(const guid_t& name) {
-  for (const VolIndex volume : m_volumes.indexes()) {
-    m_room.remove(name, volume, BLOCKS_DIR);
-    m_room.remove(name, volume, STAGED_DIR);
-  }
+void BlockStore::removeEverywhere(const guid_t& name, Place place) {
+  for (const VolIndex volume : m_volumes.indexes())
+    m_room.remove(name, volume, place == Place::Staged ? STAGED_DIR : BLOCKS_DIR);
 }
 
 void BlockStore::drop(const BlockId& id) {
@@ -348,7 +370,7 @@ void BlockStore::drop(const BlockId& id) {
   const guid_t name = blockName(id);
   m_engine.forget(name);  // from here on no callback gives it up beside us
   m_hot.erase(id);
-  removeEverywhere(name);
+  removeEverywhere(name, Place::Prunable);
 }
 
 int BlockStore::release(const BlockId& id, Durable durable) {

@@ -1,6 +1,7 @@
 // One block on disk: finding, writing, dropping it; staging it and making it prunable.
 //
-// Any thread may look for any block. A block is changed only by the thread that has its flight.
+// Any thread may look for any block. A block is changed only by the thread that has its flight, and made prunable by
+// the one that has its object's claim.
 #pragma once
 
 #include <memory>
@@ -61,7 +62,7 @@ class BlockStore {
 
   // Writes a block; 0, or why not, with nothing left behind.
   int store(const BlockContent& content, Place place);
-  // Removes a block wherever it lies, but not a staged one.
+  // Removes a block that is not staged from where prunable ones lie: nothing else is known not to be the only copy.
   void drop(const BlockId& id);
 
   // What is staged under a block's name: Unfinished as a kill or a power cut leaves it, Unknown when the disk does not
@@ -71,11 +72,14 @@ class BlockStore {
     std::optional<BlockTrailer> trailer{};
     int errNo = 0;
   };
-  // A block found in the staging place at the start. When it lies on two volumes the one adopted last counts, until it
-  // is said which one is kept; the other one goes then.
+  // A block found in the staging place at the start. When it lies on two volumes the one adopted last counts.
   Adopted adoptStaged(const BlockId& id, VolIndex volume);
-  void keepStaged(const BlockId& id, VolIndex volume, VolIndex other);
+  // Removes the copy on another volume, for good.
+  void removeStagedCopy(const BlockId& id, VolIndex volume);
   enum class Durable { No, Yes };
+  // Reads all of it. Damaged, too, when there is none; Unreadable when nobody can tell now: the disk, or for want of
+  // a descriptor, or because the volume is away.
+  BytesAre checkStaged(const BlockId& id, std::string_view key, std::string_view version);
   // Makes a staged block prunable; 0 or why not.
   int release(const BlockId& id, Durable durable);
   // Removes a staged block; 0 or why not. It is staged no more as soon as its file is gone.
@@ -92,7 +96,7 @@ class BlockStore {
              ByteAccount::Grant& grant);
   int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
              ByteAccount::Grant& grant);
-  void removeEverywhere(const guid_t& name);
+  void removeEverywhere(const guid_t& name, Place place);
 
   DiskCache& m_engine;
   VolumeSet& m_volumes;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "client/failure.h"
 #include "support/log.h"
 
 namespace ObjectStore {
@@ -27,9 +28,6 @@ uint64_t protectedBlocks(const std::vector<std::string>& dirs, uint64_t blockSiz
   }
   return std::clamp(capacity / SHARE / blockSize, LEAST, MOST);
 }
-
-// What passes by itself: a start that left staged objects out for it would hide them.
-bool isOfThisProcess(int errNo) { return errNo == EMFILE || errNo == ENFILE || errNo == ENOMEM; }
 
 }  // namespace
 
@@ -169,23 +167,29 @@ CZuError OpenCache::enterStaged(std::span<const FoundBlock> blocks, bool sawAll)
   return {};
 }
 
-// Copies of one block on several volumes, the newest last: one was staged again while its volume was away. One that is
-// whole is enough.
+// Copies of one block on several volumes, the newest last: one was staged again while its volume was away. One that has
+// all its bytes is enough.
 BlockStore::Adopted OpenCache::adoptOne(std::span<const FoundBlock> copies) {
   using Adopted = BlockStore::Adopted;
   Adopted best;
   const FoundBlock* kept = nullptr;
+  const auto valueOf = [](Adopted::State state) {
+    return state == Adopted::Whole ? 2 : state == Adopted::Unfinished ? 0 : 1;
+  };
   for (const FoundBlock& copy : copies) {
     Adopted adopted = store.adoptStaged(copy.id, copy.volume);
     if (isOfThisProcess(adopted.errNo)) return adopted;
-    const bool isBetter = kept == nullptr || adopted.state == Adopted::Whole || best.state != Adopted::Whole;
+    if (copies.size() > 1 && adopted.state == Adopted::Whole &&
+        store.checkStaged(copy.id, adopted.trailer->key, adopted.trailer->version) != BytesAre::Right)
+      adopted.state = Adopted::Damaged;
+    const bool isBetter = kept == nullptr || valueOf(adopted.state) >= valueOf(best.state);
     const bool isOneEnough = adopted.state == Adopted::Whole || best.state == Adopted::Whole;
-    if (kept != nullptr && isOneEnough)
-      store.keepStaged(copy.id, (isBetter ? copy : *kept).volume, (isBetter ? *kept : copy).volume);
+    if (kept != nullptr && isOneEnough) store.removeStagedCopy(copy.id, (isBetter ? *kept : copy).volume);
     if (!isBetter) continue;
     best = std::move(adopted);
     kept = &copy;
   }
+  if (kept != &copies.back()) (void)store.adoptStaged(kept->id, kept->volume);  // the last one counts
   return best;
 }
 

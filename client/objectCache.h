@@ -12,7 +12,8 @@
 //
 // Threads: open(), close() and the destructor run alone; anything else may be called by any thread between
 // them. Callbacks run in the thread that called, but for an Upload, which a flush worker runs; they may use the
-// cache, but not open or close it, nor read the object that is being fetched. No lock is held while one runs.
+// cache, but not open or close it, and an Origin nothing of the object that is being fetched. No lock is held while one
+// runs.
 //
 // Errors carry a system error number and name the key. EBADF: not open. EINVAL: an argument that makes no sense.
 #pragma once
@@ -225,12 +226,13 @@ class DISKCACHE_EXPORT ObjectCache {
   void drop(std::string_view key, std::string_view version, uint64_t objectSize);
 
   // Returns when the object is durable on disk, in the place that pruning leaves alone; it can be read at once.
-  // Success when it is staged already and can be read; one that is damaged, or only waits for its release, is staged
-  // anew. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it
-  // is left.
+  // Success when it is staged already and can be read: what of it is damaged is written again, and one that only waits
+  // for its release is staged anew. On an error (ENOSPC, those of the disk; EBUSY: a volume is moved) nothing of it is
+  // left, but one that was staged before stays, damaged as it was; EIO, too, while some of it can't be read, maybe for
+  // want of descriptors; ESTALE: it is staged with another size.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});
-  // Gives a staged object up: once this has returned success no upload of it begins, also after a kill or a power
+  // Gives a staged object up: once this has returned success no upload of it is handed out, also after a kill or a power
   // cut, and its blocks are gone. An upload under way is not waited for; what it still reads is ENOENT, and how it
   // ends counts no more. So that it does not end at the store after this, the Upload and who calls this have to
   // share a lock. ENOENT when it is not staged, or no longer. After the disk's errors it is staged as before,
@@ -239,8 +241,8 @@ class DISKCACHE_EXPORT ObjectCache {
   // What is staged, of one key or of all, the oldest first. The objects live until close().
   std::vector<std::shared_ptr<const StagedObject>> stagedObjects(std::optional<std::string_view> key = {});
   // Starts `parallel` workers that hand each staged object, oldest first, to `upload` and then make it prunable.
-  // One that fails is tried again after 1 s, 2 s, ... up to 64 s. With 0 workers: one pass in this thread; the
-  // first error of an upload is returned. EALREADY when workers run.
+  // One that fails is tried again after 1 s, 2 s, ... up to 64 s. With 0 workers: one pass in this thread over those
+  // that are due; the first error of an upload is returned. EALREADY when workers run.
   CZuError flush(Upload upload, unsigned parallel);
   StagedStatus staged();
   // Waits until nothing is staged; false when `deadline` came first.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "client/failure.h"
 #include "diskcache/diskcacheTypes.h"
 #include "support/log.h"
 
@@ -51,7 +52,7 @@ class Walk {
   void leaveOut(const char* what, const char* name) {
     const int rc = errno;
     const bool isExpected = rc == ENOENT || rc == ENOTDIR;
-    if (!isExpected && (m_error == 0 || rc != EIO)) m_error = rc;
+    if (!isExpected && !isOfThisProcess(m_error)) m_error = rc;
     DC_LOG(isExpected ? LogLevel::Segment : LogLevel::Error, "can't read %s [%s] (%d)", what, name, rc);
   }
   void enter(int dir, const char* name) {

@@ -26,7 +26,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* LOCK_FILE = "/client.lock";
 constexpr const char* VOLUMES_FILE = "/client.volumes";
-constexpr const char* MOVE_FILE = "/migrate";  // the engine's, while it moves a volume
 constexpr mode_t FILE_MODE = 0600;
 constexpr size_t MAX_FILE = 1 << 20;
 
@@ -93,6 +92,7 @@ int markMoved(const std::string& source, const std::string& destination) {
 
 CZuError VolumeMarkers::open(const std::string& root) {
   m_root = root;
+  m_moveFile = root + "/migrate";
   if (const int rc = makeDirectories(root); rc != 0) {
     return DC_CLIENT_FAIL(rc, "Can't create [%s] (%d)", root.c_str(), rc);
   }
@@ -111,7 +111,7 @@ CZuError VolumeMarkers::open(const std::string& root) {
   const std::string self = std::to_string(getpid());
   if (ftruncate(m_lock, 0) == 0) [[maybe_unused]]
     const ssize_t put = pwrite(m_lock, self.data(), self.size(), 0);
-  if (std::error_code ignored; fs::exists(root + MOVE_FILE, ignored)) {
+  if (std::error_code ignored; fs::exists(m_moveFile, ignored)) {
     return DC_CLIENT_FAIL(EBUSY, "a move of a volume of [%s] is not finished", root.c_str());
   }
   return load();
@@ -179,6 +179,7 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
     DC_LOG(LogLevel::Error, "Error: volume [%s] has no marker: is it mounted?", volume.c_str());
     return {};
   }
+  if (isOfThisProcess(rc)) return DC_CLIENT_FAIL(rc, "can't read [%s] (%d)", path.c_str(), rc);
   if (rc != 0) {  // a disk that cannot be read is one that is not there
     isPresent = false;
     DC_LOG(LogLevel::Error, "Error: can't read [%s] (%d)", path.c_str(), rc);
@@ -198,11 +199,11 @@ CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isP
   return save();
 }
 
-void VolumeMarkers::forgetMove() const { unlink((m_root + MOVE_FILE).c_str()); }
+void VolumeMarkers::forgetMove() const { unlink(m_moveFile.c_str()); }
 
 void VolumeMarkers::awaitEndOfMove() const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (access((m_root + MOVE_FILE).c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < deadline)
+  while (access(m_moveFile.c_str(), F_OK) == 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   (void)syncDirectory(m_root);
 }

@@ -54,6 +54,7 @@ class VolumeMarkers {
   CZuError mark(const std::string& volume);
 
   std::string m_root;
+  std::string m_moveFile;  // the engine's, while it moves a volume
   int m_lock = -1;
   std::string m_id;
   std::map<std::string, std::string> m_known;    // directory by volume's identity

@@ -20,7 +20,7 @@ constexpr std::chrono::seconds FIRST_PAUSE(1), LONGEST_PAUSE(64);
 class WriteBack::Object final : public StagedObject {
  public:
   Object(WriteBack& owner, std::string_view itsKey, std::string_view itsVersion, uint64_t itsSize,
-         const Metadata& itsMetadata, Clock::time_point itsAge)
+         const Metadata& itsMetadata, Age itsAge)
       : id(objectIdOf(itsKey, itsVersion)), m_owner(owner) {
     key = itsKey;
     version = itsVersion;
@@ -137,12 +137,13 @@ std::vector<std::unique_ptr<Flights::Flight>> WriteBack::takeBlocks(const Object
 
 CZuError WriteBack::stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                           const Metadata& metadata) {
-  const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, Clock::now());
+  const Age now = std::chrono::system_clock::now();
+  const auto object = std::make_shared<Object>(*this, key, version, bytes.size(), metadata, now);
   const auto flights = takeBlocks(*object);
   if (const ObjectPointer known = find(key, version)) {
-    if (isWaiting(*known)) return {};
-    const CZuError error = discard(*known);
-    if (error.IsError() && RMErrorUtil::GetErrNo(error) != ENOENT) return error;
+    const int rc = restore(*known, bytes);
+    if (rc == 0) return {};
+    if (rc != ENOENT) return keyError(RM_CODE_LOCATION, rc, key, "is staged already, and can't be mended");
   }
   try {
     if (const int rc = storeBlocks(*object, bytes); rc != 0) {
@@ -158,18 +159,42 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
   return {};
 }
 
-int WriteBack::storeBlocks(Object& object, std::span<const std::byte> bytes) {
-  const uint64_t blockSize = m_options.blockSize;
+// Those that are sound stay as they are: it is the only copy until the last one is mended. One that nobody can read now
+// may be sound. The first block comes last, as ever.
+int WriteBack::restore(Object& object, std::span<const std::byte> bytes) {
+  Claim claim(*this, object);
+  if (!claim) return ENOENT;
+  if (object.isUploaded) {  // and only its release fails: it is to be uploaded anew
+    const int rc = discardBlocks(object);
+    claim.isStagedStill = m_store.isStaged({object.id, 0});
+    return rc == 0 ? ENOENT : rc;
+  }
+  if (object.size != bytes.size()) return ESTALE;
   for (uint32_t number = object.blocks(); number-- > 0;) {
-    const BlockId id{object.id, number};
-    // One that a start could not tell the object of, and the prunable copy.
-    if (const int rc = m_store.discardStaged(id, BlockStore::Durable::No); rc != 0) return rc;
-    m_store.drop(id);
-    const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
-    const BlockContent content{id, object.key, object.version, object.size, object.metadata, payload};
-    if (const int rc = m_store.store(content, BlockStore::Place::Staged); rc != 0) return rc;
+    const BytesAre state = m_store.checkStaged({object.id, number}, object.key, object.version);
+    int rc = state == BytesAre::Unreadable ? EIO : 0;
+    if (state == BytesAre::Damaged) rc = storeBlock(object, number, bytes);
+    if (rc != 0) return rc;
   }
   return 0;
+}
+
+int WriteBack::storeBlocks(const Object& object, std::span<const std::byte> bytes) {
+  for (uint32_t number = object.blocks(); number-- > 0;) {
+    if (const int rc = storeBlock(object, number, bytes); rc != 0) return rc;
+  }
+  return 0;
+}
+
+int WriteBack::storeBlock(const Object& object, uint32_t number, std::span<const std::byte> bytes) {
+  const uint64_t blockSize = m_options.blockSize;
+  const BlockId id{object.id, number};
+  // One that is damaged, or that a start could not tell the object of; and the prunable copy.
+  if (const int rc = m_store.discardStaged(id, BlockStore::Durable::No); rc != 0) return rc;
+  m_store.drop(id);
+  const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
+  const BlockContent content{id, object.key, object.version, object.size, object.metadata, payload};
+  return m_store.store(content, BlockStore::Place::Staged);
 }
 
 CZuError WriteBack::discard(std::string_view key, std::string_view version) {
@@ -186,23 +211,15 @@ CZuError WriteBack::discard(Object& object) {
   return rc == 0 ? CZuError() : keyError(RM_CODE_LOCATION, rc, object.key, "can't be given up");
 }
 
-bool WriteBack::isWaiting(const Object& object) {
-  if (object.isUploaded) return false;
-  std::vector<std::byte> piece(std::min<uint64_t>(object.size, m_options.blockSize));
-  for (uint64_t at = 0; at < object.size; at += piece.size()) {
-    piece.resize(std::min<uint64_t>(object.size - at, m_options.blockSize));
-    if (object.read(at, piece).IsError()) return false;
-  }
-  return true;
-}
-
 // A block that stays behind the first one goes at the next start.
-int WriteBack::discardBlocks(const Object& object) {
+int WriteBack::discardBlocks(const Object& object) try {
   const int rc = m_store.discardStaged({object.id, 0}, BlockStore::Durable::Yes);
   if (m_store.isStaged({object.id, 0})) return rc;
   for (uint32_t number = 1; number < object.blocks(); ++number)
     (void)m_store.discardStaged({object.id, number}, BlockStore::Durable::No);
   return rc;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 std::vector<std::shared_ptr<const StagedObject>> WriteBack::list(std::optional<std::string_view> key) {
@@ -220,7 +237,7 @@ std::vector<std::shared_ptr<const StagedObject>> WriteBack::list(std::optional<s
 
 void WriteBack::adopt(const BlockTrailer& trailer) {
   enter(std::make_shared<Object>(*this, trailer.key, trailer.version, trailer.objectSize, trailer.metadata,
-                                 Clock::from_time_t(static_cast<time_t>(trailer.madeAt))));
+                                 Age::clock::from_time_t(static_cast<time_t>(trailer.madeAt))));
 }
 
 void WriteBack::enter(const ObjectPointer& object) {
@@ -228,7 +245,7 @@ void WriteBack::enter(const ObjectPointer& object) {
   const std::string_view key = object->key;
   const auto age = m_ages.insert(object->stagedAt);
   try {
-    m_due.emplace(object->stagedAt, object);
+    m_due.emplace(std::pair(Clock::time_point::min(), object->stagedAt), object);
     m_objects.emplace(key, object);
   } catch (...) {
     m_ages.erase(age);
@@ -283,7 +300,7 @@ WriteBack::Queue::node_type WriteBack::take(bool isSinglePass, Clock::time_point
   Waitable waitable{m_lock};
   while (!m_stop) {
     const Clock::time_point now = isSinglePass ? passBegan : Clock::now();
-    if (!m_due.empty() && m_due.begin()->first <= now) {
+    if (!m_due.empty() && m_due.begin()->first.first <= now) {
       Queue::node_type object = m_due.extract(m_due.begin());
       if (positionLocked(*object.mapped()) == m_objects.end()) continue;
       return object;
@@ -292,7 +309,7 @@ WriteBack::Queue::node_type WriteBack::take(bool isSinglePass, Clock::time_point
     if (m_due.empty()) {
       m_changed.wait(waitable);
     } else {
-      const Clock::time_point due = m_due.begin()->first;
+      const Clock::time_point due = m_due.begin()->first.first;
       m_changed.wait_until(waitable, due);
     }
   }
@@ -338,7 +355,7 @@ void WriteBack::tryLater(Queue::node_type&& object) {
   const KxCriticalSectionLock lock(&m_lock);
   std::chrono::seconds& pause = object.mapped()->pause;
   pause = std::clamp(pause * 2, FIRST_PAUSE, LONGEST_PAUSE);
-  object.key() = Clock::now() + pause;
+  object.key().first = Clock::now() + pause;
   m_due.insert(std::move(object));
   m_changed.notify_all();
 }
@@ -347,7 +364,8 @@ StagedStatus WriteBack::status() {
   const KxCriticalSectionLock lock(&m_lock);
   StagedStatus status{m_objects.size(), m_bytes, {}};
   if (!m_ages.empty()) {
-    status.oldest = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - *m_ages.begin());
+    const Age now = std::chrono::system_clock::now();
+    status.oldest = std::chrono::duration_cast<std::chrono::seconds>(now - *m_ages.begin());
   }
   return status;
 }

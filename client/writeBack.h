@@ -43,7 +43,8 @@ class WriteBack {
   void adopt(const BlockTrailer& trailer);
 
  private:
-  using Clock = std::chrono::system_clock;
+  using Clock = std::chrono::steady_clock;
+  using Age = std::chrono::system_clock::time_point;
   class Object;
   class Claim;
   using ObjectPointer = std::shared_ptr<Object>;
@@ -57,13 +58,15 @@ class WriteBack {
   bool claim(Object& object);
   void unclaim(Object& object, bool isStagedStill);
   std::vector<std::unique_ptr<Flights::Flight>> takeBlocks(const Object& object);
-  // Whether the object is staged and of use: it can be read, and is not uploaded yet.
-  bool isWaiting(const Object& object);
-  int storeBlocks(Object& object, std::span<const std::byte> bytes);
+  // What of a staged object is damaged gets its bytes again. 0 or why not; ENOENT when it is staged no more.
+  int restore(Object& object, std::span<const std::byte> bytes);
+  int storeBlocks(const Object& object, std::span<const std::byte> bytes);
+  int storeBlock(const Object& object, uint32_t number, std::span<const std::byte> bytes);
   CZuError discard(Object& object);  // with all its blocks taken
   int discardBlocks(const Object& object);
   void enter(const ObjectPointer& object);
-  using Queue = std::multimap<Clock::time_point, ObjectPointer>;
+  // When it is due, and among those that are, the oldest first.
+  using Queue = std::multimap<std::pair<Clock::time_point, Age>, ObjectPointer>;
   // The next object that is due, waited for unless in a single pass; none when there is none, or at the end.
   Queue::node_type take(bool isSinglePass, Clock::time_point passBegan);
   // One turn of an object; it is due again when that fails, in whatever way.
@@ -82,10 +85,9 @@ class WriteBack {
   KxCriticalSection m_lock;
   std::condition_variable_any m_changed;
   Objects m_objects DC_GUARDED_BY(m_lock);  // by their keys
-  // Those that no worker has, by when they are to be tried: at first when they were staged. Those discarded stay
-  // until then.
+  // Those that no worker has, by when they are to be tried: at first at once. Those discarded stay until then.
   Queue m_due DC_GUARDED_BY(m_lock);
-  std::multiset<Clock::time_point> m_ages DC_GUARDED_BY(m_lock);
+  std::multiset<Age> m_ages DC_GUARDED_BY(m_lock);
   uint64_t m_bytes DC_GUARDED_BY(m_lock) = 0;
   bool m_stop DC_GUARDED_BY(m_lock) = false;
   std::vector<std::thread> m_workers DC_GUARDED_BY(m_lock);

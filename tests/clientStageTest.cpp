@@ -219,6 +219,7 @@ TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
         if (call == "pread") plan.failAlways("preadv", errNo);
         EXPECT_EQ(openWith(both), errNo == EIO ? "success" : "ENOMEM");
         EXPECT_EQ(cache->staged().objects, 0U);
+        cache->drop(call, std::to_string(errNo), size);
       }
       flushed(call);
     }
@@ -231,6 +232,53 @@ TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
   const std::string copy = (isThere ? other : there) + path.substr(there.size());
   writeFile(copy, readFile(path));
   flushed("key");
+  // The second time was cut short, and the first one is damaged.
+  EXPECT_EQ(stage("key", 1000), "success");
+  cache.reset();
+  const std::string first = files("staged").at(0), bytes = readFile(first);
+  writeFile(first, std::string(bytes).replace(200, 1, 1, static_cast<char>(bytes[200] ^ 1)));
+  writeFile((first.starts_with(there) ? other : there) + first.substr(there.size()), bytes.substr(0, 500));
+  start(both);
+  EXPECT_EQ(cache->staged().objects, 1U);
+  EXPECT_EQ(stage("key", 1000), "success");
+  EXPECT_EQ(readFile(first).size(), bytes.size());
+}
+
+TEST_F(ClientStageTest, WantOfDescriptorsOrMemoryGivesNothingUp) {
+  const size_t size = 2 * SMALL_BLOCK;
+  start();
+  for (const auto& [call, errNo] : {std::pair{"open", EMFILE}, {"pread", EIO}}) {
+    EXPECT_EQ(stage("key", size), "success");
+    FaultPlan plan;
+    plan.failAlways(call, errNo);
+    EXPECT_EQ(stage("key", size), "EIO") << call;
+    plan.clearFaults();
+    EXPECT_EQ(files("staged").size(), 2U) << call;
+  }
+  size_t opens = 0;
+  {
+    const FaultPlan plan;
+    start();
+    opens = plan.count("open");
+  }
+  for (size_t nth = 1; nth <= opens; ++nth) {
+    FaultPlan plan;
+    plan.fail("open", nth, EMFILE);
+    EXPECT_TRUE(openWith(chosen) != "success" || cache->staged().objects == 1) << nth;
+  }
+  start();
+  EXPECT_EQ(outcome(cache->discardStaged("key", "v")), "success");
+  const std::string bytes(size, 'x');
+  for (size_t nth = 1, isOver = 0; isOver == 0; ++nth) {
+    CZuError error;
+    {
+      const FailingNew failing(nth);
+      error = cache->stage("key", "v", std::as_bytes(std::span(bytes)));
+      isOver = failing.happened() ? 0 : 1;
+    }
+    EXPECT_EQ(files("staged").size(), error.IsError() ? 0U : 2U) << nth;
+    EXPECT_TRUE(error.IsError() || outcome(cache->discardStaged("key", "v")) == "success") << nth;
+  }
 }
 
 TEST_F(ClientStageTest, WhatCannotBeStagedLeavesNothing) {
