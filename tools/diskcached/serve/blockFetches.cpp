@@ -67,20 +67,21 @@ BlockFetches::Taken BlockFetches::take(const std::string& key, const ObjectInfoP
       } catch (const std::exception&) {
         fetch->finish(ENOMEM);
       }
-      const KxCriticalSectionLock lock(&m_lock);
-      m_fetches.erase(name);
+      forget(name);
     };
     m_fetches.emplace(name, fetch);
   }
   if (!m_workers.post(std::move(work))) {
-    {
-      const KxCriticalSectionLock lock(&m_lock);
-      m_fetches.erase(name);
-    }
+    forget(name);
     fetch->finish(EAGAIN);
     throw Overloaded();
   }
   return {fetch, true};
+}
+
+void BlockFetches::forget(const std::string& name) {
+  const KxCriticalSectionLock lock(&m_lock);
+  m_fetches.erase(name);
 }
 
 // A block of the store's is handed on as it comes; one that is on disk is read.

@@ -63,6 +63,7 @@ class BlockFetches {
   uint32_t blockSize() const { return m_blockSize; }
 
  private:
+  void forget(const std::string& name);
   void fill(BlockFetch& fetch, const std::string& key, const ObjectInfo& info, uint64_t from);
 
   ObjectStore::ObjectCache& m_cache;

@@ -21,19 +21,23 @@ class KeyTurns {
   class Turn {
    public:
     Turn(KeyTurns& owner, std::string key) : m_owner(owner), m_key(std::move(key)) {}
-    ~Turn() { m_owner.end(m_key); }
+    ~Turn() {
+      if (m_isEntered) m_owner.end(m_key);
+    }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
    private:
+    friend class KeyTurns;
     KeyTurns& m_owner;
     const std::string m_key;
+    bool m_isEntered = false;
   };
 
   // When all who asked for the key before have had theirs.
   asio::awaitable<std::unique_ptr<Turn>> take(std::string key) {
-    auto turn = std::make_unique<Turn>(*this, key);
-    const auto start = [&](std::function<void()> resume) { enter(key, std::move(resume)); };
+    auto turn = std::make_unique<Turn>(*this, std::move(key));
+    const auto start = [&](std::function<void()> resume) { enter(*turn, std::move(resume)); };
     co_await suspend(start);
     co_return turn;
   }
@@ -41,17 +45,19 @@ class KeyTurns {
   std::unique_ptr<Turn> wait(const std::string& key) {
     auto turn = std::make_unique<Turn>(*this, key);
     const auto mine = std::make_shared<std::promise<void>>();
-    enter(key, [mine] { mine->set_value(); });
+    enter(*turn, [mine] { mine->set_value(); });
     mine->get_future().wait();
     return turn;
   }
 
  private:
-  void enter(const std::string& key, std::function<void()> onTurn) {
+  void enter(Turn& turn, std::function<void()> onTurn) {
     {
       const ObjectStore::KxCriticalSectionLock lock(&m_lock);
-      const auto [place, isFirst] = m_waiting.try_emplace(key);
-      if (!isFirst) return place->second.push_back(std::move(onTurn));
+      const auto [place, isFirst] = m_waiting.try_emplace(turn.m_key);
+      if (!isFirst) place->second.push_back(std::move(onTurn));
+      turn.m_isEntered = true;  // before it may be over
+      if (!isFirst) return;
     }
     onTurn();
   }

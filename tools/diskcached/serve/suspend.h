@@ -7,8 +7,11 @@
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <new>
+#include <thread>
 
 namespace diskcached {
 
@@ -23,7 +26,15 @@ asio::awaitable<void> suspend(Start start) {
   auto initiate = [&start](auto handler) {
     const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
     const auto executor = asio::get_associated_executor(*shared);
-    start([shared, executor] { asio::post(executor, [shared] { std::move (*shared)(); }); });
+    start([shared, executor] {
+      for (;;) {  // without memory, too: who is not woken waits for ever
+        try {
+          return asio::post(executor, [shared] { std::move (*shared)(); });
+        } catch (const std::bad_alloc&) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      }
+    });
   };
   co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(std::move(initiate),
                                                                        asio::use_awaitable);
