@@ -23,6 +23,7 @@ namespace {
 
 constexpr int CREATE_ATTEMPTS = 4;
 constexpr uint64_t PAGE = 4096;
+constexpr const char* ENGINE_TEMPORARY = ".temp";  // of a replacement
 
 DiskCacheContext contextOf(BlockStore::Place place, VolIndex volume) {
   DiskCacheContext context;
@@ -43,6 +44,21 @@ Section sectionOf(int32_t type, std::span<const std::byte> bytes) {
   // The writing operations never write to it.
   section.data = reinterpret_cast<unsigned char*>(const_cast<std::byte*>(bytes.data()));
   return section;
+}
+
+std::vector<Section> sectionsOf(const BlockContent& content, const std::vector<std::byte>& trailer) {
+  std::vector<Section> sections;  // none may be empty
+  if (!content.payload.empty()) sections.push_back(sectionOf(PAYLOAD_SECTION, content.payload));
+  sections.push_back(sectionOf(TRAILER_SECTION, trailer));
+  return sections;
+}
+
+// What a file takes on its disk; 0 when there is none.
+uint64_t spaceAt(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0
+             ? std::max<uint64_t>(static_cast<uint64_t>(status.st_blocks) * 512, 1)
+             : 0;
 }
 
 // What a file of these bytes may take, its file system's own records included.
@@ -254,15 +270,53 @@ BytesAre BlockStore::checkStaged(const BlockId& id, std::string_view key, std::s
   const auto volume = m_room.staged.find(id);
   if (!volume) return BytesAre::Damaged;
   const guid_t name = blockName(id);
-  const auto [found, block, read] = openIn(contextOf(Place::Staged, *volume), name, id, key, version, {});
-  if (block) return block->check(0, block->trailer().payloadSize, Verify::Always);
-  bool canTell = found != Found::Trouble;
-  if (found == Found::Nothing) {
-    canTell = m_volumes.isThere(*volume);
-  } else if (canTell) {
-    canTell = salvage(m_engine.guid2path(name, *volume, STAGED_DIR), id).state != Adopted::Unknown;
+  for (bool isSecond = false;; isSecond = true) {
+    const auto [found, block, read] = openIn(contextOf(Place::Staged, *volume), name, id, key, version, {});
+    if (block) return block->check(0, block->trailer().payloadSize, Verify::Always);
+    bool canTell = found != Found::Trouble;
+    if (found == Found::Nothing) {
+      canTell = m_volumes.isThere(*volume);
+    } else if (canTell) {
+      canTell = salvage(m_engine.guid2path(name, *volume, STAGED_DIR), id).state != Adopted::Unknown;
+    }
+    if (!canTell) return BytesAre::Unreadable;
+    if (isSecond) return BytesAre::Damaged;  // also now that the disk has told all
   }
-  return canTell ? BytesAre::Damaged : BytesAre::Unreadable;
+}
+
+int BlockStore::syncStaged(const BlockId& id) {
+  const auto volume = m_room.staged.find(id);
+  if (!volume) return ENOENT;
+  const std::string path = m_engine.guid2path(blockName(id), *volume, STAGED_DIR);
+  errno = 0;
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (file.fd < 0 || fsync(file.fd) != 0) return errno != 0 ? errno : EIO;
+  if (const int rc = syncDirectories(path, m_volumes.rootOf(path).dir); rc != 0) return rc;
+  return m_volumes.isThere(*volume) ? 0 : EIO;
+}
+
+int BlockStore::mendStaged(const BlockContent& content) {
+  const auto volume = m_room.staged.find(content.id);
+  const guid_t name = blockName(content.id);
+  const std::string path = volume ? m_engine.guid2path(name, *volume, STAGED_DIR) : "";
+  const uint64_t before = spaceAt(path);
+  if (before == 0) return ENOENT;
+  const std::vector<std::byte> trailer = trailerOf(content);
+  ByteAccount::Grant grant(m_account);
+  if (!m_room.make(grant, spaceFor(content.payload.size() + trailer.size()))) return ENOSPC;
+  m_verified.erase(content.id);
+  DiskCacheContext context = contextOf(Place::Prunable, *volume);
+  context.dir = STAGED_DIR;
+  const CZuError error = m_engine.replaceSegment(context, name, sectionsOf(content, trailer));
+  m_engine.forget(name);
+  m_hot.erase(content.id);
+  if (error.IsError()) {
+    unlink((path + ENGINE_TEMPORARY).c_str());
+    return RMErrorUtil::GetErrNo(error) != 0 ? RMErrorUtil::GetErrNo(error) : ENOSPC;
+  }
+  grant.settle(*volume, spaceAt(path));
+  m_account.subtract(*volume, before);
+  return syncStaged(content.id);
 }
 
 void BlockStore::removeStagedCopy(const BlockId& id, VolIndex volume) {
@@ -273,7 +327,7 @@ void BlockStore::removeStagedCopy(const BlockId& id, VolIndex volume) {
   DC_LOG(LogLevel::Error, "Error: [%s] lies on another volume too, and may be uploaded twice", path.c_str());
 }
 
-int BlockStore::store(const BlockContent& content, Place place) {
+std::vector<std::byte> BlockStore::trailerOf(const BlockContent& content) const {
   BlockTrailer trailer;
   trailer.number = content.id.number;
   trailer.blockSize = m_options.blockSize;
@@ -284,9 +338,12 @@ int BlockStore::store(const BlockContent& content, Place place) {
   trailer.key = content.key;
   trailer.version = content.version;
   trailer.metadata = content.metadata;
-  const std::vector<std::byte> bytes = encodeTrailer(trailer);
-  if (bytes.empty()) return EFBIG;
+  return encodeTrailer(trailer);
+}
 
+int BlockStore::store(const BlockContent& content, Place place) {
+  const std::vector<std::byte> bytes = trailerOf(content);
+  if (bytes.empty()) return EFBIG;
   const uint64_t space = spaceFor(content.payload.size() + bytes.size());
   m_verified.erase(content.id);
   const BlockSet::Member writing(m_room.writing, content.id);
@@ -295,7 +352,8 @@ int BlockStore::store(const BlockContent& content, Place place) {
     ByteAccount::Grant grant(m_account);
     if (!m_room.make(grant, space)) break;
     rc = create(content, bytes, place, grant);
-    const bool isWorthAnother = rc == ENOSPC ? m_room.freeBytes(space) : rc == EEXIST || rc == ENOENT;
+    const bool isInTheWay = rc == EEXIST && place == Place::Prunable;
+    const bool isWorthAnother = rc == ENOSPC ? m_room.freeBytes(space) : isInTheWay || rc == ENOENT;
     if (!isWorthAnother) break;
   }
   if (rc == 0) {
@@ -311,10 +369,8 @@ int BlockStore::create(const BlockContent& content, const std::vector<std::byte>
                        ByteAccount::Grant& grant) {
   const bool isStaging = place == Place::Staged;
   const guid_t name = blockName(content.id);
-  m_engine.forget(name);          // a volume that the list remembers from before would stay
-  std::vector<Section> sections;  // none may be empty
-  if (!content.payload.empty()) sections.push_back(sectionOf(PAYLOAD_SECTION, content.payload));
-  sections.push_back(sectionOf(TRAILER_SECTION, trailer));
+  m_engine.forget(name);  // a volume that the list remembers from before would stay
+  const std::vector<Section> sections = sectionsOf(content, trailer);
   DiskCacheContext context = contextOf(place, 0);
   int rc = 0;
   try {
@@ -327,9 +383,13 @@ int BlockStore::create(const BlockContent& content, const std::vector<std::byte>
   }
   if (rc == 0) return 0;
   m_engine.forget(name);
-  if (rc == EEXIST) {
-    removeEverywhere(name, place);
+  if (rc == EEXIST && isStaging) {  // maybe the only copy
+    m_room.staged.insert(content.id, context.volume);
+    m_account.add(context.volume, spaceAt(m_engine.guid2path(name, context.volume, STAGED_DIR)));
+  } else if (rc == EEXIST) {
+    removeEverywhere(name);
   } else {
+    m_room.staged.erase(content.id);
     m_room.discard(name, context.volume, isStaging ? STAGED_DIR : BLOCKS_DIR);
   }
   return rc;
@@ -344,12 +404,11 @@ int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex
     if (const int rc = syncDirectories(path, m_volumes.rootOf(path).dir); rc != 0) return rc;
     if (!m_volumes.isThere(volume)) return EIO;  // it lies where the volume was mounted until now
   }
-  struct stat status {};
-  errno = 0;
-  if (lstat(path.c_str(), &status) != 0) return errno != 0 ? errno : EIO;
-  grant.settle(volume, static_cast<uint64_t>(status.st_blocks) * 512);
+  const uint64_t space = spaceAt(path);
+  if (space == 0) return EIO;
+  if (isStaging) m_room.staged.insert(content.id, volume);
+  grant.settle(volume, space);
   if (isStaging) {
-    m_room.staged.insert(content.id, volume);
     m_engine.forget(name);
     return 0;
   }
@@ -360,9 +419,8 @@ int BlockStore::finish(const BlockContent& content, const guid_t& name, VolIndex
   return 0;
 }
 
-void BlockStore::removeEverywhere(const guid_t& name, Place place) {
-  for (const VolIndex volume : m_volumes.indexes())
-    m_room.remove(name, volume, place == Place::Staged ? STAGED_DIR : BLOCKS_DIR);
+void BlockStore::removeEverywhere(const guid_t& name) {
+  for (const VolIndex volume : m_volumes.indexes()) m_room.remove(name, volume, BLOCKS_DIR);
 }
 
 void BlockStore::drop(const BlockId& id) {
@@ -370,7 +428,7 @@ void BlockStore::drop(const BlockId& id) {
   const guid_t name = blockName(id);
   m_engine.forget(name);  // from here on no callback gives it up beside us
   m_hot.erase(id);
-  removeEverywhere(name, Place::Prunable);
+  removeEverywhere(name);
 }
 
 int BlockStore::release(const BlockId& id, Durable durable) {

@@ -60,7 +60,8 @@ class BlockStore {
   bool isStaged(const BlockId& id) { return m_room.staged.contains(id); }
   bool isAnythingStaged() const { return !m_room.staged.isEmpty(); }
 
-  // Writes a block; 0, or why not, with nothing left behind.
+  // Writes a block; 0, or why not, with nothing left behind. One to be staged that lies on a volume already, which a
+  // start could not look through, counts as staged from now on: EEXIST.
   int store(const BlockContent& content, Place place);
   // Removes a block that is not staged from where prunable ones lie: nothing else is known not to be the only copy.
   void drop(const BlockId& id);
@@ -80,6 +81,11 @@ class BlockStore {
   // Reads all of it. Damaged, too, when there is none; Unreadable when nobody can tell now: the disk, or for want of
   // a descriptor, or because the volume is away.
   BytesAre checkStaged(const BlockId& id, std::string_view key, std::string_view version);
+  // Makes sure that a staged block, and then its name, are on disk; 0 or why not.
+  int syncStaged(const BlockId& id);
+  // Puts the right bytes in place of a staged block's, at once or not at all; 0 or why not, ENOENT when its file is
+  // gone.
+  int mendStaged(const BlockContent& content);
   // Makes a staged block prunable; 0 or why not.
   int release(const BlockId& id, Durable durable);
   // Removes a staged block; 0 or why not. It is staged no more as soon as its file is gone.
@@ -88,6 +94,7 @@ class BlockStore {
  private:
   struct Opened;
   static Adopted salvage(const std::string& path, const BlockId& id);
+  std::vector<std::byte> trailerOf(const BlockContent& content) const;
   Opened openFile(const DiskCacheContext& context, const guid_t& name, std::span<std::byte> front);
   bool locate(const BlockId& id, const guid_t& name, DiskCacheContext& context);
   Lookup openIn(const DiskCacheContext& context, const guid_t& name, const BlockId& id, std::string_view key,
@@ -96,7 +103,7 @@ class BlockStore {
              ByteAccount::Grant& grant);
   int finish(const BlockContent& content, const guid_t& name, VolIndex volume, Place place,
              ByteAccount::Grant& grant);
-  void removeEverywhere(const guid_t& name, Place place);
+  void removeEverywhere(const guid_t& name);
 
   DiskCache& m_engine;
   VolumeSet& m_volumes;

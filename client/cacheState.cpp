@@ -173,8 +173,10 @@ BlockStore::Adopted OpenCache::adoptOne(std::span<const FoundBlock> copies) {
   using Adopted = BlockStore::Adopted;
   Adopted best;
   const FoundBlock* kept = nullptr;
-  const auto valueOf = [](Adopted::State state) {
-    return state == Adopted::Whole ? 2 : state == Adopted::Unfinished ? 0 : 1;
+  const auto valueOf = [](const Adopted& copy) {
+    if (copy.state == Adopted::Whole || copy.state == Adopted::Unfinished)
+      return copy.state == Adopted::Whole ? 3 : 0;
+    return copy.trailer ? 2 : 1;
   };
   for (const FoundBlock& copy : copies) {
     Adopted adopted = store.adoptStaged(copy.id, copy.volume);
@@ -182,7 +184,7 @@ BlockStore::Adopted OpenCache::adoptOne(std::span<const FoundBlock> copies) {
     if (copies.size() > 1 && adopted.state == Adopted::Whole &&
         store.checkStaged(copy.id, adopted.trailer->key, adopted.trailer->version) != BytesAre::Right)
       adopted.state = Adopted::Damaged;
-    const bool isBetter = kept == nullptr || valueOf(adopted.state) >= valueOf(best.state);
+    const bool isBetter = kept == nullptr || valueOf(adopted) >= valueOf(best);
     const bool isOneEnough = adopted.state == Adopted::Whole || best.state == Adopted::Whole;
     if (kept != nullptr && isOneEnough) store.removeStagedCopy(copy.id, (isBetter ? *kept : copy).volume);
     if (!isBetter) continue;

@@ -198,8 +198,10 @@ CZuError ObjectCache::moveVolume(const std::string& volume, const std::string& d
     return keyError(RM_CODE_LOCATION, EINVAL, volume, "needs a destination");
   auto& volumes = m_state->options.volumes;
   const std::string from = absoluteDir(volume), to = absoluteDir(destination);
+  const auto moved = std::find(volumes.begin(), volumes.end(), from);
+  std::string movedTo = to;  // while that may fail
   const CZuError error = m_state->cache->mover.run(from, to);
-  if (!error.IsError()) std::replace(volumes.begin(), volumes.end(), from, to);
+  if (!error.IsError() && moved != volumes.end()) moved->swap(movedTo);
   return error;
 } catch (const std::exception&) {
   return keyError(RM_CODE_LOCATION, ENOMEM, volume, "can't be moved");

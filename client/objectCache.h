@@ -12,8 +12,8 @@
 //
 // Threads: open(), close() and the destructor run alone; anything else may be called by any thread between
 // them. Callbacks run in the thread that called, but for an Upload, which a flush worker runs; they may use the
-// cache, but not open or close it, and an Origin nothing of the object that is being fetched. No lock is held while one
-// runs.
+// cache, but not open or close it, and an Origin or `admit` nothing of the object that is being fetched. No lock is
+// held while one runs.
 //
 // Errors carry a system error number and name the key. EBADF: not open. EINVAL: an argument that makes no sense.
 #pragma once
@@ -232,8 +232,8 @@ class DISKCACHE_EXPORT ObjectCache {
   // want of descriptors; ESTALE: it is staged with another size.
   CZuError stage(std::string_view key, std::string_view version, std::span<const std::byte> bytes,
                  const Metadata& metadata = {});
-  // Gives a staged object up: once this has returned success no upload of it is handed out, also after a kill or a power
-  // cut, and its blocks are gone. An upload under way is not waited for; what it still reads is ENOENT, and how it
+  // Gives a staged object up: once this has returned success no upload of it is handed out, also after a kill or a
+  // power cut, and its blocks are gone. An upload under way is not waited for; what it still reads is ENOENT, and how it
   // ends counts no more. So that it does not end at the store after this, the Upload and who calls this have to
   // share a lock. ENOENT when it is not staged, or no longer. After the disk's errors it is staged as before,
   // unless only making its end durable failed.

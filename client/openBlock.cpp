@@ -111,8 +111,16 @@ bool OpenBlock::isVerified(uint64_t firstChunk, uint64_t lastChunk) const {
   return true;
 }
 
+// A read that a disk's error cuts short says why only when it is gone on with.
 BytesAre OpenBlock::readPlain(uint64_t from, std::span<std::byte> out) const {
-  return outcomeOf(pread(m_fd, out.data(), out.size(), static_cast<off_t>(m_offset + from)), out.size());
+  ssize_t got = 0;
+  do {
+    got = pread(m_fd, out.data(), out.size(), static_cast<off_t>(m_offset + from));
+    if (got == static_cast<ssize_t>(out.size())) return BytesAre::Right;
+    from += static_cast<uint64_t>(std::max<ssize_t>(got, 0));
+    out = out.subspan(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+  } while (got > 0);
+  return outcomeOf(got, out.size());
 }
 
 // What lies before and behind the range in its first and last chunk goes to a buffer beside it.

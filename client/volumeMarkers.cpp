@@ -46,13 +46,12 @@ int makeDirectories(const std::string& dir) {
 
 int readSmallFile(const std::string& path, std::string& text) {
   errno = 0;
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return lastError();
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file.fd < 0) return lastError();
   text.resize(MAX_FILE);
   errno = 0;
-  const ssize_t got = read(fd, text.data(), text.size());
+  const ssize_t got = read(file.fd, text.data(), text.size());
   const int rc = got < 0 ? lastError() : 0;
-  ::close(fd);
   text.resize(got < 0 ? 0 : static_cast<size_t>(got));
   return rc;
 }
@@ -165,11 +164,15 @@ CZuError VolumeMarkers::mark(const std::string& volume) {
 CZuError VolumeMarkers::claim(const std::string& volume, bool replace, bool& isPresent) {
   const std::string path = volume + '/' + VOLUME_MARKER;
   std::string text;
-  const int rc = readSmallFile(path, text);
+  int rc = readSmallFile(path, text);
   isPresent = true;
-  if (rc == ENOENT && readSmallFile(volume + '/' + MOVED_MARKER, text) != ENOENT) {
-    return DC_CLIENT_FAIL(EBUSY, "volume [%s] was moved away: give the directory that it lies in now",
-                          volume.c_str());
+  if (rc == ENOENT) {
+    const int moved = readSmallFile(volume + '/' + MOVED_MARKER, text);
+    if (isOfThisProcess(moved)) rc = moved;
+    if (moved != ENOENT && rc == ENOENT) {
+      return DC_CLIENT_FAIL(EBUSY, "volume [%s] was moved away: give the directory that it lies in now",
+                            volume.c_str());
+    }
   }
   if (rc == ENOENT) {
     const bool isKnown = std::any_of(m_known.begin(), m_known.end(),

@@ -1,5 +1,7 @@
 #include "client/volumeMover.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -42,10 +44,7 @@ class Padding {
   Padding(const std::string& source, const std::string& destination)
       : m_source(source), m_destination(destination) {}
   ~Padding() {
-    std::error_code ignored;
-    for (const std::string& name : m_names) {
-      for (const std::string* dir : {&m_source, &m_destination}) fs::remove(*dir + name, ignored);
-    }
+    for (const std::string& path : m_paths) rmdir(path.c_str());
   }
   Padding(const Padding&) = delete;
   Padding& operator=(const Padding&) = delete;
@@ -60,7 +59,7 @@ class Padding {
     for (size_t i = 0; !error && count % WORKERS != 0; ++i) {
       const std::string name = "/moving" + std::to_string(i);
       if (!fs::create_directory(m_source + name, error)) continue;
-      m_names.push_back(name);
+      for (const std::string* dir : {&m_source, &m_destination}) m_paths.push_back(*dir + name);
       ++count;
     }
     return error.value();
@@ -71,7 +70,7 @@ class Padding {
 
   const std::string& m_source;
   const std::string& m_destination;
-  std::vector<std::string> m_names;
+  std::vector<std::string> m_paths;
 };
 
 }  // namespace

@@ -90,9 +90,10 @@ CacheVolume& VolumeSet::find(VolIndex volume) {
 
 void VolumeSet::beginMove(VolIndex volume, const std::string& destination) {
   const KxCriticalSectionLock lock(&m_lock);
-  find(volume).destination = destination;
+  std::string copy = destination;
   const KxCriticalSectionLock rootsLock(&m_rootsLock);
   m_roots.push_back({destination, volume});
+  find(volume).destination.swap(copy);
 }
 
 bool VolumeSet::isThere(VolIndex volume) {
@@ -103,7 +104,8 @@ bool VolumeSet::isThere(VolIndex volume) {
 bool VolumeSet::endMove(VolIndex volume, bool isMoved) {
   const KxCriticalSectionLock lock(&m_lock);
   CacheVolume& moved = find(volume);
-  const std::string path = moved.destination + '/' + VOLUME_MARKER;  // from here on nothing throws
+  const std::string path =
+      isMoved ? moved.destination + '/' + VOLUME_MARKER : "";  // from here on nothing throws
   bool isMarked = true;
   if (isMoved) {
     moved.dir.swap(moved.destination);

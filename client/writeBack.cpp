@@ -145,22 +145,21 @@ CZuError WriteBack::stage(std::string_view key, std::string_view version, std::s
     if (rc == 0) return {};
     if (rc != ENOENT) return keyError(RM_CODE_LOCATION, rc, key, "is staged already, and can't be mended");
   }
+  std::vector<BlockId> stored;
   try {
-    if (const int rc = storeBlocks(*object, bytes); rc != 0) {
-      (void)discardBlocks(*object);
+    if (const int rc = storeBlocks(*object, bytes, stored); rc != 0) {
+      takeBack(stored);
       return keyError(RM_CODE_LOCATION, rc, key, "can't be staged");
     }
-    enter(object);
+    enter(object, Clock::now());
   } catch (...) {
-    (void)discardBlocks(*object);
+    takeBack(stored);
     throw;
   }
   m_metrics.add(Count::stagedObjects);
   return {};
 }
 
-// Those that are sound stay as they are: it is the only copy until the last one is mended. One that nobody can read now
-// may be sound. The first block comes last, as ever.
 int WriteBack::restore(Object& object, std::span<const std::byte> bytes) {
   Claim claim(*this, object);
   if (!claim) return ENOENT;
@@ -170,31 +169,47 @@ int WriteBack::restore(Object& object, std::span<const std::byte> bytes) {
     return rc == 0 ? ENOENT : rc;
   }
   if (object.size != bytes.size()) return ESTALE;
-  for (uint32_t number = object.blocks(); number-- > 0;) {
-    const BytesAre state = m_store.checkStaged({object.id, number}, object.key, object.version);
-    int rc = state == BytesAre::Unreadable ? EIO : 0;
-    if (state == BytesAre::Damaged) rc = storeBlock(object, number, bytes);
-    if (rc != 0) return rc;
-  }
-  return 0;
+  std::vector<BlockId> stored;
+  return storeBlocks(object, bytes, stored);
 }
 
-int WriteBack::storeBlocks(const Object& object, std::span<const std::byte> bytes) {
-  for (uint32_t number = object.blocks(); number-- > 0;) {
-    if (const int rc = storeBlock(object, number, bytes); rc != 0) return rc;
-  }
-  return 0;
-}
-
-int WriteBack::storeBlock(const Object& object, uint32_t number, std::span<const std::byte> bytes) {
+int WriteBack::storeBlocks(const Object& object, std::span<const std::byte> bytes,
+                           std::vector<BlockId>& stored) {
   const uint64_t blockSize = m_options.blockSize;
-  const BlockId id{object.id, number};
-  // One that is damaged, or that a start could not tell the object of; and the prunable copy.
-  if (const int rc = m_store.discardStaged(id, BlockStore::Durable::No); rc != 0) return rc;
-  m_store.drop(id);
-  const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
-  const BlockContent content{id, object.key, object.version, object.size, object.metadata, payload};
-  return m_store.store(content, BlockStore::Place::Staged);
+  stored.reserve(object.blocks());
+  for (uint32_t number = object.blocks(); number-- > 0;) {
+    const auto payload = bytes.subspan(number * blockSize, payloadSizeOf(object.size, blockSize, number));
+    const BlockContent content{{object.id, number}, object.key,      object.version,
+                               object.size,         object.metadata, payload};
+    if (const int rc = storeBlock(content, stored); rc != 0) return rc;
+  }
+  return 0;
+}
+
+// One that is there and sound stays as it is, and one that nobody can read now may be sound: it may be the only copy,
+// of an object that this run does not know of while another block's volume is away.
+int WriteBack::storeBlock(const BlockContent& content, std::vector<BlockId>& stored) {
+  int rc = EEXIST;
+  for (int attempt = 0; attempt < 2 && rc == EEXIST; ++attempt) {
+    if (m_store.isStaged(content.id)) {
+      const BytesAre state = m_store.checkStaged(content.id, content.key, content.version);
+      if (state == BytesAre::Unreadable) return EIO;
+      rc = state == BytesAre::Right ? m_store.syncStaged(content.id) : m_store.mendStaged(content);
+      if (rc != ENOENT) return rc;
+      rc = m_store.discardStaged(content.id, BlockStore::Durable::No);  // the record of it
+      if (rc != 0) return rc;
+    }
+    m_store.drop(content.id);  // the prunable copy
+    rc = m_store.store(content, BlockStore::Place::Staged);
+    if (rc == 0) stored.push_back(content.id);
+  }
+  return rc;
+}
+
+// The first block was stored last, and goes first.
+void WriteBack::takeBack(const std::vector<BlockId>& stored) {
+  for (auto id = stored.rbegin(); id != stored.rend(); ++id)
+    (void)m_store.discardStaged(*id, id->number == 0 ? BlockStore::Durable::Yes : BlockStore::Durable::No);
 }
 
 CZuError WriteBack::discard(std::string_view key, std::string_view version) {
@@ -237,15 +252,16 @@ std::vector<std::shared_ptr<const StagedObject>> WriteBack::list(std::optional<s
 
 void WriteBack::adopt(const BlockTrailer& trailer) {
   enter(std::make_shared<Object>(*this, trailer.key, trailer.version, trailer.objectSize, trailer.metadata,
-                                 Age::clock::from_time_t(static_cast<time_t>(trailer.madeAt))));
+                                 Age::clock::from_time_t(static_cast<time_t>(trailer.madeAt))),
+        Clock::time_point::min());
 }
 
-void WriteBack::enter(const ObjectPointer& object) {
+void WriteBack::enter(const ObjectPointer& object, Clock::time_point due) {
   const KxCriticalSectionLock lock(&m_lock);
   const std::string_view key = object->key;
   const auto age = m_ages.insert(object->stagedAt);
   try {
-    m_due.emplace(std::pair(Clock::time_point::min(), object->stagedAt), object);
+    m_due.emplace(std::pair(due, object->stagedAt), object);
     m_objects.emplace(key, object);
   } catch (...) {
     m_ages.erase(age);

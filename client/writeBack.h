@@ -60,12 +60,14 @@ class WriteBack {
   std::vector<std::unique_ptr<Flights::Flight>> takeBlocks(const Object& object);
   // What of a staged object is damaged gets its bytes again. 0 or why not; ENOENT when it is staged no more.
   int restore(Object& object, std::span<const std::byte> bytes);
-  int storeBlocks(const Object& object, std::span<const std::byte> bytes);
-  int storeBlock(const Object& object, uint32_t number, std::span<const std::byte> bytes);
+  // 0 or why not; `stored` are the blocks that were not there before.
+  int storeBlocks(const Object& object, std::span<const std::byte> bytes, std::vector<BlockId>& stored);
+  int storeBlock(const BlockContent& content, std::vector<BlockId>& stored);
+  void takeBack(const std::vector<BlockId>& stored);
   CZuError discard(Object& object);  // with all its blocks taken
   int discardBlocks(const Object& object);
-  void enter(const ObjectPointer& object);
-  // When it is due, and among those that are, the oldest first.
+  void enter(const ObjectPointer& object, Clock::time_point due);
+  // By when they are to be tried: at first when they were staged, and before all others those found at the start.
   using Queue = std::multimap<std::pair<Clock::time_point, Age>, ObjectPointer>;
   // The next object that is due, waited for unless in a single pass; none when there is none, or at the end.
   Queue::node_type take(bool isSinglePass, Clock::time_point passBegan);
@@ -85,7 +87,7 @@ class WriteBack {
   KxCriticalSection m_lock;
   std::condition_variable_any m_changed;
   Objects m_objects DC_GUARDED_BY(m_lock);  // by their keys
-  // Those that no worker has, by when they are to be tried: at first at once. Those discarded stay until then.
+  // Those that no worker has. Those discarded stay until they are due.
   Queue m_due DC_GUARDED_BY(m_lock);
   std::multiset<Age> m_ages DC_GUARDED_BY(m_lock);
   uint64_t m_bytes DC_GUARDED_BY(m_lock) = 0;

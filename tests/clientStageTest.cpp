@@ -208,6 +208,11 @@ TEST_F(ClientStageTest, WhatAStartCannotLookAtIsThereAtTheNextOne) {
     ObjectCacheOptions one = both;
     one.volumes = {volume};
     start(one);
+    {
+      FaultPlan plan;
+      plan.failAlways("write", EIO);
+      EXPECT_EQ(stage(volume, size), "EIO") << "what lies on the other one";
+    }
     flushed(volume);
   }
   for (const int errNo : {EIO, ENOMEM}) {
