@@ -174,6 +174,7 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   for (const auto& [context, why] : {std::pair{"staged", "only copy"}, {"./", "below no volume"}})
     expectFailure("prune --bytes 1 " + root + "--context " + context, 2, why);
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
+  expectFailure("migrate --index 1 --leave-behind --to " + (dir / "c ") + root, 2, "--complete copies it");
   EXPECT_TRUE(fs::remove(dir / "a/blocks/volume.id"));
   expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 2, "is the disk mounted?");
 }
