@@ -175,8 +175,11 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
     expectFailure("prune --bytes 1 " + root + "--context " + context, 2, why);
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
   expectFailure("migrate --index 1 --leave-behind --to " + (dir / "c ") + root, 2, "--complete copies it");
-  EXPECT_TRUE(fs::remove(dir / "a/blocks/volume.id"));
-  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 2, "is the disk mounted?");
+  fs::remove(dir / "a/link"), fs::create_directory(dir / "a/blocks/volume.moved");
+  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 3, "can't be marked as left");
+  EXPECT_NE(out.find(" -> " + (dir / "c, ")), std::string::npos) << out;
+  EXPECT_TRUE(fs::remove(dir / "c/blocks/volume.id"));
+  expectFailure("migrate --index 1 --complete --to " + (dir / "d ") + root, 2, "is the disk mounted?");
 }
 
 TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {

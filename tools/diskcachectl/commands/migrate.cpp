@@ -56,7 +56,7 @@ it was still copying what would stay behind (--complete): then empty DIR first.
 A volume without "recycle", or of named objects without its marker, is taken for a disk that is not mounted. No
 server may be running on the root.
 Exit status: 0 success, 2 bad input or something would stay behind, 3 an error of the cache or the system, or
-interrupted (the volume then stays where it was).
+interrupted (the volume then stays where it was), or moved from a source that can't be marked as left.
 
 Example:
   diskcachectl migrate --root /var/cache/root --index 1 --to /mnt/a --complete)";
@@ -313,9 +313,14 @@ void run(Options options) {
     throw Failure(ExitStatus::Error, fmt::format("{}: {}; the volume stays at {}", options.destination,
                                                  std::strerror(outcome), source));
   }
-  if (const int rc = markMoved(source, options.destination); rc != 0 && rc != ENOENT)
-    fail(source, rc);  // ENOENT: of other clients
   printResult(options, source, plan, counter->copied());
+  const int rc = markMoved(source, options.destination);  // which waits for the destination's disk, too
+  // Volumes of other clients have no marker.
+  if (rc == 0 || (!known.isObjectCache && (rc == ENOENT || rc == EROFS))) return;
+  throw Failure(
+      ExitStatus::Error,
+      fmt::format("the volume is moved, but {} can't be marked as left ({}): remove it once {} is verified",
+                  source, std::strerror(rc), options.destination));
 }
 
 }  // namespace
