@@ -37,6 +37,7 @@ struct FullDiskToolTest : ToolTest {
       if (entry.is_regular_file()) names.insert(entry.path().filename());
     return names;
   }
+  const std::string blockLike = std::string(40, 'a');  // another client's, called like a block
 };
 
 TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
@@ -92,6 +93,7 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   fs::create_directories(at + "88/deep");
   fs::create_directories(dir / "a/lost+found/empty/one");
   writeFile(dir / "a/notes", "nobody's but mine");
+  segment("blocks", blockLike, 5);
   const std::string half = segment("data", "0099half", 5);  // of two sections the first is whole
   ASSERT_EQ(run("put --type 1 " + root + on("a") + "--context data 0099half " + (dir / "in")), 0) << err;
   fs::resize_file(half, fs::file_size(half) - 1);
@@ -114,18 +116,18 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   EXPECT_EQ(listed["found"].size(), useless.size() + 3) << "77, 88 and what is in it: " << listed;
   EXPECT_EQ(parsed("clean " + root)["found"].size(), useless.size() + 2) << "it was recycled just now";
   EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
-  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes", blockLike}));
   EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
 }
 
 TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
-  const std::string damaged = segment("data", "0011bad", 0), sound = segment("data", "0022good", 0);
+  const std::string damaged = segment("data", "0011bad", 0), sound = segment("blocks", blockLike, 0);
   for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README"})
     writeFile(path, "damaged");
   const json verified = parsed("verify --remove " + root, 1);
   EXPECT_EQ(verified["problems"].size(), 2U) << "the index is none: " << verified;
   EXPECT_EQ(verified["removed"], 1);
-  EXPECT_EQ(left(), (std::set<std::string>{"0022good", "diskcached.index", "README"}));
+  EXPECT_EQ(left(), (std::set<std::string>{blockLike, "diskcached.index", "README"}));
 
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
   fs::remove_all(dir / "a");

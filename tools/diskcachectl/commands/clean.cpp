@@ -64,7 +64,8 @@ struct Finding {
 
 class Cleaning {
  public:
-  Cleaning(const Options& options, bool hasServer) : m_options(options) {
+  Cleaning(const Options& options, bool isObjectCache, bool hasServer)
+      : m_options(options), m_isObjectCache(isObjectCache) {
     if (hasServer) m_open.emplace();
   }
 
@@ -149,7 +150,7 @@ class Cleaning {
     if (!placeOf(file).isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
     // The trailer is written last. A segment gives the sections that are whole when the next one is cut.
     const bool isUseless =
-        isBlock(file.relative, file.name)
+        m_isObjectCache && isBlock(file.relative, file.name)
             ? m_layout.isCutShort ||
                   (m_layout.isSegment && m_layout.find(ObjectStore::TRAILER_SECTION) == nullptr)
             : m_layout.isCutShort && !m_layout.hasWholeSection();
@@ -188,6 +189,7 @@ class Cleaning {
   }
 
   const Options& m_options;
+  const bool m_isObjectCache;
   const int64_t m_now = std::time(nullptr);
   std::optional<OpenFiles> m_open;  // beside a server
   std::map<std::string, Directory> m_directories;
@@ -203,7 +205,7 @@ void run(const Options& options) {
   if (options.removes && !hasServer) claim.emplace(options.root);
   const KnownCache known(options.root);
   if (options.removes) known.refuseMove();  // its copies look like leftovers
-  Cleaning cleaning(options, hasServer);
+  Cleaning cleaning(options, known.isObjectCache, hasServer);
   cleaning.look(known.choosePresent(options.volumes, Stranger::Refuse));
   cleaning.finish();
   if (cleaning.worst() != ExitStatus::Success) throw Failure(cleaning.worst());

@@ -71,7 +71,8 @@ struct Absence {
   std::vector<std::string> traces;     // of its having been there
 };
 
-Explained explain(const FoundCopy& copy, const Options& options, const OpenFiles& open) {
+Explained explain(const FoundCopy& copy, const KnownCache& known, const Options& options,
+                  const OpenFiles& open) {
   Explained found;
   found.copy = copy;
   const LookedAt file(copy.path, O_NOFOLLOW);
@@ -89,7 +90,7 @@ Explained explain(const FoundCopy& copy, const Options& options, const OpenFiles
   found.bytes = layout.bytes;
   found.allocated = layout.allocated;
   found.problems = layout.problems;
-  if (layout.problems.empty() && isBlock(copy.context, options.id)) {
+  if (layout.problems.empty() && known.isObjectCache && isBlock(copy.context, options.id)) {
     try {
       const std::string why = whyNoBlock(file.fd(), layout, options.id, true);
       if (!why.empty()) found.problems.push_back(why);
@@ -207,7 +208,7 @@ void run(Options options) {
   const OpenFiles open;
   std::vector<Explained> found;
   for (const FoundCopy& copy : known.find(dirs, options.context, options.nonprunable, options.id)) {
-    found.push_back(explain(copy, options, open));
+    found.push_back(explain(copy, known, options, open));
   }
   std::vector<Absence> absences;
   if (found.empty()) {

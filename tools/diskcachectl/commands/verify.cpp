@@ -73,9 +73,10 @@ struct alignas(64) Counts {
 class Verification {
  public:
   // All paths of volumes and of what is looked at are canonical.
-  Verification(const Options& options, std::vector<std::string> volumes)
+  Verification(const Options& options, std::vector<std::string> volumes, bool isObjectCache)
       : m_counts(options.threads),
         m_volumes(std::move(volumes)),
+        m_isObjectCache(isObjectCache),
         m_isJson(options.isJson),
         m_removes(options.removes) {}
 
@@ -127,17 +128,19 @@ class Verification {
     check(file.dirFd, file.name, file, counts);
   }
 
+  bool isBlockAt(const std::string& dir, std::string_view name) const {
+    if (m_volumes.empty()) return isMarkedBlock(dir, name);
+    return m_isObjectCache && isBlock(belowVolume(m_volumes, dir), name);
+  }
   bool isBlockAt(const std::string& path) const {
-    return isBlock(belowVolume(m_volumes, path.substr(0, path.find_last_of('/'))), nameIn(path.c_str()));
+    return isBlockAt(path.substr(0, path.find_last_of('/')), nameIn(path.c_str()));
   }
   // A whole path, or a name in the directory that the walk is in.
   static std::string_view nameIn(const char* path) {
     const std::string_view name = path;
     return name.substr(name.find_last_of('/') + 1);
   }
-  bool isBlockAt(const WalkedFile& file) const {
-    return isBlock(belowVolume(m_volumes, file.dir), file.name);
-  }
+  bool isBlockAt(const WalkedFile& file) const { return isBlockAt(file.dir, file.name); }
 
   static std::string pathOf(const std::string& path) { return path; }
   static std::string pathOf(const WalkedFile& file) { return file.path(); }
@@ -238,6 +241,7 @@ class Verification {
 
   std::vector<Counts> m_counts;
   const std::vector<std::string> m_volumes;  // none without a root
+  const bool m_isObjectCache;                // not known without a root
   const bool m_isJson;
   const bool m_removes;
   std::mutex m_lock;  // guards what follows while threads run
@@ -251,6 +255,7 @@ class Verification {
 void run(Options options) {
   std::optional<RootClaim> claim;
   std::vector<std::string> volumes;
+  bool isObjectCache = false;
   // As they are typed they need not tell which part of which volume they are.
   for (std::string& path : options.paths) path = canonicalPath(path);
   if (!options.root.empty()) {
@@ -258,6 +263,7 @@ void run(Options options) {
     tellServer(options.root);
     const KnownCache known(options.root);
     if (options.removes) known.refuseMove();
+    isObjectCache = known.isObjectCache;
     volumes = known.choosePresent({}, Stranger::Refuse);
     for (std::string& volume : volumes) volume = canonicalPath(volume);
     for (const std::string& path : options.paths) {
@@ -269,7 +275,7 @@ void run(Options options) {
   if (options.paths.empty()) {
     throw Failure(ExitStatus::BadInput, "verify: one of PATH and --root is required (see --help)");
   }
-  Verification verification(options, volumes);
+  Verification verification(options, volumes, isObjectCache);
   verification.run(options.paths);
   const ExitStatus status = verification.finish();
   if (status != ExitStatus::Success) throw Failure(status);
