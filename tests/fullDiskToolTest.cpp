@@ -118,6 +118,10 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
   EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes", blockLike}));
   EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
+  ASSERT_EQ(run("put --add-volume " + root + on("recycle") + "--context data 0 " + (dir / "in")), 0) << err;
+  fs::remove(dir / "recycle/recycle"), writeFile(dir / "recycle/top", "mine");
+  EXPECT_EQ(run("clean --recycled-for 0s " + root), 0) << err;
+  EXPECT_EQ(out.substr(0, 8), "0 found,") << "on a volume called \"recycle\": " << out;
 }
 
 TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {

@@ -141,6 +141,7 @@ class Cleaning {
       case FileKind::Leftover: return S_ISREG(status.st_mode) ? "left over" : nullptr;
       // Its being moved there is a change of the file's record, not of its bytes.
       case FileKind::Recycled:
+        if (file.relative.empty()) return nullptr;  // of a volume that is called "recycle"
         return m_now - status.st_ctim.tv_sec >= m_options.recycledFor ? "recycled" : nullptr;
       case FileKind::Segment: break;
     }
