@@ -119,19 +119,20 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes", blockLike}));
   EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
   ASSERT_EQ(run("put --add-volume " + root + on("recycle") + "--context data 0 " + (dir / "in")), 0) << err;
-  fs::remove(dir / "recycle/recycle"), writeFile(dir / "recycle/top", "mine");
+  fs::remove(dir / "recycle/recycle");
+  for (const char* name : {"recycle/top", "recycle/1", "recycle/data/2"}) writeFile(dir / name, "mine");
   EXPECT_EQ(run("clean --recycled-for 0s " + root), 0) << err;
   EXPECT_EQ(out.substr(0, 8), "0 found,") << "on a volume called \"recycle\": " << out;
 }
 
 TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
   const std::string damaged = segment("data", "0011bad", 0), sound = segment("blocks", blockLike, 0);
-  for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README"})
+  for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README", dir / "a/data/1"})
     writeFile(path, "damaged");
   const json verified = parsed("verify --remove " + root, 1);
-  EXPECT_EQ(verified["problems"].size(), 2U) << "the index is none: " << verified;
+  EXPECT_EQ(verified["problems"].size(), 3U) << "the index is none: " << verified;
   EXPECT_EQ(verified["removed"], 1);
-  EXPECT_EQ(left(), (std::set<std::string>{blockLike, "diskcached.index", "README"}));
+  EXPECT_EQ(left(), (std::set<std::string>{blockLike, "diskcached.index", "README", "1"}));
 
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
   fs::remove_all(dir / "a");

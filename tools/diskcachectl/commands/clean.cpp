@@ -148,7 +148,9 @@ class Cleaning {
     if (!S_ISREG(status.st_mode) || isStaged(file.relative)) return nullptr;
     const LookedAt opened(file.dirFd, file.name, O_NOFOLLOW);
     if (opened.error() != 0 || decodeSegment(opened.fd(), m_layout) != 0) return nullptr;
-    if (!placeOf(file).isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
+    const SegmentPlace place = placeOf(file);
+    if (!place.isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
+    if (place.context.empty()) return nullptr;  // no client's
     // The trailer is written last. A segment gives the sections that are whole when the next one is cut.
     const bool isUseless =
         m_isObjectCache && isBlock(file.relative, file.name)

@@ -42,7 +42,7 @@ using nlohmann::ordered_json;
 constexpr const char* HELP =
     R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by one. Segments have no checksums: what is checked is that a file's records are where its header says and whole. Blocks of named objects have: their trailer is checked, and their bytes against its checksums. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying) and files where no identifier leads are counted apart. Paths are told without links. One that a running server is writing at this moment may seem damaged.
 
-With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them, and so do files where no identifier leads, which may be anybody's.
+With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them, and so do files where no identifier leads or that are no segments and have a name of one character, which leads anywhere: they may be anybody's.
 
 Exit status: 0 all sound, 1 damage, removed or not, 2 a path that cannot be used, 3 a file or directory below one that cannot be read or removed, or a server runs.
 
@@ -68,6 +68,11 @@ struct alignas(64) Counts {
   uint64_t leftovers = 0;
   uint64_t misplaced = 0;
   SegmentLayout layout;  // its memory serves every file of the thread
+};
+
+struct Damaged {
+  std::string path;
+  bool isSegment;  // or what is left of one
 };
 
 class Verification {
@@ -98,7 +103,7 @@ class Verification {
         [this](const std::string& path, int error) { complain(path, error, ExitStatus::Error); });
     walk.runWithProgress("verify", m_counts.size(),
                          [&] { return fmt::format("{} files", formatCount(sum(&Counts::files))); });
-    for (const std::string& path : m_damaged) remove(path);
+    for (const Damaged& damaged : m_damaged) remove(damaged);
   }
 
   ExitStatus finish() const {
@@ -166,13 +171,15 @@ class Verification {
         return complain(pathOf(named), failed.code().value(), ExitStatus::Error);
       }
     }
-    if (!layout.problems.empty()) report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")));
+    if (layout.problems.empty()) return;
+    report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")),
+           layout.isSegment || layout.isCutShort);
   }
 
-  void report(const std::string& path, const std::string& problem) {
+  void report(const std::string& path, const std::string& problem, bool isSegment = false) {
     const std::scoped_lock lock(m_lock);
     ++m_problemCount;
-    if (m_removes) m_damaged.push_back(path);
+    if (m_removes) m_damaged.push_back({path, isSegment});
     if (m_isJson) {
       m_problems.push_back({{"path", path}, {"problem", problem}});
     } else {
@@ -180,14 +187,15 @@ class Verification {
     }
   }
 
-  void remove(const std::string& path) {
+  void remove(const Damaged& damaged) {
+    const std::string& path = damaged.path;
     const size_t slash = path.find_last_of('/');
     const std::string dir = path.substr(0, slash), name = path.substr(slash + 1);
     const std::string_view below = belowVolume(m_volumes, dir);
     const SegmentPlace place = placeOf({AT_FDCWD, name.c_str(), dir, 0, below, DT_REG});
     if (isStaged(below)) {
       printError(path + ": staged, left as it is");
-    } else if (!place.isInPlace || place.context.empty()) {
+    } else if (!place.isInPlace || place.context.empty() || (name.size() == 1 && !damaged.isSegment)) {
       printError(path + ": no identifier leads there, left as it is");
     } else if (unlink(path.c_str()) != 0) {
       complain(path, errno, ExitStatus::Error);
@@ -247,7 +255,7 @@ class Verification {
   std::mutex m_lock;  // guards what follows while threads run
   ExitStatus m_worst = ExitStatus::Success;
   uint64_t m_problemCount = 0;
-  std::vector<std::string> m_damaged;  // to be removed
+  std::vector<Damaged> m_damaged;  // to be removed
   uint64_t m_removed = 0;
   ordered_json m_problems = ordered_json::array();
 };
