@@ -211,8 +211,15 @@ TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
 
   writeFile(dir / "list", "a key\t" + (dir / "from/0011one\tv7\n"));
   const std::string objects = "--root " + (dir / "objects ");
-  ASSERT_EQ(run("warm " + objects + "--volume " + (dir / "b --list ") + (dir / "list")), 0) << err;
+  const std::string warmObjects = "warm " + objects + "--list " + (dir / "list ");
+  ASSERT_EQ(run(warmObjects + on("b")), 0) << err;
   EXPECT_EQ(parsed("explain --key 'a key' --version v7 " + objects)["cached"], true);
+  ASSERT_EQ(run(warmObjects + "--add-volume " + on("c")), 0) << err;
+  const std::string volumes = readFile(dir / "objects/volume_info");
+  EXPECT_EQ(volumes, (dir / "b,1\n") + (dir / "c,2\n")) << "nothing but an addition changes them";
+  fs::rename(dir / "b", dir / "gone"), fs::create_directory(dir / "b");
+  expectFailure(warmObjects + on("c"), 3, "is the disk mounted?");
+  EXPECT_EQ(readFile(dir / "objects/volume_info"), volumes);
 }
 
 TEST_F(FullDiskToolTest, ExplainTellsWhatIsInTheWay) {

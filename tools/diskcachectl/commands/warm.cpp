@@ -25,6 +25,7 @@
 
 #include "client/blockTrailer.h"
 #include "client/objectCache.h"
+#include "client/volumeMarkers.h"
 #include "commands/commands.h"
 #include "common/failure.h"
 #include "common/identifier.h"
@@ -46,7 +47,7 @@ namespace fs = std::filesystem;
 constexpr const char* HELP =
     R"(Fills a cache from files before its server starts. With --context each file becomes a segment of one section, of type 0, called like the file; without it an object in a cache of named objects, whose key is the path below --from. A list has a line for each file: the name or key, a tab, the file, and for objects a tab and the version. What is cached is left as it is. --rate bounds the bytes that are read in a second.
 
-Block size and bound must be those that the server uses; without a bound the disks are one.
+Block size and bound must be those that the server uses; without a bound the disks are one. Objects go to every volume that the root knows, whatever --volume says of those: it names the volumes of a new cache, or with --add-volume another. While one is away nothing is stored.
 
 Exit status: 0 success, 1 files were left out, 2 bad input, 3 an error of the cache or the system, or a server runs.
 
@@ -189,6 +190,8 @@ class Objects : public Target {
                  .blockSize = static_cast<uint32_t>(options.blockSize)}),
         m_buffer(options.blockSize) {
     if (const CZuError error = m_cache.open(); error.IsError()) fail(options.root, error);
+    if (m_cache.metrics().absentVolumes > 0)
+      throw Failure(ExitStatus::Error, options.root + ": a volume can't be read");
   }
 
   Outcome store(const Item& item, const Source& source) override {
@@ -269,6 +272,18 @@ void warm(const Options& options, const std::vector<Item>& items, Target& target
   if (leftOut != 0) throw Failure(ExitStatus::CheckFailed);
 }
 
+// An object cache forgets in "volume_info" the volumes that it is not opened with, and those that are away.
+void takeAllVolumes(const KnownCache& known, Options& options) {
+  const std::vector<std::string> given = std::exchange(options.volumes, {});
+  std::error_code error;
+  for (const KnownVolume& volume : known.volumes) {
+    options.volumes.push_back(volume.dir);
+    if (!known.isObjectCache || fs::exists(fs::path(volume.dir) / VOLUME_MARKER, error)) continue;
+    throw Failure(ExitStatus::Error, volume.dir + ": has no marker of the cache: is the disk mounted?");
+  }
+  options.volumes.insert(options.volumes.end(), given.begin(), given.end());
+}
+
 // The volumes; ends before anything is changed when there is no use in going on.
 void prepare(Options& options) {
   std::error_code error;
@@ -280,6 +295,7 @@ void prepare(Options& options) {
   }
   const KnownCache known(options.root);
   known.refuseMove();
+  if (options.context.empty()) takeAllVolumes(known, options);
   const bool addsVolume = options.addsVolume || known.volumes.empty();
   options.volumes = known.choosePresent(options.volumes, addsVolume ? Stranger::Add : Stranger::Refuse);
 }
