@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "client/blockTrailer.h"
+#include "client/descriptor.h"
 #include "client/objectCache.h"
 #include "client/volumeMarkers.h"
 #include "commands/commands.h"
@@ -112,9 +113,10 @@ std::vector<Item> itemsOfList(const Options& options) {
 // Where what is to be cached comes from.
 class Source {
  public:
-  explicit Source(const std::string& path) : m_file(path) {
+  // With its access time, which only the owner of a file may leave alone.
+  explicit Source(const std::string& path) : m_file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
     struct stat status {};
-    m_error = m_file.error() != 0 ? m_file.error() : fstat(m_file.fd(), &status) != 0 ? errno : 0;
+    if (m_file.fd < 0 || fstat(m_file.fd, &status) != 0) m_error = errno;
     if (m_error == 0 && !S_ISREG(status.st_mode)) m_error = EINVAL;
     m_size = static_cast<uint64_t>(status.st_size);
   }
@@ -123,13 +125,13 @@ class Source {
   // Fills the front of `to` with what there is from `from` on; a system error number or 0.
   int read(uint64_t from, std::span<std::byte> to) const {
     const uint64_t wanted = std::min<uint64_t>(to.size(), m_size - std::min(from, m_size));
-    const ssize_t got = readFully(m_file.fd(), to.data(), wanted, static_cast<off_t>(from));
+    const ssize_t got = readFully(m_file.fd, to.data(), wanted, static_cast<off_t>(from));
     if (got < 0) return errno;
     return static_cast<uint64_t>(got) == wanted ? 0 : EIO;  // it became shorter
   }
 
  private:
-  const LookedAt m_file;
+  const Descriptor m_file;
   int m_error = 0;
   uint64_t m_size = 0;
 };
