@@ -143,7 +143,7 @@ TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
 // Blocks of named objects: their names are numbers, so the tools tell what they are of.
 TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   writeFile(dir / "objects/photo.jpg", std::string(100'000, 'p'));
-  writeFile(dir / "objects/deep/empty", "");
+  writeFile(dir / "objects/deep/empty", ""), fs::create_symlink("loop", dir / "objects/loop");
   const std::string warm = "warm --block-size 64KiB --version v1 " + root + "--from " + (dir / "objects ");
   EXPECT_EQ(parsed(warm + on("a"))["stored"], 2);
   EXPECT_EQ(parsed(warm)["known"], 2);

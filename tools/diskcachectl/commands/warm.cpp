@@ -79,7 +79,8 @@ std::vector<Item> itemsOfDirectory(const Options& options) {
   std::error_code error;
   fs::recursive_directory_iterator entry(options.from, error);
   for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-    if (!entry->is_regular_file() || entry->is_symlink()) continue;
+    std::error_code ignored;  // of what is gone meanwhile; a link may lead nowhere
+    if (entry->is_symlink(ignored) || !entry->is_regular_file(ignored)) continue;
     const fs::path name =
         options.context.empty() ? entry->path().lexically_relative(options.from) : entry->path().filename();
     items.push_back({name, entry->path(), options.version});
