@@ -62,6 +62,8 @@ TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
     EXPECT_EQ(run(prune + "--non-prunable keep --bytes 1 <" + (dir / "answer")), isYes ? 0 : 2) << answer;
     EXPECT_EQ(left().empty(), isYes) << answer;
   }
+  fs::create_symlink("loop", dir / "a/loop");
+  expectFailure(prune + "--context loop --bytes 1", 3, "loop: Too many levels");
 }
 
 TEST_F(FullDiskToolTest, BytesAndInodesOfTheFileSystemAreLimits) {
