@@ -91,6 +91,8 @@ class Verification {
       struct stat status {};
       if (stat(path.c_str(), &status) != 0) {
         complain(path, errno, ExitStatus::BadInput);
+      } else if (isCovered(path, paths)) {
+        continue;
       } else if (S_ISDIR(status.st_mode)) {
         directories.push_back(path);
       } else {
@@ -117,6 +119,13 @@ class Verification {
     uint64_t total = 0;
     for (const Counts& counts : m_counts) total += counts.*field;
     return total;
+  }
+
+  // Whether it lies below another path, or is given again further on.
+  static bool isCovered(const std::string& path, const std::vector<std::string>& paths) {
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string& other) {
+      return other == path ? &other > &path : belowVolume({other}, path) != path;
+    });
   }
 
   void visit(const WalkedFile& file, Counts& counts) {
