@@ -125,10 +125,11 @@ class Reader {
       throw Failure(ExitStatus::CheckFailed,
                     fmt::format("{}: there is no section {}", m_copy.path, m_options.type));
     }
-    if (section.len == 0 && offset == 0) {
-      // An empty section, or one whose front cannot be read.
+    if (section.len == 0) {
+      // The end, or a front that cannot be read.
       uint64_t size = 0;
       check(m_cache.getSectionSize(size, m_copy.context, m_options.id, m_options.type, 0));
+      if (size > offset) fail(m_copy.path, EIO);
     }
     return sections;
   }
@@ -138,9 +139,13 @@ class Reader {
     if (!error.IsError()) return;
     switch (RMErrorUtil::GetErrNo(error)) {
       case ENOENT: throw Failure(ExitStatus::CheckFailed, m_options.id + ": not in the cache");
+      case EIO: {
+        std::error_code ignored;  // a header that is cut short is no error of the system
+        if (fs::file_size(m_copy.path, ignored) >= SEGMENT_HEADER_SIZE) fail(m_copy.path, error);
+        [[fallthrough]];
+      }
       case 0:
       case EINVAL:
-      case EIO:
         throw Failure(ExitStatus::CheckFailed, fmt::format("{}: damaged: {}", m_copy.path, error.AsString()));
       default: fail(m_copy.path, error);
     }
