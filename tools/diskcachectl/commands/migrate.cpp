@@ -54,7 +54,7 @@ the command stops when there are any, unless told what to do. What a cache of na
 older takes the place of what is copied; but a migration that was killed is resumed by the same command, unless
 it was still copying what would stay behind (--complete): then empty DIR first.
 A volume without "recycle", or of named objects without its marker, is taken for a disk that is not mounted. No
-server may be running on the root.
+server may be running on the root, which must be the caller's own.
 Exit status: 0 success, 2 bad input or something would stay behind, 3 an error of the cache or the system, or
 interrupted (the volume then stays where it was), or moved from a source that can't be marked as left.
 
@@ -278,6 +278,7 @@ void run(Options options) {
   catchInterrupts();
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
+  refuseOthersRoot(options.root);
   const RootClaim claim(options.root);
   const KnownCache known(options.root);
   const auto& noted = known.migration;

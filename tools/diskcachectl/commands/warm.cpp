@@ -48,7 +48,7 @@ namespace fs = std::filesystem;
 constexpr const char* HELP =
     R"(Fills a cache from files before its server starts. With --context each file becomes a segment of one section, of type 0, called like the file; without it an object in a cache of named objects, whose key is the path below --from. A list has a line for each file: the name or key, a tab, the file, and for objects a tab and the version. What is cached is left as it is. --rate bounds the bytes that are read in a second.
 
-Block size and bound must be those that the server uses; without a bound the disks are one. Objects go to every volume that the root knows, whatever --volume says of those: it names the volumes of a new cache, or with --add-volume another. While one is away nothing is stored.
+Block size and bound must be those that the server uses; without a bound the disks are one. Objects go to every volume that the root knows, whatever --volume says of those: it names the volumes of a new cache, or with --add-volume another. While one is away nothing is stored. The root must be the caller's own.
 
 Exit status: 0 success, 1 files were left out, 2 bad input, 3 an error of the cache or the system, or a server runs.
 
@@ -308,6 +308,7 @@ void run(Options options) {
     throw Failure(ExitStatus::BadInput, "warm: one of --from and --list is required (see --help)");
   }
   const std::vector<Item> items = options.from.empty() ? itemsOfList(options) : itemsOfDirectory(options);
+  refuseOthersRoot(options.root);
   RootClaim claim(options.root);
   prepare(options);
   makeDirectory(options.root);
