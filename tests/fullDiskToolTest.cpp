@@ -37,6 +37,7 @@ struct FullDiskToolTest : ToolTest {
       if (entry.is_regular_file()) names.insert(entry.path().filename());
     return names;
   }
+  const std::string blockLike = std::string(40, 'a');  // another client's, called like a block
 };
 
 TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
@@ -61,6 +62,8 @@ TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
     EXPECT_EQ(run(prune + "--non-prunable keep --bytes 1 <" + (dir / "answer")), isYes ? 0 : 2) << answer;
     EXPECT_EQ(left().empty(), isYes) << answer;
   }
+  fs::create_symlink("loop", dir / "a/loop");
+  expectFailure(prune + "--context loop --bytes 1", 3, "loop: Too many levels");
 }
 
 TEST_F(FullDiskToolTest, BytesAndInodesOfTheFileSystemAreLimits) {
@@ -92,6 +95,7 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   fs::create_directories(at + "88/deep");
   fs::create_directories(dir / "a/lost+found/empty/one");
   writeFile(dir / "a/notes", "nobody's but mine");
+  segment("blocks", blockLike, 5);
   const std::string half = segment("data", "0099half", 5);  // of two sections the first is whole
   ASSERT_EQ(run("put --type 1 " + root + on("a") + "--context data 0099half " + (dir / "in")), 0) << err;
   fs::resize_file(half, fs::file_size(half) - 1);
@@ -114,18 +118,23 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
   EXPECT_EQ(listed["found"].size(), useless.size() + 3) << "77, 88 and what is in it: " << listed;
   EXPECT_EQ(parsed("clean " + root)["found"].size(), useless.size() + 2) << "it was recycled just now";
   EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
-  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"0011sound", "0099half", "notes", blockLike}));
   EXPECT_TRUE(fs::exists(dir / "a/lost+found/empty/one"));
+  ASSERT_EQ(run("put --add-volume " + root + on("recycle") + "--context data 0 " + (dir / "in")), 0) << err;
+  fs::remove(dir / "recycle/recycle");
+  for (const char* name : {"recycle/top", "recycle/1", "recycle/data/2"}) writeFile(dir / name, "mine");
+  EXPECT_EQ(run("clean --recycled-for 0s " + root), 0) << err;
+  EXPECT_EQ(out.substr(0, 8), "0 found,") << "on a volume called \"recycle\": " << out;
 }
 
 TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
-  const std::string damaged = segment("data", "0011bad", 0), sound = segment("data", "0022good", 0);
-  for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README"})
+  const std::string damaged = segment("data", "0011bad", 0), sound = segment("blocks", blockLike, 0);
+  for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README", dir / "a/data/1"})
     writeFile(path, "damaged");
   const json verified = parsed("verify --remove " + root, 1);
-  EXPECT_EQ(verified["problems"].size(), 2U) << "the index is none: " << verified;
+  EXPECT_EQ(verified["problems"].size(), 3U) << "the index is none: " << verified;
   EXPECT_EQ(verified["removed"], 1);
-  EXPECT_EQ(left(), (std::set<std::string>{"0022good", "diskcached.index", "README"}));
+  EXPECT_EQ(left(), (std::set<std::string>{blockLike, "diskcached.index", "README", "1"}));
 
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
   fs::remove_all(dir / "a");
@@ -136,7 +145,7 @@ TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
 // Blocks of named objects: their names are numbers, so the tools tell what they are of.
 TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   writeFile(dir / "objects/photo.jpg", std::string(100'000, 'p'));
-  writeFile(dir / "objects/deep/empty", "");
+  writeFile(dir / "objects/deep/empty", ""), fs::create_symlink("loop", dir / "objects/loop");
   const std::string warm = "warm --block-size 64KiB --version v1 " + root + "--from " + (dir / "objects ");
   EXPECT_EQ(parsed(warm + on("a"))["stored"], 2);
   EXPECT_EQ(parsed(warm)["known"], 2);
@@ -174,8 +183,12 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   for (const auto& [context, why] : {std::pair{"staged", "only copy"}, {"./", "below no volume"}})
     expectFailure("prune --bytes 1 " + root + "--context " + context, 2, why);
   EXPECT_EQ(parsed("prune --bytes 1T " + root)["segments"], 3);
-  EXPECT_TRUE(fs::remove(dir / "a/blocks/volume.id"));
-  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 2, "is the disk mounted?");
+  expectFailure("migrate --index 1 --leave-behind --to " + (dir / "c ") + root, 2, "--complete copies it");
+  fs::remove(dir / "a/link"), fs::create_directory(dir / "a/blocks/volume.moved");
+  expectFailure("migrate --index 1 --complete --to " + (dir / "c ") + root, 3, "can't be marked as left");
+  EXPECT_NE(out.find(" -> " + (dir / "c, ")), std::string::npos) << out;
+  EXPECT_TRUE(fs::remove(dir / "c/blocks/volume.id"));
+  expectFailure("migrate --index 1 --complete --to " + (dir / "d ") + root, 2, "is the disk mounted?");
 }
 
 TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
@@ -200,8 +213,15 @@ TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
 
   writeFile(dir / "list", "a key\t" + (dir / "from/0011one\tv7\n"));
   const std::string objects = "--root " + (dir / "objects ");
-  ASSERT_EQ(run("warm " + objects + "--volume " + (dir / "b --list ") + (dir / "list")), 0) << err;
+  const std::string warmObjects = "warm " + objects + "--list " + (dir / "list ");
+  ASSERT_EQ(run(warmObjects + on("b")), 0) << err;
   EXPECT_EQ(parsed("explain --key 'a key' --version v7 " + objects)["cached"], true);
+  ASSERT_EQ(run(warmObjects + "--add-volume " + on("c")), 0) << err;
+  const std::string volumes = readFile(dir / "objects/volume_info");
+  EXPECT_EQ(volumes, (dir / "b,1\n") + (dir / "c,2\n")) << "nothing but an addition changes them";
+  fs::rename(dir / "b", dir / "gone"), fs::create_directory(dir / "b");
+  expectFailure(warmObjects + on("c"), 3, "is the disk mounted?");
+  EXPECT_EQ(readFile(dir / "objects/volume_info"), volumes);
 }
 
 TEST_F(FullDiskToolTest, ExplainTellsWhatIsInTheWay) {

@@ -78,27 +78,27 @@ TEST_F(LookingToolTest, DamageOfEveryKindIsNamedAndFoundInAVolume) {
       {with(136, number(9, 4)), "21 bytes at 136 belong to no record"},
       {sound + "tail", "4 bytes at 222 belong to no record"},
       {sound + std::string(64, '\0'), "64 bytes at 222 belong to no record"}};
-  std::map<std::string, std::string> planted;
+  std::map<std::string, std::string> planted;  // on a volume whose name is no matter
   for (const auto& [bytes, problem] : damages) {
-    const std::string path = writeSegment("v", "ctx", "dam" + std::to_string(planted.size()), bytes);
+    const std::string path = writeSegment("recycle", "ctx", "dam" + std::to_string(planted.size()), bytes);
     planted[path] = problem;
     const json file = parsed("inspect " + path, 1)[0];
     EXPECT_EQ(file["problems"][0], problem);
     EXPECT_EQ(run("inspect " + path), 1);
     EXPECT_NE(out.find(problem), std::string::npos) << out;
   }
-  for (const char* id : {"sound1", "sound2", "sound3"}) writeSegment("v", "ctx", id, sound);
-  writeFile(dir / "v/recycle/abcd", "no matter what");
-  writeFile(dir / "v/ctx/ab/cd/abcd.temp", "half");
-  writeFile(dir / "v/ctx/ab/cd/abcd.copying", "");
-  writeFile(dir / "v/elsewhere", sound);
-  fs::create_symlink("nowhere", dir / "v/ctx/ab/cd/abcdlink");
-  ASSERT_EQ(mkfifo((dir / "v/ctx/ab/cd/abcdfifo").c_str(), 0600), 0);
+  for (const char* id : {"sound1", "sound2", "sound3"}) writeSegment("recycle", "ctx", id, sound);
+  writeFile(dir / "recycle/recycle/abcd", "no matter what");
+  writeFile(dir / "recycle/ctx/ab/cd/abcd.temp", "half");
+  writeFile(dir / "recycle/ctx/ab/cd/abcd.copying", "");
+  writeFile(dir / "recycle/elsewhere", sound);
+  fs::create_symlink("nowhere", dir / "recycle/ctx/ab/cd/abcdlink");
+  ASSERT_EQ(mkfifo((dir / "recycle/ctx/ab/cd/abcdfifo").c_str(), 0600), 0);
   for (const char* special : {"link", "fifo"})
-    planted[dir / "v/ctx/ab/cd/abcd" + special] = "not a regular file";
+    planted[dir / "recycle/ctx/ab/cd/abcd" + special] = "not a regular file";
 
   for (const char* threads : {"1", "3"}) {
-    const json verified = parsed("verify " + (dir / "v --threads ") + threads, 1);
+    const json verified = parsed("verify " + (dir / "recycle --threads ") + threads, 1);
     EXPECT_EQ(verified["problems"].size(), planted.size());
     for (const json& damaged : verified["problems"])
       EXPECT_EQ(damaged["problem"].get<std::string>().find(planted[damaged["path"]]), 0U) << damaged;
@@ -106,7 +106,7 @@ TEST_F(LookingToolTest, DamageOfEveryKindIsNamedAndFoundInAVolume) {
     expectFields(verified, {{"files", std::size(damages) + 9}, {"segments", std::size(damages)}});
     expectFields(verified, {{"recycled", 1}, {"leftovers", 2}, {"misplaced", 1}});
   }
-  EXPECT_EQ(run("verify " + (dir / "v")), 1);
+  EXPECT_EQ(run("verify " + (dir / "recycle")), 1);
   for (const auto& [path, problem] : planted)
     EXPECT_NE(out.find(path + ": " + problem), std::string::npos) << path;
 }

@@ -78,6 +78,7 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"migrate " + root + "--index 1 --to " + (dir / "b"), 2, "is volume 2 already"},
       {"migrate " + root + "--index 1 --to " + (dir / "cut"), 2, "lies at the destination"},
       {"migrate " + root + "--index 1 --leave-behind --to " + (dir / "cut"), 2, "0033cut: lies at"},
+      {"migrate " + root + "--index 2 --complete --to " + (dir / "c"), 2, "has no \"recycle\""},
       {"get " + cache + "a/b", 2, "a/b"},
       {"put " + cache + "0011x.copying " + in, 2, "unfinished"},
       {"put " + cache + "0011x.temp " + in, 2, "unfinished"},
@@ -170,6 +171,7 @@ TEST_F(RefusingToolTest, TheRootIsHeldFromTheFirstLookToTheEnd) {
 
 TEST_F(RefusingToolTest, AFinishedMigrationGivenAgainAddsNoVolume) {
   const std::string migrate = "migrate " + root + "--index 1 --complete --to " + (dir / "c ");
+  fs::create_directory(dir / "a/recycle");
   ASSERT_EQ(run(migrate), 0) << err;
   expectNoTrace(migrate, 2, "is the source, or lies in it");
   expectNoTrace(migrate + on("a"), 2, "a: no volume of the cache");

@@ -64,7 +64,8 @@ struct Finding {
 
 class Cleaning {
  public:
-  Cleaning(const Options& options, bool hasServer) : m_options(options) {
+  Cleaning(const Options& options, bool isObjectCache, bool hasServer)
+      : m_options(options), m_isObjectCache(isObjectCache) {
     if (hasServer) m_open.emplace();
   }
 
@@ -140,16 +141,19 @@ class Cleaning {
       case FileKind::Leftover: return S_ISREG(status.st_mode) ? "left over" : nullptr;
       // Its being moved there is a change of the file's record, not of its bytes.
       case FileKind::Recycled:
+        if (file.relative.empty()) return nullptr;  // of a volume that is called "recycle"
         return m_now - status.st_ctim.tv_sec >= m_options.recycledFor ? "recycled" : nullptr;
       case FileKind::Segment: break;
     }
     if (!S_ISREG(status.st_mode) || isStaged(file.relative)) return nullptr;
     const LookedAt opened(file.dirFd, file.name, O_NOFOLLOW);
     if (opened.error() != 0 || decodeSegment(opened.fd(), m_layout) != 0) return nullptr;
-    if (!placeOf(file).isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
+    const SegmentPlace place = placeOf(file);
+    if (!place.isInPlace) return m_layout.isSegment ? "in a wrong place" : nullptr;
+    if (place.context.empty()) return nullptr;  // no client's
     // The trailer is written last. A segment gives the sections that are whole when the next one is cut.
     const bool isUseless =
-        isBlock(file.relative, file.name)
+        m_isObjectCache && isBlock(file.relative, file.name)
             ? m_layout.isCutShort ||
                   (m_layout.isSegment && m_layout.find(ObjectStore::TRAILER_SECTION) == nullptr)
             : m_layout.isCutShort && !m_layout.hasWholeSection();
@@ -188,6 +192,7 @@ class Cleaning {
   }
 
   const Options& m_options;
+  const bool m_isObjectCache;
   const int64_t m_now = std::time(nullptr);
   std::optional<OpenFiles> m_open;  // beside a server
   std::map<std::string, Directory> m_directories;
@@ -203,7 +208,7 @@ void run(const Options& options) {
   if (options.removes && !hasServer) claim.emplace(options.root);
   const KnownCache known(options.root);
   if (options.removes) known.refuseMove();  // its copies look like leftovers
-  Cleaning cleaning(options, hasServer);
+  Cleaning cleaning(options, known.isObjectCache, hasServer);
   cleaning.look(known.choosePresent(options.volumes, Stranger::Refuse));
   cleaning.finish();
   if (cleaning.worst() != ExitStatus::Success) throw Failure(cleaning.worst());

@@ -29,6 +29,7 @@
 #include "look/openFiles.h"
 #include "look/segmentDecoder.h"
 #include "look/server.h"
+#include "replay/cacheSession.h"
 
 namespace diskcachectl::explain {
 namespace {
@@ -38,7 +39,7 @@ using nlohmann::ordered_json;
 constexpr const char* HELP =
     R"(Tells of a segment, or of an object's block by --key, whether it is cached, where, how old and how large, whole or not, and what keeps it from being pruned: a directory that pruning leaves alone, or a process that has it open. When it is not cached: what would have to be true, and what is in the way, volume by volume. It only looks.
 
-Exit status: 0 cached and whole, 1 not cached or damaged, 2 bad input.
+Exit status: 0 cached and whole, 1 not cached or damaged, 2 bad input, 3 a file that cannot be read.
 
 Example:
   diskcachectl explain --root /var/cache/root --key bucket/photo.jpg --version etag1)";
@@ -71,30 +72,30 @@ struct Absence {
   std::vector<std::string> traces;     // of its having been there
 };
 
-Explained explain(const FoundCopy& copy, const Options& options, const OpenFiles& open) {
+Explained explain(const FoundCopy& copy, const KnownCache& known, const Options& options,
+                  const OpenFiles& open) {
   Explained found;
   found.copy = copy;
   const LookedAt file(copy.path, O_NOFOLLOW);
   struct stat status {};
-  if (file.error() != 0 || fstat(file.fd(), &status) != 0) {
-    found.problems.emplace_back(std::strerror(file.error() != 0 ? file.error() : errno));
+  SegmentLayout layout;
+  int rc = file.error();
+  if (rc == 0) rc = fstat(file.fd(), &status) == 0 ? decodeSegment(file.fd(), layout) : errno;
+  if (rc != 0) {
+    if (rc != EINVAL && rc != EISDIR && rc != ELOOP && rc != ENOENT) fail(copy.path, rc);
+    found.problems.emplace_back(rc == ENOENT ? std::strerror(rc) : "not a regular file");
     return found;
   }
   found.age = std::time(nullptr) - status.st_mtim.tv_sec;
-  SegmentLayout layout;
-  if (const int rc = decodeSegment(file.fd(), layout); rc != 0) {
-    found.problems.emplace_back(rc == EINVAL ? "not a regular file" : std::strerror(rc));
-    return found;
-  }
   found.bytes = layout.bytes;
   found.allocated = layout.allocated;
   found.problems = layout.problems;
-  if (layout.problems.empty() && isBlock(copy.context, options.id)) {
+  if (layout.problems.empty() && known.isObjectCache && isBlock(copy.context, options.id)) {
     try {
       const std::string why = whyNoBlock(file.fd(), layout, options.id, true);
       if (!why.empty()) found.problems.push_back(why);
     } catch (const std::system_error& failed) {
-      found.problems.emplace_back(std::strerror(failed.code().value()));
+      fail(copy.path, failed.code().value());
     }
   }
   if (copy.context == options.nonprunable) {
@@ -207,7 +208,7 @@ void run(Options options) {
   const OpenFiles open;
   std::vector<Explained> found;
   for (const FoundCopy& copy : known.find(dirs, options.context, options.nonprunable, options.id)) {
-    found.push_back(explain(copy, options, open));
+    found.push_back(explain(copy, known, options, open));
   }
   std::vector<Absence> absences;
   if (found.empty()) {

@@ -15,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "commands/commands.h"
@@ -29,7 +30,7 @@ namespace diskcachectl::forget {
 namespace {
 
 constexpr const char* HELP =
-    R"(Takes a volume, given by directory or, all digits, by index, out of the root's file "volume_info", so that a disk that is lost no longer fails the start. What lies on it stays; the other volumes keep their indexes. A server that is still told to use the directory makes it a volume again, with another index.
+    R"(Takes a volume, given by directory or, all digits, by index, out of the root's file "volume_info", so that a disk that is lost no longer fails the start. What lies on it stays; the other volumes keep their indexes, until a cache of named objects numbers its volumes anew, as it does at every start. A server that is still told to use the directory makes it a volume again, with another index.
 
 Exit status: 0 success, 2 there is no such volume, 3 an error of the system, a move of a volume that is not finished, or a server runs.
 
@@ -41,6 +42,10 @@ struct Options {
   std::string volume;
   bool isJson = false;
 };
+
+std::string_view withoutSlashes(std::string_view path) {
+  return path.substr(0, path.find_last_not_of('/') + 1);
+}
 
 // In place of the old one, whole or not at all, for the same owner.
 void replaceFile(const std::string& path, const std::string& text) {
@@ -66,11 +71,17 @@ void run(const Options& options) {
   known.refuseMove();
   std::error_code ignored;
   const bool isIndex = options.volume.find_first_not_of("0123456789") == std::string::npos;
-  const auto isMeant = [&](const KnownVolume& volume) {
+  // Two volumes of one place are told apart by how they are written.
+  const auto isWritten = [&](const KnownVolume& volume) {
     if (isIndex) return std::to_string(volume.index) == options.volume;
-    return volume.dir == options.volume || std::filesystem::equivalent(volume.dir, options.volume, ignored);
+    return withoutSlashes(volume.dir) == withoutSlashes(options.volume);
   };
-  const auto volume = std::find_if(known.volumes.begin(), known.volumes.end(), isMeant);
+  const auto isSamePlace = [&](const KnownVolume& volume) {
+    return !isIndex && std::filesystem::equivalent(volume.dir, options.volume, ignored);
+  };
+  auto volume = std::find_if(known.volumes.begin(), known.volumes.end(), isWritten);
+  if (volume == known.volumes.end())
+    volume = std::find_if(known.volumes.begin(), known.volumes.end(), isSamePlace);
   if (volume == known.volumes.end()) {
     throw Failure(ExitStatus::BadInput,
                   fmt::format("{}: no volume of the cache {}", options.volume, options.root));

@@ -62,14 +62,16 @@ class Target {
     std::error_code error;
     const fs::file_status status = fs::status(m_name, error);
     if (fs::exists(status) && !fs::is_regular_file(status)) {
-      open(m_name, 0, ANYBODY);
+      m_fd = open(m_name.c_str(), O_WRONLY | O_CLOEXEC);
+      if (m_fd < 0) fail(m_name, errno);
       return;
     }
-    m_path = fs::weakly_canonical(m_name);  // what a link points at, rather than the link, is replaced
-    m_temporary = m_path.parent_path() / fmt::format(".{}.part", getpid());
+    // What a link points at, rather than the link, is replaced.
+    m_path = fs::weakly_canonical(followed(m_name), error);
+    if (error) fail(m_name, error.value());
     // Who could not read the file that it replaces shall not read this one.
     const auto old = static_cast<mode_t>(status.permissions() & fs::perms::all);
-    open(m_temporary, O_CREAT | O_EXCL, fs::exists(status) ? old : ANYBODY);
+    create(fs::exists(status) ? old : ANYBODY);
     if (fs::exists(status)) (void)fchmod(m_fd, old);  // with what the mask has taken
   }
   ~Target() {
@@ -92,9 +94,22 @@ class Target {
   }
 
  private:
-  void open(const fs::path& path, int flags, mode_t mode) {
-    m_fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | flags, mode);
-    if (m_fd < 0) fail(m_name, errno);
+  // The path behind links, also behind those to what is not there.
+  static fs::path followed(fs::path path) {
+    constexpr int MOST_LINKS = 40;  // of the system
+    std::error_code error;
+    for (int i = 0; i < MOST_LINKS && fs::is_symlink(path, error); ++i)
+      path = path.parent_path() / fs::read_symlink(path);
+    return path;
+  }
+  // A name that is taken was left over by another process.
+  void create(mode_t mode) {
+    for (int i = 0; m_fd < 0; ++i) {
+      const fs::path path = m_path.parent_path() / fmt::format(".{}.{}.part", getpid(), i);
+      m_fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_CREAT | O_EXCL, mode);
+      if (m_fd < 0 && errno != EEXIST) fail(m_name, errno);
+      if (m_fd >= 0) m_temporary = path;
+    }
   }
 
   const std::string m_name;
@@ -125,10 +140,11 @@ class Reader {
       throw Failure(ExitStatus::CheckFailed,
                     fmt::format("{}: there is no section {}", m_copy.path, m_options.type));
     }
-    if (section.len == 0 && offset == 0) {
-      // An empty section, or one whose front cannot be read.
+    if (section.len == 0) {
+      // The end, or a front that cannot be read.
       uint64_t size = 0;
       check(m_cache.getSectionSize(size, m_copy.context, m_options.id, m_options.type, 0));
+      if (size > offset) fail(m_copy.path, EIO);
     }
     return sections;
   }
@@ -138,9 +154,13 @@ class Reader {
     if (!error.IsError()) return;
     switch (RMErrorUtil::GetErrNo(error)) {
       case ENOENT: throw Failure(ExitStatus::CheckFailed, m_options.id + ": not in the cache");
+      case EIO: {
+        std::error_code ignored;  // a header that is cut short is no error of the system
+        if (fs::file_size(m_copy.path, ignored) >= SEGMENT_HEADER_SIZE) fail(m_copy.path, error);
+        [[fallthrough]];
+      }
       case 0:
       case EINVAL:
-      case EIO:
         throw Failure(ExitStatus::CheckFailed, fmt::format("{}: damaged: {}", m_copy.path, error.AsString()));
       default: fail(m_copy.path, error);
     }

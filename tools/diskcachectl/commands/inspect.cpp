@@ -104,7 +104,7 @@ int inspect(Inspected& file) {
   if (rc != 0) return rc;
   file.holes = holesOf(opened.fd(), file.layout.bytes);
   const std::filesystem::path path(canonicalPath(file.path));
-  if (!isBlock(path.parent_path().native(), path.filename().native())) return 0;
+  if (!isMarkedBlock(path.parent_path().native(), path.filename().native())) return 0;
   const Record* trailer = file.layout.find(ObjectStore::TRAILER_SECTION);
   try {
     if (trailer != nullptr) file.block = readTrailer(opened.fd(), trailer->offset, file.layout.bytes);

@@ -49,13 +49,14 @@ constexpr const char* HELP =
     R"(Copies a volume to DIR and points the cache there; the source stays as it is, but for the marker of a cache of
 named objects, which will not take it for its volume again. The engine leaves some
 directories behind when their number is no multiple of 4, and files that lie directly in the volume:
-the command stops when there are any, unless told what to do. No file may lie in DIR yet, so that nothing
+the command stops when there are any, unless told what to do. What a cache of named objects has in "blocks" and
+"staged" never stays behind. No file may lie in DIR yet, so that nothing
 older takes the place of what is copied; but a migration that was killed is resumed by the same command, unless
 it was still copying what would stay behind (--complete): then empty DIR first.
-A volume of named objects without its marker is taken for a disk that is not mounted. No server may be running on
-the root.
+A volume without "recycle", or of named objects without its marker, is taken for a disk that is not mounted. No
+server may be running on the root, which must be the caller's own.
 Exit status: 0 success, 2 bad input or something would stay behind, 3 an error of the cache or the system, or
-interrupted (the volume then stays where it was).
+interrupted (the volume then stays where it was), or moved from a source that can't be marked as left.
 
 Example:
   diskcachectl migrate --root /var/cache/root --index 1 --to /mnt/a --complete)";
@@ -117,7 +118,7 @@ struct Plan {
   std::vector<std::string> leftBehind;
 };
 
-// The engine makes this one on a volume that lacks it.
+// The engine makes this one on every volume.
 constexpr const char* RECYCLE_DIR = "recycle";
 
 // Of n directories each engine worker takes n / 4, rounded down, from n * t / 4 on, the last one the rest.
@@ -128,7 +129,6 @@ Plan planFor(const std::string& source) {
     if (!isDirectory(entry) && isLeftover(entry)) return;
     (isDirectory(entry) ? dirs : plan.leftBehind).push_back(entry.path().filename());
   });
-  if (std::find(dirs.begin(), dirs.end(), RECYCLE_DIR) == dirs.end()) dirs.emplace_back(RECYCLE_DIR);
   const size_t share = dirs.size() / WORKERS;
   for (size_t t = 0; t < WORKERS; ++t) {
     const size_t begin = dirs.size() * t / WORKERS;
@@ -151,7 +151,6 @@ void requireFile(const fs::directory_entry& entry) {
 uint64_t countFiles(const Plan& plan, const std::string& source, const std::string& destination) {
   uint64_t count = 0;
   for (const std::string& dir : plan.copied) {
-    if (!fs::exists(fs::path(source) / dir)) continue;
     forEach<fs::recursive_directory_iterator>(fs::path(source) / dir, [&](const fs::directory_entry& entry) {
       if (g_isInterrupted != 0) failInterrupted(source);
       if (isDirectory(entry) || isLeftover(entry)) return;
@@ -186,7 +185,6 @@ void copyEntry(const fs::directory_entry& entry, const std::string& target, cons
 void copyLeftBehind(const Plan& plan, const std::string& source, const std::string& destination) {
   makeDirectory(destination);
   for (const std::string& name : plan.leftBehind) {
-    if (!fs::exists(fs::symlink_status(fs::path(source) / name))) continue;
     copyEntry(fs::directory_entry(fs::path(source) / name), fs::path(destination) / name, source);
   }
 }
@@ -214,6 +212,27 @@ std::string directoryOf(const KnownCache& known, const Options& options) {
     if (volume.index == options.index) return volume.dir;
   }
   throw Failure(ExitStatus::BadInput, fmt::format("{}: knows no volume {}", options.root, options.index));
+}
+
+// An empty mount point looks like a volume, and would be the one from then on.
+void refuseUnmounted(const KnownCache& known, const std::string& source) {
+  const auto refuse = [&source](const char* what) {
+    throw Failure(ExitStatus::BadInput, fmt::format("{}: has no {}: is the disk mounted?", source, what));
+  };
+  if (known.isObjectCache && !fs::exists(fs::path(source) / VOLUME_MARKER)) refuse("marker of the cache");
+  if (!fs::exists(fs::path(source) / RECYCLE_DIR)) refuse("\"recycle\", as every volume has");
+}
+
+// The cache would take what it does not find for lost.
+void refuseLoss(const KnownCache& known, const Plan& plan, const Options& options,
+                const std::string& source) {
+  if (!known.isObjectCache || !options.leavesBehind) return;
+  for (const std::string& name : plan.leftBehind) {
+    if (name != BLOCKS_DIR && name != STAGED_DIR) continue;
+    throw Failure(ExitStatus::BadInput,
+                  fmt::format("{}: \"{}\" would stay behind, with {}; --complete copies it", source, name,
+                              name == STAGED_DIR ? "objects that have no other copy" : "what is cached"));
+  }
 }
 
 // Ends before anything happens when something would stay behind and nobody has said what to do.
@@ -259,6 +278,7 @@ void run(Options options) {
   catchInterrupts();
   const auto counter = std::make_shared<CopyCounter>();
   g_ptrLogWriter = counter;
+  refuseOthersRoot(options.root);
   const RootClaim claim(options.root);
   const KnownCache known(options.root);
   const auto& noted = known.migration;
@@ -268,12 +288,11 @@ void run(Options options) {
   options.volumes =
       known.choosePresent(options.volumes, options.addsVolume ? Stranger::Add : Stranger::Refuse);
   const std::string source = isResumed ? noted->source : directoryOf(known, options);
-  if (known.isObjectCache && !fs::exists(fs::path(source) / VOLUME_MARKER)) {
-    throw Failure(ExitStatus::BadInput, source + ": has no marker of the cache: is the disk mounted?");
-  }
   if (!isResumed) refuseDestination(known, source, options.destination);
+  refuseUnmounted(known, source);
 
   Plan plan = planFor(source);
+  refuseLoss(known, plan, options, source);
   settle(plan, options, source);
   const uint64_t files = countFiles(plan, source, options.destination);
   if (isResumed && options.isComplete) copyLeftBehind(plan, source, options.destination);
@@ -281,7 +300,8 @@ void run(Options options) {
   std::optional<CacheSession> session;
   session.emplace(options, isResumed ? CacheSession::Use::Resume : CacheSession::Use::Change);
   if (!isResumed) {
-    plan = planFor(source);  // as the engine will divide it, now that it has put "recycle" there
+    plan = planFor(source);  // as the engine will divide it, whoever has put something there meanwhile
+    refuseLoss(known, plan, options, source);
     if (options.isComplete) copyLeftBehind(plan, source, options.destination);
     VolumeMove::start(session->cache(), options.index, source, options.destination);
   }
@@ -294,9 +314,14 @@ void run(Options options) {
     throw Failure(ExitStatus::Error, fmt::format("{}: {}; the volume stays at {}", options.destination,
                                                  std::strerror(outcome), source));
   }
-  if (const int rc = markMoved(source, options.destination); rc != 0 && rc != ENOENT)
-    fail(source, rc);  // ENOENT: of other clients
   printResult(options, source, plan, counter->copied());
+  const int rc = markMoved(source, options.destination);  // which waits for the destination's disk, too
+  // Volumes of other clients have no marker.
+  if (rc == 0 || (!known.isObjectCache && (rc == ENOENT || rc == EROFS))) return;
+  throw Failure(
+      ExitStatus::Error,
+      fmt::format("the volume is moved, but {} can't be marked as left ({}): remove it once {} is verified",
+                  source, std::strerror(rc), options.destination));
 }
 
 }  // namespace

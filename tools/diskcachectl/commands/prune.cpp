@@ -125,12 +125,18 @@ class Pruning {
         for (const std::string& volume : volumes) {
           std::string root = volume;
           root.append(1, '/').append(name);
-          if (LookedAt(root, O_DIRECTORY).error() == 0) roots.push_back(canonicalPath(root));
+          const int error = LookedAt(root, O_DIRECTORY).error();
+          if (error == 0) {
+            roots.push_back(canonicalPath(root));
+          } else if (error != ENOENT && error != ENOTDIR) {
+            complain(root, error);
+          }
         }
       }
     }
     for (const std::string& volume : volumes) m_volumes.push_back(canonicalPath(volume));
-    if (roots.empty()) throw Failure(ExitStatus::BadInput, "no volume has a directory of that name");
+    if (roots.empty() && m_worst == ExitStatus::Success)
+      throw Failure(ExitStatus::BadInput, "no volume has a directory of that name");
     TreeWalk walk(
         roots, [this](const WalkedFile& file, size_t) { visit(file); },
         [this](const std::string& path, int error) { complain(path, error); });

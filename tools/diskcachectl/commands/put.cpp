@@ -45,7 +45,7 @@ constexpr const char* HELP =
     R"(Stores FILE, or standard input, as one section: of a new segment, or in place of that section in one
 that is there, whose other sections stay. Only a segment's last section can change its length; one of
 type 5 cannot become shorter. Prints the file's path. Of a new cache the root and the volumes are made.
-No server may be running on the root. A put of more than 256 MiB that is killed leaves the front of it.
+No server may be running on the root, which must be the caller's own. A put of more than 256 MiB that is killed leaves the front of it.
 Exit status: 0 success, 1 the segment that is there is damaged, 2 bad input, 3 an error of the cache or the
 system.
 
@@ -244,6 +244,7 @@ void run(Options options) {
   if (input.length() == 0) {
     throw Failure(ExitStatus::BadInput, options.file + ": empty; a section has at least 1 byte");
   }
+  refuseOthersRoot(options.root);
   RootClaim claim(options.root);
   const auto layout = prepare(options, input);
   makeDirectory(options.root);

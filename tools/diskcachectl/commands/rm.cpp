@@ -21,8 +21,8 @@ using nlohmann::ordered_json;
 using ObjectStore::Recycle;
 
 constexpr const char* HELP =
-    R"(Deletes the segment's files on every volume and prints their paths. No server may be running on the
-root.
+    R"(Deletes the segment's files on every volume and prints their paths. What a cache of named objects has in its
+context "staged" is the only copy. No server may be running on the root.
 Exit status: 0 success, 1 there is no such segment, 2 bad input, 3 an error of the cache or the system.
 
 Example:

@@ -241,6 +241,7 @@ void add(CLI::App& program) {
       ->check(CLI::IsMember({"random", "lru"}).description(""))
       ->capture_default_str();
   command->add_option("--format", options->format, "What to print")
+      ->excludes(command->get_option("--json"))
       ->type_name("table|json|prometheus")
       ->check(CLI::IsMember({"table", "json", "prometheus"}).description(""))
       ->capture_default_str();

@@ -42,7 +42,7 @@ using nlohmann::ordered_json;
 constexpr const char* HELP =
     R"(Checks segment files like "inspect" does, below directories (whole volumes, or parts of them) or one by one. Segments have no checksums: what is checked is that a file's records are where its header says and whole. Blocks of named objects have: their trailer is checked, and their bytes against its checksums. Files in "recycle", leftovers of replacements and copies that were cut short (.temp, .copying) and files where no identifier leads are counted apart. Paths are told without links. One that a running server is writing at this moment may seem damaged.
 
-With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them, and so do files where no identifier leads, which may be anybody's.
+With --root and --remove what is damaged is deleted, below all volumes of the root or the paths given, while no server has the cache in use; objects that are staged stay, since there is no other copy of them, and so do files where no identifier leads or that are no segments and have a name of one character, which leads anywhere: they may be anybody's.
 
 Exit status: 0 all sound, 1 damage, removed or not, 2 a path that cannot be used, 3 a file or directory below one that cannot be read or removed, or a server runs.
 
@@ -70,12 +70,18 @@ struct alignas(64) Counts {
   SegmentLayout layout;  // its memory serves every file of the thread
 };
 
+struct Damaged {
+  std::string path;
+  bool isSegment;  // or what is left of one
+};
+
 class Verification {
  public:
   // All paths of volumes and of what is looked at are canonical.
-  Verification(const Options& options, std::vector<std::string> volumes)
+  Verification(const Options& options, std::vector<std::string> volumes, bool isObjectCache)
       : m_counts(options.threads),
         m_volumes(std::move(volumes)),
+        m_isObjectCache(isObjectCache),
         m_isJson(options.isJson),
         m_removes(options.removes) {}
 
@@ -85,6 +91,8 @@ class Verification {
       struct stat status {};
       if (stat(path.c_str(), &status) != 0) {
         complain(path, errno, ExitStatus::BadInput);
+      } else if (isCovered(path, paths)) {
+        continue;
       } else if (S_ISDIR(status.st_mode)) {
         directories.push_back(path);
       } else {
@@ -97,7 +105,7 @@ class Verification {
         [this](const std::string& path, int error) { complain(path, error, ExitStatus::Error); });
     walk.runWithProgress("verify", m_counts.size(),
                          [&] { return fmt::format("{} files", formatCount(sum(&Counts::files))); });
-    for (const std::string& path : m_damaged) remove(path);
+    for (const Damaged& damaged : m_damaged) remove(damaged);
   }
 
   ExitStatus finish() const {
@@ -111,6 +119,13 @@ class Verification {
     uint64_t total = 0;
     for (const Counts& counts : m_counts) total += counts.*field;
     return total;
+  }
+
+  // Whether it lies below another path, or is given again further on.
+  static bool isCovered(const std::string& path, const std::vector<std::string>& paths) {
+    return std::any_of(paths.begin(), paths.end(), [&](const std::string& other) {
+      return other == path ? &other > &path : belowVolume({other}, path) != path;
+    });
   }
 
   void visit(const WalkedFile& file, Counts& counts) {
@@ -127,17 +142,19 @@ class Verification {
     check(file.dirFd, file.name, file, counts);
   }
 
+  bool isBlockAt(const std::string& dir, std::string_view name) const {
+    if (m_volumes.empty()) return isMarkedBlock(dir, name);
+    return m_isObjectCache && isBlock(belowVolume(m_volumes, dir), name);
+  }
   bool isBlockAt(const std::string& path) const {
-    return isBlock(belowVolume(m_volumes, path.substr(0, path.find_last_of('/'))), nameIn(path.c_str()));
+    return isBlockAt(path.substr(0, path.find_last_of('/')), nameIn(path.c_str()));
   }
   // A whole path, or a name in the directory that the walk is in.
   static std::string_view nameIn(const char* path) {
     const std::string_view name = path;
     return name.substr(name.find_last_of('/') + 1);
   }
-  bool isBlockAt(const WalkedFile& file) const {
-    return isBlock(belowVolume(m_volumes, file.dir), file.name);
-  }
+  bool isBlockAt(const WalkedFile& file) const { return isBlockAt(file.dir, file.name); }
 
   static std::string pathOf(const std::string& path) { return path; }
   static std::string pathOf(const WalkedFile& file) { return file.path(); }
@@ -163,13 +180,15 @@ class Verification {
         return complain(pathOf(named), failed.code().value(), ExitStatus::Error);
       }
     }
-    if (!layout.problems.empty()) report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")));
+    if (layout.problems.empty()) return;
+    report(pathOf(named), fmt::format("{}", fmt::join(layout.problems, "; ")),
+           layout.isSegment || layout.isCutShort);
   }
 
-  void report(const std::string& path, const std::string& problem) {
+  void report(const std::string& path, const std::string& problem, bool isSegment = false) {
     const std::scoped_lock lock(m_lock);
     ++m_problemCount;
-    if (m_removes) m_damaged.push_back(path);
+    if (m_removes) m_damaged.push_back({path, isSegment});
     if (m_isJson) {
       m_problems.push_back({{"path", path}, {"problem", problem}});
     } else {
@@ -177,14 +196,15 @@ class Verification {
     }
   }
 
-  void remove(const std::string& path) {
+  void remove(const Damaged& damaged) {
+    const std::string& path = damaged.path;
     const size_t slash = path.find_last_of('/');
     const std::string dir = path.substr(0, slash), name = path.substr(slash + 1);
     const std::string_view below = belowVolume(m_volumes, dir);
     const SegmentPlace place = placeOf({AT_FDCWD, name.c_str(), dir, 0, below, DT_REG});
     if (isStaged(below)) {
       printError(path + ": staged, left as it is");
-    } else if (!place.isInPlace || place.context.empty()) {
+    } else if (!place.isInPlace || place.context.empty() || (name.size() == 1 && !damaged.isSegment)) {
       printError(path + ": no identifier leads there, left as it is");
     } else if (unlink(path.c_str()) != 0) {
       complain(path, errno, ExitStatus::Error);
@@ -238,12 +258,13 @@ class Verification {
 
   std::vector<Counts> m_counts;
   const std::vector<std::string> m_volumes;  // none without a root
+  const bool m_isObjectCache;                // not known without a root
   const bool m_isJson;
   const bool m_removes;
   std::mutex m_lock;  // guards what follows while threads run
   ExitStatus m_worst = ExitStatus::Success;
   uint64_t m_problemCount = 0;
-  std::vector<std::string> m_damaged;  // to be removed
+  std::vector<Damaged> m_damaged;  // to be removed
   uint64_t m_removed = 0;
   ordered_json m_problems = ordered_json::array();
 };
@@ -251,6 +272,7 @@ class Verification {
 void run(Options options) {
   std::optional<RootClaim> claim;
   std::vector<std::string> volumes;
+  bool isObjectCache = false;
   // As they are typed they need not tell which part of which volume they are.
   for (std::string& path : options.paths) path = canonicalPath(path);
   if (!options.root.empty()) {
@@ -258,6 +280,7 @@ void run(Options options) {
     tellServer(options.root);
     const KnownCache known(options.root);
     if (options.removes) known.refuseMove();
+    isObjectCache = known.isObjectCache;
     volumes = known.choosePresent({}, Stranger::Refuse);
     for (std::string& volume : volumes) volume = canonicalPath(volume);
     for (const std::string& path : options.paths) {
@@ -269,7 +292,7 @@ void run(Options options) {
   if (options.paths.empty()) {
     throw Failure(ExitStatus::BadInput, "verify: one of PATH and --root is required (see --help)");
   }
-  Verification verification(options, volumes);
+  Verification verification(options, volumes, isObjectCache);
   verification.run(options.paths);
   const ExitStatus status = verification.finish();
   if (status != ExitStatus::Success) throw Failure(status);

@@ -24,7 +24,9 @@
 #include <vector>
 
 #include "client/blockTrailer.h"
+#include "client/descriptor.h"
 #include "client/objectCache.h"
+#include "client/volumeMarkers.h"
 #include "commands/commands.h"
 #include "common/failure.h"
 #include "common/identifier.h"
@@ -46,7 +48,7 @@ namespace fs = std::filesystem;
 constexpr const char* HELP =
     R"(Fills a cache from files before its server starts. With --context each file becomes a segment of one section, of type 0, called like the file; without it an object in a cache of named objects, whose key is the path below --from. A list has a line for each file: the name or key, a tab, the file, and for objects a tab and the version. What is cached is left as it is. --rate bounds the bytes that are read in a second.
 
-Block size and bound must be those that the server uses; without a bound the disks are one.
+Block size and bound must be those that the server uses; without a bound the disks are one. Objects go to every volume that the root knows, whatever --volume says of those: it names the volumes of a new cache, or with --add-volume another. While one is away nothing is stored. The root must be the caller's own.
 
 Exit status: 0 success, 1 files were left out, 2 bad input, 3 an error of the cache or the system, or a server runs.
 
@@ -77,7 +79,8 @@ std::vector<Item> itemsOfDirectory(const Options& options) {
   std::error_code error;
   fs::recursive_directory_iterator entry(options.from, error);
   for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-    if (!entry->is_regular_file() || entry->is_symlink()) continue;
+    std::error_code ignored;  // of what is gone meanwhile; a link may lead nowhere
+    if (entry->is_symlink(ignored) || !entry->is_regular_file(ignored)) continue;
     const fs::path name =
         options.context.empty() ? entry->path().lexically_relative(options.from) : entry->path().filename();
     items.push_back({name, entry->path(), options.version});
@@ -111,9 +114,10 @@ std::vector<Item> itemsOfList(const Options& options) {
 // Where what is to be cached comes from.
 class Source {
  public:
-  explicit Source(const std::string& path) : m_file(path) {
+  // With its access time, which only the owner of a file may leave alone.
+  explicit Source(const std::string& path) : m_file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
     struct stat status {};
-    m_error = m_file.error() != 0 ? m_file.error() : fstat(m_file.fd(), &status) != 0 ? errno : 0;
+    if (m_file.fd < 0 || fstat(m_file.fd, &status) != 0) m_error = errno;
     if (m_error == 0 && !S_ISREG(status.st_mode)) m_error = EINVAL;
     m_size = static_cast<uint64_t>(status.st_size);
   }
@@ -122,13 +126,13 @@ class Source {
   // Fills the front of `to` with what there is from `from` on; a system error number or 0.
   int read(uint64_t from, std::span<std::byte> to) const {
     const uint64_t wanted = std::min<uint64_t>(to.size(), m_size - std::min(from, m_size));
-    const ssize_t got = readFully(m_file.fd(), to.data(), wanted, static_cast<off_t>(from));
+    const ssize_t got = readFully(m_file.fd, to.data(), wanted, static_cast<off_t>(from));
     if (got < 0) return errno;
     return static_cast<uint64_t>(got) == wanted ? 0 : EIO;  // it became shorter
   }
 
  private:
-  const LookedAt m_file;
+  const Descriptor m_file;
   int m_error = 0;
   uint64_t m_size = 0;
 };
@@ -189,6 +193,8 @@ class Objects : public Target {
                  .blockSize = static_cast<uint32_t>(options.blockSize)}),
         m_buffer(options.blockSize) {
     if (const CZuError error = m_cache.open(); error.IsError()) fail(options.root, error);
+    if (m_cache.metrics().absentVolumes > 0)
+      throw Failure(ExitStatus::Error, options.root + ": a volume can't be read");
   }
 
   Outcome store(const Item& item, const Source& source) override {
@@ -269,6 +275,18 @@ void warm(const Options& options, const std::vector<Item>& items, Target& target
   if (leftOut != 0) throw Failure(ExitStatus::CheckFailed);
 }
 
+// An object cache forgets in "volume_info" the volumes that it is not opened with, and those that are away.
+void takeAllVolumes(const KnownCache& known, Options& options) {
+  const std::vector<std::string> given = std::exchange(options.volumes, {});
+  std::error_code error;
+  for (const KnownVolume& volume : known.volumes) {
+    options.volumes.push_back(volume.dir);
+    if (!known.isObjectCache || fs::exists(fs::path(volume.dir) / VOLUME_MARKER, error)) continue;
+    throw Failure(ExitStatus::Error, volume.dir + ": has no marker of the cache: is the disk mounted?");
+  }
+  options.volumes.insert(options.volumes.end(), given.begin(), given.end());
+}
+
 // The volumes; ends before anything is changed when there is no use in going on.
 void prepare(Options& options) {
   std::error_code error;
@@ -280,6 +298,7 @@ void prepare(Options& options) {
   }
   const KnownCache known(options.root);
   known.refuseMove();
+  if (options.context.empty()) takeAllVolumes(known, options);
   const bool addsVolume = options.addsVolume || known.volumes.empty();
   options.volumes = known.choosePresent(options.volumes, addsVolume ? Stranger::Add : Stranger::Refuse);
 }
@@ -289,6 +308,7 @@ void run(Options options) {
     throw Failure(ExitStatus::BadInput, "warm: one of --from and --list is required (see --help)");
   }
   const std::vector<Item> items = options.from.empty() ? itemsOfList(options) : itemsOfDirectory(options);
+  refuseOthersRoot(options.root);
   RootClaim claim(options.root);
   prepare(options);
   makeDirectory(options.root);

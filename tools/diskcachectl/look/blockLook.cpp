@@ -1,6 +1,7 @@
 #include "look/blockLook.h"
 
 #include <fmt/core.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "client/blockName.h"
+#include "client/volumeMarkers.h"
 #include "look/looking.h"
 
 namespace diskcachectl {
@@ -20,13 +22,27 @@ using namespace ObjectStore;
 
 namespace {
 
-// Whether `part` is a directory on the way of `dir`.
-bool passes(std::string_view dir, std::string_view part) {
-  for (size_t at = dir.find(part); at != std::string_view::npos; at = dir.find(part, at + 1)) {
-    const size_t end = at + part.size();
-    if ((at == 0 || dir[at - 1] == '/') && (end == dir.size() || dir[end] == '/')) return true;
+// Whether `part` is the first directory of what is below a volume, however that is written.
+bool beginsWith(std::string_view dir, std::string_view part) {
+  while (dir.starts_with('/') || dir.starts_with("./")) dir.remove_prefix(1);
+  return dir.substr(0, dir.find('/')) == part;
+}
+
+// Whether `isVolume` takes what of a whole path leads to a directory `part` on its way.
+template <typename IsVolume>
+bool passes(std::string_view dir, std::string_view part, IsVolume isVolume) {
+  for (size_t at = dir.find('/'); at != std::string_view::npos; at = dir.find('/', at + 1)) {
+    const std::string_view rest = dir.substr(at + 1);
+    if (rest.substr(0, rest.find('/')) == part && isVolume(dir.substr(0, at + 1))) return true;
   }
   return false;
+}
+
+bool hasMarker(std::string_view volume) {
+  const auto isThere = [&](const char* marker) {
+    return access(std::string(volume).append(marker).c_str(), F_OK) == 0;
+  };
+  return isThere(VOLUME_MARKER) || isThere(MOVED_MARKER);
 }
 
 std::string whyWrongBytes(int fd, uint64_t offset, const BlockTrailer& trailer) {
@@ -47,10 +63,17 @@ std::string whyWrongBytes(int fd, uint64_t offset, const BlockTrailer& trailer) 
 }  // namespace
 
 bool isBlock(std::string_view dir, std::string_view name) {
-  return (passes(dir, BLOCKS) || passes(dir, STAGED)) && parseBlockName(name);
+  return (beginsWith(dir, BLOCKS) || beginsWith(dir, STAGED)) && parseBlockName(name);
 }
 
-bool isStaged(std::string_view dir) { return passes(dir, STAGED); }
+bool isMarkedBlock(const std::string& dir, std::string_view name) {
+  return parseBlockName(name) && (passes(dir, BLOCKS, hasMarker) || passes(dir, STAGED, hasMarker));
+}
+
+bool isStaged(std::string_view dir) {
+  if (!dir.starts_with('/')) return beginsWith(dir, STAGED);
+  return passes(dir, STAGED, [](std::string_view) { return true; });
+}
 
 std::optional<BlockTrailer> readTrailer(int fd, uint64_t offset, uint64_t bytes) {
   SectionDesc front;

@@ -15,9 +15,12 @@ namespace diskcachectl {
 inline constexpr std::string_view BLOCKS = "blocks";  // directories of a volume
 inline constexpr std::string_view STAGED = "staged";  // not uploaded yet: there is no other copy
 
-// Whether a file of this name, in a directory of this path, is a block; `dir` is below the volume, or whole.
+// Whether a file of this name is a block, of a cache of named objects; `dir` is below the volume. Other clients may
+// call their directories and segments like that.
 bool isBlock(std::string_view dir, std::string_view name);
-// Whether a directory is one of those that hold the only copy of objects.
+// The same where no root tells whose file it is; `dir` is whole, and the volume's marker tells.
+bool isMarkedBlock(const std::string& dir, std::string_view name);
+// Whether a directory is one of those that hold the only copy of objects; `dir` is below the volume, or whole.
 bool isStaged(std::string_view dir);
 
 // What cannot be read is no damage: both throw a std::system_error.

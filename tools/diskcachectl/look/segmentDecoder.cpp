@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "look/looking.h"
@@ -62,7 +63,7 @@ class Decoder {
     if (m_layout.bytes == 0) {
       reportCut("the file is empty");
     } else if (m_got < SEGMENT_HEADER_SIZE) {
-      reportCut("cut within the header ({} of {} bytes)", m_got, SEGMENT_HEADER_SIZE);
+      report(canBeFront(), "cut within the header ({} of {} bytes)", m_got, SEGMENT_HEADER_SIZE);
     } else {
       std::memcpy(&m_header, m_begin.data(), sizeof(m_header));
       m_layout.version = m_header.version;
@@ -75,6 +76,14 @@ class Decoder {
       }
     }
     return false;
+  }
+
+  // Whether what there is of the header may be one's, or was never written.
+  bool canBeFront() const {
+    const bool isMagic =
+        std::memcmp(m_begin.data(), &DISK_CACHE_MAGIC, std::min(m_got, sizeof(DISK_CACHE_MAGIC))) == 0;
+    const auto end = m_begin.begin() + static_cast<std::ptrdiff_t>(m_got);
+    return isMagic || std::all_of(m_begin.begin(), end, [](char c) { return c == 0; });
   }
 
   // False when the front is not wholly in the file.

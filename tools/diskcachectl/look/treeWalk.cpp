@@ -1,7 +1,9 @@
 #include "look/treeWalk.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -42,6 +44,11 @@ unsigned char askType(int dirFd, const char* name) {
 
 std::string_view lastPart(std::string_view path) { return path.substr(path.find_last_of('/') + 1); }
 
+// Whether the directory that is walked is a volume's "recycle" itself: a volume of that name has one of its own.
+bool isRecycle(const WalkedFile& file) {
+  return lastPart(file.dir) == "recycle" && faccessat(file.dirFd, "recycle", F_OK, AT_SYMLINK_NOFOLLOW) != 0;
+}
+
 }  // namespace
 
 FileKind kindOf(const WalkedFile& file) {
@@ -51,7 +58,7 @@ FileKind kindOf(const WalkedFile& file) {
                                         "client.lock",     "client.volumes",   "client.volumes.new",
                                         "migrate.changed", "diskcached.index", "diskcached.index.new"};
     if (std::find(std::begin(OWN), std::end(OWN), name) != std::end(OWN)) return FileKind::Own;
-    if (lastPart(file.dir) == "recycle") return FileKind::Recycled;
+    if (isRecycle(file)) return FileKind::Recycled;
   }
   const bool isAmongBlocks =
       file.relative == "blocks" || (file.relative.empty() && lastPart(file.dir) == "blocks");

@@ -1,6 +1,8 @@
 #include "replay/cacheSession.h"
 
 #include <fmt/core.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -115,6 +117,15 @@ VolIndex nextIndex(const std::vector<KnownVolume>& volumes) {
 std::string whyNoVolume(const std::string& dir) {
   const bool isLine = !dir.empty() && dir.find_first_of(",\n") == std::string::npos && dir.back() != ' ';
   return isLine ? "" : fmt::format("\"{}\" is empty, holds ',' or a line feed, or ends with a blank", dir);
+}
+
+void refuseOthersRoot(const std::string& root) {
+  struct stat status {};
+  if (stat(root.c_str(), &status) != 0 || status.st_uid == geteuid()) return;
+  const passwd* user = getpwuid(status.st_uid);
+  throw Failure(ExitStatus::BadInput,
+                fmt::format("{}: belongs to user {}; run this as that user", root,
+                            user != nullptr ? user->pw_name : std::to_string(status.st_uid)));
 }
 
 void makeDirectory(const std::string& dir) {

@@ -82,6 +82,10 @@ class CacheSession {
 // Why the volume file could not hold a directory; empty when it can.
 std::string whyNoVolume(const std::string& dir);
 
+// Throws a Failure when a root belongs to another user, whose server could not open what this one leaves there. One
+// that is not there yet is nobody's.
+void refuseOthersRoot(const std::string& root);
+
 // With its parents, for its owner only.
 void makeDirectory(const std::string& dir);
 
