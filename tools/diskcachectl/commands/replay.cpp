@@ -15,11 +15,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "commands/commands.h"
 #include "common/failure.h"
 #include "common/options.h"
 #include "common/units.h"
+#include "look/blockLook.h"
 #include "look/server.h"
 #include "replay/cacheSession.h"
 #include "replay/replayRun.h"
@@ -141,12 +144,21 @@ void bringUp(ObjectStore::ObjectCache& cache, const Options& options) {
   if (options.budget) setWatermarks(metrics.engine.at("DC.UsedCache"), *options.budget);
 }
 
+// Who takes a volume that is away for a new one drops what of its objects is staged on the others.
+bool isAnythingStaged(const std::vector<std::string>& volumes) {
+  return std::any_of(volumes.begin(), volumes.end(), [](const std::string& volume) {
+    std::error_code ignored;
+    const auto staged = std::filesystem::path(volume) / STAGED;
+    return std::filesystem::exists(staged, ignored) && !std::filesystem::is_empty(staged, ignored);
+  });
+}
+
 Report replay(Options options, const Workload& workload) {
   const LogScope log(options.log, options.logLevel);
   options.cache.blockSize = blockSizeFor(workload);
   options.cache.verify = ObjectStore::Verify::Never;  // every hit is compared with the origin's bytes
   options.cache.highWatermark = options.cache.lowWatermark = NEVER;  // but for the budget
-  options.cache.replaceVolumes = true;
+  options.cache.replaceVolumes = !isAnythingStaged(options.cache.volumes);
   RootClaim claim(options.cache.root);
   claim.passOnClient();
   ObjectStore::ObjectCache cache(options.cache);

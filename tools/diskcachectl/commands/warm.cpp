@@ -221,7 +221,7 @@ class Objects : public Target {
  private:
   uint64_t refusals() {
     const ObjectCacheMetrics metrics = m_cache.metrics();
-    return metrics.refusedForRoom + metrics.refusedByDisk;
+    return metrics.refusedForRoom + metrics.refusedByDisk + metrics.diskErrors;
   }
 
   ObjectCache m_cache;
