@@ -81,13 +81,14 @@ CZuError DiskCache::clearCache() try {
 
 CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
+  const std::optional<VolIndex> volume = m_state->volumes.onlyVolume();  // first: it may run out of memory
   const auto refCount = static_cast<int>(m_state->contexts.add(ctx));
   if (refCount == 1) {
     DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), refCount);
   } else {  // the first registration's callback stays: this is meant
     DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(), refCount);
   }
-  if (const std::optional<VolIndex> volume = m_state->volumes.onlyVolume()) {
+  if (volume) {
     ctx.volume = *volume;
     DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
   }
