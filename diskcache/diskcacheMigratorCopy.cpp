@@ -181,7 +181,7 @@ int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& s
   if (isUnfinishedCopy(guid)) return 0;  // what a crash left of a copy
   const QuietSegment segment(m_openTable, guid);
   // What a failed replacement left is written over by the next one, under the lock of the segment that it
-  // replaces.
+  // replaces, or that of this name where the segment's is too long to be part of it.
   std::optional<QuietSegment> replaced;
   if (guid.ends_with(REPLACEMENT_SUFFIX))
     replaced.emplace(m_openTable, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));

@@ -186,16 +186,21 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   fs::create_directories(source + "/empty");
   for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
     writeFile(source + name, "of the source");
-  for (const char* name : {"/c/h.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
-  {
-    HoldAtLine hold(log, "copying [" + source + "/c/g.temp]");
-    EXPECT_EQ(cache->migrate(1, source, target), 0);
-    EXPECT_TRUE(hold.reached() && cache->IsSegmentOpened("g.temp"));
-    EXPECT_TRUE(cache->IsSegmentOpened("g")) << "whose next replacement writes over it";
-  }
+  const guid_t longest(NAME_MAX, 'x'), aside = std::to_string(std::hash<std::string>()(longest));
+  const std::string left = "ctx/xx/xx/" + aside + ".temp", text = "the new text";
+  for (const auto& name : {"c/h.copying"s, "c/g.temp"s, left}) writeFile(source + '/' + name, "of a crash");
+  holding.emplace(log, "copying [" + source + '/' + left + ']');
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_TRUE(holding->reached() && cache->IsSegmentOpened(aside + ".temp") && cache->IsSegmentOpened(aside));
+  const auto replace = [&] { return outcome(cache->replaceSegment(ctx, longest, {section(0, text)})); };
+  auto replaced = std::async(std::launch::async, replace);
+  EXPECT_EQ(replaced.wait_for(100ms), std::future_status::timeout) << "which writes over it";
+  holding->release();
+  EXPECT_TRUE(replaced.get() == "success" && get(longest) == text);
   EXPECT_EQ(ends(), ended("success", target));
+  fs::remove(pathOf(longest));
   Texts expected = treeOf(source);
-  std::erase(expected, "c/h.copying");
+  for (const std::string& gone : {"c/h.copying"s, left}) std::erase(expected, gone);
   EXPECT_EQ(treeOf(target), expected);
 }
 
