@@ -158,7 +158,8 @@ class DiskCacheMigrator {
   int copyEntries(const Job& job, int first, int last, const RMCodeLocation& where);
   CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
   int copyDir(const std::string& src, const std::string& dst);
-  int copyUnlessRemoved(const std::string& source, const std::string& target);
+  using Rename = int(const std::string& source, const std::string& target);
+  int copyUnlessRemoved(const std::string& source, const std::string& target, Rename& appear);
   int moveOrCopy(const std::string& source, const std::string& target, bool& isCopied);
   int copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                   const RMCodeLocation& where);
