@@ -106,10 +106,24 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
   if (m_inProgress) return refuse();
 
   if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return rc;
-  if (!writeMigrateFile(vol, src, dst)) {
+  const std::string file = pathInRoot(MIGRATE_FILE);
+  if (!writeMigrateFile(file, vol, src, dst)) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't open migrate file");
     return EINVAL;
   }
+  try {
+    return startCopying(vol, src, dst, where);
+  } catch (...) {
+    // A file that was there before stays: without it nothing is known of the changes at the destination.
+    if (!resumes) unlink(file.c_str());
+    throw;
+  }
+} catch (...) {
+  return RMErrorUtil::GetErrNo(failWithException(where));
+}
+
+int DiskCacheMigrator::startCopying(VolIndex vol, const std::string& src, const std::string& dst,
+                                    const RMCodeLocation& where) {
   struct stat source {};
   CZuError error = getDirEntries(m_entries, src);
   errno = 0;
@@ -129,8 +143,6 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
   }
   startWorkers(job, isRefused, where);
   return 0;
-} catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(where));
 }
 
 // Checks what is asked for and forgets the migration before. 0, or why this one cannot be.
@@ -164,8 +176,8 @@ int DiskCacheMigrator::prepare(VolIndex vol, const std::string& src, const std::
 }
 
 // In one step, so that a process killed in between leaves the old file or the new, never half a line.
-bool DiskCacheMigrator::writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst) {
-  const std::string path = pathInRoot(MIGRATE_FILE);
+bool DiskCacheMigrator::writeMigrateFile(const std::string& path, VolIndex vol, const std::string& src,
+                                         const std::string& dst) {
   const std::string fresh = path + ".new";
   const std::string text = std::to_string(vol) + '\n' + src + '\n' + dst + '\n';
   const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

@@ -140,7 +140,10 @@ class DiskCacheMigrator {
             const RMCodeLocation& where);
   int prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
               const RMCodeLocation& where) DC_REQUIRES(m_startLock);
-  bool writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst);
+  bool writeMigrateFile(const std::string& path, VolIndex vol, const std::string& src,
+                        const std::string& dst);
+  int startCopying(VolIndex vol, const std::string& src, const std::string& dst, const RMCodeLocation& where)
+      DC_REQUIRES(m_startLock);
   void startWorkers(const std::shared_ptr<const Job>& job, bool isRefused, const RMCodeLocation& where)
       DC_REQUIRES(m_startLock);
   KxCriticalSection* stopAndLock();

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
@@ -164,14 +165,17 @@ TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
   DiskCacheContext other = makeContext(m_vol3 + std::string(100, 'x'));
   const std::function<int()> changes[] = {
       [&] { return cache->addVolume(other.dir); }, [&] { return cache->removeVolume(m_vol1); },
-      [&] { return RMErrorUtil::GetErrNo(cache->registerContext(other)); }};
+      [&] { return RMErrorUtil::GetErrNo(cache->registerContext(other)); },
+      [&] { return cache->migrate(2, m_vol2, m_vol3); }};
   log.setLevel(LogLevel::Error - 1);
   start();
   const auto state = [&] {
     std::vector<Volume> records;
     cache->getVolumeStats(records);
-    std::string text = readFile(m_info) + std::to_string(space().used()) +
-                       outcome(cache->findPrunerCallback(other.dir, other.prunerCallback));
+    std::string text = readFile(m_info) +
+                       std::to_string(space().used() + Access::migrator(*cache).generation()) +
+                       outcome(cache->findPrunerCallback(other.dir, other.prunerCallback)) +
+                       (fs::exists(dir / "root/migrate") ? " migrates" : "");
     for (const Volume& v : records)
       text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
     for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);
