@@ -133,15 +133,15 @@ int DiskCacheMigrator::startCopying(VolIndex vol, const std::string& src, const 
     return RMErrorUtil::GetErrNo(error);
   }
   const std::string home = m_volumes.volumeRoot(vol, 0);
-  const auto job = std::make_shared<const Job>(
-      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
   const bool isRefused = containEachOther(dst, src);
+  const auto job = std::make_shared<const Job>(
+      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, isRefused, false});
   if (isRefused) {
     DC_LOG_AT(where, LogLevel::Error, "Error: destination [%s] is, contains or lies below the source [%s]",
               dst.c_str(), src.c_str());
     recordError(EINVAL);
   }
-  startWorkers(job, isRefused, where);
+  startWorkers(job, where);
   return 0;
 }
 
@@ -189,16 +189,14 @@ bool DiskCacheMigrator::writeMigrateFile(const std::string& path, VolIndex vol, 
   return false;
 }
 
-void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, bool isRefused,
-                                     const RMCodeLocation& where) {
+void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, const RMCodeLocation& where) {
   m_numJobs = NUM_THREADS;
   DC_LOG_AT(where, LogLevel::Segment, "m_numJobs = %llu", static_cast<unsigned long long>(m_numJobs.load()));
   m_threads.resize(NUM_THREADS);
   std::array<std::unique_ptr<MigratorThreadArgs>, NUM_THREADS> workers;
   for (auto& worker : workers)
     worker = std::make_unique<MigratorThreadArgs>(MigratorThreadArgs{this, job, 0, -1});
-  // Where source and destination are one, no segment has two places: clients go on as without a migration.
-  publish(isRefused ? nullptr : job, true);
+  publish(job, true);
   try {
     // Work that began under the old paths ends before the first file is copied, and what it has made is
     // listed, so that none of it is missed.
@@ -253,7 +251,7 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob() {
 
 std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob(VolIndex vol) {
   auto job = runningJob();
-  return job && job->vol == vol ? job : nullptr;
+  return job && job->vol == vol && !job->isRefused ? job : nullptr;
 }
 
 std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,

@@ -45,6 +45,8 @@ class DiskCacheMigrator {
     std::string home;  // the volume's directory, where it stays when the migration fails
     dev_t device;      // of src
     ino_t inode;
+    // src or dst is, or holds, the other one: no segment has two places, clients go on as without a migration.
+    bool isRefused;
     // Has failed: what was changed at the destination goes home, and new files are made there.
     bool isReturning;
   };
@@ -144,7 +146,7 @@ class DiskCacheMigrator {
                         const std::string& dst);
   int startCopying(VolIndex vol, const std::string& src, const std::string& dst, const RMCodeLocation& where)
       DC_REQUIRES(m_startLock);
-  void startWorkers(const std::shared_ptr<const Job>& job, bool isRefused, const RMCodeLocation& where)
+  void startWorkers(const std::shared_ptr<const Job>& job, const RMCodeLocation& where)
       DC_REQUIRES(m_startLock);
   KxCriticalSection* stopAndLock();
   void publish(std::shared_ptr<const Job> job, bool inProgress);
