@@ -73,6 +73,7 @@ int DiskCacheMigrator::init(MigrationCB callback) {
   // clients would work on at the source, and a later start go on from what they have changed since.
   if (rc != 0 && rc != EINVAL && rc != EFBIG) {
     DC_LOG(LogLevel::Error, "Error: can't read [%s] (%d)", pathInRoot(MIGRATE_FILE).c_str(), rc);
+    m_isReady = false;
     return rc;
   }
   std::string_view rest = content;
@@ -84,7 +85,10 @@ int DiskCacheMigrator::init(MigrationCB callback) {
     DC_LOG(LogLevel::Error, "migrate file has incorrect parameters");
     return EINVAL;
   }
-  return start(vol, source, destination, true, RM_CODE_LOCATION);
+  const int started = start(vol, source, destination, true, RM_CODE_LOCATION);
+  // Any other migration would forget what clients have changed at this one's destination.
+  m_isReady = started == 0 || started == EEXIST;
+  return started;
 }
 
 int DiskCacheMigrator::migrate(VolIndex vol, const std::string& src, const std::string& dst) {

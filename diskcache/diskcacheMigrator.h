@@ -192,7 +192,7 @@ class DiskCacheMigrator {
   std::vector<std::string> m_entries;
 
   // Any thread
-  std::atomic<bool> m_isReady{false};  // init() was called
+  std::atomic<bool> m_isReady{false};  // init() was called, and left no migration that it could not resume
   std::atomic<bool> m_inProgress{false};
   std::atomic<uint32_t> m_generation{0};
   RelaxedAtomic<bool> m_stop{false};
