@@ -24,7 +24,9 @@ namespace {
 // A directory as it really lies, with a separator behind it; empty for one that cannot be told.
 std::string realDirectory(const std::string& dir) {
   std::error_code error;
-  const auto real = std::filesystem::weakly_canonical(dir + "/.", error).lexically_normal();
+  // A relative name stays relative where its first part is not there.
+  auto real = std::filesystem::absolute(dir + "/.", error);
+  if (!error) real = std::filesystem::weakly_canonical(real, error).lexically_normal();
   return error ? std::string() : join(real.string(), "", '/');
 }
 
