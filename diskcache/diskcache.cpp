@@ -63,7 +63,8 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
     m_state->space.filesFound(files);
   }
   if (const int rc = m_state->migrator.init(migrationCallback); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
+    DC_LOG(LogLevel::Error, "Error: Can't init migrator (%d)", rc);
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);  // counted by the migrator
   }
   return {};
 } catch (...) {
@@ -137,7 +138,7 @@ int DiskCache::refreshCacheUtilizationData() {
 }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
-  return countedResult(m_state->migrator.migrate(vol, source, destination));
+  return m_state->migrator.migrate(vol, source, destination);
 }
 
 unsigned DiskCache::openSegment(guid_t guid) {

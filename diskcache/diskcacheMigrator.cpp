@@ -67,25 +67,25 @@ std::string DiskCacheMigrator::pathInRoot(const char* file) const {
 
 int DiskCacheMigrator::init(MigrationCB callback) {
   m_callback = callback;
-  m_isReady = true;
   std::string content;
   const int rc = readWholeFile(pathInRoot(MIGRATE_FILE), content);
-  if (rc == ENOENT || rc == ENOTDIR) return 0;
+  const bool isAbsent = rc == ENOENT || rc == ENOTDIR;
   // Something that is no file, or far too large for one, makes no sense. What can't be read is not taken for absent:
   // clients would work on at the source, and a later start go on from what they have changed since.
-  if (rc != 0 && rc != EINVAL && rc != EFBIG) {
+  if (!isAbsent && rc != 0 && rc != EINVAL && rc != EFBIG) {
     DC_LOG(LogLevel::Error, "Error: can't read [%s] (%d)", pathInRoot(MIGRATE_FILE).c_str(), rc);
-    m_isReady = false;
-    return rc;
+    return countedResult(rc);
   }
   std::string_view rest = content;
   const std::string index(takeLine(rest));
   const std::string source(takeLine(rest));
   const std::string destination(takeLine(rest));
   const auto vol = static_cast<VolIndex>(std::strtol(index.c_str(), nullptr, 10));
+  m_isReady = true;
+  if (isAbsent) return 0;
   if (vol == 0 || source.empty() || destination.empty()) {
     DC_LOG(LogLevel::Error, "migrate file has incorrect parameters");
-    return EINVAL;
+    return countedResult(EINVAL);
   }
   const int started = start(vol, source, destination, true, RM_CODE_LOCATION);
   // Any other migration would forget what clients have changed at this one's destination.
@@ -104,18 +104,18 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
     const auto running = runningJob();
     DC_LOG_AT(where, LogLevel::Error, "Migration already in progress (from [%s] to [%s])",
               running ? running->src.c_str() : "", running ? running->dst.c_str() : "");
-    return EEXIST;
+    return countedResult(EEXIST);
   };
   // Asked before the lock as well: the callback of a migration that is being ended may come here.
   if (m_inProgress) return refuse();
   const KxCriticalSectionLock starting(&m_startLock);
   if (m_inProgress) return refuse();
 
-  if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return rc;
+  if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return countedResult(rc);
   const std::string file = pathInRoot(MIGRATE_FILE);
   if (!writeMigrateFile(file, vol, src, dst)) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't open migrate file");
-    return EINVAL;
+    return countedResult(EINVAL);
   }
   try {
     return startCopying(vol, src, dst, where);
@@ -133,7 +133,8 @@ int DiskCacheMigrator::startCopying(VolIndex vol, const std::string& src, const 
   struct stat source {};
   CZuError error = getDirEntries(m_entries, src);
   errno = 0;
-  if (!error.IsError() && stat(src.c_str(), &source) != 0) error = RMErrorUtil::ErrorErrNo(where, errno);
+  if (!error.IsError() && stat(src.c_str(), &source) != 0)
+    error = RMErrorUtil::ErrorErrNo(where, countedResult(errno));
   if (error.IsError()) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
     return RMErrorUtil::GetErrNo(error);

@@ -62,7 +62,7 @@ class DiskCacheMigrator {
   // Resumes the migration that the file "migrate" tells of, if there is one. 0, EINVAL for a file that makes
   // no sense, the number for one of changes that cannot be read, or the result of migrate().
   int init(MigrationCB callback);
-  // See DiskCache::migrate.
+  // See DiskCache::migrate. What refuses one is counted here.
   int migrate(VolIndex vol, const std::string& src, const std::string& dst);
   // Ends a running migration as failed (EINTR) and waits for its threads; on one of these it does nothing.
   void terminate();
