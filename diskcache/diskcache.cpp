@@ -75,7 +75,9 @@ CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
   // A copy that is being made must not bring back what is cleared.
   const DiskCacheMigrator::Pause pause(m_state->migrator);
-  return m_state->volumes.clearCache();
+  CZuError error = m_state->volumes.clearCache();
+  if (error.IsError()) m_state->space.filesLost();
+  return error;
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
