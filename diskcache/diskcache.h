@@ -224,8 +224,8 @@ class DISKCACHE_EXPORT DiskCache {
   // Copies a volume's directories to a new place with four threads and then points the volume there. Returns
   // when the threads run, which waits for the work on segments that is under way: hold no segment's lock. 0,
   // EEXIST while a migration runs, EINVAL before init() and where that could not resume one, for arguments that
-  // make no sense or when the file "migrate" cannot be written, or the number for a source that cannot be listed.
-  // docs/operations.md tells what is left behind.
+  // make no sense or when the file "migrate" cannot be written, or the number for a source that cannot be listed:
+  // then "migrate" stays and fails the next init() too, until it is removed. docs/operations.md tells what is left.
   int migrate(VolIndex vol, const std::string& source, const std::string& destination);
 
   // ---- Watching and steering --------------------------------------------------------------------------
