@@ -63,7 +63,8 @@ CZuError DiskCache::init(const std::string& rootDir, const std::vector<std::stri
     m_state->space.filesFound(files);
   }
   if (const int rc = m_state->migrator.init(migrationCallback); rc != 0) {
-    return DC_FAIL(LogLevel::Error, rc, "Error: Can't init migrator (%d)", rc);
+    DC_LOG(LogLevel::Error, "Error: Can't init migrator (%d)", rc);
+    return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, rc);  // counted by the migrator
   }
   return {};
 } catch (...) {
@@ -74,20 +75,23 @@ CZuError DiskCache::clearCache() try {
   DC_LOG(LogLevel::Notice, "cache: clearing cache");
   // A copy that is being made must not bring back what is cleared.
   const DiskCacheMigrator::Pause pause(m_state->migrator);
-  return m_state->volumes.clearCache();
+  CZuError error = m_state->volumes.clearCache();
+  if (error.IsError()) m_state->space.filesLost();
+  return error;
 } catch (...) {
   return failWithException(RM_CODE_LOCATION);
 }
 
 CZuError DiskCache::registerContext(DiskCacheContext& ctx) try {
   DC_LOG(LogLevel::Setup, "registering context: [%s]", ctx.dir.c_str());
+  const std::optional<VolIndex> volume = m_state->volumes.onlyVolume();  // first: it may run out of memory
   const auto refCount = static_cast<int>(m_state->contexts.add(ctx));
   if (refCount == 1) {
     DC_LOG(LogLevel::Setup, "ctxt [%s] refCount [%d]", ctx.dir.c_str(), refCount);
   } else {  // the first registration's callback stays: this is meant
     DC_LOG(LogLevel::Info, "Info: dir [%s] already registered. refCount [%d]", ctx.dir.c_str(), refCount);
   }
-  if (const std::optional<VolIndex> volume = m_state->volumes.onlyVolume()) {
+  if (volume) {
     ctx.volume = *volume;
     DC_LOG(LogLevel::Setup, "assigning volume %d", ctx.volume);
   }
@@ -136,7 +140,7 @@ int DiskCache::refreshCacheUtilizationData() {
 }
 
 int DiskCache::migrate(VolIndex vol, const std::string& source, const std::string& destination) {
-  return countedResult(m_state->migrator.migrate(vol, source, destination));
+  return m_state->migrator.migrate(vol, source, destination);
 }
 
 unsigned DiskCache::openSegment(guid_t guid) {

@@ -218,14 +218,14 @@ class DISKCACHE_EXPORT DiskCache {
   // Appends a copy of every volume's record, in order of index.
   void getVolumeStats(std::vector<Volume>& out);
   // Measures every enabled volume and sets the space counters by it; 0. Between two measurements they drift
-  // (docs/operations.md tells by what). The pruner measures whenever it wakes, at least every few minutes; in
-  // mode Lru nobody does: call it now and then if watermarks matter there.
+  // (docs/operations.md tells by what). The pruner measures whenever it wakes, at least every
+  // "DiskCachePrunerTimeout" minutes; in mode Lru nobody does: call it now and then if watermarks matter there.
   int refreshCacheUtilizationData();
   // Copies a volume's directories to a new place with four threads and then points the volume there. Returns
   // when the threads run, which waits for the work on segments that is under way: hold no segment's lock. 0,
-  // EEXIST while a migration runs, EINVAL before init(), for arguments that make no sense or when the file
-  // "migrate" cannot be written, or the number for a source that cannot be listed. docs/operations.md tells
-  // what is left behind.
+  // EEXIST while a migration runs, EINVAL before init() and where that could not resume one, for arguments that
+  // make no sense or when the file "migrate" cannot be written, or the number for a source that cannot be listed:
+  // then "migrate" stays and fails the next init() too, until it is removed. docs/operations.md tells what is left.
   int migrate(VolIndex vol, const std::string& source, const std::string& destination);
 
   // ---- Watching and steering --------------------------------------------------------------------------

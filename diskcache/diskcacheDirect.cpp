@@ -181,9 +181,11 @@ bool DiskCache::findVolume(const guid_t& guid, VolIndex& volume) {
   return m_state->lru.findVolume(guid, volume);
 }
 
-CZuError DiskCache::remember(const DiskCacheContext& ctx, const guid_t& guid) {
+CZuError DiskCache::remember(const DiskCacheContext& ctx, const guid_t& guid) try {
   if (const CZuError error = checkGuid(guid, RM_CODE_LOCATION); error.IsError()) return error;
   return m_state->lru.addToLru(guid, ctx.volume, ctx.dir);
+} catch (...) {
+  return failWithException(RM_CODE_LOCATION);
 }
 
 void DiskCache::countFound(uint64_t segments) { m_state->space.addFiles(static_cast<int64_t>(segments)); }

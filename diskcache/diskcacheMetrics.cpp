@@ -94,7 +94,7 @@ struct MeasuredVolume {
   uint64_t capacity() const { return uint64_t{now->f_blocks} * now->f_frsize; }
   uint64_t free() const { return uint64_t{now->f_bavail} * now->f_frsize; }
   bool hasRoom() const {
-    return volume.allow && free() >= volume.reserved && (now->f_files == 0 || now->f_favail > 0);
+    return volume.listPos && free() >= volume.reserved && (now->f_files == 0 || now->f_favail > 0);
   }
 };
 

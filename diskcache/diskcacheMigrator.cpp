@@ -24,7 +24,9 @@ namespace {
 // A directory as it really lies, with a separator behind it; empty for one that cannot be told.
 std::string realDirectory(const std::string& dir) {
   std::error_code error;
-  const auto real = std::filesystem::weakly_canonical(dir + "/.", error).lexically_normal();
+  // A relative name stays relative where its first part is not there.
+  auto real = std::filesystem::absolute(dir + "/.", error);
+  if (!error) real = std::filesystem::weakly_canonical(real, error).lexically_normal();
   return error ? std::string() : join(real.string(), "", '/');
 }
 
@@ -65,26 +67,30 @@ std::string DiskCacheMigrator::pathInRoot(const char* file) const {
 
 int DiskCacheMigrator::init(MigrationCB callback) {
   m_callback = callback;
-  m_isReady = true;
   std::string content;
   const int rc = readWholeFile(pathInRoot(MIGRATE_FILE), content);
-  if (rc == ENOENT || rc == ENOTDIR) return 0;
+  const bool isAbsent = rc == ENOENT || rc == ENOTDIR;
   // Something that is no file, or far too large for one, makes no sense. What can't be read is not taken for absent:
   // clients would work on at the source, and a later start go on from what they have changed since.
-  if (rc != 0 && rc != EINVAL && rc != EFBIG) {
+  if (!isAbsent && rc != 0 && rc != EINVAL && rc != EFBIG) {
     DC_LOG(LogLevel::Error, "Error: can't read [%s] (%d)", pathInRoot(MIGRATE_FILE).c_str(), rc);
-    return rc;
+    return countedResult(rc);
   }
   std::string_view rest = content;
   const std::string index(takeLine(rest));
   const std::string source(takeLine(rest));
   const std::string destination(takeLine(rest));
   const auto vol = static_cast<VolIndex>(std::strtol(index.c_str(), nullptr, 10));
+  m_isReady = true;
+  if (isAbsent) return 0;
   if (vol == 0 || source.empty() || destination.empty()) {
     DC_LOG(LogLevel::Error, "migrate file has incorrect parameters");
-    return EINVAL;
+    return countedResult(EINVAL);
   }
-  return start(vol, source, destination, true, RM_CODE_LOCATION);
+  const int started = start(vol, source, destination, true, RM_CODE_LOCATION);
+  // Any other migration would forget what clients have changed at this one's destination.
+  m_isReady = started == 0 || started == EEXIST;
+  return started;
 }
 
 int DiskCacheMigrator::migrate(VolIndex vol, const std::string& src, const std::string& dst) {
@@ -98,39 +104,52 @@ int DiskCacheMigrator::start(VolIndex vol, const std::string& src, const std::st
     const auto running = runningJob();
     DC_LOG_AT(where, LogLevel::Error, "Migration already in progress (from [%s] to [%s])",
               running ? running->src.c_str() : "", running ? running->dst.c_str() : "");
-    return EEXIST;
+    return countedResult(EEXIST);
   };
   // Asked before the lock as well: the callback of a migration that is being ended may come here.
   if (m_inProgress) return refuse();
   const KxCriticalSectionLock starting(&m_startLock);
   if (m_inProgress) return refuse();
 
-  if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return rc;
-  if (!writeMigrateFile(vol, src, dst)) {
+  if (const int rc = prepare(vol, src, dst, resumes, where); rc != 0) return countedResult(rc);
+  const std::string file = pathInRoot(MIGRATE_FILE);
+  if (!writeMigrateFile(file, vol, src, dst)) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't open migrate file");
-    return EINVAL;
+    return countedResult(EINVAL);
   }
+  try {
+    return startCopying(vol, src, dst, where);
+  } catch (...) {
+    // A file that was there before stays: without it nothing is known of the changes at the destination.
+    if (!resumes) unlink(file.c_str());
+    throw;
+  }
+} catch (...) {
+  return RMErrorUtil::GetErrNo(failWithException(where));
+}
+
+int DiskCacheMigrator::startCopying(VolIndex vol, const std::string& src, const std::string& dst,
+                                    const RMCodeLocation& where) {
   struct stat source {};
   CZuError error = getDirEntries(m_entries, src);
   errno = 0;
-  if (!error.IsError() && stat(src.c_str(), &source) != 0) error = RMErrorUtil::ErrorErrNo(where, errno);
+  if (!error.IsError() && stat(src.c_str(), &source) != 0)
+    error = RMErrorUtil::ErrorErrNo(where, countedResult(errno));
   if (error.IsError()) {
     DC_LOG_AT(where, LogLevel::Error, "Error: Can't get entries of [%s]", src.c_str());
     return RMErrorUtil::GetErrNo(error);
   }
   const std::string home = m_volumes.volumeRoot(vol, 0);
-  const auto job = std::make_shared<const Job>(
-      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, false});
   const bool isRefused = containEachOther(dst, src);
+  const auto job = std::make_shared<const Job>(
+      Job{vol, src, dst, home.empty() ? src : home, source.st_dev, source.st_ino, isRefused, false});
   if (isRefused) {
     DC_LOG_AT(where, LogLevel::Error, "Error: destination [%s] is, contains or lies below the source [%s]",
               dst.c_str(), src.c_str());
     recordError(EINVAL);
   }
-  startWorkers(job, isRefused, where);
+  startWorkers(job, where);
   return 0;
-} catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(where));
 }
 
 // Checks what is asked for and forgets the migration before. 0, or why this one cannot be.
@@ -164,8 +183,8 @@ int DiskCacheMigrator::prepare(VolIndex vol, const std::string& src, const std::
 }
 
 // In one step, so that a process killed in between leaves the old file or the new, never half a line.
-bool DiskCacheMigrator::writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst) {
-  const std::string path = pathInRoot(MIGRATE_FILE);
+bool DiskCacheMigrator::writeMigrateFile(const std::string& path, VolIndex vol, const std::string& src,
+                                         const std::string& dst) {
   const std::string fresh = path + ".new";
   const std::string text = std::to_string(vol) + '\n' + src + '\n' + dst + '\n';
   const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -177,16 +196,14 @@ bool DiskCacheMigrator::writeMigrateFile(VolIndex vol, const std::string& src, c
   return false;
 }
 
-void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, bool isRefused,
-                                     const RMCodeLocation& where) {
+void DiskCacheMigrator::startWorkers(const std::shared_ptr<const Job>& job, const RMCodeLocation& where) {
   m_numJobs = NUM_THREADS;
   DC_LOG_AT(where, LogLevel::Segment, "m_numJobs = %llu", static_cast<unsigned long long>(m_numJobs.load()));
   m_threads.resize(NUM_THREADS);
   std::array<std::unique_ptr<MigratorThreadArgs>, NUM_THREADS> workers;
   for (auto& worker : workers)
     worker = std::make_unique<MigratorThreadArgs>(MigratorThreadArgs{this, job, 0, -1});
-  // Where source and destination are one, no segment has two places: clients go on as without a migration.
-  publish(isRefused ? nullptr : job, true);
+  publish(job, true);
   try {
     // Work that began under the old paths ends before the first file is copied, and what it has made is
     // listed, so that none of it is missed.
@@ -241,7 +258,7 @@ std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob() {
 
 std::shared_ptr<const DiskCacheMigrator::Job> DiskCacheMigrator::runningJob(VolIndex vol) {
   auto job = runningJob();
-  return job && job->vol == vol ? job : nullptr;
+  return job && job->vol == vol && !job->isRefused ? job : nullptr;
 }
 
 std::string DiskCacheMigrator::rootFor(const guid_t& guid, VolIndex vol, const std::string& dir,

@@ -45,6 +45,8 @@ class DiskCacheMigrator {
     std::string home;  // the volume's directory, where it stays when the migration fails
     dev_t device;      // of src
     ino_t inode;
+    // src or dst is, or holds, the other one: no segment has two places, clients go on as without a migration.
+    bool isRefused;
     // Has failed: what was changed at the destination goes home, and new files are made there.
     bool isReturning;
   };
@@ -60,7 +62,7 @@ class DiskCacheMigrator {
   // Resumes the migration that the file "migrate" tells of, if there is one. 0, EINVAL for a file that makes
   // no sense, the number for one of changes that cannot be read, or the result of migrate().
   int init(MigrationCB callback);
-  // See DiskCache::migrate.
+  // See DiskCache::migrate. What refuses one is counted here.
   int migrate(VolIndex vol, const std::string& src, const std::string& dst);
   // Ends a running migration as failed (EINTR) and waits for its threads; on one of these it does nothing.
   void terminate();
@@ -140,8 +142,11 @@ class DiskCacheMigrator {
             const RMCodeLocation& where);
   int prepare(VolIndex vol, const std::string& src, const std::string& dst, bool resumes,
               const RMCodeLocation& where) DC_REQUIRES(m_startLock);
-  bool writeMigrateFile(VolIndex vol, const std::string& src, const std::string& dst);
-  void startWorkers(const std::shared_ptr<const Job>& job, bool isRefused, const RMCodeLocation& where)
+  bool writeMigrateFile(const std::string& path, VolIndex vol, const std::string& src,
+                        const std::string& dst);
+  int startCopying(VolIndex vol, const std::string& src, const std::string& dst, const RMCodeLocation& where)
+      DC_REQUIRES(m_startLock);
+  void startWorkers(const std::shared_ptr<const Job>& job, const RMCodeLocation& where)
       DC_REQUIRES(m_startLock);
   KxCriticalSection* stopAndLock();
   void publish(std::shared_ptr<const Job> job, bool inProgress);
@@ -158,7 +163,8 @@ class DiskCacheMigrator {
   int copyEntries(const Job& job, int first, int last, const RMCodeLocation& where);
   CZuError getDirEntries(std::vector<std::string>& out, const std::string& dir);
   int copyDir(const std::string& src, const std::string& dst);
-  int copyUnlessRemoved(const std::string& source, const std::string& target);
+  using Rename = int(const std::string& source, const std::string& target);
+  int copyUnlessRemoved(const std::string& source, const std::string& target, Rename& appear);
   int moveOrCopy(const std::string& source, const std::string& target, bool& isCopied);
   int copySegment(const std::string& guid, const std::string& src, const std::string& dst,
                   const RMCodeLocation& where);
@@ -186,7 +192,7 @@ class DiskCacheMigrator {
   std::vector<std::string> m_entries;
 
   // Any thread
-  std::atomic<bool> m_isReady{false};  // init() was called
+  std::atomic<bool> m_isReady{false};  // init() was called, and left no migration that it could not resume
   std::atomic<bool> m_inProgress{false};
   std::atomic<uint32_t> m_generation{0};
   RelaxedAtomic<bool> m_stop{false};

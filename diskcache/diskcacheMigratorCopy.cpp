@@ -146,10 +146,11 @@ int DiskCacheMigrator::copyDir(const std::string& src, const std::string& dst) {
 
 // ENOENT for a file that is removed meanwhile: removals take no segment's lock, and what they remove must
 // not come back.
-int DiskCacheMigrator::copyUnlessRemoved(const std::string& source, const std::string& target) {
+int DiskCacheMigrator::copyUnlessRemoved(const std::string& source, const std::string& target,
+                                         Rename& appear) {
   return copyFile(source, target, [&](const std::string& temporary) {
     const KxCriticalSectionLock lock(&m_appearLock);
-    return doesFileExist(source) ? renameFile(temporary, target) : ENOENT;
+    return doesFileExist(source) ? appear(temporary, target) : ENOENT;
   });
 }
 
@@ -167,7 +168,7 @@ int DiskCacheMigrator::moveOrCopy(const std::string& source, const std::string& 
     const int rc = renameFile(source, target);
     if (rc != EXDEV) return rc;
   }
-  if (const int rc = copyUnlessRemoved(source, target); rc != 0) return rc;
+  if (const int rc = copyUnlessRemoved(source, target, renameFile); rc != 0) return rc;
   errno = 0;
   if (unlink(source.c_str()) == 0 || errno == ENOENT) return 0;
   isCopied = true;
@@ -181,7 +182,7 @@ int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& s
   if (isUnfinishedCopy(guid)) return 0;  // what a crash left of a copy
   const QuietSegment segment(m_openTable, guid);
   // What a failed replacement left is written over by the next one, under the lock of the segment that it
-  // replaces.
+  // replaces, or that of this name where the segment's is too long to be part of it.
   std::optional<QuietSegment> replaced;
   if (guid.ends_with(REPLACEMENT_SUFFIX))
     replaced.emplace(m_openTable, guid.substr(0, guid.size() - REPLACEMENT_SUFFIX.size()));
@@ -194,12 +195,13 @@ int DiskCacheMigrator::copySegment(const std::string& guid, const std::string& s
     return rc;
   }
   DC_LOG_AT(where, LogLevel::Copy, "copying [%s] [%s]", src.c_str(), dst.c_str());
-  int rc = copyUnlessRemoved(src, dst);
+  int rc = copyUnlessRemoved(src, dst, renameToNew);  // not over what is recycled there meanwhile
   if (rc == ENOENT && doesFileExist(src)) {
     // It is the directory that is missing: somebody found it empty, and removed it.
     if (rc = makeDirectory(dst.substr(0, dst.rfind('/')), where); rc != 0) return rc;
-    rc = copyUnlessRemoved(src, dst);
+    rc = copyUnlessRemoved(src, dst, renameToNew);
   }
+  if (rc == EEXIST) rc = findFile(dst);
   if (rc == 0 || (rc == ENOENT && !doesFileExist(src))) return 0;
   DC_LOG_AT(where, LogLevel::Error, "Error: Can't copy [%s] to [%s] (%d)", src.c_str(), dst.c_str(), rc);
   return rc;

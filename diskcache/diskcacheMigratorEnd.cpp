@@ -70,7 +70,7 @@ void DiskCacheMigrator::workerEnded(const std::shared_ptr<const Job>& job, const
     isSwitched = rc == 0;
     if (!isSwitched) recordError(rc);
   }
-  if (!isSwitched && runningJob()) {
+  if (!isSwitched && !job->isRefused) {
     // Doing it again does no harm, and memory may be there by then.
     for (int attempt = 0; attempt < UNDO_ATTEMPTS; ++attempt) {
       if (guarded(where, [&] { return undo(*job, where); }) != ENOMEM) break;

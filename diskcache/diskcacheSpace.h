@@ -44,6 +44,8 @@ class DiskCacheSpace {
   }
   // The volumes are empty, while the count of segments stays.
   void filesCleared() { m_otherFiles = -static_cast<int64_t>(segments()); }
+  // Some volumes are empty, and nobody counted what lay on them.
+  void filesLost() { m_areFilesKnown = false; }
   // Segments' files on the volumes; none while nobody has counted those of an earlier run. Below 0 when more went than
   // were known.
   std::optional<int64_t> files() const {

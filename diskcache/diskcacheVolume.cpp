@@ -85,7 +85,7 @@ int DiskCacheVolumes::initVolumes(const std::vector<std::string>& dirs) try {
   try {
     rc = setUpVolumes(dirs, gain, DC_STEP(initVolumes));
   } catch (...) {
-    rc = RMErrorUtil::GetErrNo(failWithException(DC_STEP(initVolumes)));
+    rc = numberOfException(DC_STEP(initVolumes));
   }
   if (rc == ENOMEM) {
     putBack(before);
@@ -95,7 +95,7 @@ int DiskCacheVolumes::initVolumes(const std::vector<std::string>& dirs) try {
   }
   return rc;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(initVolumes)));
+  return numberOfException(DC_STEP(initVolumes));
 }
 
 int DiskCacheVolumes::setUpVolumes(const std::vector<std::string>& dirs, VolumeGain& gain,
@@ -174,7 +174,7 @@ int DiskCacheVolumes::addVolume(const std::string& dir) try {
   dirs.push_back(dir);
   return initVolumes(dirs);
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(addVolume)));
+  return numberOfException(DC_STEP(addVolume));
 }
 
 int DiskCacheVolumes::removeVolume(const std::string& dir) try {
@@ -192,7 +192,7 @@ int DiskCacheVolumes::removeVolume(const std::string& dir) try {
   if (rc == ENOMEM) putBack(before);
   return rc;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(removeVolume)));
+  return numberOfException(DC_STEP(removeVolume));
 }
 
 int DiskCacheVolumes::removeAllVolumes() {
@@ -236,7 +236,7 @@ int DiskCacheVolumes::enableNewSegments(const std::string& dir) try {
   volume->allow = true;
   return 0;
 } catch (...) {
-  return RMErrorUtil::GetErrNo(failWithException(DC_STEP(enableNewSegments)));
+  return numberOfException(DC_STEP(enableNewSegments));
 }
 
 void DiskCacheVolumes::getVolumeStats(std::vector<Volume>& out) {

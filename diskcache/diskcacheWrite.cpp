@@ -1,6 +1,8 @@
 // Putting bytes into the cache: createSegment, writeSections, replaceSegment.
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <optional>
 
 #include "diskcache/diskcache.h"
 #include "diskcache/diskcacheOpen.h"
@@ -344,6 +346,11 @@ CZuError DiskCache::replaceSegment(const DiskCacheContext& ctx, const guid_t& gu
     return DC_FAIL(LogLevel::Error, ENOENT, "Error: can't open file [%s] (%d)", path.c_str(), ENOENT);
   }
   const std::string temporary = temporaryName(path, REPLACEMENT_SUFFIX);
+  // That of a long identifier has a name of its own, by which the pruner and a migration know that it is in use.
+  std::optional<QuietSegment> aside;
+  if (!temporary.starts_with(path))
+    aside.emplace(m_state->openTable, std::filesystem::path(temporary).stem().string());
+  if (aside && aside->error() != 0) return RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, ENOMEM);
   if (const CZuError error =
           makeReplacement(*m_state, temporary, path, ctx.volume, sections, RM_CODE_LOCATION);
       error.IsError())

@@ -252,6 +252,15 @@ int renameFile(const std::string& source, const std::string& target) {
   return rename(source.c_str(), target.c_str()) == 0 ? 0 : lastError();
 }
 
+int renameToNew(const std::string& source, const std::string& target) {
+  errno = 0;
+  if (renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL) return lastError();
+  const int rc = findFile(target);
+  if (rc == ENOENT) return renameFile(source, target);
+  return rc == 0 ? EEXIST : rc;
+}
+
 int copyFile(const std::string& source, const std::string& target,
              const std::function<int(const std::string& temporary)>& appear) {
   return copyBeside(source, target, true, appear);
@@ -309,11 +318,9 @@ CZuError RMFile::KXCopyFile(const std::string& source, const std::string& target
 }
 
 CZuError RMFile::KXMoveFileEx(const std::string& source, const std::string& target, int flags) {
-  const unsigned how = (flags & MOVE_REPLACE_EXISTING) != 0 ? 0U : static_cast<unsigned>(RENAME_NOREPLACE);
-  errno = 0;
-  const int rc = how == 0 ? rename(source.c_str(), target.c_str())
-                          : renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), how);
-  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(lastError()));
+  const bool replaces = (flags & MOVE_REPLACE_EXISTING) != 0;
+  const int rc = replaces ? renameFile(source, target) : renameToNew(source, target);
+  return rc == 0 ? CZuError() : RMErrorUtil::ErrorErrNo(RM_CODE_LOCATION, countedResult(rc));
 }
 
 CZuError RMFile::KXGetFileSize(const std::string& path, long long& size) {

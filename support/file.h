@@ -58,6 +58,10 @@ int rmTree(const std::string& dir);
 // Renames a file, replacing what is at `target`.
 int renameFile(const std::string& source, const std::string& target);
 
+// Renames a file where nothing is at `target`, else EEXIST. On a file system that cannot do both in one step
+// something that appears there at that moment is replaced.
+int renameToNew(const std::string& source, const std::string& target);
+
 // Copies as KXCopyFile does, with the source's time of modification. `appear` puts the finished copy, which
 // it is given by its temporary name, in its place; when it does not (another number than 0) nothing is
 // left.

@@ -83,16 +83,19 @@ int numberOfException() noexcept {
 
 }  // namespace
 
-CZuError failWithException(const RMCodeLocation& where) noexcept {
+int numberOfException(const RMCodeLocation& where) noexcept {
   const int errNo = numberOfException();
-  countFailure(errNo);
   // Not through logAt: a line about memory must not ask for any.
   try {
     const char* text = errNo == ENOMEM ? "Error: out of memory" : "Error: unexpected exception";
     DC_LOG_AT(where, LogLevel::Error, "%s", text);
   } catch (...) {  // a writer must not throw; one that does loses its line
   }
-  return RMErrorUtil::ErrorErrNo(where, errNo);
+  return errNo;
+}
+
+CZuError failWithException(const RMCodeLocation& where) noexcept {
+  return RMErrorUtil::ErrorErrNo(where, countedResult(numberOfException(where)));
 }
 
 CZuError pushAndLog(CZuError error, const RMCodeLocation& where, const char* format, ...) {

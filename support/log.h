@@ -82,6 +82,8 @@ __attribute__((format(printf, 4, 5))) CZuError failAt(const RMCodeLocation& wher
 // Logs the exception being handled and makes the error value for it, at the edge of a public operation:
 // failed allocations become ENOMEM, system errors their own number, anything else EIO.
 CZuError failWithException(const RMCodeLocation& where) noexcept;
+// The same for a step whose result, this number, is counted by who asked for the step.
+int numberOfException(const RMCodeLocation& where) noexcept;
 
 // Does a step that returns 0 or a number; what it throws is logged and becomes its number. For threads of the
 // cache's own: nothing that is thrown there may end the process.

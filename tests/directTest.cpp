@@ -7,6 +7,7 @@
 
 #include "diskcache/diskcacheSpace.h"
 #include "tests/support/engineFixture.h"
+#include "tests/support/faults.h"
 
 namespace ObjectStore {
 namespace {
@@ -142,6 +143,8 @@ TEST_F(DirectTest, TheListIsTouchedAskedAndShortenedWithoutWorkOnFiles) {
   EXPECT_TRUE(cache->findVolume("a1", volume) && volume == 1) << "a known one stays where it was";
   EXPECT_EQ(outcome(cache->remember(ctx, "e5")), "success");
   EXPECT_EQ(outcome(cache->remember(ctx, "b/")), "EINVAL");
+  const FailingNew failing(1);
+  EXPECT_EQ(outcome(cache->remember(ctx, "b/")), "ENOMEM");
 
   uint64_t given = 7;
   EXPECT_EQ(outcome(cache->giveUpOldest(3, given)), "ENOSPC");  // b2 refuses and goes to the front

@@ -186,16 +186,21 @@ TEST_F(MigratorTest, EveryDirectoryIsCopiedAndLeftoverFilesAreNot) {
   fs::create_directories(source + "/empty");
   for (const char* name : {"/a/x.copying/f", "/b.copying/f", "/c/f"})
     writeFile(source + name, "of the source");
-  for (const char* name : {"/c/h.copying", "/c/g.temp"}) writeFile(source + name, "of a crash");
-  {
-    HoldAtLine hold(log, "copying [" + source + "/c/g.temp]");
-    EXPECT_EQ(cache->migrate(1, source, target), 0);
-    EXPECT_TRUE(hold.reached() && cache->IsSegmentOpened("g.temp"));
-    EXPECT_TRUE(cache->IsSegmentOpened("g")) << "whose next replacement writes over it";
-  }
+  const guid_t longest(NAME_MAX, 'x'), aside = std::to_string(std::hash<std::string>()(longest));
+  const std::string left = "ctx/xx/xx/" + aside + ".temp", text = "the new text";
+  for (const auto& name : {"c/h.copying"s, "c/g.temp"s, left}) writeFile(source + '/' + name, "of a crash");
+  holding.emplace(log, "copying [" + source + '/' + left + ']');
+  EXPECT_EQ(cache->migrate(1, source, target), 0);
+  EXPECT_TRUE(holding->reached() && cache->IsSegmentOpened(aside + ".temp") && cache->IsSegmentOpened(aside));
+  const auto replace = [&] { return outcome(cache->replaceSegment(ctx, longest, {section(0, text)})); };
+  auto replaced = std::async(std::launch::async, replace);
+  EXPECT_EQ(replaced.wait_for(100ms), std::future_status::timeout) << "which writes over it";
+  holding->release();
+  EXPECT_TRUE(replaced.get() == "success" && get(longest) == text);
   EXPECT_EQ(ends(), ended("success", target));
+  fs::remove(pathOf(longest));
   Texts expected = treeOf(source);
-  std::erase(expected, "c/h.copying");
+  for (const std::string& gone : {"c/h.copying"s, left}) std::erase(expected, gone);
   EXPECT_EQ(treeOf(target), expected);
 }
 
@@ -240,7 +245,7 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
         "EIO: opendir readdir fstatat readdir stat", "told EIO: opendir readdir fstatat readdir",
         "told EINVAL: thread",
         "told EIO: mkdir opendir readdir fstatat access open fstat open copy_file_range close",
-        "told success: close access", "told EIO: rename readdir stat",
+        "told success: close access", "told EIO: renameat2 readdir stat",
         "told success: mkdir open write close unlink"}},
       {ENOENT,  // what is gone by then was deleted by clients
        {"told success: unlink", "EINVAL: open write", "told success: close", "EINVAL: rename",
@@ -248,7 +253,7 @@ TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {
         "told ENOENT: opendir readdir", "told success: fstatat", "told ENOENT: readdir",
         "told EINVAL: thread", "told success: mkdir", "told ENOENT: mkdir", "told success: opendir",
         "told ENOENT: readdir",
-        "told success: fstatat access open fstat open copy_file_range close access rename",
+        "told success: fstatat access open fstat open copy_file_range close access renameat2",
         "told ENOENT: readdir stat", "told success: mkdir open fstat read close unlink"}}};
   for (const auto& [number, expected] : cases) {
     Texts calls;
@@ -435,7 +440,7 @@ TEST_F(MigratorTest, AReaderWhomAMigrationOvertakesIsNotShownWhatAnOverrideHides
 
 // After its copy has been made, before it appears, or while it does: then a removal waits.
 TEST_F(MigratorTest, WhatIsRemovedBesideItsCopyStaysAway) {
-  for (const std::string call : {"", "copy_file_range", "rename"}) {
+  for (const std::string call : {"", "copy_file_range", "renameat2"}) {
     SCOPED_TRACE(call);
     startWithFour();
     migrateUpTo(call.empty() ? "/spare" : "/ctx", target);
@@ -443,8 +448,8 @@ TEST_F(MigratorTest, WhatIsRemovedBesideItsCopyStaysAway) {
     if (!call.empty()) plan.hold(call, 1), holding->release();
     ASSERT_TRUE(call.empty() || plan.held());
     auto removed = std::async(std::launch::async, [&] { return outcome(remove("kept")); });
-    const auto state = removed.wait_for(call == "rename" ? std::chrono::milliseconds(100) : LONGEST_WAIT);
-    EXPECT_EQ(state == std::future_status::timeout, call == "rename");
+    const auto state = removed.wait_for(call == "renameat2" ? std::chrono::milliseconds(100) : LONGEST_WAIT);
+    EXPECT_EQ(state == std::future_status::timeout, call == "renameat2");
     plan.release();
     EXPECT_EQ(removed.get(), "success");
     EXPECT_EQ(get("kept"), "[ENOENT]");

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "diskcache/diskcacheLru.h"
+#include "diskcache/diskcacheMigrator.h"
 #include "diskcache/diskcacheSpace.h"
 #include "diskcache/diskcacheVolume.h"
 #include "tests/support/engineFixture.h"
@@ -159,28 +160,34 @@ TEST_F(VolumeTest, NewSegmentsGoInTurnToWhatHasRoom) {
                           " index=4 allow=1 free=17825795145728 total=17825795145728 res=891289796608"));
 }
 
-// Whichever allocation fails, the volumes, the rotation and the file are as they were; repeated, it works.
+// Whichever allocation fails, volumes, rotation, file and directories are as they were; repeated, it works.
 TEST_F(VolumeTest, AChangeThatRunsOutOfMemoryChangesNothing) {
-  const std::pair<Change, std::string> changes[] = {{&DiskCache::addVolume, m_vol3 + std::string(100, 'x')},
-                                                    {&DiskCache::removeVolume, m_vol1}};
+  DiskCacheContext other = makeContext(m_vol3 + std::string(100, 'x'));
+  const std::function<int()> changes[] = {
+      [&] { return cache->addVolume(other.dir); }, [&] { return cache->removeVolume(m_vol1); },
+      [&] { return RMErrorUtil::GetErrNo(cache->registerContext(other)); },
+      [&] { return cache->migrate(2, m_vol2, m_vol3); }};
   log.setLevel(LogLevel::Error - 1);
   start();
   const auto state = [&] {
     std::vector<Volume> records;
     cache->getVolumeStats(records);
-    std::string text = readFile(m_info) + std::to_string(space().used());
+    std::string text = readFile(m_info) +
+                       std::to_string(space().used() + Access::migrator(*cache).generation()) +
+                       outcome(cache->findPrunerCallback(other.dir, other.prunerCallback)) +
+                       (fs::exists(dir / "root/migrate") ? " migrates" : "");
     for (const Volume& v : records)
       text += ' ' + v.dir + std::to_string(v.index) + (v.allow ? '+' : '-') + (v.listPos ? '!' : '?');
     for (const VolIndex index : Access::rotation(*cache)) text += ' ' + std::to_string(index);
     return text;
   };
-  for (const auto& [change, volume] : changes) {
+  for (const auto& change : changes) {
     const std::string before = state();
     int rc = ENOMEM;
     for (size_t nth = 1; rc == ENOMEM; ++nth) {
       EXPECT_EQ(state(), before) << "after allocation " << nth - 1;
       const FailingNew failing(nth);
-      rc = (*cache.*change)(volume);
+      rc = change();
     }
     EXPECT_EQ(rc, 0);
     EXPECT_NE(state(), before);
