@@ -48,22 +48,27 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
   EXPECT_NE(err.find("there is no section 0"), std::string::npos) << err;
 
   // Of the last section every length, of another one only its own.
-  for (const std::string text : {"a much longer text", "short", "other"}) {
+  const std::string other(352, 'o');  // so long that the tool's first look cuts the next record's front
+  for (const std::string& text : {std::string("a longer text"), std::string("short"), other}) {
     EXPECT_EQ(put("0011first", text), 0) << err;
     EXPECT_EQ(get("0011first"), text);
   }
   EXPECT_EQ(put("0011first", "behind it", "--type 1"), 0) << err;
-  for (const char* text : {"longer", "few"}) {
+  for (const std::string& text : {other + other, std::string("few")}) {
     EXPECT_EQ(put("0011first", text), 2) << text;
-    EXPECT_NE(err.find("section 0 has 5 bytes"), std::string::npos) << err;
+    EXPECT_NE(err.find("section 0 has 352 bytes"), std::string::npos) << err;
   }
-  EXPECT_EQ(put("0011first", "again"), 0) << err;
-  EXPECT_EQ(get("0011first") + get("0011first", "--type 1"), "againbehind it");
+  EXPECT_EQ(put("0011first", other), 0) << err;
+  EXPECT_EQ(get("0011first") + get("0011first", "--type 1"), other + "behind it");
+  writeFile(dir / "z" + pathOf("0011first").substr((dir / "a").size()), "of a volume that is none");
+  EXPECT_NE(parsed("exists " + on("z") + segment("0011first"))["volume"], 0);
 
   writeFile(dir / "target", ""), fs::create_symlink("target", dir / "copy");
+  fs::permissions(dir / "target", fs::perms(0622));  // more than the mask gives to a new file
   ASSERT_EQ(run("get " + segment("0022second --type 3 ") + (dir / "copy") + " --json"), 0) << err;
   EXPECT_EQ(json::parse(out)["bytes"], 3);
   EXPECT_EQ(readFile(dir / "target"), "two");
+  EXPECT_EQ(fs::status(dir / "target").permissions(), fs::perms(0622));
   // Nor is a file written over, or in the way, that has the name a temporary one would have.
   const std::string inPlace =
       ">.$$.0.part; exec " DISKCACHECTL_PATH " get " + segment("0022second --type 3 ");
@@ -165,8 +170,10 @@ TEST_F(EngineToolTest, StatusInEachFormat) {
   EXPECT_EQ(status["status"]["DC.TotalCache"],
             status["volumes"][0]["total"].get<uint64_t>() + status["volumes"][1]["total"].get<uint64_t>());
   expectFields(status["volumes"][1], {{"directory", dir / "b"}, {"index", 2}});
-  ASSERT_EQ(run("status --format prometheus " + cache), 0) << err;
-  EXPECT_NE(out.find("\ndiskcache_volume_free_bytes{index=\"2\",directory=\"" + (dir / "b\"} ")),
+  std::ofstream(dir / "root/volume_info", std::ios::app) << (dir / "\"q,7\n");
+  fs::create_directory(dir / "\"q");
+  ASSERT_EQ(run("status --format prometheus " + root), 0) << err;
+  EXPECT_NE(out.find("\ndiskcache_volume_free_bytes{index=\"7\",directory=\"" + (dir / "\\\"q\"} ")),
             std::string::npos)
       << out;
   EXPECT_EQ(faultOf(out), "");

@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <map>
+#include <sstream>
 
 #include "tests/support/scriptedServer.h"
 #include "tests/support/toolFixture.h"
@@ -150,7 +151,8 @@ TEST_F(LookingToolTest, ListsAndAddsUpWhatIsThere) {
   EXPECT_EQ(used[1]["directories"][0]["segments"], 1) << "the leftover is no segment";
   EXPECT_EQ(used[1]["bytes"], (1 << 20) + 9 + 222);
   EXPECT_EQ(used[0]["inodes"], 6 + 2 + 1) << "directories, files and the volume itself";
-  const json bars = parsed("du --histogram --root " + (dir / "root"))["volumes"][0];
+  const json both = parsed("du --histogram --root " + (dir / "root"))["volumes"], bars = both[0];
+  EXPECT_EQ(both[1]["sizes"][2]["segments"], 1) << "of exactly the bound";
   EXPECT_EQ(bars["sizes"][0],
             (json{{"up_to", 4096}, {"segments", 1}, {"allocated", 512 * status.st_blocks}}));
   EXPECT_EQ(bars["ages"][0]["segments"], 1);
@@ -188,21 +190,23 @@ TEST_F(LookingToolTest, TopShowsTheRatesOfALiveServer) {
   const std::string before = page({"100", "0", "10", "0", "50", "5"});
   const std::string after = page({"150", "40", "20", "1e9", "350", "8"});
   // What comes of one request after the other; 503 in place of an empty page.
-  const std::string pages[] = {before, after, after, before, "", after, ""};
+  const std::string pages[] = {before, after, after, before, before, "", after, ""};
   std::atomic<size_t> next = 0;
   const ScriptedServer server([&](const auto& request, const auto& send) {
     const std::string& text = pages[std::min(next++, std::size(pages) - 1)];
     send(ScriptedServer::answer(request, "", text, text.empty() ? "503 Unavailable" : "200 OK"));
   });
   const std::string url = server.url() + "/metrics";
-  ASSERT_EQ(run("top --json --interval 0.05 --count 2 " + url), 0) << err;
-  const json first = json::parse(out.substr(0, out.find('\n')));
+  ASSERT_EQ(run("top --json --interval 0.05 --count 3 " + url), 0) << err;
+  json first, second, third;
+  std::istringstream(out) >> first >> second >> third;
   EXPECT_DOUBLE_EQ(first["hit_ratio"], 0.9);
   EXPECT_GT(first["disk_bytes_per_s"], 1e6);
   EXPECT_DOUBLE_EQ(first["evicted_age_s"], 100.0);
   EXPECT_EQ(first["delay_ratio"], nullptr) << "the page does not tell";
   EXPECT_EQ(first["room"], (json{{"/a }\"b", 4000.0}}));
-  EXPECT_EQ(json::parse(out.substr(out.find('\n')))["hit_ratio"], nullptr) << "nothing was asked for";
+  EXPECT_EQ(second["hit_ratio"], nullptr) << "nothing was asked for";
+  EXPECT_DOUBLE_EQ(third["hit_ratio"], 100.0 / 110) << "of a server that was started anew";
 
   ASSERT_EQ(run("top --interval 0.05 --count 2 " + url), 0) << err;
   EXPECT_NE(err.find("HTTP status 503"), std::string::npos) << err;

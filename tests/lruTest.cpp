@@ -118,16 +118,14 @@ TEST_F(LruTest, CallbacksMayFailOrComeBack) {
     for (const char* guid : {"a", "b", "c", "d", "e"}) EXPECT_EQ(add(guid), "success");
     EXPECT_EQ((log.clear(), add("f")), result);
     EXPECT_EQ(order(), after);
-    const bool isFull = result == "ENOSPC", isRemoved = after == "fed";
     EXPECT_TRUE(log.has(LogLevel::Segment, "addToLru: [f] num=5 max=5"));
-    EXPECT_EQ(log.has(LogLevel::Segment, "lru out of space"), isFull);
-    EXPECT_EQ(log.has(LogLevel::Segment, "successfully pruned: [a]"), !isFull && !isRemoved);
-    EXPECT_EQ(log.has(LogLevel::Error, "Error: pruning callback of [ctx] threw"), name == "throws");
+    EXPECT_EQ(log.has(LogLevel::Segment, "successfully pruned: [a]"), result == "success" && after != "fed");
     EXPECT_EQ(log.has(LogLevel::Error, "Error: Can't find [ctx]: No such file or directory (2)"), !callback);
+    log.clear(), (void)add("h");
+    EXPECT_EQ(log.has(LogLevel::Error, "Error: pruning callback of [ctx] threw"), name == "throws");
   }
 }
 
-// Whichever operation touches the list does so before it looks at a file.
 TEST_F(LruTest, OperationsTouchTheListFirstOrNotAtAll) {
   std::string asked;
   startWith([&](auto& name, auto& path, auto&) { return asked = name + ' ' + path, false; });
@@ -308,10 +306,6 @@ TEST_F(RecencyTableTest, ChosenIdentifiersAreFoundAsFastAsOthers) {
 
 TEST_F(RecencyTableTest, FailedMemoryChangesNothing) {
   FaultPlan plan;
-  plan.fail("mmap", 1, ENOMEM);
-  EXPECT_THROW(table.reserve("first", "dir"), std::bad_alloc);
-  table.dropReserve();
-  EXPECT_EQ(table.dirs(), 0U);
   size_t failures = 0;
   for (size_t i = 0; i < 140'000; ++i) {  // over several blocks, and tables of slots
     const std::string guid = std::to_string(i);

@@ -223,7 +223,11 @@ TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
   for (const std::string& to : {dir / "root/../vol1/.", dir / "link/new", dir.path(), target}) {
     SCOPED_TRACE(to);
     startWithFour();
-    if (to == target) spoil(), writeFile(target + "/noprune-ctx/f", "of the target");  // of the same length
+    if (to == target) {
+      spoil(), writeFile(source + "/noprune-ctx/g", "");
+      for (const char* name : {"/noprune-ctx/f", "/noprune-ctx/g"}) writeFile(target + name, "of the target");
+      fs::last_write_time(target + "/noprune-ctx/g", fs::last_write_time(source + "/noprune-ctx/g"));
+    }  // one has the length of the source's, the other its time
     const Texts tree = treeOf(source);
     EXPECT_EQ(cache->migrate(1, source, to), 0);
     EXPECT_EQ(ends(), ended("EINVAL", to));
@@ -235,7 +239,8 @@ TEST_F(MigratorTest, AFailureLeavesTheVolumeWhereItWas) {
   log.clear();
   EXPECT_EQ(cache->migrate(1, source, target), 0);
   EXPECT_EQ(ends(), ended("success", target)) << "of the failure before nothing is left";
-  EXPECT_EQ(readFile(target + "/noprune-ctx/f"), "of the target") << "neither removed nor replaced";
+  for (const char* name : {"/noprune-ctx/f", "/noprune-ctx/g"})
+    EXPECT_EQ(readFile(target + name), "of the target") << "neither removed nor replaced";
 }
 
 TEST_F(MigratorTest, EachFailingCallOfACopyOfOneSegment) {

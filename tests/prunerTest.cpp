@@ -60,13 +60,13 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
     fill();
     Access::setSpace(*cache, c.used, 100);
     EXPECT_EQ(pruner().deletePrunableSegments(), c.result);
-    EXPECT_EQ(log.has(LogLevel::Error, "Error: pruning callback of [ctx] threw"), c.action == Throw);
     EXPECT_EQ(static_cast<long>(space().stats().numPruned.value()), c.pruned);
     const Texts tree = treeOf(volumes[0]);
     const auto files = std::count_if(tree.begin(), tree.end(), [](auto& name) { return name.back() != '/'; });
     EXPECT_EQ(files, 2 + c.left);  // two it never visits
     EXPECT_EQ(fs::exists(volumes[0] + "/ctx"), c.left > 0);
-    EXPECT_EQ(log.takeTexts(LogLevel::Error).size(), c.action == Throw ? 6U : 0U);
+    const Texts errors(c.action == Throw ? 6 : 0, "Error: pruning callback of [ctx] threw");
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), errors);
     EXPECT_EQ(pruner().deletePrunableSegsInVol(1), c.result);
     log.clear();
   }
@@ -76,18 +76,14 @@ TEST_F(PrunerTest, AWalkHandsFilesOverUntilTheLowWatermark) {
 TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsItsBranchOnly) {
   options.lowWM = 0;
   options.prunerCallback = [](auto&, const std::string& path, auto&) { return fs::remove(path); };
+  options.persistent = PersistentVolumes::Yes;
+  writeFile(dir / "root/volume_info", ",9\n");  // a record without a directory
   start();
-  writeFile(dir / "root/volume_info", ",9\n");
-  ASSERT_EQ(Access::loadVolumeInfo(*cache), 0);   // a record without a directory
   DiskCacheContext other = makeContext("other");  // without a callback
-  for (const char* name : {"./ctx//keep/", "ctx/keeper", "ctx/keep"}) {
-    other.nonprunableDir = name;
-    (void)cache->registerContext(other);
-  }
-  for (const char* name : {"ctx/keeper", "ctx/keep"}) {
-    other.nonprunableDir = name;
-    (void)cache->unregisterContext(other);
-  }
+  for (const char* name : {"./ctx//keep/", "ctx/keeper", "ctx/keep"})
+    other.nonprunableDir = name, (void)cache->registerContext(other);
+  for (const char* name : {"ctx/keeper", "ctx/keep"})
+    other.nonprunableDir = name, (void)cache->unregisterContext(other);
   for (const char* guid : {"oldest", "newest"}) put(guid, "text");
   fs::remove(pathOf("newest"));  // so that only the oldest is met
   fill();
@@ -130,7 +126,6 @@ TEST_F(PrunerTest, AWalkPassesOverWhatIsInUseOrNonPrunableAndAnUnseenEntryEndsIt
   (void)cache->unregisterContext(other);
   walk();
   EXPECT_EQ(treeOf(top), (Texts{"ol/", "ol/de/", "ol/de/oldest"}));
-  EXPECT_TRUE(log.has(LogLevel::Segment, "removed directory [" + top + "/keep]"));
   fs::remove_all(top);
   for (const char* name : {"/x/1", "/y/1"}) writeFile(top + name, "x");
   FaultPlan plan;
@@ -168,11 +163,8 @@ TEST_F(PrunerTest, AWalkTakesVolumesAndDirectoriesInTheOrderOfRand) {
     std::erase_if(seen, [](auto& line) { return !line.starts_with("pruning in "); });
     EXPECT_EQ(seen, expected);
   }
-  EXPECT_EQ(pruner().deletePrunableSegsInVol(5), PrunerError::BranchFailed);
-  EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: can't find volume 5"});
 }
 
-// Begins above the high watermark, goes on to the low one, and decides by what it has measured itself.
 TEST_F(PrunerTest, EachWakeUpMeasuresAndThenDecides) {
   const std::string always = "1", never = "18446744073709551615";
   const std::string noMore = "no more pruning candidates", isDone = "pruning success";

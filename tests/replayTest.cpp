@@ -171,8 +171,7 @@ TEST_F(ReplayTest, FindsWrongBytes) {
       } else {
         EXPECT_EQ(replayed(again)["misses"], what == "cut" ? 1 : 0) << at << ' ' << length;
       }
-      EXPECT_EQ(replay(trace), what == "wrong")
-          << at << ' ' << length;  // what is no whole block was made anew
+      EXPECT_EQ(replay(trace), what == "wrong") << at << ": what is no whole block was made anew";
     }
   }
 }

@@ -54,14 +54,14 @@ TEST_F(SpaceTest, WritersWaitTheLongerTheLessIsFree) {
   const std::pair<uint64_t, Texts> cases[] = {{500, {}},
                                               {1000, {over + '0'}},
                                               {1001, {over + "18446744073709551615", delay + '0'}},
-                                              {997, {over + '3', delay + "666"}},
+                                              {994, {over + '6', delay + "333"}},
                                               {999, {over + '1', delay + "1000"}}};
   for (const auto& [used, lines] : cases) {
     log.clear(), Access::setSpace(*cache, used, 1000);
     space().delayWriteToSegment();
     EXPECT_EQ(log.takeTexts(LogLevel::Segment), lines);
   }
-  EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{666ms, 1000ms}));
+  EXPECT_EQ(plan.sleeps(), (std::vector<std::chrono::nanoseconds>{333ms, 1000ms}));
   // Over the high watermark these changes are delayed before anything is touched, and new bytes wake the pruner.
   ctx.useNonPrunableDir = true;
   for (const bool isOver : {false, true}) {

@@ -131,10 +131,7 @@ FaultPlan& FaultPlan::failAlways(std::string_view call, int errNo) { return fail
 FaultPlan& FaultPlan::shortTransfer(std::string_view call, size_t nth, size_t bytes) {
   return add(*this, call, nth, {0, bytes});
 }
-FaultPlan& FaultPlan::forGood() {
-  recorded()->faults.back().stays = true;
-  return *this;
-}
+void FaultPlan::forGood() { recorded()->faults.back().stays = true; }
 FaultPlan& FaultPlan::killAt(size_t nth) { return add(*this, ANY, nth, {0, NO_LIMIT, true}); }
 FaultPlan& FaultPlan::hold(std::string_view call, size_t nth) {
   recorded()->hold = Record::NotHeld;
@@ -148,10 +145,7 @@ void FaultPlan::release() {
   recorded()->hold = Record::Released;
   g_holdChanged.notify_all();
 }
-FaultPlan& FaultPlan::skipSleeps() {
-  recorded()->skipSleeps = true;
-  return *this;
-}
+void FaultPlan::skipSleeps() { recorded()->skipSleeps = true; }
 void FaultPlan::clearFaults() { recorded()->faults.clear(); }
 
 std::vector<std::string> FaultPlan::trace() const { return recorded()->trace; }

@@ -25,7 +25,7 @@ class FaultPlan {
   // The nth call from now on moves at most `bytes` bytes, reports that and leaves errno alone.
   FaultPlan& shortTransfer(std::string_view call, size_t nth, size_t bytes);
   // The fault planned last stays from its call on.
-  FaultPlan& forGood();
+  void forGood();
   // The nth call from now on, whichever it is, is not made: the process dies of SIGKILL in its place.
   FaultPlan& killAt(size_t nth);
   // The nth call from now on, one at most at a time, is made only after release() or the plan's end.
@@ -33,7 +33,7 @@ class FaultPlan {
   bool held() const;  // false when that call did not come in time
   void release();
   // nanosleep (and with it std::this_thread::sleep_for) returns at once; what it was asked for is kept.
-  FaultPlan& skipSleeps();
+  void skipSleeps();
 
   // What was called since the plan began, in order; taking begins the record anew and keeps the faults.
   std::vector<std::string> trace() const;

@@ -42,22 +42,10 @@ std::vector<VolIndex> Access::rotation(DiskCache& cache) {
   for (const Volume* volume : set.m_freeSpaceList) indexes.push_back(volume->index);
   return indexes;
 }
-bool Access::changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change) {
+void Access::changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change) {
   DiskCacheVolumes& set = volumes(cache);
   const KxCriticalSectionLock lock(&set.m_volumeLock);
-  const auto found = set.m_volumes.find(index);
-  if (found == set.m_volumes.end()) return false;
-  change(found->second);
-  return true;
-}
-
-int Access::loadVolumeInfo(DiskCache& cache) DC_NO_THREAD_SAFETY_ANALYSIS {
-  const KxCriticalSectionLock lock(&volumes(cache).m_volumeLock);
-  return volumes(cache).loadVolumeInfo();
-}
-int Access::saveVolumeInfo(DiskCache& cache) DC_NO_THREAD_SAFETY_ANALYSIS {
-  const KxCriticalSectionLock lock(&volumes(cache).m_volumeLock);
-  return volumes(cache).saveVolumeInfo();
+  change(set.m_volumes.at(index));
 }
 
 }  // namespace ObjectStore

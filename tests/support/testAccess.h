@@ -34,12 +34,8 @@ struct DiskCacheTestAccess {
 
   static DiskCacheVolumes& volumes(DiskCache& cache);
   static std::vector<VolIndex> rotation(DiskCache& cache);
-  // Calls change(Volume&) on a volume's record under the lock; false when there is no such volume.
-  static bool changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change);
-
-  // Under the lock that their callers hold.
-  static int loadVolumeInfo(DiskCache& cache);
-  static int saveVolumeInfo(DiskCache& cache);
+  // Calls change(Volume&) on a volume's record under the lock.
+  static void changeVolume(DiskCache& cache, VolIndex index, const std::function<void(Volume&)>& change);
 };
 
 }  // namespace ObjectStore
