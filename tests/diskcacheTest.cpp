@@ -47,23 +47,13 @@ TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
       EXPECT_EQ(outcome(cache->unregisterContext(*c)), "success");
       EXPECT_TRUE(!c->registered && c->volume == 9);
     }
+    first.registered = true;
     EXPECT_EQ(outcome(cache->unregisterContext(first)), "ENOENT");
+    EXPECT_TRUE(first.registered);
     EXPECT_EQ(cache->findPrunerCallback("d", found).AsString(),
               "Can't find [d]: No such file or directory (2)");
-    Texts expected{"1 registering context: [d]",
-                   "1 ctxt [d] refCount [1]",
-                   "1 assigning volume 1",
-                   "1 registering context: [d]",
-                   "3 Info: dir [d] already registered. refCount [2]",
-                   "1 assigning volume 1",
-                   "1 unregistering context: [d]",
-                   "1 ctxt [d] refCount [1]",
-                   "1 unregistering context: [d]",
-                   "1 ctxt [d] refCount [0]",
-                   "1 unregistering context: [d]",
-                   "-1 Error: dir [d] is not registered"};
-    if (count == 2) std::erase(expected, "1 assigning volume 1");
-    EXPECT_EQ(log.takeTexts(), expected);
+    EXPECT_TRUE(log.has(LogLevel::Setup, "ctxt [d] refCount [0]"));
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: dir [d] is not registered"});
   }
 }
 
@@ -100,7 +90,7 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
     FaultPlan plan;
     plan.fail(call, nth, number);
     const CZuError error = init();
-    EXPECT_EQ(outcome(error), call == "statvfs" || nth == 7 ? "success" : outcome(number));
+    EXPECT_EQ(outcome(error), call == "statvfs" || lines.empty() ? "success" : outcome(number));
     const std::string text = error.AsString();
     EXPECT_EQ(text.starts_with("Error: Can't scan segments"), call == "opendir");
     if (call == "opendir") lines.push_back(error.AsString(EErrorOutputFormat::Detailed) + ": " + text);
@@ -109,7 +99,8 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
   };
   expect("mkdir", 2, EROFS, 0, {"Error: Can't create [" + (dir / "root") + "] (30)"});
   expect("mkdir", 7, EROFS, 2, {});  // of "recycle"
-  expect("open", 2, EACCES, 0,       // the first is for the root's lock
+  expect("open", 1, ENOLCK, 2, {});  // of the root's lock, which then nobody else has
+  expect("open", 2, EACCES, 0,
          {"Can't open " + info + " (13)", "Can't initialize volumes (13)", "Error: Can't init volumes (13)"});
   expect("open", 4, EROFS, 2,
          {"Can't open " + info + " (30)", "Can't save volume info (30)", "Error: Can't init volumes (30)"});

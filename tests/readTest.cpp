@@ -127,7 +127,9 @@ TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
   }
   fs::remove(pathOf(SEGMENT));
   EXPECT_EQ(readAll(), "ENOENT; -1 Error: can't open file " + path + " (2)");
+  cache->forget(SEGMENT);
   EXPECT_EQ(readAll(std::vector<SectionV>(1)), "EINVAL; -1 Error: sections must be empty 0/0");
+  EXPECT_TRUE(cache->touch(SEGMENT)) << "it was entered before anything was looked at";
 }
 
 TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
