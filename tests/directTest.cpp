@@ -61,6 +61,7 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");
 
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: [" + pathOf("damaged") + "] is no whole segment (5)"));
   fs::create_symlink(pathOf("whole"), pathOf("whole link"));
   EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
   ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);

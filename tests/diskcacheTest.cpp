@@ -192,6 +192,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     const FaultPlan plan;
     EXPECT_EQ(tryAll(bad), Texts(15, "EINVAL")) << testing::PrintToString(bad);
     EXPECT_EQ(plan.trace(), Texts{});
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: invalid segment identifier [" + guid_t(bad.c_str()) + ']'));
   }
   for (const guid_t& good : {"abcdef"s, "a"s, "a..b"s, "%s%n"s}) put(good, "text");
   const std::string bytes = readFile(volumes[0] + "/ctx/ab/cd/abcdef");

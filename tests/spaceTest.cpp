@@ -96,10 +96,12 @@ TEST_F(SpaceTest, InModeRandomWhoFindsNoRoomWakesThePrunerUnlessThatIsSimulated)
     plan.failAlways(call, ENOSPC);
     EXPECT_EQ(outcome(change()), "ENOSPC");
     EXPECT_TRUE(space().waitForWakeup(0)) << call;
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't create file [" + pathOf("new") + "] (28)"));
     EXPECT_EQ(space().stats().errOutOfSpace.value() - refused, call == "pwrite" ? 1U : 0U);
   }
   cache->setOutOfSpace(true);
   EXPECT_EQ(outcome(create("new", in)), "ENOSPC");
+  EXPECT_TRUE(log.has(LogLevel::Segment, "simulating out of space"));
   EXPECT_FALSE(space().waitForWakeup(0));
 }
 

@@ -56,6 +56,9 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
     if (*c.failing) plan.fail(c.failing, 1, EIO);
     EXPECT_EQ(outcome(cache->truncateSection(ctx, GUID, c.type, 9, c.size)), c.outcome);
     EXPECT_EQ(readFile(path), c.bytes);
+    EXPECT_EQ(log.has(LogLevel::Segment, "empty section"), c.size == 0);
+    EXPECT_EQ(log.has(LogLevel::Segment, "section 1.9 not found in" + named + ". Appending."),
+              c.type == 1 && c.size > 0);
     EXPECT_EQ(log.takeTexts(LogLevel::Error), c.failures);
     EXPECT_EQ(openDescriptors(), descriptors + (c.outcome == "EEXIST")) << "only that one is left open";
     EXPECT_EQ(Access::openSegments(*cache), 0U);
