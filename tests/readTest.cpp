@@ -139,10 +139,8 @@ TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
     return std::string(good).replace(158, 1, 1, type).replace(166, 1, 1, '\0');
   };
   const std::string wrong = "EINVAL; -1 Error: wrong type found=1 expected=0";
-  const std::string header =
-      "EIO; -1 Error: can't read segment header, size=100 (0); -1 Error: invalid "
-      "segment header for " +
-      path;
+  const std::string header = "EIO; -1 Error: can't read segment header, size=100 (0); -1 Error: invalid " +
+                             ("segment header for " + path);
   // the file; what readSections, readCompleteSection and getSectionSize tell of type 0
   const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
       {good.substr(0, 100), header + " 8/0........", header, header + " 99"},
