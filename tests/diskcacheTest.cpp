@@ -196,6 +196,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     const Texts before = treeOf(".");
     ctx.volume = 77;
     EXPECT_EQ(tryAll("uvwxyz"), unknown);
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't open file [ctx/uv/wx/uvwxyz] (2)"));
     ASSERT_EQ(treeOf("."), before);
     EXPECT_EQ(readFile(file), bytes);
     (void)remove("uvwxyz");  // what the creation made

@@ -28,6 +28,7 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
     return whole.substr(0, 157) + std::string(reinterpret_cast<const char*>(&front), sizeof(front)) + payload;
   };
   const std::string named = " [" + path + ']', all = "second one", cut = bytes(4, "seco");
+  const std::string noHeader = "Error: invalid segment header for" + named;
   const std::string overHeader = std::string("\1\0\0\0\x9\0\0\0\4\0\0\0\0\0\0\0", 16) + whole.substr(16, 4);
   const struct {
     int32_t type;
@@ -44,6 +45,7 @@ TEST_F(TrimTest, TruncationSetsTheLengthOfTheLastSection) {
       {6, 4, "", "EINVAL", whole, {"Error: invalid section type (6)", "Error: can't find section" + named}},
       {2, ~0UL, "", "EINVAL", whole, {"Error: can't truncate" + named + " (22)"}},
       {2, 4, "open", "EIO", whole, {"Error: can't open file" + named + " (5)"}},
+      {2, 4, "read", "EIO", whole, {"Error: can't read segment header, size=-1 (5)", noHeader}},
       {2, 4, "pwrite", "EIO", whole, {"Error: can't write to" + named + " (5)"}},
       {2, 4, "ftruncate", "EIO", whole, {"Error: can't truncate" + named + " (5)"}},
       {2, 4, "close", "success", cut},
