@@ -64,6 +64,7 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_TRUE(log.has(LogLevel::Error, "Error: [" + pathOf("damaged") + "] is no whole segment (5)"));
   fs::create_symlink(pathOf("whole"), pathOf("whole link"));
   EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't open file [" + pathOf("whole link") + "] (40)"));
   ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);
   EXPECT_EQ(readPlace("whole pipe", 0), "[EINVAL]");
   fs::create_directories(pathOf("whole dir"));

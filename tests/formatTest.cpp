@@ -35,6 +35,7 @@ TEST_F(FormatTest, OnlyModeRandomWaitsOneSecondForRoom) {
       HoldAtLine hold(log, "Out of space, trying to free more");
       auto appended = std::async(std::launch::async, [&] { return append(1); });
       EXPECT_TRUE(hold.reached() && log.waitFor(goesToSleep)) << "again: it was woken";
+      EXPECT_TRUE(log.has(LogLevel::Notice, "Out of space, trying to free more"));
       setFree(3);
       hold.release();
       EXPECT_EQ(appended.get(), fitting);
