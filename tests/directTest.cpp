@@ -35,11 +35,10 @@ class DirectTest : public EngineTest {
 
 TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   start();
-  const std::string first(3000, 'x'), second = "trailer";
-  ASSERT_EQ(outcome(create("whole", {section(0, first), section(1, second)})), "success");
+  const std::string first(3000, 'x');
+  ASSERT_EQ(outcome(create("whole", {section(0, first), section(1, "trailer")})), "success");
   const size_t descriptors = openDescriptors();
   EXPECT_EQ(readPlace("whole", 0), first);
-  EXPECT_EQ(readPlace("whole", 1), second);
   EXPECT_EQ(readPlace("whole", 2), "");
   EXPECT_EQ(readPlace("whole", 6), "[EINVAL]");
   EXPECT_EQ(readPlace("../x", 0), "[EINVAL]");
@@ -62,8 +61,10 @@ TEST_F(DirectTest, OpenSectionFindsPayloadsAndRefusesWhatIsDamaged) {
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE + offsetof(SectionDesc, len) + 7, '\xff')), "[EINVAL]");
   EXPECT_EQ(damaged(patched(SEGMENT_HEADER_SIZE, 3)), "[EINVAL]");
 
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: [" + pathOf("damaged") + "] is no whole segment (5)"));
   fs::create_symlink(pathOf("whole"), pathOf("whole link"));
   EXPECT_EQ(readPlace("whole link", 0), "[ELOOP]");
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't open file [" + pathOf("whole link") + "] (40)"));
   ASSERT_EQ(mkfifo(pathOf("whole pipe").c_str(), 0600), 0);
   EXPECT_EQ(readPlace("whole pipe", 0), "[EINVAL]");
   fs::create_directories(pathOf("whole dir"));
@@ -85,12 +86,12 @@ TEST_F(DirectTest, OpenSectionReadsTheFrontsOfPayloadsOnTheWay) {
   ASSERT_EQ(outcome(create(guids[2], {section(0, payload), section(2, "between"), section(1, trailer)})),
             "success");
   const size_t rooms[] = {0, 1, 15, 16, 17, 999, 1000, 1001, 1016, 1017, 1315, 1316, 1317, 4000};
+  std::vector<SectionPlace> places{{0}, {1}};  // what an earlier use left in them does not count
   for (const guid_t& guid : guids) {
     for (const size_t first : rooms) {
       for (const size_t second : rooms) {
         SCOPED_TRACE(testing::Message() << guid << ' ' << first << ' ' << second);
         std::string buffers[] = {std::string(first, 'f'), std::string(second, 'l')};
-        std::vector<SectionPlace> places{{0}, {1}};
         for (size_t i = 0; i < 2; ++i) {
           places[i].data = reinterpret_cast<unsigned char*>(buffers[i].data());
           places[i].bufferSize = buffers[i].size();

@@ -1,5 +1,4 @@
 // The engine's life, its contexts and paths, and what it refuses to take as a segment or a volume.
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,23 +46,13 @@ TEST_F(DiskCacheTest, ContextsAreCountedAndTheFirstCallbackStays) {
       EXPECT_EQ(outcome(cache->unregisterContext(*c)), "success");
       EXPECT_TRUE(!c->registered && c->volume == 9);
     }
+    first.registered = true;
     EXPECT_EQ(outcome(cache->unregisterContext(first)), "ENOENT");
+    EXPECT_TRUE(first.registered);
     EXPECT_EQ(cache->findPrunerCallback("d", found).AsString(),
               "Can't find [d]: No such file or directory (2)");
-    Texts expected{"1 registering context: [d]",
-                   "1 ctxt [d] refCount [1]",
-                   "1 assigning volume 1",
-                   "1 registering context: [d]",
-                   "3 Info: dir [d] already registered. refCount [2]",
-                   "1 assigning volume 1",
-                   "1 unregistering context: [d]",
-                   "1 ctxt [d] refCount [1]",
-                   "1 unregistering context: [d]",
-                   "1 ctxt [d] refCount [0]",
-                   "1 unregistering context: [d]",
-                   "-1 Error: dir [d] is not registered"};
-    if (count == 2) std::erase(expected, "1 assigning volume 1");
-    EXPECT_EQ(log.takeTexts(), expected);
+    EXPECT_TRUE(log.has(LogLevel::Setup, "ctxt [d] refCount [0]"));
+    EXPECT_EQ(log.takeTexts(LogLevel::Error), Texts{"Error: dir [d] is not registered"});
   }
 }
 
@@ -100,7 +89,7 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
     FaultPlan plan;
     plan.fail(call, nth, number);
     const CZuError error = init();
-    EXPECT_EQ(outcome(error), call == "statvfs" || nth == 7 ? "success" : outcome(number));
+    EXPECT_EQ(outcome(error), call == "statvfs" || lines.empty() ? "success" : outcome(number));
     const std::string text = error.AsString();
     EXPECT_EQ(text.starts_with("Error: Can't scan segments"), call == "opendir");
     if (call == "opendir") lines.push_back(error.AsString(EErrorOutputFormat::Detailed) + ": " + text);
@@ -109,7 +98,8 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
   };
   expect("mkdir", 2, EROFS, 0, {"Error: Can't create [" + (dir / "root") + "] (30)"});
   expect("mkdir", 7, EROFS, 2, {});  // of "recycle"
-  expect("open", 2, EACCES, 0,       // the first is for the root's lock
+  expect("open", 1, ENOLCK, 2, {});  // of the root's lock, which then nobody else has
+  expect("open", 2, EACCES, 0,
          {"Can't open " + info + " (13)", "Can't initialize volumes (13)", "Error: Can't init volumes (13)"});
   expect("open", 4, EROFS, 2,
          {"Can't open " + info + " (30)", "Can't save volume info (30)", "Error: Can't init volumes (30)"});
@@ -124,13 +114,8 @@ TEST_F(DiskCacheTest, InitStopsAtTheStepThatFails) {
 // The volumes' directories stay, and one that is missing is made.
 TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
   ASSERT_EQ(outcome(init()), "success");
-  fs::permissions(volumes[1], fs::perms::owner_all | fs::perms::group_all);
-  const auto identity = [&] {
-    struct stat status {};
-    EXPECT_EQ(stat(volumes[1].c_str(), &status), 0);
-    return std::pair(status.st_ino, status.st_mode);
-  };
-  const auto before = identity();
+  const fs::perms unusual = fs::perms::owner_all | fs::perms::group_all;
+  fs::permissions(volumes[1], unusual);
   const std::tuple<const char*, uint64_t, std::vector<VolIndex>, std::string> cases[] = {
       {"opendir", 1, {1, 2}, "Error: can't remove tree [" + volumes[0] + "] (5)"},
       {"mkdir", ~0UL, {1}, "Error: Can't create [" + volumes[0] + "/recycle] (5)"}};
@@ -148,7 +133,7 @@ TEST_F(DiskCacheTest, ClearingStopsAtTheVolumeThatFails) {
     EXPECT_EQ(get("seg2"), "seg2");
     fs::remove_all(volumes[0]);
     EXPECT_EQ(outcome(cache->clearCache()), "success");
-    EXPECT_EQ(identity(), before);
+    EXPECT_EQ(fs::status(volumes[1]).permissions(), unusual) << "not made anew";
     EXPECT_GT(space().used(), 0U) << "measured: others fill the disk too";
     for (const std::string& volume : volumes) EXPECT_EQ(treeOf(volume), Texts{"recycle/"});
     EXPECT_EQ(Access::rotation(*cache), rotation) << "also one that was disabled, if it has room";
@@ -201,6 +186,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     const FaultPlan plan;
     EXPECT_EQ(tryAll(bad), Texts(15, "EINVAL")) << testing::PrintToString(bad);
     EXPECT_EQ(plan.trace(), Texts{});
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: invalid segment identifier [" + guid_t(bad.c_str()) + ']'));
   }
   for (const guid_t& good : {"abcdef"s, "a"s, "a..b"s, "%s%n"s}) put(good, "text");
   const std::string bytes = readFile(volumes[0] + "/ctx/ab/cd/abcdef");
@@ -210,6 +196,7 @@ TEST_F(DiskCacheTest, BadIdentifiersAndUnknownVolumesTouchNothing) {
     const Texts before = treeOf(".");
     ctx.volume = 77;
     EXPECT_EQ(tryAll("uvwxyz"), unknown);
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't open file [ctx/uv/wx/uvwxyz] (2)"));
     ASSERT_EQ(treeOf("."), before);
     EXPECT_EQ(readFile(file), bytes);
     (void)remove("uvwxyz");  // what the creation made

@@ -50,9 +50,6 @@ TEST_F(FullDiskTest, NothingAcknowledgedIsLostAndDeletingMakesRoomAgain) {
   put("once more", "text");
   ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
   EXPECT_EQ(get("once more"), "text") << "also from a disk that is read-only";
-  std::string text = "....";
-  std::vector<Section> one = {section(0, text)};
-  EXPECT_EQ(outcome(cache->readSections(ctx, "once more", one, true)) + ' ' + text, "success text");
 }
 
 }  // namespace

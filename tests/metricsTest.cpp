@@ -78,10 +78,14 @@ TEST_F(MetricsTest, EachOperationCountsWhereItBelongs) {
   };
   const auto replace = [&] { return cache->replaceSegment(ctx, "eeee", {section(0, "new")}); };
   for (const char* guid : {"aaaa", "bbbb", "cccc", "dddd", "eeee"}) put(guid, "text");
+  const auto readCut = [&] { return FaultPlan().fail("fread", 3, EINVAL), operationsOn("aaaa")[2].run(); };
+  const auto recycle = [&] { return FaultPlan().fail("rename", 1, EINVAL), remove("aaaa", Recycle::Yes); };
   std::vector<SectionPlace> places(1);
   int fd = -1;
   const std::tuple<std::string, std::string, Figures, std::function<CZuError()>> cases[] = {
       {"a hit", "success", {1}, [&] { return look("aaaa"); }},
+      {"a payload in part", "EINVAL", {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, readCut},
+      {"not recycled", "EINVAL", {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, recycle},
       {"missed, so bbbb goes", "success", {0, 1, 1, 0, 0, 0, 0, 0, 0, 1}, [&] { return look("none"); }},
       {"a miss asked for", "ENOENT", {}, [&] { return cache->openSection(fd, places, ctx, "gone"); }},
       {"there already", "EEXIST", {0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}, [&] { return make("aaaa"); }},

@@ -127,7 +127,9 @@ TEST_F(ReadTest, AllRecordsComeInFileOrderUpToOneThatIsCut) {
   }
   fs::remove(pathOf(SEGMENT));
   EXPECT_EQ(readAll(), "ENOENT; -1 Error: can't open file " + path + " (2)");
+  cache->forget(SEGMENT);
   EXPECT_EQ(readAll(std::vector<SectionV>(1)), "EINVAL; -1 Error: sections must be empty 0/0");
+  EXPECT_TRUE(cache->touch(SEGMENT)) << "it was entered before anything was looked at";
 }
 
 TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
@@ -137,10 +139,8 @@ TEST_F(ReadTest, RecordsThatAreCutOrEmptyAreToldByEachReaderInItsWay) {
     return std::string(good).replace(158, 1, 1, type).replace(166, 1, 1, '\0');
   };
   const std::string wrong = "EINVAL; -1 Error: wrong type found=1 expected=0";
-  const std::string header =
-      "EIO; -1 Error: can't read segment header, size=100 (0); -1 Error: invalid "
-      "segment header for " +
-      path;
+  const std::string header = "EIO; -1 Error: can't read segment header, size=100 (0); -1 Error: invalid " +
+                             ("segment header for " + path);
   // the file; what readSections, readCompleteSection and getSectionSize tell of type 0
   const std::tuple<std::string, std::string, std::string, std::string> cases[] = {
       {good.substr(0, 100), header + " 8/0........", header, header + " 99"},

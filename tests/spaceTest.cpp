@@ -17,11 +17,6 @@ class SpaceTest : public EngineTest {
  protected:
   void SetUp() override { start(); }
   void TearDown() override { ConfigStore::clear(); }
-  static std::string text(const Table& table) {
-    std::string out;
-    for (const auto& [key, value] : table) out += key + '=' + value + ' ';
-    return out;
-  }
   const std::string payload = "text";
   const std::vector<Section> in{section(0, payload)};
 };
@@ -96,10 +91,12 @@ TEST_F(SpaceTest, InModeRandomWhoFindsNoRoomWakesThePrunerUnlessThatIsSimulated)
     plan.failAlways(call, ENOSPC);
     EXPECT_EQ(outcome(change()), "ENOSPC");
     EXPECT_TRUE(space().waitForWakeup(0)) << call;
+    EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't create file [" + pathOf("new") + "] (28)"));
     EXPECT_EQ(space().stats().errOutOfSpace.value() - refused, call == "pwrite" ? 1U : 0U);
   }
   cache->setOutOfSpace(true);
   EXPECT_EQ(outcome(create("new", in)), "ENOSPC");
+  EXPECT_TRUE(log.has(LogLevel::Segment, "simulating out of space"));
   EXPECT_FALSE(space().waitForWakeup(0));
 }
 
@@ -109,13 +106,17 @@ TEST_F(SpaceTest, StatusAndCountersAreTold) {
   (void)cache->updateWatermarks(10, 90, -5);
   Table table{{"DC.HighWM", "replaced"}, {"mine", "kept"}};
   cache->getStatus(table);
-  const std::string list = to_hexstring(&Access::lru(*cache));
-  EXPECT_EQ(
-      text(table),
-      "DC.AlarmWM=18446744073709551611 DC.HighWM=10 DC.LRUEntriesCur=1 DC.LRUEntriesMax=1000 DC.LRUPtr=" +
-          list +
-          " DC.LowWM=90 DC.PruningMode=lru DC.SegmentsInCache=1 DC.TotalCache=18446744073709551615 "
-          "DC.UsedCache=123 mine=kept ");
+  EXPECT_EQ(table, (Table{{"DC.AlarmWM", "18446744073709551611"},
+                          {"DC.HighWM", "10"},
+                          {"DC.LowWM", "90"},
+                          {"DC.LRUEntriesCur", "1"},
+                          {"DC.LRUEntriesMax", "1000"},
+                          {"DC.LRUPtr", to_hexstring(&list())},
+                          {"DC.PruningMode", "lru"},
+                          {"DC.SegmentsInCache", "1"},
+                          {"DC.TotalCache", "18446744073709551615"},
+                          {"DC.UsedCache", "123"},
+                          {"mine", "kept"}}));
   FaultPlan plan;
   plan.skipSleeps();
   Access::setSpace(*cache, 900, 1000);
@@ -124,7 +125,7 @@ TEST_F(SpaceTest, StatusAndCountersAreTold) {
   EXPECT_EQ(outcome(create("refused", {})), "ENOSPC");
   table.clear();
   for (int i = 0; i < 2; ++i) cache->getCounters(table);
-  EXPECT_EQ(text(table), "DC.delayMs=20 DC.errOutOfSpace=1 DC.numPruned=0 ");
+  EXPECT_EQ(table, (Table{{"DC.delayMs", "20"}, {"DC.errOutOfSpace", "1"}, {"DC.numPruned", "0"}}));
 }
 
 }  // namespace

@@ -140,6 +140,10 @@ fsync | ENOSPC [0.] counted; -1 Error: can't fsync file [FILE] (28)
 )");
   EXPECT_EQ(run([&] { return fs::remove(pathOf(SEGMENT)), outcome(make()); }, 6, ENOENT), "success");
   EXPECT_EQ(calls[6], "mkdir") << "the empty directory may have been taken away";
+  fs::remove(pathOf(SEGMENT));
+  FaultPlan plan;
+  plan.fail("open", 1, ENOENT).fail("mkdir", 3, EROFS);
+  EXPECT_EQ(outcome(make()), "EROFS");
 }
 
 TEST_F(WriteTest, WriteSectionsAtEachFailingCall) {
@@ -241,7 +245,7 @@ TEST_F(WriteTest, RefusalsComeInOrder) {
       {6, 0, 0, 0, "EINVAL; -1 Error: zero length"},
       {6, 5, 4, 0, "EINVAL; -1 Error: len exceeds vector size"},
       {6, ONE_WRITE + 1, ONE_WRITE + 1, 0, "EFBIG; -1 Error: section too long (2147479553)"},
-      {6, 5, 5, 0, "EINVAL; -1 Error: invalid section type (6)"},
+      {6, ONE_WRITE, ONE_WRITE, 0, "EINVAL; -1 Error: invalid section type (6)"},
       {-1, 5, 5, 0, "EINVAL; -1 Error: invalid section type (-1)"},
       {5, 5, 5, 4, "ENOSPC; 4 Error: out of space"}};
   for (const auto& [type, len, bufferSize, free, expected] : refusals) {
@@ -275,10 +279,14 @@ TEST_F(WriteTest, AContextMayMoveOnWrite) {
 
 TEST_F(WriteTest, TheLogTellsWhatEachOperationDoes) {
   log.setLevel(LogLevel::Accounting);
-  (void)create(SEGMENT, {section(3, HELLO)});
-  const std::vector<SegmentOperation> operations = operationsOn(SEGMENT);
-  const std::vector<size_t> lines[] = {{0, 5},  {5, 2, 3, 4}, {6, 7, 8, 0}, {9, 13, 8, 14},
-                                       {9, 10}, {11, 12},     {9, 11, 8}};
+  (void)create(SEGMENT, {section(3, HELLO, 0, 3933)});  // ends six bytes before its first page does
+  std::vector<SegmentOperation> operations = operationsOn(SEGMENT);
+  std::vector<SectionPlace> none;
+  int fd = -1;
+  operations.push_back({"", false, [&] { return cache->openSection(fd, none, ctx, SEGMENT); }});
+  operations.push_back({"", false, [&] { return cache->doesSegmentExist(ctx, SEGMENT), CZuError(); }});
+  const std::vector<size_t> lines[] = {{0, 5},      {5, 2, 3, 4}, {6, 7, 8, 0},      {9, 13, 8, 14},
+                                       {9, 10, 16}, {11, 12},     {9, 11, 8, 15, 16}};
   ctx.moveOnWrite = true;  // nowhere to, at first
   std::string told;
   for (const std::vector<size_t>& line : lines) {
@@ -289,13 +297,13 @@ TEST_F(WriteTest, TheLogTellsWhatEachOperationDoes) {
     }
   }
   EXPECT_EQ(told, R"(
- | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 can't find section 0 (0/0) in [FILE] | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096]
- | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 5 modifySection len=4 off=0 secOff=157; 5 desc.len=4; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [4096] oldSize: [4096] | success; 5 cache: readall segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: read segment [abcd-1] vol=1 section 0; 5 TOUCH; 5 read 4 bytes | success; 5 getting section size for [abcd-1] vol=1 type=0 sub=0
+ | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 can't find section 0 (0/0) in [FILE] | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 9 Trace: m_totalCacheUsed (14096) ADD newSize: [8192] oldSize: [4096]
+ | success; 5 cache: writing segment [abcd-1] vol=1 secs=1 sync=0 moveOnWrite=1, force=0; 5 TOUCH; 5 OPEN; 5 writing to [FILE]; 5 modifySection len=4 off=0 secOff=4090; 5 desc.len=4; 9 Trace: m_totalCacheUsed (10000) ADD newSize: [8192] oldSize: [8192] | success; 5 cache: readall segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: read segment [abcd-1] vol=1 section 0; 5 TOUCH; 5 read 4 bytes | success; 5 getting section size for [abcd-1] vol=1 type=0 sub=0
  | success; 5 cache: writing segment abcd-1 vol=1 secs=1; 5 TOUCH; 5 OPEN | success; 5 cache: truncate segment [abcd-1] vol=1 size=1; 5 TOUCH; 5 OPEN | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH | success; 5 cache: reading segment [abcd-1] vol=1 secs=1; 5 TOUCH; 5 found section 0 off=136 len=1; 5 data size = 1
  | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 useNonPrunableDir is false for [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=0; 5 cache: deleting [FILE]; 9 Trace: m_totalCacheUsed (5904) subtract: s.st_blocks_x_512 [4096] | success; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2) | success; 5 cache: creating segment [abcd-1] secs=1 sync=0 nonPrune=0; 5 TOUCH; 5 OPEN; 5 cache: assigning segment to vol 1 [FILE]; 9 Trace: m_totalCacheUsed (14096) ADD allocatedSize: [4096]
- | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0 | success; 5 cache: marking dirty [abcd-1]; 5 TOUCH; 5 OPEN; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=1; 5 override file already exists [abcd-1]
+ | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0 | success; 5 cache: marking dirty [abcd-1]; 5 TOUCH; 5 OPEN; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=1; 5 override file already exists [abcd-1] | success; 5 [VOL/noprune-ctx/ab/cd/abcd-1] exists
  | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 removing [abcd-1] | success; 5 cache: deleting segment [abcd-1] vol=1 nonPrun=0 prun=0 recycle=1
- | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 src segment doesn't exist [abcd-1] | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 src segment doesn't exist [abcd-1] | ENOENT; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2); 5 can't open file [VOL/noprune-ctx/ab/cd/abcd-1] (2))");
+ | success; 5 copying [abcd-1] from [ctx] to [noprune-ctx] move=0; 5 src segment doesn't exist [abcd-1] | success; 5 moving [abcd-1] from [noprune-ctx] to [ctx]; 5 TOUCH; 5 OPEN; 5 src segment doesn't exist [abcd-1] | ENOENT; 5 cache: sync segment [abcd-1] vol=1; 5 TOUCH; 5 can't open file [FILE] (2); 5 can't open file [VOL/noprune-ctx/ab/cd/abcd-1] (2) | ENOENT; 5 cache: opening sections of [abcd-1] vol=1; 5 Error: can't open file [FILE] (2) | success; 5 [FILE] does not exist)");
 }
 
 // A segment is a file: nothing else is followed, waited for, replaced or taken for one.
@@ -381,6 +389,7 @@ TEST_F(WriteTest, AnUnclearAnswerIsNotAbsence) {
   EXPECT_EQ(unclear([&] { return outcome(cache->moveToPrunable(ctx, SEGMENT)); }), "EIO");
   EXPECT_EQ(unclear([&] { return outcome(cache->markDirty(ctx, SEGMENT, true)); }, 2), "EIO");
   EXPECT_EQ(get(SEGMENT), "new");
+  EXPECT_TRUE(log.has(LogLevel::Error, "Error: can't look at [" + nonPrunablePathOf(SEGMENT) + "] (5)"));
   EXPECT_TRUE(unclear([&] { return std::to_string(cache->doesSegmentExist(ctx, SEGMENT)); }) == "1");
 }
 
