@@ -302,6 +302,7 @@ int BlockStore::mendStaged(const BlockContent& content) {
   const uint64_t before = spaceAt(path);
   if (before == 0) return ENOENT;
   const std::vector<std::byte> trailer = trailerOf(content);
+  if (trailer.empty()) return EFBIG;
   ByteAccount::Grant grant(m_account);
   if (!m_room.make(grant, spaceFor(content.payload.size() + trailer.size()))) return ENOSPC;
   m_verified.erase(content.id);
@@ -327,6 +328,7 @@ void BlockStore::removeStagedCopy(const BlockId& id, VolIndex volume) {
   DC_LOG(LogLevel::Error, "Error: [%s] lies on another volume too, and may be uploaded twice", path.c_str());
 }
 
+// Empty when it would be too long.
 std::vector<std::byte> BlockStore::trailerOf(const BlockContent& content) const {
   BlockTrailer trailer;
   trailer.number = content.id.number;

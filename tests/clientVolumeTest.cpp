@@ -214,7 +214,8 @@ TEST_F(ClientVolumeTest, ModeRandomUnderPressureServesAll) {
   start();
   FaultPlan plan;
   plan.skipSleeps();  // of writers that make way for the pruner
-  for (size_t i = 0; cache->metrics().evictedBlocks < 50 && i < 20000; ++i)
+  const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;  // of the pruner's thread
+  for (size_t i = 0; cache->metrics().evictedBlocks < 50 && std::chrono::steady_clock::now() < end; ++i)
     ASSERT_EQ(readAll(std::to_string(i % 500), 2 * SMALL_BLOCK), "right");
   EXPECT_GE(cache->metrics().evictedBlocks, 50U);
   EXPECT_EQ(cache->metrics().damagedBlocks, 0U);
