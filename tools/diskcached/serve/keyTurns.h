@@ -55,9 +55,12 @@ class KeyTurns {
     {
       const ObjectStore::KxCriticalSectionLock lock(&m_lock);
       const auto [place, isFirst] = m_waiting.try_emplace(turn.m_key);
-      if (!isFirst) place->second.push_back(std::move(onTurn));
+      if (!isFirst) {
+        place->second.push_back(std::move(onTurn));
+        turn.m_isEntered = true;
+        return;
+      }
       turn.m_isEntered = true;  // before it may be over
-      if (!isFirst) return;
     }
     onTurn();
   }
