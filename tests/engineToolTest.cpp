@@ -1,5 +1,4 @@
-// The subcommands of diskcachectl that run an engine: put, get, rm, exists, status, migrate; and what all
-// share: help, man page and completion.
+// diskcachectl put, get, rm, exists, status and migrate, which run an engine; help, man page and completion.
 #ifdef DISKCACHECTL_PATH
 #include <fstream>
 #include <regex>
@@ -44,8 +43,7 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
   const std::string second = segment("0022second --type 3 ") + (dir / "in >") + (dir / "out 2>&1");
   EXPECT_EQ(std::system((failing + second).c_str()), 0);
   EXPECT_NE(std::system((failing + "--sync " + second).c_str()), 0);
-  EXPECT_EQ(get("0022second"), "[1]");
-  EXPECT_NE(err.find("there is no section 0"), std::string::npos) << err;
+  expectFailure("get " + segment("0022second"), 1, "there is no section 0");
 
   // Of the last section every length, of another one only its own.
   const std::string other(352, 'o');  // so long that the tool's first look cuts the next record's front
@@ -54,10 +52,8 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
     EXPECT_EQ(get("0011first"), text);
   }
   EXPECT_EQ(put("0011first", "behind it", "--type 1"), 0) << err;
-  for (const std::string& text : {other + other, std::string("few")}) {
-    EXPECT_EQ(put("0011first", text), 2) << text;
-    EXPECT_NE(err.find("section 0 has 352 bytes"), std::string::npos) << err;
-  }
+  for (const std::string& text : {other + other, std::string("few")})
+    EXPECT_EQ(put("0011first", text), 2) << err;
   EXPECT_EQ(put("0011first", other), 0) << err;
   EXPECT_EQ(get("0011first") + get("0011first", "--type 1"), other + "behind it");
   writeFile(dir / "z" + pathOf("0011first").substr((dir / "a").size()), "of a volume that is none");
@@ -65,8 +61,7 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
 
   writeFile(dir / "target", ""), fs::create_symlink("target", dir / "copy");
   fs::permissions(dir / "target", fs::perms(0622));  // more than the mask gives to a new file
-  ASSERT_EQ(run("get " + segment("0022second --type 3 ") + (dir / "copy") + " --json"), 0) << err;
-  EXPECT_EQ(json::parse(out)["bytes"], 3);
+  EXPECT_EQ(parsed("get " + segment("0022second --type 3 ") + (dir / "copy"))["bytes"], 3);
   EXPECT_EQ(readFile(dir / "target"), "two");
   EXPECT_EQ(fs::status(dir / "target").permissions(), fs::perms(0622));
   // Nor is a file written over, or in the way, that has the name a temporary one would have.
@@ -187,15 +182,17 @@ TEST_F(EngineToolTest, MigrateSaysWhatStaysBehindAndCanTakeItAlong) {
   expectFailure(migrate, 2, "would leave behind");
   EXPECT_FALSE(fs::exists(dir / "c"));
 
-  const std::vector<std::string> source = treeOf(dir / "a");
-  const json moved = parsed(migrate + "--complete");
-  EXPECT_EQ(moved["left_behind"], json::array());
-  EXPECT_EQ(moved["copied_before"].size(), 2U) << moved;  // one directory of six, and the file
-  EXPECT_EQ(treeOf(dir / "c"), source);
-  for (const std::string& name : source) {
-    if (name.back() == '/') continue;
-    EXPECT_EQ(readFile(dir / "c/" + name), readFile(dir / "a/" + name)) << name;
-  }
+  for (const char* leftover : {"top", "ctx/x", "recycle/x", "w/x", "x/x", "y/x", "z/x"})
+    writeFile(dir / "a/" + leftover + ".copying", "cut");
+  const json moved = parsed(migrate + "--complete"), last = moved["copied_before"].at(1);
+  EXPECT_EQ(moved, (json{{"index", 1},
+                         {"source", dir / "a"},
+                         {"destination", dir / "c"},
+                         {"left_behind", json::array()},
+                         {"copied_before", {"top", last}},  // and one of six
+                         {"files", last == "recycle" ? 5 : 4}}));
+  EXPECT_EQ(std::system(("diff -r -x '*.copying' " + (dir / "a ") + (dir / "c")).c_str()), 0);
+  EXPECT_EQ(std::system(("find " + (dir / "c") + " -name '*.copying' | grep -q .").c_str()), 256);
   EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n"));
   EXPECT_FALSE(fs::exists(dir / "root/migrate"));
 }
@@ -204,11 +201,9 @@ TEST_F(EngineToolTest, AMigrationThatIsInterruptedFailsAndOneThatIsKilledGoesOn)
   ASSERT_EQ(put("0011first", "one"), 0) << err;
   for (int i = 0; i < 6000; ++i)
     writeFile(dir / "a/x" + std::to_string(i % 6) + "/" + std::to_string(i), std::string(20000, 'x'));
-  const std::vector<std::string> source = treeOf(dir / "a");
   const std::string migrate = "migrate " + cache + "--index 1 --to " + (dir / "c");
   for (const int signal : {SIGINT, SIGKILL}) {
-    fs::remove_all(dir / "c");
-    fs::remove(dir / "said");
+    fs::remove_all(dir / "c"), fs::remove(dir / "said");
     Process migrating({"/bin/sh", "-c", "exec " DISKCACHECTL_PATH " " + migrate}, dir / "said");
     EXPECT_TRUE(eventually([&] { return fs::exists(dir / "c/x0") || fs::exists(dir / "c/x1"); }));
     const int status = migrating.end(signal);
@@ -222,9 +217,7 @@ TEST_F(EngineToolTest, AMigrationThatIsInterruptedFailsAndOneThatIsKilledGoesOn)
   }
   EXPECT_EQ(run(migrate), 0) << err;
   EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n"));
-  std::vector<std::string> moved = treeOf(dir / "c");
-  std::erase_if(moved, [](const std::string& name) { return name.ends_with(".copying"); });
-  EXPECT_EQ(moved, source);
+  EXPECT_EQ(std::system(("diff -r -x '*.copying' " + (dir / "a ") + (dir / "c")).c_str()), 0);
 }
 
 // What the first group of an expression matches, each once.

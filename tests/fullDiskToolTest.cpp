@@ -76,10 +76,16 @@ TEST_F(FullDiskToolTest, BytesAndInodesOfTheFileSystemAreLimits) {
   EXPECT_EQ(parsed("prune " + root + "--context data --to 30")["segments"], 2);
 
   std::error_code error;
+  writeFile(disk / "data/0011x.temp", "left over");
   for (int i = 0; fs::create_directory(disk / std::to_string(i), error); ++i) continue;
   expectFields(parsed("volumes " + root)["volumes"][0], {{"has_room", false}, {"limits", {"inodes"}}});
+  const json used = parsed("du " + root)["volumes"][0];
+  expectFields(used, {{"total", 8 << 20}, {"total_inodes", 40}, {"inodes", 40}, {"free_inodes", 0}});
+  EXPECT_EQ(used["room"].get<int>() + used["reserve"].get<int>() + used["used"].get<int>(), 8 << 20);
   ASSERT_EQ(run("du " + root), 0);
   EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
+  ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  expectFields(parsed("clean --remove " + root, 3), {{"removed", 0}, {"bytes", 0}});
 }
 
 TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
@@ -92,7 +98,7 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
                                                       {dir / "a/recycle/0022gone", "recycled"}};
   for (const auto& [path, why] : useless)
     writeFile(path, why == "cut short" ? bytes.substr(0, bytes.size() - 1) : bytes);
-  fs::create_directories(at + "88/deep");
+  fs::create_directories(at + "88/deep"), fs::create_symlink("nowhere", at + "11/link.temp");
   fs::create_directories(dir / "a/lost+found/empty/one");
   writeFile(dir / "a/notes", "nobody's but mine");
   segment("blocks", blockLike, 5);
@@ -116,6 +122,8 @@ TEST_F(FullDiskToolTest, CleanFindsWhatServesNobodyAndNothingElse) {
     EXPECT_TRUE(useless.contains(path) ? found["why"] == useless.at(path) : found["why"] == "empty") << found;
   }
   EXPECT_EQ(listed["found"].size(), useless.size() + 3) << "77, 88 and what is in it: " << listed;
+  const std::string header = std::string(bytes).insert(8, 8, '\0').substr(0, 136);  // of a section 1
+  writeFile(at + "11/0011cut", header + std::string(99, '\0'));                     // that is not written
   age(dir / "a/recycle/0022gone", 24 * 9);
   EXPECT_EQ(parsed("clean " + root)["found"].size(), useless.size() + 2) << "it was recycled just now";
   EXPECT_EQ(parsed("clean --recycled-for 0s --remove " + root)["removed"], useless.size() + 3);
@@ -140,7 +148,7 @@ TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
   fs::remove_all(dir / "a");
   fs::permissions(dir / "root/volume_info", fs::perms(0640));
-  EXPECT_EQ(run("forget " + root + (dir / "a")), 0) << err;
+  EXPECT_EQ(parsed("forget " + root + (dir / "a/")), (json{{"index", 1}, {"directory", dir / "a"}}));
   EXPECT_EQ(readFile(dir / "root/volume_info"), dir / "b,2\n");
   EXPECT_EQ(fs::status(dir / "root/volume_info").permissions(), fs::perms(0640));
 }
@@ -155,7 +163,7 @@ TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
 
   std::string last;
   std::set<std::string> keys;
-  const json blocks = parsed("ls --context blocks --volume " + (dir / "a"));
+  const json blocks = parsed("ls --context ./blocks --volume " + (dir / "a"));
   for (const json& line : blocks["segments"]) {
     keys.insert(line["key"].get<std::string>() + '#' + line["block"].dump() +
                 line["version"].get<std::string>());
@@ -232,14 +240,20 @@ TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
 TEST_F(FullDiskToolTest, ExplainTellsWhatIsInTheWay) {
   const std::string path = segment("keep", "0011one", 30);
   writeFile(dir / "a/recycle/0022two", "recycled");
-  writeFile(dir / "a/keep/00/22/0022two.temp", "left over");
-  const json kept = parsed("explain --nonprunable keep data 0011one " + root);
-  EXPECT_EQ(kept["copies"][0]["path"], path);
-  EXPECT_EQ(kept["copies"][0]["age"].get<int64_t>() / 3600, 30);
-  EXPECT_EQ(kept["copies"][0]["pinned_by"].size(), 1U);
+  for (const char* suffix : {"temp", "copying"}) writeFile(dir / "a/keep/00/22/0022two." + suffix, "");
+  const int open = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const json kept = parsed("explain --nonprunable keep data 0011one " + root)["copies"][0];
+  close(open);
+  EXPECT_EQ(kept["age"].get<int64_t>() / 3600, 30);
+  expectFields(kept, {{"path", path}, {"volume", 1}, {"bytes", 4248}, {"problems", json::array()}});
+  expectFields(kept, {{"pinned_by", {"\"keep\" is left alone by pruning", "a process has it open"}}});
   const json absent = parsed("explain keep 0022two " + root, 1)["absent_from"][0];
   EXPECT_EQ(absent["obstacles"], json::array());
-  EXPECT_EQ(absent["traces"].size(), 2U) << absent;
+  EXPECT_EQ(absent["traces"].size(), 3U) << absent;
+  writeFile(dir / "root/client.volumes", ""), writeFile(dir / "a/keep/00/33", "a file");
+  const json blocked = parsed("explain keep 0033three " + root, 1)["absent_from"][0]["obstacles"];
+  EXPECT_EQ(blocked, (json{"it has no marker: is the disk mounted?",
+                           dir / "a/keep/00/33 is in the way of its directory"}));
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <random>

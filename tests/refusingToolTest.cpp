@@ -1,5 +1,4 @@
-// Commands of diskcachectl that only look, or that refuse: whatever is asked of them, root and volumes stay as they
-// are.
+// Commands of diskcachectl that only look, or that refuse, leave root and volumes as they are.
 #ifdef DISKCACHECTL_PATH
 #include <fcntl.h>
 #include <sys/file.h>
@@ -11,7 +10,6 @@
 #include <map>
 #include <thread>
 
-#include "support/directory.h"
 #include "tests/support/toolFixture.h"
 
 namespace ObjectStore {
@@ -75,7 +73,7 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"put --root " + (dir / "new") + " --context ctx 0044new " + in, 2, "is new; give --volume"},
       {"migrate " + root + "--index 9 --to " + (dir / "c"), 2, "no volume 9"},
       {"migrate " + root + "--index 1 --to " + (dir / "a"), 2, "is the source, or lies in it"},
-      {"migrate " + root + "--index 1 --to " + (dir / "b"), 2, "is volume 2 already"},
+      {"migrate " + root + "--index 1 --to " + (dir / "b/."), 2, "is volume 2 already"},
       {"migrate " + root + "--index 1 --leave-behind --to " + (dir / "cut"), 2, "0033cut: lies at"},
       {"migrate " + root + "--index 2 --complete --to " + (dir / "c"), 2, "has no \"recycle\""},
       {"get " + cache + "a/b", 2, "a/b"},
@@ -97,6 +95,9 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"verify --threads 0 " + (dir / "a"), 2, "0 not in range"},
       {"forget " + root + (dir / "typo"), 2, "typo: no volume of the cache"},
       {"ls " + on("in"), 2, "Not a directory"},
+      {"ls " + on("none"), 2, "none: No such file"},
+      {"ls --context none " + on("a"), 2, "none: No such file"},
+      {"inspect " + (dir / "none ") + (dir / "cut/ctx/00/33/0033cut"), 2, "none: No such file"},
       {"volumes --root " + (dir / "typo"), 2, "volume_info: No such file"},
       {"volume", 2, "no subcommand \"volume\"; the nearest is \"volumes\""},
       {"get " + cache + "0011first", 0, "one"},
@@ -118,8 +119,6 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
 }
 
 TEST_F(RefusingToolTest, BesideAServerNothingIsChangedAndTheServerIsNamed) {
-  DirectoryLock server;
-  ASSERT_EQ(server.take(dir / "root"), 0);
   const std::string named = "process " + std::to_string(getpid()) + " (diskcache_tests)";
   const std::string inUse = named + " has the cache in use";
   const Command commands[] = {
@@ -136,7 +135,13 @@ TEST_F(RefusingToolTest, BesideAServerNothingIsChangedAndTheServerIsNamed) {
       {"volumes " + root, 0, named + " runs on it"},
       {"du " + root, 0, named + " runs on it"},
   };
-  for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
+  writeFile(dir / "root/client.lock", "");
+  for (const char* held : {"root", "root/client.lock"}) {
+    const int server = open((dir / held).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(server, LOCK_EX), 0);
+    for (const auto& [arguments, status, message] : commands) expectNoTrace(arguments, status, message);
+    close(server);
+  }
 }
 
 // Who waits for the root is let in when the work is done, not between the first look and the work.

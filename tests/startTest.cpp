@@ -1,5 +1,4 @@
 // How an engine begins: what init fills in, and the scan for segments that are on the volumes.
-#include <algorithm>
 #include <regex>
 #include <set>
 

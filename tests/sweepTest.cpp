@@ -5,7 +5,6 @@
 
 #include <array>
 #include <csignal>
-#include <cstdlib>
 #include <future>
 #include <thread>
 

@@ -40,12 +40,13 @@ struct Axis {
 class Chart {
  public:
   Chart(const std::vector<CurvePoint>& points, const Axis& axis, double left) : m_axis(axis), m_left(left) {
-    m_first = m_last = 1;
+    m_first = m_last = 0;
     for (const CurvePoint& point : points) {
       const auto value = static_cast<double>(point.*axis.value);
-      if (value > 0 && m_first == 1) m_first = value;
+      if (m_first == 0) m_first = value;  // the first that is drawn
       m_last = std::max(m_last, value);
     }
+    m_first = std::max(m_first, 1.0);
     m_last = std::max(m_last, m_first * 2);
   }
 
