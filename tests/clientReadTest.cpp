@@ -26,10 +26,9 @@ TEST_F(ClientReadTest, AnyRangeOfAnySizeComesFromDiskTheSecondTime) {
       EXPECT_EQ(readAll(key, size), "right") << size;
       EXPECT_EQ(read(key, size, 0, 0), "right");
       EXPECT_EQ(asked(), 1U);
-      for (uint64_t from = 0; from <= size; from += 30011) {
+      for (uint64_t from = 0; from <= size; from += 30011)
         for (const size_t count : {size_t{1}, size_t{4096}, size_t{65536}, size_t{200000}})
           EXPECT_EQ(read(key, size, from, count), "right") << size << ": " << from << ", " << count;
-      }
       EXPECT_EQ(asked(), 0U) << size;
       ASSERT_TRUE(result.metadata);
       EXPECT_EQ(result.metadata->at("etag"), "v");

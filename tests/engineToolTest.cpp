@@ -52,8 +52,7 @@ TEST_F(EngineToolTest, WhatIsPutIsReadBackUntilItIsRemoved) {
     EXPECT_EQ(get("0011first"), text);
   }
   EXPECT_EQ(put("0011first", "behind it", "--type 1"), 0) << err;
-  for (const std::string& text : {other + other, std::string("few")})
-    EXPECT_EQ(put("0011first", text), 2) << err;
+  for (const auto& text : {other + other, other.substr(7)}) EXPECT_EQ(put("0011first", text), 2) << err;
   EXPECT_EQ(put("0011first", other), 0) << err;
   EXPECT_EQ(get("0011first") + get("0011first", "--type 1"), other + "behind it");
   writeFile(dir / "z" + pathOf("0011first").substr((dir / "a").size()), "of a volume that is none");
@@ -185,15 +184,11 @@ TEST_F(EngineToolTest, MigrateSaysWhatStaysBehindAndCanTakeItAlong) {
   for (const char* leftover : {"top", "ctx/x", "recycle/x", "w/x", "x/x", "y/x", "z/x"})
     writeFile(dir / "a/" + leftover + ".copying", "cut");
   const json moved = parsed(migrate + "--complete"), last = moved["copied_before"].at(1);
-  EXPECT_EQ(moved, (json{{"index", 1},
-                         {"source", dir / "a"},
-                         {"destination", dir / "c"},
-                         {"left_behind", json::array()},
-                         {"copied_before", {"top", last}},  // and one of six
-                         {"files", last == "recycle" ? 5 : 4}}));
+  expectFields(moved, {{"index", 1}, {"source", dir / "a"}, {"destination", dir / "c"}});
+  expectFields(moved, {{"left_behind", json::array()}, {"files", last == "recycle" ? 5 : 4}});
+  EXPECT_EQ(moved["copied_before"], (json{"top", last}));
   EXPECT_EQ(std::system(("diff -r -x '*.copying' " + (dir / "a ") + (dir / "c")).c_str()), 0);
   EXPECT_EQ(std::system(("find " + (dir / "c") + " -name '*.copying' | grep -q .").c_str()), 256);
-  EXPECT_EQ(readFile(dir / "root/volume_info"), (dir / "c,1\n") + (dir / "b,2\n"));
   EXPECT_FALSE(fs::exists(dir / "root/migrate"));
 }
 

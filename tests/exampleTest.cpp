@@ -20,10 +20,9 @@ struct ExampleTest : ::testing::Test {
 };
 
 TEST_F(ExampleTest, TheFirstOneAsksTheOriginOnceForEachObject) {
-  for (const std::string times : {"100", "0"}) {
+  for (const std::string times : {"100", "0"})
     EXPECT_EQ(run(FIRST_OBJECT_PATH, "", "index=2\n"),
               "index=2\n" + times + " times asked, 0 times wrong\nhash size=100\n");
-  }
 }
 
 TEST_F(ExampleTest, ReadThroughAsksTheOriginOnceForEachFile) {

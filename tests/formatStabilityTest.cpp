@@ -65,9 +65,8 @@ TEST_F(EngineFormatTest, SegmentsOfEveryReleaseAreRead) {
     unpack(release / "engine", dir);
     start({.persistent = PersistentVolumes::Yes});
     ctx.volume = 1;
-    for (const auto& [guid, payloads] : SEGMENTS) {
+    for (const auto& [guid, payloads] : SEGMENTS)
       for (const auto& [type, payload] : payloads) EXPECT_EQ(get(guid, type), payload) << guid;
-    }
     cache.reset();
   }
 }

@@ -287,9 +287,8 @@ TEST_F(MigrationKillTest, EverySegmentIsAsItsLastOperationLeftIt) {
     expectModel("after a restart");
     forgetWhatWasUnderWay();
     cache.reset();
-    for (const std::string& side : sides) {
+    for (const std::string& side : sides)
       if (side != sides[sideInUse()]) fs::remove_all(side);
-    }
   }
   EXPECT_GE(resumed + resumptionsKilled, wanted / 3);
 }

@@ -96,7 +96,6 @@ TEST_F(RefusingToolTest, WhoLooksOrRefusesLeavesNoTrace) {
       {"forget " + root + (dir / "typo"), 2, "typo: no volume of the cache"},
       {"ls " + on("in"), 2, "Not a directory"},
       {"ls " + on("none"), 2, "none: No such file"},
-      {"ls --context none " + on("a"), 2, "none: No such file"},
       {"inspect " + (dir / "none ") + (dir / "cut/ctx/00/33/0033cut"), 2, "none: No such file"},
       {"volumes --root " + (dir / "typo"), 2, "volume_info: No such file"},
       {"volume", 2, "no subcommand \"volume\"; the nearest is \"volumes\""},

@@ -136,10 +136,8 @@ TEST_F(ReplayTest, ByIdAnObjectKeepsTheSizeOfItsFirstRequest) {
   EXPECT_EQ(hitsAndBytes("--by-id"), std::pair(3, 1024 + 7));
   fs::rename(dir / "trace", dir / "<a>&b");
   const std::string curve = "curve --by-id --trace '" + (dir / "<a>&b' --picture \"") + (dir / "it's");
-  const nlohmann::json small = {{"entries", 1}, {"bytes", 1024}, {"hit_ratio", 1 / 5.0}};
-  const nlohmann::json large = {{"entries", 2}, {"bytes", 1031}, {"hit_ratio", 3 / 5.0}};
-  EXPECT_EQ(parsed(curve + ".svg\""),
-            (nlohmann::json{{"requests", 5}, {"objects", 2}, {"points", {small, large}}}));
+  EXPECT_EQ(parsed(curve + ".svg\"")["points"].dump(),
+            R"([{"bytes":1024,"entries":1,"hit_ratio":0.2},{"bytes":1031,"entries":2,"hit_ratio":0.6}])");
   for (const char* part : {"/&lt;a&gt;&amp;b: 5 requests for 2 objects<", "'60.0,290.0 480.0,170.0 '",
                            ">1.0 KiB<", "'560.0,290.0 564.1,170.0 '"})
     EXPECT_NE(readFile(dir / "it's.svg").find(part), std::string::npos) << part;

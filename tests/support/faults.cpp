@@ -118,10 +118,9 @@ FaultPlan::~FaultPlan() {
     next.hold = Record::Released;
     return std::exchange(r.record, std::move(next));
   }();
-  for (const Fault& fault : done.faults) {
+  for (const Fault& fault : done.faults)
     if (fault.seen < std::max<size_t>(fault.nth, 1))
       ADD_FAILURE() << "a fault planned for " << fault.call << " never came to pass";
-  }
 }
 
 FaultPlan& FaultPlan::fail(std::string_view call, size_t nth, int errNo) {

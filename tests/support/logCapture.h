@@ -47,9 +47,8 @@ class LogCapture final : public CLogWriterInterface {
     va_end(args);
     std::unique_lock lock(m_mutex);
     m_lines.push_back({level, operation, text});
-    for (const char* step : STEPS) {
+    for (const char* step : STEPS)
       EXPECT_EQ(m_lines.back().operation.find(step), std::string::npos) << operation << ": " << text;
-    }
     const std::shared_ptr<Hold> hold = m_hold;
     const bool holds = hold && !hold->reached && text.find(hold->part) != std::string::npos;
     if (holds) hold->reached = true;
@@ -68,9 +67,8 @@ class LogCapture final : public CLogWriterInterface {
   // The lines of one level as "text", or all as "level text"; the record begins anew.
   std::vector<std::string> takeTexts(int level) {
     std::vector<std::string> texts;
-    for (const LogLine& line : take()) {
+    for (const LogLine& line : take())
       if (line.level == level) texts.push_back(line.text);
-    }
     return texts;
   }
   std::vector<std::string> takeTexts() {

@@ -34,9 +34,8 @@ class Process {
   Process(const std::vector<std::string>& command, const std::string& output,
           std::vector<std::string> environment = {}) {
     // What a sanitizer is told reaches the program too, and nothing else of this environment.
-    for (const std::string name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+    for (const std::string name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"})
       if (const char* const value = std::getenv(name.c_str())) environment.push_back(name + '=' + value);
-    }
     std::vector<char*> arguments, variables;
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     for (const std::string& variable : environment) variables.push_back(const_cast<char*>(variable.c_str()));
