@@ -187,7 +187,8 @@ TEST_F(LookingToolTest, TopShowsTheRatesOfALiveServer) {
     const char* const names[] = {
         "hits_total{from=\"table\"}",      "hits_total{from=\"disk\"}", "misses_total",
         "read_bytes_total{from=\"disk\"}", "evicted_age_seconds_sum",   "evicted_age_seconds_count"};
-    std::string text = std::string("diskcache_client_engine_delay_seconds ") + values[2] + "\n# HELP x y\n";
+    std::string text = std::string("diskcache_client_engine_delay_seconds ") + values[2] +
+                       "\n# HELP x y\ndiskcache_evictions_total " + values[5] + '\n';
     for (size_t i = 0; i < values.size(); ++i)
       text += std::string("diskcache_client_") + names[i] + ' ' + values[i] + '\n';
     return text + "diskcache_volume_free_bytes{index=\"1\",directory=\"/a }\\\"b\"} 5000\n" +
@@ -212,6 +213,7 @@ TEST_F(LookingToolTest, TopShowsTheRatesOfALiveServer) {
   EXPECT_DOUBLE_EQ(first["evicted_age_s"], 100.0);
   EXPECT_EQ(first["origin_bytes_per_s"], nullptr) << "the page does not tell";
   EXPECT_NEAR(first["disk_bytes_per_s"].get<double>() / first["delay_ratio"].get<double>(), 1e8, 1e3);
+  EXPECT_NEAR(first["evicted_per_s"].get<double>() / first["delay_ratio"].get<double>(), 0.3, 1e-5);
   EXPECT_EQ(first["room"], (json{{"/a }\"b", 4000.0}, {"/c", 0.0}}));
   EXPECT_EQ(second["hit_ratio"], nullptr) << "nothing was asked for";
   EXPECT_DOUBLE_EQ(third["hit_ratio"], 100.0 / 110) << "of a server that was started anew";
