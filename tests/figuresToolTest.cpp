@@ -38,7 +38,8 @@ TEST(FiguresToolTest, PercentilesAreValuesThatWereMeasured) {
     report.tally.merge(other);
   }
   report.tally.missUs = {400}, report.tally.bytesRead = 1 << 20;
-  report.metrics = {.storedBytes = 2048, .evictedBlocks = 3, .refusedForRoom = 4, .refusedByDisk = 5};
+  report.metrics.storedBytes = 2048, report.metrics.evictedBlocks = 3;
+  report.metrics.refusedForRoom = 4, report.metrics.refusedByDisk = 5;
   report.elapsedS = 0.5, report.leftOut = "7 files";
   const nlohmann::json told = nlohmann::json::parse(asJson(report));
   EXPECT_EQ(told["latency_us"]["hit"],
