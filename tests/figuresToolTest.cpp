@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <regex>
 
 #include "tools/diskcachectl/common/identifier.h"
 #include "tools/diskcachectl/common/units.h"
@@ -36,8 +37,22 @@ TEST(FiguresToolTest, PercentilesAreValuesThatWereMeasured) {
     other.firstFailure = failure;
     report.tally.merge(other);
   }
-  EXPECT_EQ(nlohmann::json::parse(asJson(report))["latency_us"]["hit"],
+  report.tally.missUs = {400}, report.tally.bytesRead = 1 << 20;
+  report.metrics.storedBytes = 2048, report.metrics.evictedBlocks = 3;
+  report.metrics.refusedForRoom = 4, report.metrics.refusedByDisk = 5;
+  report.elapsedS = 0.5, report.leftOut = "7 files";
+  const nlohmann::json told = nlohmann::json::parse(asJson(report));
+  EXPECT_EQ(told["latency_us"]["hit"],
             (nlohmann::json{{"p50", 51}, {"p90", 91}, {"p99", 100}, {"max", 101}}));
+  for (const auto& [name, value] :
+       {std::pair{"rejected", 9.}, {"pruned", 3.}, {"requests_per_s", 204.}, {"elapsed_s", 0.5}})
+    EXPECT_EQ(told[name], value) << name;
+  EXPECT_EQ(
+      std::regex_replace(asTable(report), std::regex(" +"), " "),
+      "requests 102\nhits 101\nmisses 1\nhit ratio 99.02 %\nrejected 9\nbytes read 1.0 MiB\nbytes written "
+      "2.0 KiB"
+      "\npruned 3\nwrong bytes 0\nrequests/s 204\nlatency us p50 p90 p99 max\n hit 51.0 91.0 100.0 101.0"
+      "\n miss 400.0 400.0 400.0 400.0\nleft out: 7 files\n");
   EXPECT_EQ(report.tally.firstFailure, "first");
 }
 

@@ -1,6 +1,7 @@
 // diskcachectl on a full disk: prune, clean, verify --remove, forget, and what keeps new segments out.
 #ifdef DISKCACHECTL_PATH
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -41,27 +42,32 @@ struct FullDiskToolTest : ToolTest {
 };
 
 TEST_F(FullDiskToolTest, PruneGivesUpTheLongestUnchangedAndAsksForTheRest) {
-  for (const auto& [id, hours] : {std::pair{"0011old", 50}, {"0022older", 100}, {"0033new", 0}})
-    segment("data", id, hours);
+  const std::string newest = segment("data", "0011new", 0), older = segment("data", "0022older", 100);
+  fs::last_write_time(segment("data", "0033old", 0),
+                      fs::last_write_time(older) - std::chrono::nanoseconds(1));
   segment("keep", "0044kept", 200);
   const std::string prune = "prune " + root;
+  struct stat status {};
+  ASSERT_EQ(stat(newest.c_str(), &status), 0);
+  const uint64_t freed = 2 * 512 * static_cast<uint64_t>(status.st_blocks);
   EXPECT_EQ(parsed(prune + "--context data --context data/00 --older-than 2d --dry-run")["segments"], 2);
-  EXPECT_EQ(left().size(), 4U);
   EXPECT_EQ(parsed(prune + "--context data --bytes 1")["segments"], 1);
-  EXPECT_EQ(left(), (std::set<std::string>{"0011old", "0033new", "0044kept"}));
+  EXPECT_EQ(left(), (std::set<std::string>{"0011new", "0022older", "0044kept"}));
   EXPECT_EQ(parsed(prune + "--context data --to 100")["segments"], 0);
   const json all = parsed(prune + "--context data --bytes 1T");
-  EXPECT_EQ(all["segments"], 2);
-  EXPECT_GT(all["missing"], 0);
+  expectFields(all, {{"segments", 2}, {"bytes", freed}, {"youngest", status.st_mtim.tv_sec}});
+  EXPECT_EQ(all["missing"], (uint64_t{1} << 40) - freed);
   EXPECT_EQ(left(), (std::set<std::string>{"0044kept"}));
   EXPECT_TRUE(fs::is_empty(dir / "a/data")) << "empty ones take inodes; the context's own stays";
 
-  for (const std::string answer : {"", "n\n", "\n", "y\n"}) {
+  for (const std::string answer : {"", "n\n", "yess\n", "yes\n"}) {
     writeFile(dir / "answer", answer);
-    const bool isYes = answer == "y\n";
-    EXPECT_EQ(run(prune + "--non-prunable keep --bytes 1 <" + (dir / "answer")), isYes ? 0 : 2) << answer;
+    const bool isYes = answer == "yes\n";
+    EXPECT_EQ(run(prune + "--non-prunable keep --bytes 1T <" + (dir / "answer")), isYes ? 0 : 2) << answer;
     EXPECT_EQ(left().empty(), isYes) << answer;
+    EXPECT_EQ(out.starts_with("freed "), isYes) << out;
   }
+  expectSaid("; unchanged for 8 d or longer\n1.0 TiB short of what was asked for\n");
   fs::create_symlink("loop", dir / "a/loop");
   expectFailure(prune + "--context loop --bytes 1", 3, "loop: Too many levels");
 }
@@ -82,6 +88,11 @@ TEST_F(FullDiskToolTest, BytesAndInodesOfTheFileSystemAreLimits) {
   const json used = parsed("du " + root)["volumes"][0];
   expectFields(used, {{"total", 8 << 20}, {"total_inodes", 40}, {"inodes", 40}, {"free_inodes", 0}});
   EXPECT_EQ(used["room"].get<int>() + used["reserve"].get<int>() + used["used"].get<int>(), 8 << 20);
+  const json status = parsed("status " + root), volume = status["volumes"][0];
+  EXPECT_EQ(status["status"]["DC.UsedCache"], volume["total"].get<int64_t>() - volume["free"].get<int64_t>());
+  ASSERT_EQ(run("status --format prometheus " + root + "; " DISKCACHECTL_PATH " status " + root), 0);
+  expectSaid("_free_inodes{index=\"1\",directory=\"" + disk.path() + "\"} 0\n");
+  expectSaid("\nDC.UsedCache         2.0 MiB\n");
   ASSERT_EQ(run("du " + root), 0);
   EXPECT_NE(out.find("no: inodes"), std::string::npos) << out;
   ASSERT_EQ(mount(nullptr, disk.path().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
@@ -140,9 +151,13 @@ TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
   const std::string damaged = segment("data", "0011bad", 0), sound = segment("blocks", blockLike, 0);
   for (const std::string& path : {damaged, dir / "a/diskcached.index", dir / "a/README", dir / "a/data/1"})
     writeFile(path, "damaged");
+  writeFile(dir / "a/data/2", readFile(sound).substr(0, 99));
   const json verified = parsed("verify --remove " + root, 1);
-  EXPECT_EQ(verified["problems"].size(), 3U) << "the index is none: " << verified;
-  EXPECT_EQ(verified["removed"], 1);
+  EXPECT_EQ(verified["problems"].size(), 4U) << "the index is none: " << verified;
+  EXPECT_EQ(verified["removed"], 2);
+  EXPECT_EQ(run("verify --remove " + root + (dir / "a ") + (dir / "a 2>&1")), 1);
+  expectSaid("bytes)\ndiskcachectl: ");
+  expectSaid("\n2 damaged\n0 removed\n");
   EXPECT_EQ(left(), (std::set<std::string>{blockLike, "diskcached.index", "README", "1"}));
 
   ASSERT_EQ(run("put --add-volume " + root + on("b") + "--context data 0033third " + (dir / "in")), 0) << err;
@@ -156,7 +171,7 @@ TEST_F(FullDiskToolTest, VerifyRemovesWhatIsDamagedAndForgetALostVolume) {
 // Blocks of named objects: their names are numbers, so the tools tell what they are of.
 TEST_F(FullDiskToolTest, BlocksOfNamedObjectsAreKnown) {
   writeFile(dir / "objects/photo.jpg", std::string(100'000, 'p'));
-  writeFile(dir / "objects/deep/empty", ""), fs::create_symlink("loop", dir / "objects/loop");
+  writeFile(dir / "objects/deep/empty", ""), fs::create_symlink("photo.jpg", dir / "objects/link");
   const std::string warm = "warm --block-size 64KiB --version v1 " + root + "--from " + (dir / "objects ");
   EXPECT_EQ(parsed(warm + on("a"))["stored"], 2);
   EXPECT_EQ(parsed(warm)["known"], 2);
@@ -212,17 +227,23 @@ TEST_F(FullDiskToolTest, WarmTakesAListAtARate) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1800));
   EXPECT_EQ(out, "3 stored (175.8 KiB), 0 were there, 0 left out\n");
 
-  writeFile(dir / "list", list + "0044four\t" + (dir / "none\n"));
+  writeFile(dir / "empty", "");
+  writeFile(dir / "list", list + "0044four\t" + (dir / "none\n") + "0055five\t" + (dir / "empty\n"));
   const json again = parsed(warm, 1);
-  EXPECT_EQ(again, (json{{"stored", 0}, {"known", 3}, {"left_out", 1}, {"bytes", 0}}));
-  EXPECT_EQ(err, "diskcachectl: " + (dir / "none: No such file or directory, left out\n"));
-  writeFile(dir / "list", list + "0044four\n");
-  expectFailure(warm, 2, "list:6: expected: a name, a tab, a file");
+  EXPECT_EQ(again, (json{{"stored", 0}, {"known", 3}, {"left_out", 2}, {"bytes", 0}}));
+  EXPECT_EQ(err, "diskcachectl: " + (dir / "none: No such file or directory, left out\ndiskcachectl: ") +
+                     (dir / "empty: its size fits no section, left out\n"));
+  for (const char* line : {"0044four\n", "\tfile\n"}) {
+    writeFile(dir / "list", list + line);
+    expectFailure(warm, 2, "list:6: expected: a name, a tab, a file");
+  }
 
   writeFile(dir / "list", "a key\t" + (dir / "from/0011one\tv7\n") + "b\t" + (dir / "list\n"));
   const std::string objects = "--root " + (dir / "objects ");
   const std::string warmObjects = "warm --version v8 " + objects + "--list " + (dir / "list ");
+  fs::resize_file(dir / "from/0011one", (4 << 20) + 1);
   ASSERT_EQ(run(warmObjects + on("b")), 0) << err;
+  EXPECT_EQ(parsed("verify " + objects)["blocks"], 3) << "of 4 MiB each, where no size is given";
   for (const char* object : {"'a key' --version v7 ", "b --version v8 "})
     EXPECT_EQ(parsed("explain --key " + (object + objects))["cached"], true);
   ASSERT_EQ(run(warmObjects + "--add-volume " + on("c")), 0) << err;

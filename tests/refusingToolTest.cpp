@@ -131,6 +131,8 @@ TEST_F(RefusingToolTest, BesideAServerNothingIsChangedAndTheServerIsNamed) {
       {"get " + cache + "0011first", 0, named + " runs on it"},
       {"exists " + cache + "0011first", 0, named + " runs on it"},
       {"status " + root, 0, named},
+      {"status --format json " + root, 0, "\"pid\": " + std::to_string(getpid())},
+      {"status --format prometheus " + root, 0, "diskcache_server_running 1"},
       {"volumes " + root, 0, named + " runs on it"},
       {"du " + root, 0, named + " runs on it"},
   };

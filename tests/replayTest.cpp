@@ -201,16 +201,22 @@ TEST_F(ReplayTest, ExitStatusAndOneLineTellWhoseFaultItIs) {
   }
   EXPECT_FALSE(fs::exists(dir / "root"));
 
-  writeFile(dir / "trace", "fine,5\n");
+  writeFile(dir / "trace", "fine,5\r\n");
   expectFailure(withCache(""), 2, "--origin and --trace");
   expectFailure(withCache(trace + "--max-entries 4"), 2, "--max-entries");
   expectFailure(withCache(trace + "--mode random"), 2, "--budget");
-  expectFailure(withCache(trace + "--budget 3Q"), 2, "\"3Q\" is no size");
+  for (const auto& [budget, why] : {std::pair{"3Q", "\"3Q\" is no size"}, {"0K", "a budget of 0"}})
+    expectFailure(withCache(trace + "--budget " + budget), 2, why);
   expectFailure(withCache("--origin " + (dir / "nowhere")), 2, "nowhere: No such file");
   expectFailure(withCache(trace + "--json " + (dir / "no/json")), 3, "no/json: No such file");
   expectFailure(withCache(trace + "--volume " + (dir / "trace")), 3, "trace: Not a directory");
   expectFailure(withCache(trace + ">/dev/full"), 3, "standard output");
-  writeFile(dir / "used/file", "");
+  writeFile(dir / "used/file", "1"), writeFile(dir / "used/empty", "");
+  ASSERT_EQ(replay("--quiet --json " + (dir / "json ") + trace), 0) << err;
+  EXPECT_EQ(out, "");
+  ASSERT_EQ(replay("--json " + (dir / "json ") + "--origin " + (dir / "used")), 0) << err;
+  EXPECT_EQ(nlohmann::json::parse(readFile(dir / "json"))["requests"], 10) << "a file";
+  EXPECT_NE(out.find("\nleft out: 1 files (empty"), std::string::npos) << out;
   expectFailure(withCache(trace + "--requests 9 --json - --migrate-to " + (dir / "used")), 3, "used: ");
   EXPECT_EQ(nlohmann::json::parse(out)["requests"], 9);
 }
@@ -220,6 +226,7 @@ TEST_F(ReplayTest, ServesFilesToManyClientsInModeRandomAndRecordsATrace) {
   const std::string random = "--mode random --budget 1G --requests 700 ";
   const std::string served = random + "--threads 4 --origin " + (dir / "origin ");
   nlohmann::json first = replayed(served + "--record " + (dir / "trace"));
+  expectFields(first["status"], {{"DC.PruningMode", "random"}, {"DC.LRUEntriesMax", "5"}});
   const size_t stored = blocks().size();
   EXPECT_EQ(first["bytes_written"], 3 * stored);
   ASSERT_EQ(replay(served), 0) << err;

@@ -33,10 +33,13 @@ struct ToolTest : ::testing::Test {
   static void expectFields(nlohmann::json whole, const nlohmann::json& part) {
     for (const auto& [name, value] : part.items()) EXPECT_EQ(whole[name], value) << name << " of " << whole;
   }
+  void expectSaid(const std::string& text) const {
+    EXPECT_NE((out + err).find(text), std::string::npos) << text << " is not in " << out << err;
+  }
   // Fails with this status and says so on one line.
   void expectFailure(const std::string& arguments, int status, const std::string& message) {
     EXPECT_EQ(run(arguments), status) << arguments;
-    EXPECT_NE(err.find(message), std::string::npos) << message << " is not in " << err;
+    expectSaid(message);
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
   }
 
