@@ -6,7 +6,6 @@
 #include "http/httpDate.h"
 #include "http/multiDelete.h"
 #include "http/target.h"
-#include "object/objectInfo.h"
 #include "origin/signature.h"
 
 namespace diskcached {
@@ -96,12 +95,6 @@ TEST(HttpTest, HeadersThatComeTwiceOrEmptyAreSigned) {
       "host;x-amz-content-sha256;x-amz-date;x-amz-meta-a;x-amz-meta-a-b;x-amz-meta-u;x-amz-security-token, "
       "Signature=86041c104d8b19b1dd5e985bdbdbea6edacff318928624732f76e74dd834d08b");
   EXPECT_EQ(headerOf(ours, "x-amz-date"), "20010909T014640Z");
-}
-
-TEST(HttpTest, ASizeThatNoObjectHasIsNotBelieved) {
-  for (const auto& [size, isBelieved] : {std::pair{"8000000000000", true}, {"4611686018427387904", false}})
-    EXPECT_EQ(describeObject({{"ETag", "x"}, {"Content-Length", size}}, Options(), Clock::now()).has_value(),
-              isBelieved);
 }
 
 TEST(HttpTest, TheEndOfAHeadIsFoundWhereverTheBytesAreCut) {
